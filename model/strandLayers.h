@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+
+namespace corvelle {
+
+// What rides on a strand set beside strands: instanced meshes, cards, feather layers. Each names
+// strands by id, never by index, so a subset may carry them as they are. The set holds them behind
+// these faces; the nodes that make them own their contents.
+
+class InstanceSet {
+public:
+    virtual ~InstanceSet() = default;
+    /// Enters the set's content hash.
+    virtual std::uint64_t contentHash() const = 0;
+};
+
+class CardMesh {
+public:
+    virtual ~CardMesh() = default;
+};
+
+class FeatherLayer {
+public:
+    virtual ~FeatherLayer() = default;
+};
+
+}  // namespace corvelle
