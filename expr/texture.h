@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "expr/mapSource.h"
+#include "model/vec3f.h"
+
+namespace corvelle {
+
+struct TextureError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// From a path as written to the file to read.
+using PathResolver = std::function<std::string(const std::string&)>;
+
+/// Expands $NAME, ${NAME} and %NAME% (not "%(UDIM)d"); absolute paths as they are; else `directory`
+/// (the groom's), then each search path, joined path before bare name; the first that exists, else
+/// the path unchanged. UDIM patterns exist when any tile does.
+PathResolver searchPathResolver(std::string directory, std::vector<std::string> searchPaths);
+
+/// An image, or a UDIM tile set, read through the process-wide cache of decoded images (bounded by
+/// CORVELLE_TEXTURE_CACHE_MB, default 1024). Sampling takes no lock: a texture pins its tiles.
+/// Row 0 is v = 1; bilinear, texel centres at half, clamped at the edge.
+class Texture {
+public:
+    /// Loads what is there. Throws TextureError "cannot read '<path>': file not found" and the like.
+    static std::shared_ptr<const Texture> load(const std::string& path, const PathResolver& resolver);
+    static std::shared_ptr<const Texture> fromPixels(int width, int height, int channels,
+                                                     std::span<const std::uint8_t> pixels);
+    static bool isUdim(const std::string& path);
+    /// Changes when the file (or any tile) changes: resolved path, size, modification time; 0: no file.
+    static std::uint64_t signature(const std::string& path, const PathResolver& resolver);
+    ~Texture();
+
+    Color4f sampleColor(float u, float v) const;
+    float sample(float u, float v, MapComponent component) const;
+    bool eightBit() const;  ///< decoded from 8-bit pixels
+    std::uint64_t hash() const;
+
+private:
+    Texture();
+    struct Data;
+    std::unique_ptr<Data> data_;
+};
+using TexturePtr = std::shared_ptr<const Texture>;
+
+}  // namespace corvelle

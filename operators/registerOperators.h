@@ -1,0 +1,18 @@
+#pragma once
+
+namespace corvelle {
+
+// Each adds the node types of one family to OperatorRegistry::instance().
+void registerSourceOperators();       // Scalp, Guides, ColliderMesh
+void registerShapeOperators();        // Length, Width, Resample, Output
+void registerScatterOperator();       // Scatter
+void registerInterpolateOperator();   // Interpolate
+void registerLookOperators();         // Noise
+void registerColorOperators();        // HairColor
+void registerDeformOperators();       // Collide
+void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
+
+/// All of them, once: call it before any graph is made. Later calls do nothing.
+void registerOperators();
+
+}  // namespace corvelle

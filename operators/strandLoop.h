@@ -1,0 +1,45 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <span>
+
+#include "model/parallel.h"
+
+namespace corvelle {
+
+/// The strands a run works on: all of a set, or the listed ones. One worker serves the full run and
+/// the incremental one, so both give the same bits.
+class StrandPick {
+public:
+    explicit StrandPick(std::size_t all) : count_(all) {}
+    explicit StrandPick(std::span<const std::uint32_t> list) : list_(list), count_(list.size()), listed_(true) {}
+    std::size_t size() const { return count_; }
+    bool listed() const { return listed_; }
+
+    static constexpr std::size_t kBatch = kStrandGrain;
+    /// Calls body(indices) in parallel, at most kBatch strand indices at a time, ascending in a batch.
+    template <class Body>
+    void forEachBatch(Body&& body) const {
+        parallelRange(0, count_, kBatch, [&](std::size_t begin, std::size_t end) {
+            std::array<std::uint32_t, kBatch> run;
+            for (std::size_t b = begin; b < end; b += kBatch) {
+                const std::size_t n = std::min(kBatch, end - b);
+                if (listed_) {
+                    body(list_.subspan(b, n));
+                } else {
+                    for (std::size_t i = 0; i < n; ++i) run[i] = std::uint32_t(b + i);
+                    body(std::span<const std::uint32_t>(run.data(), n));
+                }
+            }
+        });
+    }
+
+private:
+    std::span<const std::uint32_t> list_;
+    std::size_t count_ = 0;
+    bool listed_ = false;
+};
+
+}  // namespace corvelle
