@@ -128,13 +128,13 @@ bool GroomSession::hierarchyStale() const {
            hierarchy_->scalpTopology() != document_.scalp->topologyHash();
 }
 
-ScalpPtr GroomSession::hierarchyBind() {
+ScalpPtr GroomSession::hierarchyPose() {
     if (!document_.scalp) return nullptr;
     return document_.scalp->restPoints().empty() ? bindScalp_ : restScalp();
 }
 
 std::shared_ptr<const GuideHierarchy> GroomSession::activeHierarchy() {
-    const ScalpPtr bind = hierarchyBind();
+    const ScalpPtr bind = hierarchyPose();
     const ScalpPtr& current = document_.scalp;
     if (hierarchy_->empty() || !bind || !current || samePose(bind, current) ||
         bind->topologyHash() != current->topologyHash())
@@ -165,7 +165,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     if (scalp && old && scalp->fullHash() == old->fullHash()) return;
 
     const bool otherTriangles = scalp && old && scalp->topologyHash() != old->topologyHash();
-    const ScalpPtr oldBind = hierarchyBind();
+    const ScalpPtr oldBind = hierarchyPose();
     document_.scalp = std::move(scalp);
     if (!document_.scalp) return;
     const ScalpPtr& held = document_.scalp;
@@ -233,6 +233,13 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
         document_.colliders[name] = std::move(mesh);
     else
         document_.colliders.erase(name);
+}
+
+std::vector<std::string> GroomSession::dataErrors() const {
+    std::vector<std::string> errors;
+    for (const std::string* text : {&hierarchyError_, &graphError_})
+        if (!text->empty()) errors.push_back(*text);
+    return errors;
 }
 
 void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) {

@@ -59,6 +59,10 @@ public:
     /// On the scalp as it is now; never null, empty without a hierarchy.
     std::shared_ptr<const GuideHierarchy> activeHierarchy();
     const std::string& hierarchyError() const { return hierarchyError_; }
+    /// The texts of the document that did not read, each with what it is of.
+    std::vector<std::string> dataErrors() const;
+    /// The scalp in the pose that `hierarchy` is in; null without a scalp.
+    ScalpPtr hierarchyPose();
     /// The hierarchy was bound to other triangles than the scalp's.
     bool hierarchyStale() const;
 
@@ -131,7 +135,7 @@ private:
     void dropSculptGraph();
     void retireGraph();
     void replaceHierarchy(std::shared_ptr<const GuideHierarchy> hierarchy);
-    ScalpPtr hierarchyBind();
+
     ScalpPtr assembled(const ScalpPtr& own);
 
     GroomFile document_;
