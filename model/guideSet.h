@@ -13,14 +13,15 @@
 
 namespace corvelle {
 
-/// What a guide carries beside its curve. Shared between the guide sets that hold the guide unchanged.
+/// What a guide carries beside its curve. Shared between the guide sets that hold the guide
+/// unchanged.
 struct GuideDetail {
-    std::uint64_t parent = 0;           ///< parent guide's id, 0 for a primary guide
-    std::uint32_t group = 0;            ///< group id, 0 for a flat guide
-    std::int32_t level = 0;             ///< depth of the group, 0 for a root group
-    Vec3f frameUp;                      ///< zero: none
-    std::vector<float> tubeRadius;      ///< profile root to tip; empty counts as 1
-    float tubeTwist = 0.0f;             ///< radians
+    std::uint64_t parent = 0;       ///< parent guide's id, 0 for a primary guide
+    std::uint32_t group = 0;        ///< group id, 0 for a flat guide
+    std::int32_t level = 0;         ///< depth of the group, 0 for a root group
+    Vec3f frameUp;                  ///< zero: none
+    std::vector<float> tubeRadius;  ///< profile root to tip; empty counts as 1
+    float tubeTwist = 0.0f;         ///< radians
     std::map<std::string, float, std::less<>> attributes;
     std::map<std::string, std::vector<float>, std::less<>> pointAttributes;
     friend bool operator==(const GuideDetail&, const GuideDetail&) = default;
@@ -30,8 +31,8 @@ struct GuideDetail {
 struct GuideCurve {
     std::uint64_t id = 0;  ///< positive, unique in a set
     StrandRoot root;
-    std::vector<Vec3f> points;                    ///< 2 or more, root first
-    std::shared_ptr<const GuideDetail> detail;    ///< null: plain
+    std::vector<Vec3f> points;                  ///< 2 or more, root first
+    std::shared_ptr<const GuideDetail> detail;  ///< null: plain
 };
 
 /// One curve of a set, its points lying elsewhere.
@@ -87,7 +88,9 @@ public:
     float pointAttribute(std::size_t guide, std::string_view name, float share) const;
 
     std::vector<GuideCurve> curves() const;
-    friend bool operator==(const GuideSet& a, const GuideSet& b) { return a.contentHash_ == b.contentHash_; }
+    friend bool operator==(const GuideSet& a, const GuideSet& b) {
+        return a.contentHash_ == b.contentHash_;
+    }
 
 private:
     std::vector<std::uint64_t> ids_;
