@@ -13,7 +13,7 @@
 namespace corvelle {
 namespace {
 
-constexpr int kMaxChildren = 1000;      // per parent
+constexpr int kMaxChildren = 1000;  // per parent
 constexpr std::size_t kParentGrain = 8;
 
 [[noreturn]] void fail(const std::string& text) {
@@ -47,8 +47,8 @@ std::vector<Vec3f> drawOffsets(std::uint64_t hash, const ChildSettings& settings
     for (std::size_t i = 0; i < pointCount; ++i) {
         const double t = double(i) / double(pointCount - 1);
         const double reach =
-            distance * (settings.rootSpread +
-                        (double(settings.tipSpread) - double(settings.rootSpread)) * t);
+            distance *
+            (settings.rootSpread + (double(settings.tipSpread) - double(settings.rootSpread)) * t);
         const double turned = angle + double(settings.twist) * t;
         offsets[i] = Vec3d(reach * std::cos(turned) + jitterN * t,
                            reach * std::sin(turned) + jitterB * t, 0.0)
@@ -57,7 +57,8 @@ std::vector<Vec3f> drawOffsets(std::uint64_t hash, const ChildSettings& settings
     return offsets;
 }
 
-/// Moves the follower's first point onto the scalp, the shift fading to the tip, and roots it there.
+/// Moves the follower's first point onto the scalp, the shift fading to the tip, and roots it
+/// there.
 void snapToScalp(Guide& child, const ParentFrames& frames, const ScalpMesh& scalp,
                  std::int32_t nearTriangle) {
     SurfaceHit hit;
@@ -159,33 +160,35 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
     if (scalp) scalp->prepareQueries();
     parallelRange(0, perParent > 0 ? parents.size() : 0, kParentGrain,
                   [&](std::size_t begin, std::size_t end) {
-        for (std::size_t p = begin; p < end; ++p) {
-            const Guide& parent = *guides_[parents[p]];
-            const ParentFrames frames(parent, parent.points.size());
-            const std::int32_t near =
-                scalp && scalp->validRoot(parent.root) ? parent.root.triangle : -1;
-            for (std::size_t d = p * perParent; d < (p + 1) * perParent; ++d) {
-                auto child = std::make_shared<Guide>();
-                child->id = draws[d].id;
-                child->group = childGroup;
-                child->parent = parent.id;
-                child->attributes = parent.attributes;
-                for (const auto& [name, value] : declared_)
-                    child->attributes.try_emplace(name, value);
-                child->pointAttributes = parent.pointAttributes;
-                child->tubeRadius = parent.tubeRadius;
-                if (child->tubeRadius.empty()) child->tubeRadius = {1.0f};
-                for (float& radius : child->tubeRadius) radius *= settings.childTubeScale;
-                child->offsets = drawOffsets(draws[d].hash, settings, parent.points.size());
-                child->frameUpLocal = {1.0f, 0.0f, 0.0f};
-                frames.rebuild(*child);
-                if (scalp) snapToScalp(*child, frames, *scalp, near);
-                frames.captureRoot(*child);
-                finishGuide(*child, level);
-                made[d] = std::move(child);
-            }
-        }
-    });
+                      for (std::size_t p = begin; p < end; ++p) {
+                          const Guide& parent = *guides_[parents[p]];
+                          const ParentFrames frames(parent, parent.points.size());
+                          const std::int32_t near =
+                              scalp && scalp->validRoot(parent.root) ? parent.root.triangle : -1;
+                          for (std::size_t d = p * perParent; d < (p + 1) * perParent; ++d) {
+                              auto child = std::make_shared<Guide>();
+                              child->id = draws[d].id;
+                              child->group = childGroup;
+                              child->parent = parent.id;
+                              child->attributes = parent.attributes;
+                              for (const auto& [name, value] : declared_)
+                                  child->attributes.try_emplace(name, value);
+                              child->pointAttributes = parent.pointAttributes;
+                              child->tubeRadius = parent.tubeRadius;
+                              if (child->tubeRadius.empty()) child->tubeRadius = {1.0f};
+                              for (float& radius : child->tubeRadius)
+                                  radius *= settings.childTubeScale;
+                              child->offsets =
+                                  drawOffsets(draws[d].hash, settings, parent.points.size());
+                              child->frameUpLocal = {1.0f, 0.0f, 0.0f};
+                              frames.rebuild(*child);
+                              if (scalp) snapToScalp(*child, frames, *scalp, near);
+                              frames.captureRoot(*child);
+                              finishGuide(*child, level);
+                              made[d] = std::move(child);
+                          }
+                      }
+                  });
     for (const std::shared_ptr<Guide>& child : made)
         if (!allFinite(child->points) || !allFinite(child->offsets) ||
             !allFinite(child->tubeRadius) || !isFinite(child->rootLocal))

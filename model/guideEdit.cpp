@@ -24,9 +24,9 @@ bool same(const std::vector<float>& a, const std::vector<float>& b) {
 }
 template <class Map>
 bool sameEntries(const Map& a, const Map& b) {
-    return std::equal(
-        a.begin(), a.end(), b.begin(), b.end(),
-        [](const auto& x, const auto& y) { return x.first == y.first && same(x.second, y.second); });
+    return std::equal(a.begin(), a.end(), b.begin(), b.end(), [](const auto& x, const auto& y) {
+        return x.first == y.first && same(x.second, y.second);
+    });
 }
 
 bool describes(const GuideDetail& detail, const Guide& guide, std::int32_t level) {
@@ -103,9 +103,8 @@ Guide& GuideEdit::own(Entry& entry) const {
 
 const Guide& GuideEdit::at(std::uint32_t index) const {
     const auto found = entryAt_.find(index);
-    return found != entryAt_.end() && entries_[found->second].guide
-               ? *entries_[found->second].guide
-               : *hierarchy_.guides_[index];
+    return found != entryAt_.end() && entries_[found->second].guide ? *entries_[found->second].guide
+                                                                    : *hierarchy_.guides_[index];
 }
 
 Guide& GuideEdit::change(std::uint32_t index) { return own(entries_[entryOf(index)]); }

@@ -12,10 +12,10 @@ namespace corvelle {
 
 /// The look-up tables of a hierarchy. Followed by id or position only, never walked into a result.
 struct GuideIndex {
-    std::unordered_map<std::uint64_t, std::uint32_t> guides;   ///< id to position
-    std::vector<std::vector<std::uint32_t>> children;          ///< by position: who has it as parent
-    std::unordered_map<std::uint32_t, std::uint32_t> groups;   ///< id to position
-    std::vector<std::int32_t> depth;                           ///< by group position
+    std::unordered_map<std::uint64_t, std::uint32_t> guides;  ///< id to position
+    std::vector<std::vector<std::uint32_t>> children;         ///< by position: who has it as parent
+    std::unordered_map<std::uint32_t, std::uint32_t> groups;  ///< id to position
+    std::vector<std::int32_t> depth;                          ///< by group position
 };
 
 /// One edit of guides: copies of those it changes are worked on here, what follows them is rebuilt

@@ -194,8 +194,7 @@ void GuideHierarchy::removeGroup(std::uint32_t group) {
     next.groups_.clear();
     for (std::size_t g = 0; g < groups_.size(); ++g)
         if (!gone[g]) next.groups_.push_back(groups_[g]);
-    std::erase_if(next.guides_,
-                  [&](const GuidePtr& guide) { return gone[groupAt(guide->group)]; });
+    std::erase_if(next.guides_, [&](const GuidePtr& guide) { return gone[groupAt(guide->group)]; });
     next.reindex();
     *this = std::move(next);
 }
@@ -558,9 +557,9 @@ GuidesPtr GuideHierarchy::flatten(int level, std::span<const std::uint32_t> excl
     std::vector<bool> chosen(groups_.size(), false);
     for (std::size_t g = 0; g < groups_.size(); ++g) {
         const bool leaf = !parent[g];
-        chosen[g] = !out[g] && (level < 0 ? leaf
-                                          : tables.depth[g] == level ||
-                                                (tables.depth[g] < level && leaf));
+        chosen[g] =
+            !out[g] &&
+            (level < 0 ? leaf : tables.depth[g] == level || (tables.depth[g] < level && leaf));
     }
     return select(chosen);
 }

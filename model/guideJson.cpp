@@ -238,11 +238,11 @@ Guide readGuide(const Json& value, std::size_t number) {
 void checkVersion(const Json& document) {
     const auto found = document.find("version");
     if (found == document.end()) return;
-    const std::string text = "guide data version " + found->dump(-1, ' ', false,
-                                                                 Json::error_handler_t::replace);
+    const std::string text =
+        "guide data version " + found->dump(-1, ' ', false, Json::error_handler_t::replace);
     if (!found->is_number_integer()) throw std::invalid_argument(text + " is not a whole number");
-    const bool huge = found->is_number_unsigned() &&
-                      found->get<std::uint64_t>() > std::uint64_t(kVersion);
+    const bool huge =
+        found->is_number_unsigned() && found->get<std::uint64_t>() > std::uint64_t(kVersion);
     if (huge)
         throw std::invalid_argument(text + " is newer than this Corvelle supports (" +
                                     std::to_string(kVersion) + "); update Corvelle to open it");

@@ -105,8 +105,7 @@ void GuideHierarchy::mirror(const std::vector<bool>& groups, int axis, float pla
             copy->frameUp = flipped(usableUp(copy->points, copy->frameUp), axis);
             for (Vec3f& point : copy->points) point[axis] = 2.0f * plane - point[axis];
             SurfaceHit hit;
-            if (scalp &&
-                scalp->closestPoint(copy->points.front(), ScalpMesh::kAnyDistance, hit)) {
+            if (scalp && scalp->closestPoint(copy->points.front(), ScalpMesh::kAnyDistance, hit)) {
                 const Vec3f shift = hit.position - copy->points.front();
                 for (Vec3f& point : copy->points) point += shift;
                 copy->points.front() = hit.position;

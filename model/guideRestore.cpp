@@ -83,8 +83,7 @@ GuideHierarchy GuideHierarchy::restore(std::vector<GuideGroup> groups, std::vect
     std::unordered_map<std::uint64_t, std::uint32_t> guideAt;
     guideAt.reserve(guides.size());
     for (std::uint32_t i = 0; i < guides.size(); ++i) {
-        if (guides[i].id == 0)
-            throw std::invalid_argument("a guide ID is a positive integer");
+        if (guides[i].id == 0) throw std::invalid_argument("a guide ID is a positive integer");
         if (!guideAt.emplace(guides[i].id, i).second)
             fail(nameOf(guides[i]), "its ID is given twice");
     }
@@ -112,9 +111,9 @@ GuideHierarchy GuideHierarchy::restore(std::vector<GuideGroup> groups, std::vect
         for (const auto& [name, value] : guide.attributes) out.declared_.try_emplace(name, 0.0f);
         if (guide.id < kCountedIds) out.nextGuide_ = std::max(out.nextGuide_, guide.id + 1);
     }
-    for (const GuideGroup& group : groups)
-        out.nextGroup_ = std::max(out.nextGroup_, group.id + 1);
-    if (std::any_of(groups.begin(), groups.end(), [](const GuideGroup& g) { return g.id + 1 == 0; }))
+    for (const GuideGroup& group : groups) out.nextGroup_ = std::max(out.nextGroup_, group.id + 1);
+    if (std::any_of(groups.begin(), groups.end(),
+                    [](const GuideGroup& g) { return g.id + 1 == 0; }))
         out.nextGroup_ = 0;  // the last id is in use
     out.groups_ = std::move(groups);
     out.guides_.reserve(guides.size());

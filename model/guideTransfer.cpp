@@ -30,9 +30,8 @@ void GuideHierarchy::demoteGroup(std::uint32_t group, std::uint32_t newParent) {
         throw std::invalid_argument("demoteGroup: '" + groups_[parentAt].name +
                                     "' has no guides to follow");
     // In order of id, so that of equally near roots the lower id wins.
-    std::sort(leaders.begin(), leaders.end(), [&](std::uint32_t a, std::uint32_t b) {
-        return guides_[a]->id < guides_[b]->id;
-    });
+    std::sort(leaders.begin(), leaders.end(),
+              [&](std::uint32_t a, std::uint32_t b) { return guides_[a]->id < guides_[b]->id; });
     std::vector<Vec3f> roots;
     for (const std::uint32_t leader : leaders) roots.push_back(guides_[leader]->points.front());
     const PointIndex nearest(roots);
