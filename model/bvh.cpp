@@ -38,13 +38,8 @@ public:
             const Vec3f sum = points[std::size_t(triangles[t][0])] +
                               points[std::size_t(triangles[t][1])] +
                               points[std::size_t(triangles[t][2])];
-<<<<<<< HEAD
             centroids_.push_back(
                 {{finiteOrZero(sum.x), finiteOrZero(sum.y), finiteOrZero(sum.z)}, std::int32_t(t)});
-=======
-            centroids_.push_back({{finiteOrZero(sum.x), finiteOrZero(sum.y), finiteOrZero(sum.z)},
-                                  std::int32_t(t)});
->>>>>>> fields
         }
     }
 
@@ -92,13 +87,8 @@ private:
 
     std::int32_t addNode(std::size_t begin, std::size_t count) {
         const std::size_t node = order_->children.size();
-<<<<<<< HEAD
         order_->children.push_back(
             {BvhOrder::kNoChild, BvhOrder::kNoChild, BvhOrder::kNoChild, BvhOrder::kNoChild});
-=======
-        order_->children.push_back({BvhOrder::kNoChild, BvhOrder::kNoChild, BvhOrder::kNoChild,
-                                    BvhOrder::kNoChild});
->>>>>>> fields
         std::size_t parts[4][2] = {{begin, count}};
         int partCount = 1;
         for (int round = 0; round < 2; ++round) {  // one part into two, two into four
@@ -160,7 +150,6 @@ float reachOf(float best) { return lower(best * 1.00001f + FLT_MIN, FLT_MAX); }
 struct Stack {
     std::uint64_t entries[kStackSize];
     int size = 0;
-<<<<<<< HEAD
     void pushSorted(const float* distances, const std::array<std::int32_t, 4>& children,
                     int lanes) {
         const int base = size;
@@ -169,15 +158,6 @@ struct Stack {
             const std::uint64_t entry = std::uint64_t(std::bit_cast<std::uint32_t>(distances[lane]))
                                             << 32 |
                                         std::uint32_t(children[std::size_t(lane)]);
-=======
-    void pushSorted(const float* distances, const std::array<std::int32_t, 4>& children, int lanes) {
-        const int base = size;
-        for (; lanes != 0; lanes &= lanes - 1) {
-            const int lane = std::countr_zero(unsigned(lanes));
-            const std::uint64_t entry =
-                std::uint64_t(std::bit_cast<std::uint32_t>(distances[lane])) << 32 |
-                std::uint32_t(children[std::size_t(lane)]);
->>>>>>> fields
             int at = size++;
             for (; at > base && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
             entries[at] = entry;
@@ -269,12 +249,8 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
     std::int32_t bestTriangle = -1;
     const auto cornersOf = [&](std::int32_t t) {
         const Triangle& corners = triangles[std::size_t(t)];
-<<<<<<< HEAD
         return std::array<Vec3f, 3>{points[std::size_t(corners[0])],
                                     points[std::size_t(corners[1])],
-=======
-        return std::array<Vec3f, 3>{points[std::size_t(corners[0])], points[std::size_t(corners[1])],
->>>>>>> fields
                                     points[std::size_t(corners[2])]};
     };
     if (nearTriangle >= 0) {
@@ -292,18 +268,12 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
         if (distance > reach) continue;
         if (child >= 0) {
             const Boxes4& n = boxes_[std::size_t(child)];
-<<<<<<< HEAD
             const Float4 dx =
                 upper(upper(Float4::load(n.minX) - px, px - Float4::load(n.maxX)), zero);
             const Float4 dy =
                 upper(upper(Float4::load(n.minY) - py, py - Float4::load(n.maxY)), zero);
             const Float4 dz =
                 upper(upper(Float4::load(n.minZ) - pz, pz - Float4::load(n.maxZ)), zero);
-=======
-            const Float4 dx = upper(upper(Float4::load(n.minX) - px, px - Float4::load(n.maxX)), zero);
-            const Float4 dy = upper(upper(Float4::load(n.minY) - py, py - Float4::load(n.maxY)), zero);
-            const Float4 dz = upper(upper(Float4::load(n.minZ) - pz, pz - Float4::load(n.maxZ)), zero);
->>>>>>> fields
             const Float4 d = dx * dx + dy * dy + dz * dz;
             const int lanes = laneBits(d <= Float4(reach));
             if (lanes == 0) continue;
@@ -322,12 +292,8 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
             closest.distanceSquared.store(squared);
             for (; lanes != 0; lanes &= lanes - 1) {
                 const int lane = std::countr_zero(unsigned(lanes));
-<<<<<<< HEAD
                 const std::int32_t triangle =
                     order_->blocks[std::size_t(~child)][std::size_t(lane)];
-=======
-                const std::int32_t triangle = order_->blocks[std::size_t(~child)][std::size_t(lane)];
->>>>>>> fields
                 if (squared[lane] < best || (squared[lane] == best && triangle < bestTriangle))
                     best = squared[lane], bestTriangle = triangle;
             }
@@ -382,12 +348,8 @@ bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, std::span<const Vec3f> poi
             slab(n.minZ, n.maxZ, lowZ, highZ, iz, tNear, tFar);
             // An empty child has its sides swapped and infinite: told by its box, not by the slabs.
             const Mask4 filled = Float4::load(n.minX) <= Float4::load(n.maxX);
-<<<<<<< HEAD
             const int lanes =
                 laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
-=======
-            const int lanes = laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
->>>>>>> fields
             if (lanes == 0) continue;
             alignas(16) float entries[4];
             tNear.store(entries);

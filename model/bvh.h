@@ -18,13 +18,8 @@ using Triangle = std::array<std::int32_t, 3>;
 /// What a query of a Bvh found.
 struct BvhHit {
     std::int32_t triangle = -1;
-<<<<<<< HEAD
     float distanceSquared = 0.0f;          ///< closest point
     float t = 0.0f;                        ///< ray parameter
-=======
-    float distanceSquared = 0.0f;  ///< closest point
-    float t = 0.0f;                ///< ray parameter
->>>>>>> fields
     float weight0 = 0.0f, weight1 = 0.0f;  ///< of the triangle's first two corners
 };
 
@@ -37,23 +32,14 @@ struct BvhOrder {
     std::vector<std::array<std::int32_t, 4>> children;
     /// Four triangle indices per block, -1 where a block is not full.
     std::vector<std::array<std::int32_t, 4>> blocks;
-<<<<<<< HEAD
     /// The summed surface of the blocks' boxes per area of their triangles, when the order was
     /// made.
-=======
-    /// The summed surface of the blocks' boxes per area of their triangles, when the order was made.
->>>>>>> fields
     double looseness = 0.0;
 };
 
 /// A bounding volume hierarchy of four-wide nodes over blocks of four triangles, both laid out for
-<<<<<<< HEAD
 /// Float4. Split at the median along the longest axis of the centroids' box, ties by lower index,
 /// so the tree does not depend on a library's selection.
-=======
-/// Float4. Split at the median along the longest axis of the centroids' box, ties by lower index, so
-/// the tree does not depend on a library's selection.
->>>>>>> fields
 ///
 /// Answers do not depend on the tree: the nearest by (distance, triangle index), where boxes are
 /// padded so that rounding never hides a triangle. Points that are not finite make triangles that
@@ -71,13 +57,8 @@ public:
     /// The boxes' surface per triangle area now; far above the order's own, a new build pays.
     double looseness() const { return looseness_; }
 
-<<<<<<< HEAD
     /// The closest point nearer than the square root of `maxDistanceSquared`. `nearTriangle` (or
     /// -1) only makes it faster.
-=======
-    /// The closest point nearer than the square root of `maxDistanceSquared`. `nearTriangle` (or -1)
-    /// only makes it faster.
->>>>>>> fields
     bool closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
                       std::span<const Vec3f> points, std::span<const Triangle> triangles,
                       BvhHit& hit) const;
@@ -96,15 +77,9 @@ private:
     void fit(std::span<const Vec3f> points, std::span<const Triangle> triangles);
 
     std::shared_ptr<const BvhOrder> order_;
-<<<<<<< HEAD
     std::vector<Boxes4> boxes_;       // per node
     std::vector<Triangles4> blocks_;  // per block
     Vec3f low_, high_;                // of all
-=======
-    std::vector<Boxes4> boxes_;        // per node
-    std::vector<Triangles4> blocks_;  // per block
-    Vec3f low_, high_;                 // of all
->>>>>>> fields
     double looseness_ = 0.0;
 };
 

@@ -9,12 +9,8 @@ namespace {
 
 bool sameBits(Vec3f a, Vec3f b) {
     for (int axis = 0; axis < 3; ++axis)
-<<<<<<< HEAD
         if (std::bit_cast<std::uint32_t>(a[axis]) != std::bit_cast<std::uint32_t>(b[axis]))
             return false;
-=======
-        if (std::bit_cast<std::uint32_t>(a[axis]) != std::bit_cast<std::uint32_t>(b[axis])) return false;
->>>>>>> fields
     return true;
 }
 
@@ -23,18 +19,12 @@ bool sameBits(Vec3f a, Vec3f b) {
 Rotation turnAbout(Vec3f axis, float c, float s) {
     const float k = 1.0f - c;
     Rotation r;
-<<<<<<< HEAD
     r.row0 = {c + k * axis.x * axis.x, k * axis.x * axis.y - s * axis.z,
               k * axis.x * axis.z + s * axis.y};
     r.row1 = {k * axis.x * axis.y + s * axis.z, c + k * axis.y * axis.y,
               k * axis.y * axis.z - s * axis.x};
     r.row2 = {k * axis.x * axis.z - s * axis.y, k * axis.y * axis.z + s * axis.x,
               c + k * axis.z * axis.z};
-=======
-    r.row0 = {c + k * axis.x * axis.x, k * axis.x * axis.y - s * axis.z, k * axis.x * axis.z + s * axis.y};
-    r.row1 = {k * axis.x * axis.y + s * axis.z, c + k * axis.y * axis.y, k * axis.y * axis.z - s * axis.x};
-    r.row2 = {k * axis.x * axis.z - s * axis.y, k * axis.y * axis.z + s * axis.x, c + k * axis.z * axis.z};
->>>>>>> fields
     return r;
 }
 
@@ -90,13 +80,8 @@ RootMotion rootMotion(const StrandRoot& root, const ScalpMesh& a, const ScalpMes
     return motion;
 }
 
-<<<<<<< HEAD
 void carry(std::span<const Vec3f> points, const StrandRoot& root, const ScalpMesh& a,
            const ScalpMesh& b, std::span<Vec3f> out) {
-=======
-void carry(std::span<const Vec3f> points, const StrandRoot& root, const ScalpMesh& a, const ScalpMesh& b,
-           std::span<Vec3f> out) {
->>>>>>> fields
     const RootMotion motion = rootMotion(root, a, b);
     if (motion.identity) {
         if (out.data() != points.data()) std::copy(points.begin(), points.end(), out.begin());

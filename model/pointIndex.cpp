@@ -33,12 +33,8 @@ struct PointIndex::Builder {
             while (out.xs_.size() % 4 != 0) push(kNan, kNan, kNan, 0);
             return;
         }
-<<<<<<< HEAD
         float low[3] = {kInfinity, kInfinity, kInfinity},
               high[3] = {-kInfinity, -kInfinity, -kInfinity};
-=======
-        float low[3] = {kInfinity, kInfinity, kInfinity}, high[3] = {-kInfinity, -kInfinity, -kInfinity};
->>>>>>> fields
         for (std::size_t i = begin; i < end; ++i)
             for (int axis = 0; axis < 3; ++axis) {
                 low[axis] = std::min(low[axis], entries[i].at[axis]);
@@ -55,12 +51,8 @@ struct PointIndex::Builder {
             return a.at[axis] != b.at[axis] ? a.at[axis] < b.at[axis] : a.index < b.index;
         });
         float leftHigh = -kInfinity;
-<<<<<<< HEAD
         for (std::size_t i = begin; i < middle; ++i)
             leftHigh = std::max(leftHigh, entries[i].at[axis]);
-=======
-        for (std::size_t i = begin; i < middle; ++i) leftHigh = std::max(leftHigh, entries[i].at[axis]);
->>>>>>> fields
         const std::uint32_t left = std::uint32_t(out.nodes_.size());
         out.nodes_[node] = {leftHigh, entries[middle].at[axis], left, std::uint32_t(axis)};
         out.nodes_.resize(out.nodes_.size() + 2);

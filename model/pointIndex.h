@@ -78,12 +78,8 @@ void PointIndex::forEachWithin(Vec3f position, float radius, Visit&& visit) cons
         }
         const std::uint32_t end = node.left + (node.axis - kLeaf);
         for (std::uint32_t i = node.left; i < end; ++i) {
-<<<<<<< HEAD
             const float dx = xs_[i] - position.x, dy = ys_[i] - position.y,
                         dz = zs_[i] - position.z;
-=======
-            const float dx = xs_[i] - position.x, dy = ys_[i] - position.y, dz = zs_[i] - position.z;
->>>>>>> fields
             const float d = dx * dx + dy * dy + dz * dz;
             if (d <= limit) visit(indices_[i], d);
         }

@@ -190,12 +190,8 @@ void ScalpMesh::setPolygons(std::vector<std::int32_t> triangleCounts) {
     }
     if (!triangleCounts.empty() && sum != triangles().size())
         throw std::invalid_argument("ScalpMesh: the polygons' triangles (" + std::to_string(sum) +
-<<<<<<< HEAD
                                     ") are not the mesh's (" + std::to_string(triangles().size()) +
                                     ")");
-=======
-                                    ") are not the mesh's (" + std::to_string(triangles().size()) + ")");
->>>>>>> fields
     extrasForWrite().polygons = std::move(triangleCounts);
 }
 
@@ -219,12 +215,8 @@ void ScalpMesh::setScalps(std::vector<ScalpPiece> pieces) {
             hash = hashCombine(hash, number);
     }
     if (!pieces.empty() && (nextTriangle != triangles().size() || nextPoint != points().size()))
-<<<<<<< HEAD
         throw std::invalid_argument(
             "ScalpMesh: the scalps' triangles and points are not the mesh's");
-=======
-        throw std::invalid_argument("ScalpMesh: the scalps' triangles and points are not the mesh's");
->>>>>>> fields
     Extras& extras = extrasForWrite();
     extras.pieces = std::move(pieces);
     extras.piecesHash = hash;
@@ -282,12 +274,8 @@ float ScalpMesh::size() const {
     Vec3f low = shape_->low, high = shape_->high;
     if (rest_) {
         low = high = rest_->points[0];
-<<<<<<< HEAD
         for (const Vec3f p : rest_->points)
             low = componentMin(low, p), high = componentMax(high, p);
-=======
-        for (const Vec3f p : rest_->points) low = componentMin(low, p), high = componentMax(high, p);
->>>>>>> fields
     }
     const Vec3f sides = high - low;
     return std::max({sides.x, sides.y, sides.z});
@@ -403,14 +391,8 @@ Vec3f ScalpMesh::surfaceNormal(const StrandRoot& root) const {
     if (!validRoot(root)) return {};
     const Triangle& t = triangles()[std::size_t(root.triangle)];
     const std::vector<Vec3f>& n = shape_->normals;
-<<<<<<< HEAD
     const Vec3f mixed = normalized(n[std::size_t(t[0])] * root.u + n[std::size_t(t[1])] * root.v +
                                    n[std::size_t(t[2])] * (1.0f - root.u - root.v));
-=======
-    const Vec3f mixed =
-        normalized(n[std::size_t(t[0])] * root.u + n[std::size_t(t[1])] * root.v +
-                   n[std::size_t(t[2])] * (1.0f - root.u - root.v));
->>>>>>> fields
     return mixed == Vec3f{} ? faceNormal(root.triangle) : mixed;
 }
 
@@ -455,12 +437,8 @@ Vec3f ScalpMesh::surfaceTangentU(const StrandRoot& root) const {
 }
 
 Color4f ScalpMesh::mixCorners(const std::vector<Color4f>& colors, const StrandRoot& root) const {
-<<<<<<< HEAD
     if (!validRoot(root) || colors.size() != 3 * triangles().size())
         return {0.0f, 0.0f, 0.0f, 0.0f};
-=======
-    if (!validRoot(root) || colors.size() != 3 * triangles().size()) return {0.0f, 0.0f, 0.0f, 0.0f};
->>>>>>> fields
     const Color4f* corner = &colors[3 * std::size_t(root.triangle)];
     const float w = 1.0f - root.u - root.v;
     const auto mixOf = [&](float Color4f::*channel) {
@@ -485,13 +463,8 @@ bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t
     const bool known = nearTriangle >= 0 && std::size_t(nearTriangle) >= activeFirst_ &&
                        std::size_t(nearTriangle) < activeEnd_;
     BvhHit hit;
-<<<<<<< HEAD
     if (!bvh().closestPoint(position, maxDistance * maxDistance, known ? nearTriangle : -1,
                             points(), triangles(), hit))
-=======
-    if (!bvh().closestPoint(position, maxDistance * maxDistance, known ? nearTriangle : -1, points(),
-                            triangles(), hit))
->>>>>>> fields
         return false;
     out.triangle = hit.triangle;
     out.u = hit.weight0;

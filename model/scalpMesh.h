@@ -69,13 +69,8 @@ public:
 
     std::span<const Vec3f> points() const;
     std::span<const Triangle> triangles() const;
-<<<<<<< HEAD
     /// Per vertex, unit, weighted by the area and the angle of the faces' corners; zero where no
     /// face with an area meets.
-=======
-    /// Per vertex, unit, weighted by the area and the angle of the faces' corners; zero where no face
-    /// with an area meets.
->>>>>>> fields
     std::span<const Vec3f> normals() const;
     std::span<const float> triangleAreas() const;
     double area() const;  ///< summed in triangle order
@@ -131,16 +126,10 @@ public:
 
     /// Builds the BVH now, so that no loop body has to wait for it.
     void prepareQueries() const;
-<<<<<<< HEAD
     // A false leaves `out` as it was; a position that is not finite finds nothing. Squared
     // distances are floats: a mesh 1.8e19 cm away is not found.
     /// The nearest point nearer than `maxDistance` (ties: the lower triangle index); false for
     /// none.
-=======
-    // A false leaves `out` as it was; a position that is not finite finds nothing. Squared distances
-    // are floats: a mesh 1.8e19 cm away is not found.
-    /// The nearest point nearer than `maxDistance` (ties: the lower triangle index); false for none.
->>>>>>> fields
     bool closestPoint(Vec3f position, float maxDistance, SurfaceHit& out) const;
     /// The same answer, found faster when `nearTriangle` (-1: none) is close to it.
     bool closestPointFrom(Vec3f position, float maxDistance, std::int32_t nearTriangle,

@@ -12,15 +12,9 @@
 namespace corvelle {
 
 // Four floats side by side, on the SSE2 of the x86-64 baseline or in plain loops elsewhere. Every
-<<<<<<< HEAD
 // operation is one correctly rounded IEEE operation per lane, none is fused or approximated, so
 // both forms, and the same formula over plain floats, give the same bits. That is why the helpers
 // below come for float and bool too: a kernel is written once as a template and run either way.
-=======
-// operation is one correctly rounded IEEE operation per lane, none is fused or approximated, so both
-// forms, and the same formula over plain floats, give the same bits. That is why the helpers below
-// come for float and bool too: a kernel is written once as a template and run either way.
->>>>>>> fields
 
 /// Four truth values.
 struct Mask4 {
@@ -95,7 +89,6 @@ struct Float4 {
         for (int i = 0; i < 4; ++i) m.bits[i] = f(a.lanes[i], b.lanes[i]);
         return m;
     }
-<<<<<<< HEAD
     friend Float4 operator+(Float4 a, Float4 b) {
         return each(a, b, [](float x, float y) { return x + y; });
     }
@@ -126,18 +119,6 @@ struct Float4 {
     friend Float4 upper(Float4 a, Float4 b) {
         return each(a, b, [](float x, float y) { return x > y ? x : y; });
     }
-=======
-    friend Float4 operator+(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x + y; }); }
-    friend Float4 operator-(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x - y; }); }
-    friend Float4 operator*(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x * y; }); }
-    friend Float4 operator/(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x / y; }); }
-    friend Mask4 operator<(Float4 a, Float4 b) { return test(a, b, [](float x, float y) { return x < y; }); }
-    friend Mask4 operator<=(Float4 a, Float4 b) { return test(a, b, [](float x, float y) { return x <= y; }); }
-    friend Mask4 operator>(Float4 a, Float4 b) { return test(a, b, [](float x, float y) { return x > y; }); }
-    friend Mask4 operator>=(Float4 a, Float4 b) { return test(a, b, [](float x, float y) { return x >= y; }); }
-    friend Float4 lower(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x < y ? x : y; }); }
-    friend Float4 upper(Float4 a, Float4 b) { return each(a, b, [](float x, float y) { return x > y ? x : y; }); }
->>>>>>> fields
     friend Float4 select(Mask4 m, Float4 a, Float4 b) {
         for (int i = 0; i < 4; ++i) a.lanes[i] = m.bits[i] ? a.lanes[i] : b.lanes[i];
         return a;

@@ -41,7 +41,6 @@ struct Level {
     std::size_t vertexCount = 0;
     std::vector<Edge> edges;
     std::vector<VertexRule> rules;
-<<<<<<< HEAD
     std::vector<std::uint32_t> creaseEnds;                   // two per vertex
     std::vector<std::uint32_t> edgeOffsets, vertexEdges;     // other ends, per vertex
     std::vector<std::uint32_t> faceOffsets, vertexFaces;     // per vertex
@@ -51,16 +50,6 @@ struct Level {
 
     Level(Faces given, std::size_t vertices, const std::vector<std::uint32_t>& vertexPiece,
           std::size_t pieceCount);
-=======
-    std::vector<std::uint32_t> creaseEnds;                     // two per vertex
-    std::vector<std::uint32_t> edgeOffsets, vertexEdges;       // other ends, per vertex
-    std::vector<std::uint32_t> faceOffsets, vertexFaces;       // per vertex
-    std::vector<std::uint32_t> vertexOut, edgeOut, faceOut;    // numbers after
-    std::vector<std::uint32_t> cornerEdge;                     // per corner: the edge to the next
-    std::size_t outCount = 0;
-
-    Level(Faces given, std::size_t vertices, const std::vector<std::uint32_t>& vertexPiece, std::size_t pieceCount);
->>>>>>> fields
     Faces refinedFaces() const;
     std::vector<std::uint32_t> refinedPieces(const std::vector<std::uint32_t>& vertexPiece) const;
     std::vector<float> refineVertices(std::span<const float> in, int channels) const;
@@ -124,12 +113,8 @@ Level::Level(Faces given, std::size_t vertices, const std::vector<std::uint32_t>
     vertexEdges.resize(edgeOffsets.back());
     vertexFaces.resize(faceOffsets.back());
     std::vector<std::uint32_t> next(edgeOffsets.begin(), edgeOffsets.end() - 1);
-<<<<<<< HEAD
     forEachEnd(
         [&](std::uint32_t v, std::uint32_t other, const Edge&) { vertexEdges[next[v]++] = other; });
-=======
-    forEachEnd([&](std::uint32_t v, std::uint32_t other, const Edge&) { vertexEdges[next[v]++] = other; });
->>>>>>> fields
     next.assign(faceOffsets.begin(), faceOffsets.end() - 1);
     for (std::size_t f = 0; f < faces.count(); ++f)
         for (std::uint32_t c = faces.offsets[f]; c < faces.offsets[f + 1]; ++c)
@@ -152,19 +137,12 @@ Level::Level(Faces given, std::size_t vertices, const std::vector<std::uint32_t>
     vertexOut.resize(vertexCount);
     edgeOut.resize(edges.size());
     faceOut.resize(faces.count());
-<<<<<<< HEAD
     for (std::size_t v = 0; v < vertexCount; ++v)
         vertexOut[v] = std::uint32_t(start[3 * vertexPiece[v]]++);
     for (std::size_t e = 0; e < edges.size(); ++e)
         edgeOut[e] = std::uint32_t(start[3 * vertexPiece[edges[e].from] + 1]++);
     for (std::size_t f = 0; f < faces.count(); ++f)
         faceOut[f] = std::uint32_t(start[3 * faces.piece[f] + 2]++);
-=======
-    for (std::size_t v = 0; v < vertexCount; ++v) vertexOut[v] = std::uint32_t(start[3 * vertexPiece[v]]++);
-    for (std::size_t e = 0; e < edges.size(); ++e)
-        edgeOut[e] = std::uint32_t(start[3 * vertexPiece[edges[e].from] + 1]++);
-    for (std::size_t f = 0; f < faces.count(); ++f) faceOut[f] = std::uint32_t(start[3 * faces.piece[f] + 2]++);
->>>>>>> fields
 }
 
 Faces Level::refinedFaces() const {
@@ -176,13 +154,8 @@ Faces Level::refinedFaces() const {
         const std::uint32_t begin = faces.offsets[f], end = faces.offsets[f + 1];
         for (std::uint32_t c = begin; c < end; ++c) {
             const std::uint32_t before = c > begin ? c - 1 : end - 1;
-<<<<<<< HEAD
             for (const std::uint32_t v : {vertexOut[faces.corners[c]], edgeOut[cornerEdge[c]],
                                           faceOut[f], edgeOut[cornerEdge[before]]})
-=======
-            for (const std::uint32_t v : {vertexOut[faces.corners[c]], edgeOut[cornerEdge[c]], faceOut[f],
-                                          edgeOut[cornerEdge[before]]})
->>>>>>> fields
                 out.corners.push_back(v);
             out.offsets.push_back(std::uint32_t(out.corners.size()));
             out.cageFace.push_back(faces.cageFace[f]);
@@ -192,12 +165,8 @@ Faces Level::refinedFaces() const {
     return out;
 }
 
-<<<<<<< HEAD
 std::vector<std::uint32_t> Level::refinedPieces(
     const std::vector<std::uint32_t>& vertexPiece) const {
-=======
-std::vector<std::uint32_t> Level::refinedPieces(const std::vector<std::uint32_t>& vertexPiece) const {
->>>>>>> fields
     std::vector<std::uint32_t> out(outCount);
     for (std::size_t v = 0; v < vertexCount; ++v) out[vertexOut[v]] = vertexPiece[v];
     for (std::size_t e = 0; e < edges.size(); ++e) out[edgeOut[e]] = vertexPiece[edges[e].from];
@@ -208,13 +177,9 @@ std::vector<std::uint32_t> Level::refinedPieces(const std::vector<std::uint32_t>
 std::vector<float> Level::refineVertices(std::span<const float> in, int channelCount) const {
     const std::size_t channels = std::size_t(channelCount);
     std::vector<float> out(outCount * channels);
-<<<<<<< HEAD
     const auto at = [&](std::size_t vertex, std::size_t channel) {
         return double(in[vertex * channels + channel]);
     };
-=======
-    const auto at = [&](std::size_t vertex, std::size_t channel) { return double(in[vertex * channels + channel]); };
->>>>>>> fields
     const auto facePoint = [&](std::size_t face, std::size_t channel) {
         return double(out[std::size_t(faceOut[face]) * channels + channel]);
     };
@@ -222,12 +187,8 @@ std::vector<float> Level::refineVertices(std::span<const float> in, int channelC
         for (std::size_t f = begin; f < end; ++f)
             for (std::size_t k = 0; k < channels; ++k) {
                 double sum = 0.0;
-<<<<<<< HEAD
                 for (std::uint32_t c = faces.offsets[f]; c < faces.offsets[f + 1]; ++c)
                     sum += at(faces.corners[c], k);
-=======
-                for (std::uint32_t c = faces.offsets[f]; c < faces.offsets[f + 1]; ++c) sum += at(faces.corners[c], k);
->>>>>>> fields
                 out[std::size_t(faceOut[f]) * channels + k] =
                     float(sum / double(faces.offsets[f + 1] - faces.offsets[f]));
             }
@@ -237,15 +198,9 @@ std::vector<float> Level::refineVertices(std::span<const float> in, int channelC
             for (std::size_t k = 0; k < channels; ++k) {
                 const double ends = at(edges[e].from, k) + at(edges[e].to, k);
                 out[std::size_t(edgeOut[e]) * channels + k] =
-<<<<<<< HEAD
                     edges[e].sharp ? float(0.5 * ends)
                                    : float(0.25 * (ends + facePoint(edges[e].face0, k) +
                                                    facePoint(edges[e].face1, k)));
-=======
-                    edges[e].sharp
-                        ? float(0.5 * ends)
-                        : float(0.25 * (ends + facePoint(edges[e].face0, k) + facePoint(edges[e].face1, k)));
->>>>>>> fields
             }
     });
     parallelRange(0, vertexCount, kGrain, [&](std::size_t begin, std::size_t end) {
@@ -254,7 +209,6 @@ std::vector<float> Level::refineVertices(std::span<const float> in, int channelC
                 const double here = at(v, k);
                 double value = here;
                 if (rules[v] == VertexRule::kCrease) {
-<<<<<<< HEAD
                     value = 0.75 * here +
                             0.125 * (at(creaseEnds[2 * v], k) + at(creaseEnds[2 * v + 1], k));
                 } else if (rules[v] == VertexRule::kSmooth) {
@@ -264,14 +218,6 @@ std::vector<float> Level::refineVertices(std::span<const float> in, int channelC
                         others += at(vertexEdges[i], k);
                     for (std::uint32_t i = faceOffsets[v]; i < faceOffsets[v + 1]; ++i)
                         round += facePoint(vertexFaces[i], k);
-=======
-                    value = 0.75 * here + 0.125 * (at(creaseEnds[2 * v], k) + at(creaseEnds[2 * v + 1], k));
-                } else if (rules[v] == VertexRule::kSmooth) {
-                    const double valence = double(edgeOffsets[v + 1] - edgeOffsets[v]);
-                    double others = 0.0, round = 0.0;
-                    for (std::uint32_t i = edgeOffsets[v]; i < edgeOffsets[v + 1]; ++i) others += at(vertexEdges[i], k);
-                    for (std::uint32_t i = faceOffsets[v]; i < faceOffsets[v + 1]; ++i) round += facePoint(vertexFaces[i], k);
->>>>>>> fields
                     round /= double(faceOffsets[v + 1] - faceOffsets[v]);
                     const double middles = 0.5 * (here + others / valence);
                     value = (round + 2.0 * middles + (valence - 3.0) * here) / valence;
@@ -293,12 +239,8 @@ std::vector<float> Level::refineCorners(std::span<const float> in, int channelCo
                 for (std::uint32_t c = begin; c < end; ++c) sum += in[c * channels + k];
                 const float middle = float(sum / double(end - begin));
                 for (std::uint32_t c = begin; c < end; ++c) {
-<<<<<<< HEAD
                     const std::uint32_t next = c + 1 < end ? c + 1 : begin,
                                         before = c > begin ? c - 1 : end - 1;
-=======
-                    const std::uint32_t next = c + 1 < end ? c + 1 : begin, before = c > begin ? c - 1 : end - 1;
->>>>>>> fields
                     const float here = in[c * channels + k];
                     float* quad = &out[4 * std::size_t(c) * channels + k];
                     quad[0] = here;
@@ -342,7 +284,6 @@ Cage cageFaces(const ScalpMesh& mesh) {
     for (std::size_t p = 0; p < counts.size(); ++p) {
         const std::size_t count = std::size_t(counts[p]);
         if (count == 0) continue;
-<<<<<<< HEAD
         while (piece + 1 < pieces.size() &&
                first >= pieces[piece].firstTriangle + pieces[piece].triangleCount)
             ++piece;
@@ -350,12 +291,6 @@ Cage cageFaces(const ScalpMesh& mesh) {
         for (std::size_t t = first + 1; t < first + count; ++t)
             fan = fan && triangles[t][0] == triangles[first][0] &&
                   triangles[t][1] == triangles[t - 1][2];
-=======
-        while (piece + 1 < pieces.size() && first >= pieces[piece].firstTriangle + pieces[piece].triangleCount) ++piece;
-        bool fan = true;
-        for (std::size_t t = first + 1; t < first + count; ++t)
-            fan = fan && triangles[t][0] == triangles[first][0] && triangles[t][1] == triangles[t - 1][2];
->>>>>>> fields
         if (fan) {
             addCorner(first, 0);
             addCorner(first, 1);
@@ -374,12 +309,8 @@ Cage cageFaces(const ScalpMesh& mesh) {
 
 template <class T>
 std::span<const float> asFloats(std::span<const T> values) {
-<<<<<<< HEAD
     return {reinterpret_cast<const float*>(values.data()),
             values.size() * (sizeof(T) / sizeof(float))};
-=======
-    return {reinterpret_cast<const float*>(values.data()), values.size() * (sizeof(T) / sizeof(float))};
->>>>>>> fields
 }
 
 template <class T>
@@ -405,13 +336,8 @@ struct SubdivisionPlan::Data {
     std::size_t cagePoints = 0, cagePolygons = 0;
     std::vector<std::uint32_t> source;  // triangle corner of each cage corner
     std::vector<Level> rounds;
-<<<<<<< HEAD
     std::vector<std::int32_t> cageFace;  // per refined triangle
     std::vector<ScalpPiece> pieces;      // runs after refinement, named by the cage
-=======
-    std::vector<std::int32_t> cageFace;       // per refined triangle
-    std::vector<ScalpPiece> pieces;           // runs after refinement, named by the cage
->>>>>>> fields
     std::vector<Triangle> triangles;
     std::uint64_t baseExtras = 0;  // the cage's, when `base` was made
     ScalpPtr base;                 // the refined mesh that moved ones share their topology with
@@ -427,12 +353,8 @@ std::vector<T> SubdivisionPlan::Data::refinedCorners(std::span<const T> values) 
     constexpr int channels = int(sizeof(T) / sizeof(float));
     std::vector<T> corners(source.size());
     for (std::size_t c = 0; c < source.size(); ++c) corners[c] = values[source[c]];
-<<<<<<< HEAD
     for (const Level& round : rounds)
         corners = fromFloats<T>(round.refineCorners(asFloats<T>(corners), channels));
-=======
-    for (const Level& round : rounds) corners = fromFloats<T>(round.refineCorners(asFloats<T>(corners), channels));
->>>>>>> fields
     std::vector<T> out(3 * triangles.size());
     for (std::size_t quad = 0; quad < corners.size() / 4; ++quad) {
         std::size_t at = 6 * quad;
@@ -464,12 +386,8 @@ ScalpMesh SubdivisionPlan::Data::make(const ScalpMesh& cage) const {
 }
 
 SubdivisionPlan::SubdivisionPlan(const ScalpMesh& cage, int levels) {
-<<<<<<< HEAD
     if (levels < 1 || levels > 3)
         throw std::invalid_argument("SubdivisionPlan: levels must be 1 to 3");
-=======
-    if (levels < 1 || levels > 3) throw std::invalid_argument("SubdivisionPlan: levels must be 1 to 3");
->>>>>>> fields
     auto data = std::make_shared<Data>();
     data->levels = levels;
     data->topologyHash = cage.topologyHash();
@@ -488,22 +406,14 @@ SubdivisionPlan::SubdivisionPlan(const ScalpMesh& cage, int levels) {
     std::vector<std::uint32_t> vertexPiece(data->cagePoints, 0);
     for (std::size_t p = 0; p < cage.scalps().size(); ++p) {
         const ScalpPiece& piece = cage.scalps()[p];
-<<<<<<< HEAD
         std::fill_n(vertexPiece.begin() + std::ptrdiff_t(piece.firstPoint), piece.pointCount,
                     std::uint32_t(p));
-=======
-        std::fill_n(vertexPiece.begin() + std::ptrdiff_t(piece.firstPoint), piece.pointCount, std::uint32_t(p));
->>>>>>> fields
     }
     Faces faces = std::move(start.faces);
     std::size_t vertices = data->cagePoints;
     for (int level = 0; level < levels; ++level) {
-<<<<<<< HEAD
         const Level& round =
             data->rounds.emplace_back(std::move(faces), vertices, vertexPiece, pieceCount);
-=======
-        const Level& round = data->rounds.emplace_back(std::move(faces), vertices, vertexPiece, pieceCount);
->>>>>>> fields
         faces = round.refinedFaces();
         vertexPiece = round.refinedPieces(vertexPiece);
         vertices = round.outCount;
@@ -522,15 +432,10 @@ SubdivisionPlan::SubdivisionPlan(const ScalpMesh& cage, int levels) {
     if (!data->pieces.empty())
         for (const std::uint32_t piece : vertexPiece) ++data->pieces[piece].pointCount;
     for (std::size_t p = 1; p < data->pieces.size(); ++p) {
-<<<<<<< HEAD
         data->pieces[p].firstTriangle =
             data->pieces[p - 1].firstTriangle + data->pieces[p - 1].triangleCount;
         data->pieces[p].firstPoint =
             data->pieces[p - 1].firstPoint + data->pieces[p - 1].pointCount;
-=======
-        data->pieces[p].firstTriangle = data->pieces[p - 1].firstTriangle + data->pieces[p - 1].triangleCount;
-        data->pieces[p].firstPoint = data->pieces[p - 1].firstPoint + data->pieces[p - 1].pointCount;
->>>>>>> fields
     }
     data->baseExtras = cage.extrasHash();
     data->base = std::make_shared<const ScalpMesh>(data->make(cage));
@@ -542,17 +447,11 @@ ScalpPtr SubdivisionPlan::apply(const ScalpMesh& cage) const {
     if (cage.topologyHash() != data.topologyHash || cage.points().size() != data.cagePoints ||
         polygonsHash(cage) != data.polygonsHash)
         throw std::invalid_argument("SubdivisionPlan: not this plan's cage");
-<<<<<<< HEAD
     ScalpPtr mesh = cage.extrasHash() == data.baseExtras
                         ? data.base->withPoints(data.refinedPoints(cage.points()))
                         : std::make_shared<const ScalpMesh>(data.make(cage));
     if (!cage.restPoints().empty())
         mesh = mesh->withRestPoints(data.refinedPoints(cage.restPoints()));
-=======
-    ScalpPtr mesh = cage.extrasHash() == data.baseExtras ? data.base->withPoints(data.refinedPoints(cage.points()))
-                                                         : std::make_shared<const ScalpMesh>(data.make(cage));
-    if (!cage.restPoints().empty()) mesh = mesh->withRestPoints(data.refinedPoints(cage.restPoints()));
->>>>>>> fields
     const auto [first, end] = cage.activeTriangles();
     if (first == 0 && end == cage.triangles().size()) return mesh;
     // A limited cage: the triangles refined from its polygons.
@@ -580,12 +479,8 @@ std::vector<Vec3f> SubdivisionPlan::refinePoints(std::span<const Vec3f> points) 
     return data_->refinedPoints(points);
 }
 
-<<<<<<< HEAD
 std::vector<float> SubdivisionPlan::refineValues(std::span<const float> values,
                                                  int channels) const {
-=======
-std::vector<float> SubdivisionPlan::refineValues(std::span<const float> values, int channels) const {
->>>>>>> fields
     if (channels < 1 || values.size() != data_->cagePoints * std::size_t(channels))
         throw std::invalid_argument("SubdivisionPlan: the values are not the cage's vertices'");
     std::vector<float> out(values.begin(), values.end());

@@ -126,15 +126,9 @@ public:
 
 struct SurfaceGraph::Data {
     ScalpPtr mesh;
-<<<<<<< HEAD
     std::vector<Triangle> triangles;  // over welded vertices
     std::vector<Vec3f> points;        // of welded vertices
     std::vector<float> longestEdge;   // of those that meet at a vertex
-=======
-    std::vector<Triangle> triangles;   // over welded vertices
-    std::vector<Vec3f> points;         // of welded vertices
-    std::vector<float> longestEdge;    // of those that meet at a vertex
->>>>>>> fields
     SurfaceTopology topology;
 
     mutable std::shared_mutex mutex;
@@ -161,12 +155,8 @@ SurfaceGraph::Data::Data(ScalpPtr given) : mesh(std::move(given)) {
     seen.reserve(all.size());
     std::vector<std::int32_t> welded(all.size());
     for (std::size_t i = 0; i < all.size(); ++i) {
-<<<<<<< HEAD
         const Bits bits{std::bit_cast<std::uint32_t>(all[i].x),
                         std::bit_cast<std::uint32_t>(all[i].y),
-=======
-        const Bits bits{std::bit_cast<std::uint32_t>(all[i].x), std::bit_cast<std::uint32_t>(all[i].y),
->>>>>>> fields
                         std::bit_cast<std::uint32_t>(all[i].z)};
         const auto [at, added] = seen.try_emplace(bits, std::int32_t(points.size()));
         if (added) points.push_back(all[i]);
@@ -174,12 +164,8 @@ SurfaceGraph::Data::Data(ScalpPtr given) : mesh(std::move(given)) {
     }
     triangles.reserve(mesh->triangles().size());
     for (const Triangle& t : mesh->triangles())
-<<<<<<< HEAD
         triangles.push_back(
             {welded[std::size_t(t[0])], welded[std::size_t(t[1])], welded[std::size_t(t[2])]});
-=======
-        triangles.push_back({welded[std::size_t(t[0])], welded[std::size_t(t[1])], welded[std::size_t(t[2])]});
->>>>>>> fields
     topology = SurfaceTopology(triangles, points.size());
     longestEdge.resize(points.size());
     for (std::size_t v = 0; v < points.size(); ++v)
@@ -224,12 +210,8 @@ std::shared_ptr<const SurfaceGraph::Front> SurfaceGraph::Data::makeFront(const S
             for (int side = 0; side < 2; ++side) {
                 const std::int32_t b = others[side], c = others[1 - side];
                 if (c == a) continue;
-<<<<<<< HEAD
                 const Vec3f pa = points[std::size_t(a)], pb = points[std::size_t(b)],
                             pc = points[std::size_t(c)];
-=======
-                const Vec3f pa = points[std::size_t(a)], pb = points[std::size_t(b)], pc = points[std::size_t(c)];
->>>>>>> fields
                 const DistanceTable::Slot* sb = b == a ? nullptr : table.find(b);
                 if (sb && sb->settled)
                     relax(c, unfold(da, sb->distance, gap(pa, pb), gap(pa, pc), gap(pb, pc)));
@@ -254,15 +236,9 @@ std::shared_ptr<const SurfaceGraph> SurfaceGraph::of(const ScalpPtr& mesh) {
     static List& list = *new List;  // never destroyed: threads may still ask at exit
     const std::uint64_t key = mesh->contentHash();
     const auto findInFront = [&]() -> std::shared_ptr<const SurfaceGraph> {
-<<<<<<< HEAD
         const auto at =
             std::find_if(list.graphs.begin(), list.graphs.end(),
                          [&](const auto& graph) { return graph->mesh()->contentHash() == key; });
-=======
-        const auto at = std::find_if(list.graphs.begin(), list.graphs.end(), [&](const auto& graph) {
-            return graph->mesh()->contentHash() == key;
-        });
->>>>>>> fields
         if (at == list.graphs.end()) return nullptr;
         std::rotate(list.graphs.begin(), at, at + 1);
         return list.graphs.front();
@@ -283,12 +259,8 @@ std::shared_ptr<const SurfaceGraph> SurfaceGraph::of(const ScalpPtr& mesh) {
     return made;
 }
 
-<<<<<<< HEAD
 std::shared_ptr<const SurfaceGraph::Front> SurfaceGraph::front(const StrandRoot& root,
                                                                float radius) const {
-=======
-std::shared_ptr<const SurfaceGraph::Front> SurfaceGraph::front(const StrandRoot& root, float radius) const {
->>>>>>> fields
     const Data& data = *data_;
     if (!data.mesh->validRoot(root)) return nullptr;
     const FrontKey key{root, radius};
@@ -328,12 +300,8 @@ float SurfaceGraph::distance(const Front& front, const StrandRoot& to, Vec3f toP
         }
         for (std::size_t k = 0; k < 3; ++k) {
             const std::size_t n = (k + 1) % 3;
-<<<<<<< HEAD
             if (t[k] == t[n] || !std::isfinite(distances[k]) || !std::isfinite(distances[n]))
                 continue;
-=======
-            if (t[k] == t[n] || !std::isfinite(distances[k]) || !std::isfinite(distances[n])) continue;
->>>>>>> fields
             best = std::min(best, unfold(distances[k], distances[n], gap(points[k], points[n]),
                                          toCorner[k], toCorner[n]));
         }
@@ -342,7 +310,6 @@ float SurfaceGraph::distance(const Front& front, const StrandRoot& to, Vec3f toP
     return result <= front.radius ? result : kInfinity;
 }
 
-<<<<<<< HEAD
 SurfaceFronts::SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph,
                              std::span<const StrandRoot> roots, float radius,
                              const SurfaceFronts* previous)
@@ -354,14 +321,6 @@ SurfaceFronts::SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph,
     const bool reusable =
         previous && previous->graph_ == graph_ &&
         std::bit_cast<std::uint32_t>(previous->radius_) == std::bit_cast<std::uint32_t>(radius);
-=======
-SurfaceFronts::SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph, std::span<const StrandRoot> roots,
-                             float radius, const SurfaceFronts* previous)
-    : graph_(std::move(graph)), roots_(roots.begin(), roots.end()), fronts_(roots.size()), radius_(radius) {
-    std::vector<std::size_t> missing;
-    const bool reusable = previous && previous->graph_ == graph_ &&
-                          std::bit_cast<std::uint32_t>(previous->radius_) == std::bit_cast<std::uint32_t>(radius);
->>>>>>> fields
     for (std::size_t i = 0; i < roots_.size(); ++i) {
         if (reusable && i < previous->roots_.size() && previous->roots_[i] == roots_[i])
             fronts_[i] = previous->fronts_[i];
@@ -369,12 +328,8 @@ SurfaceFronts::SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph, std::spa
             missing.push_back(i);
     }
     parallelRange(0, missing.size(), 1, [&](std::size_t begin, std::size_t end) {
-<<<<<<< HEAD
         for (std::size_t m = begin; m < end; ++m)
             fronts_[missing[m]] = graph_->front(roots_[missing[m]], radius_);
-=======
-        for (std::size_t m = begin; m < end; ++m) fronts_[missing[m]] = graph_->front(roots_[missing[m]], radius_);
->>>>>>> fields
     });
 }
 

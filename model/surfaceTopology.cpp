@@ -6,13 +6,8 @@ namespace corvelle {
 namespace {
 
 struct Side {
-<<<<<<< HEAD
     std::uint64_t edge;    // lower vertex, higher vertex
     std::uint32_t corner;  // 3 triangle + side
-=======
-    std::uint64_t edge;     // lower vertex, higher vertex
-    std::uint32_t corner;   // 3 triangle + side
->>>>>>> fields
 };
 
 }  // namespace
@@ -28,12 +23,8 @@ SurfaceTopology::SurfaceTopology(std::span<const Triangle> triangles, std::size_
             const std::uint32_t a = std::uint32_t(triangles[t][k]);
             const std::uint32_t b = std::uint32_t(triangles[t][(k + 1) % 3]);
             if (a == b) continue;
-<<<<<<< HEAD
             sides.push_back(
                 {std::uint64_t(std::min(a, b)) << 32 | std::max(a, b), std::uint32_t(3 * t + k)});
-=======
-            sides.push_back({std::uint64_t(std::min(a, b)) << 32 | std::max(a, b), std::uint32_t(3 * t + k)});
->>>>>>> fields
         }
     std::sort(sides.begin(), sides.end(), [](const Side& a, const Side& b) {
         return a.edge != b.edge ? a.edge < b.edge : a.corner < b.corner;
@@ -59,12 +50,8 @@ SurfaceTopology::SurfaceTopology(std::span<const Triangle> triangles, std::size_
     boundary_.reserve(open.size());
     for (const std::uint32_t corner : open) {
         const Triangle& t = triangles[corner / 3];
-<<<<<<< HEAD
         boundary_.push_back({t[corner % 3], t[(corner + 1) % 3], std::int32_t(corner / 3),
                              std::int32_t(corner % 3)});
-=======
-        boundary_.push_back({t[corner % 3], t[(corner + 1) % 3], std::int32_t(corner / 3), std::int32_t(corner % 3)});
->>>>>>> fields
     }
 
     for (std::size_t v = 0; v < pointCount; ++v) neighborOffsets_[v + 1] += neighborOffsets_[v];
@@ -73,12 +60,8 @@ SurfaceTopology::SurfaceTopology(std::span<const Triangle> triangles, std::size_
     // Edges ascend by (low, high): a vertex meets its lower neighbours first, then the higher ones.
     for (std::size_t i = 0; i < sides.size(); ++i) {
         if (i > 0 && sides[i].edge == sides[i - 1].edge) continue;
-<<<<<<< HEAD
         const std::uint32_t low = std::uint32_t(sides[i].edge >> 32),
                             high = std::uint32_t(sides[i].edge);
-=======
-        const std::uint32_t low = std::uint32_t(sides[i].edge >> 32), high = std::uint32_t(sides[i].edge);
->>>>>>> fields
         neighbors_[next[high]++] = std::int32_t(low);
         neighbors_[next[low]++] = std::int32_t(high);
     }
@@ -87,12 +70,8 @@ SurfaceTopology::SurfaceTopology(std::span<const Triangle> triangles, std::size_
         for (std::size_t t = 0; t < triangles.size(); ++t)
             for (std::size_t k = 0; k < 3; ++k) {  // a vertex named twice counts once
                 const std::int32_t v = triangles[t][k];
-<<<<<<< HEAD
                 const bool again =
                     (k > 0 && v == triangles[t][0]) || (k > 1 && v == triangles[t][1]);
-=======
-                const bool again = (k > 0 && v == triangles[t][0]) || (k > 1 && v == triangles[t][1]);
->>>>>>> fields
                 if (!again) visit(std::size_t(v), std::int32_t(t));
             }
     };

@@ -38,22 +38,14 @@ public:
     /// The triangles round a vertex, ascending.
     std::span<const std::int32_t> trianglesOf(std::int32_t vertex) const {
         const std::size_t v = std::size_t(vertex);
-<<<<<<< HEAD
         return std::span(vertexTriangles_)
             .subspan(triangleOffsets_[v], triangleOffsets_[v + 1] - triangleOffsets_[v]);
-=======
-        return std::span(vertexTriangles_).subspan(triangleOffsets_[v], triangleOffsets_[v + 1] - triangleOffsets_[v]);
->>>>>>> fields
     }
     /// The vertices that share an edge with a vertex, ascending, once each.
     std::span<const std::int32_t> neighborsOf(std::int32_t vertex) const {
         const std::size_t v = std::size_t(vertex);
-<<<<<<< HEAD
         return std::span(neighbors_)
             .subspan(neighborOffsets_[v], neighborOffsets_[v + 1] - neighborOffsets_[v]);
-=======
-        return std::span(neighbors_).subspan(neighborOffsets_[v], neighborOffsets_[v + 1] - neighborOffsets_[v]);
->>>>>>> fields
     }
     /// Offsets into `neighbors`, one more than there are vertices.
     std::span<const std::uint32_t> neighborOffsets() const { return neighborOffsets_; }

@@ -23,12 +23,8 @@ struct TriangleClosest {
 /// ac, bc on ties). Each candidate is a point of the triangle, so a rounding error never gives a
 /// distance below the true one, and a degenerate triangle is its longest edge or its point.
 template <class F>
-<<<<<<< HEAD
 inline TriangleClosest<F> closestOnTriangle(F abx, F aby, F abz, F acx, F acy, F acz, F apx, F apy,
                                             F apz) {
-=======
-inline TriangleClosest<F> closestOnTriangle(F abx, F aby, F abz, F acx, F acy, F acz, F apx, F apy, F apz) {
->>>>>>> fields
     const F zero = F(0.0f), one = F(1.0f);
     const F abab = abx * abx + aby * aby + abz * abz;
     const F abac = abx * acx + aby * acy + abz * acz;
@@ -87,12 +83,8 @@ struct ShearedRay {
     float sx = 0.0f, sy = 0.0f, sz = 0.0f;
     Vec3f origin;
     ShearedRay(Vec3f from, Vec3f direction) : origin(from) {
-<<<<<<< HEAD
         const float ax = std::fabs(direction.x), ay = std::fabs(direction.y),
                     az = std::fabs(direction.z);
-=======
-        const float ax = std::fabs(direction.x), ay = std::fabs(direction.y), az = std::fabs(direction.z);
->>>>>>> fields
         kz = ax > ay ? (ax > az ? 0 : 2) : (ay > az ? 1 : 2);
         kx = (kz + 1) % 3;
         ky = (kx + 1) % 3;
@@ -102,7 +94,6 @@ struct ShearedRay {
     }
 };
 
-<<<<<<< HEAD
 /// Whether the ray hits the triangle, from either side, at t > 0; the weights of a, b, c go to
 /// `out`. Watertight: a ray through an edge or corner shared by triangles hits one of them. A
 /// triangle seen edge-on is missed. Source: Woop, Benthin, Wald, "Watertight Ray/Triangle
@@ -111,14 +102,6 @@ struct ShearedRay {
 ///         try.
 inline bool intersectTriangle(const ShearedRay& ray, Vec3f a, Vec3f b, Vec3f c, float& t, float& wa,
                               float& wb) {
-=======
-/// Whether the ray hits the triangle, from either side, at t > 0; the weights of a, b, c go to `out`.
-/// Watertight: a ray through an edge or corner shared by triangles hits one of them. A triangle seen
-/// edge-on is missed.
-/// Source: Woop, Benthin, Wald, "Watertight Ray/Triangle Intersection", JCGT 2(1), 2013. We differ:
-///         the edge functions are doubles from the start, exact for floats, in place of a second try.
-inline bool intersectTriangle(const ShearedRay& ray, Vec3f a, Vec3f b, Vec3f c, float& t, float& wa, float& wb) {
->>>>>>> fields
     const Vec3f ra = a - ray.origin, rb = b - ray.origin, rc = c - ray.origin;
     const float ax = ra[ray.kx] - ray.sx * ra[ray.kz], ay = ra[ray.ky] - ray.sy * ra[ray.kz];
     const float bx = rb[ray.kx] - ray.sx * rb[ray.kz], by = rb[ray.ky] - ray.sy * rb[ray.kz];
