@@ -27,7 +27,9 @@ struct SlotChanges {
 
 /// What `update` is given and gives.
 struct UpdateRequest {
-    std::span<const NodeValue> previous;   ///< the node's last outputs, before any `affect` blend
+    /// The node's last outputs, before any `affect` blend. An update may let go of them (reset), so that
+    /// arrays no one else holds are written in place instead of copied: it must then succeed or throw.
+    std::span<NodeValue> previous;
     std::span<const SlotChanges> inputs;   ///< one per input slot
     bool ownChanged = false;               ///< params, context or source differ since
 };
