@@ -31,7 +31,9 @@ struct SlotChanges {
 /// What `update` is given and gives. The graph asks only when every slot's changes are None or Some,
 /// at least one is Some or `ownChanged` holds, and `ownChanged` only where `updatesOwnChanges`.
 struct UpdateRequest {
-    std::span<const NodeValue> previous;   ///< the node's last outputs, before any `affect` blend
+    /// The node's last outputs, before any `affect` blend. An update may let go of them (reset), so that
+    /// arrays no one else holds are written in place instead of copied: it must then succeed or throw.
+    std::span<NodeValue> previous;
     std::span<const SlotChanges> inputs;   ///< one per input slot
     bool ownChanged = false;               ///< params, context or source differ since
     std::uint64_t previousContextHash = 0; ///< what `contextHash` said when `previous` was made
