@@ -39,10 +39,13 @@ function(corvelle_folder name)
     target_include_directories(${library} ${visible} "${PROJECT_SOURCE_DIR}")
     target_link_libraries(${library} ${visible} ${folder_LINKS} Threads::Threads)
 
+    # Made-up hair and the like, for tests and benchmarks of every folder.
+    set(testing $<TARGET_NAME_IF_EXISTS:corvelle::modelTesting>)
     if(folder_TESTS AND CORVELLE_TESTS AND NOT CORVELLE_FUZZ)
         set(program ${name}Tests)
         add_executable(${program} ${folder_TESTS})
-        target_link_libraries(${program} PRIVATE corvelle::${name} GTest::gmock GTest::gtest_main)
+        target_link_libraries(${program} PRIVATE corvelle::${name} ${testing}
+                                                 GTest::gmock GTest::gtest_main)
         if(folder_PCH)
             target_precompile_headers(${program} PRIVATE ${folder_PCH})
         endif()
@@ -54,7 +57,7 @@ function(corvelle_folder name)
     if(folder_BENCHMARKS AND TARGET benchmark::benchmark_main)
         set(program ${name}Benchmarks)
         add_executable(${program} ${folder_BENCHMARKS})
-        target_link_libraries(${program} PRIVATE corvelle::${name} corvelle_peers
+        target_link_libraries(${program} PRIVATE corvelle::${name} ${testing} corvelle_peers
                                                  benchmark::benchmark_main)
         add_dependencies(benchmarks ${program})
         if(NOT CORVELLE_BENCHMARKS)

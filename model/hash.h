@@ -76,9 +76,13 @@ constexpr std::uint64_t drawBase(std::uint64_t seed, std::string_view use) {
     return mix64(seed ^ hashOf(use));
 }
 /// Uniform in [0, 1) for one stable id.
-constexpr float draw(std::uint64_t base, std::uint64_t id) { return unitHash(hashCombine(base, id)); }
+constexpr float draw(std::uint64_t base, std::uint64_t id) {
+    return unitHash(hashCombine(base, id));
+}
 /// Uniform in [-1, 1).
-constexpr float drawSigned(std::uint64_t base, std::uint64_t id) { return 2.0f * draw(base, id) - 1.0f; }
+constexpr float drawSigned(std::uint64_t base, std::uint64_t id) {
+    return 2.0f * draw(base, id) - 1.0f;
+}
 
 /// The sequential generator: one per strand, seeded from ids; never shared between threads.
 class SplitMix {

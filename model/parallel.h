@@ -8,16 +8,20 @@ namespace corvelle {
 
 /// Grains in use: loops over strands, and loops over chunks.
 inline constexpr std::size_t kStrandGrain = 256;
-inline constexpr std::size_t kChunkStrands = 2048;     ///< strands of one reduction chunk
-inline constexpr std::size_t kChunkElements = 65536;   ///< array elements of one fill or copy chunk
+inline constexpr std::size_t kChunkStrands = 2048;    ///< strands of one reduction chunk
+inline constexpr std::size_t kChunkElements = 65536;  ///< array elements of one fill or copy chunk
 
 namespace detail {
 using RangeBody = void (*)(void* context, std::size_t begin, std::size_t end);
 /// Calls `body` over a partition of [begin, end) on the worker threads. A plain function and a
 /// context, so that all loops share one scheduler instantiation. The first exception of a body is
 /// rethrown to the caller. Hold no mutex across a call.
-void parallelRange(std::size_t begin, std::size_t end, std::size_t grain, RangeBody body, void* context);
+void parallelRange(std::size_t begin, std::size_t end, std::size_t grain, RangeBody body,
+                   void* context);
 void runWithThreads(unsigned count, void (*function)(void* context), void* context);
+/// What a text such as the value of CORVELLE_THREADS asks for: 0, the default, when it is null,
+/// empty or not a decimal number from end to end.
+unsigned parseThreadLimit(const char* text);
 }  // namespace detail
 
 /// Runs `body(subBegin, subEnd)` over a partition of [begin, end), serially when the range holds no

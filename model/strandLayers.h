@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 namespace corvelle {
 
@@ -13,6 +14,8 @@ public:
     virtual ~InstanceSet() = default;
     /// Enters the set's content hash.
     virtual std::uint64_t contentHash() const = 0;
+    /// This set with the instances of `behind` after its own: what appending strand sets needs.
+    virtual std::shared_ptr<const InstanceSet> joinedWith(const InstanceSet& behind) const = 0;
 };
 
 class CardMesh {

@@ -20,7 +20,8 @@
 namespace corvelle {
 
 /// Which strands an operator touched. `all`, like a null pointer to this, means every strand;
-/// otherwise `strands` lists indices, ascending, without repeats. Also used for guides of a GuideSet.
+/// otherwise `strands` lists indices, ascending, without repeats. Also used for guides of a
+/// GuideSet.
 struct StrandChanges {
     bool all = false;
     std::vector<std::uint32_t> strands;
@@ -82,7 +83,7 @@ public:
         return points().subspan(std::size_t(offsets()[strand]), pointCountOf(strand));
     }
 
-    // Write access: makes the array this set's own and drops the extent caches.
+    // Write access: makes the array this set's own. Points and offsets drop the extent caches.
     std::span<std::uint64_t> mutableIds();
     std::span<StrandRoot> mutableRoots();
     std::span<std::uint64_t> mutableOffsets();
@@ -92,9 +93,11 @@ public:
     std::span<Vec3f> overwritePoints();
     std::span<float> overwriteWidths();
 
-    /// Takes an array of another set by sharing; the layout must fit (throws std::invalid_argument).
+    /// Takes an array of another set by sharing; the layout must fit (throws
+    /// std::invalid_argument).
     void sharePoints(const StrandSet& from);
     void shareWidths(const StrandSet& from);
+    void shareStrands(const StrandSet& from);  ///< ids and roots
     /// True when both sets hold the very same array object.
     bool sharesPoints(const StrandSet& other) const { return points_.sharesWith(other.points_); }
     bool sharesWidths(const StrandSet& other) const { return widths_.sharesWith(other.widths_); }
@@ -105,19 +108,20 @@ public:
     /// Returns the new strand's index. Empty `widths` means 1 at each point; channels get their
     /// defaults. Throws std::invalid_argument "StrandSet::addStrand: widths must be empty or match
     /// points" and leaves the set as it was.
-    std::size_t addStrand(std::uint64_t id, std::span<const Vec3f> points, std::span<const float> widths,
-                          StrandRoot root);
+    std::size_t addStrand(std::uint64_t id, std::span<const Vec3f> points,
+                          std::span<const float> widths, StrandRoot root);
     /// Adds all strands of `other`, which may be this set, behind the existing ones; channels of
     /// either side are kept, the other side padded with the default or spread from its
-    /// strand channel of the same name.
+    /// strand channel of the same name. Layers are joined; one that both sets hold stays one.
     void append(const StrandSet& other);
     void reserve(std::size_t strands, std::size_t points);
     /// Empties the set; channels stay with their defaults, layers go.
     void clear();
-    /// Strands of the given point counts: ids 0, roots unset, widths 1, points zero, channels filled
-    /// with their defaults. Flags leave points or widths unfilled.
+    /// Strands of the given point counts: ids 0, roots unset, widths 1, points zero, channels
+    /// filled with their defaults. Flags leave points or widths unfilled.
     void allocate(std::span<const std::uint64_t> counts, unsigned flags = kFillAll);
-    void allocateUniform(std::size_t strandCount, std::size_t pointsPerStrand, unsigned flags = kFillAll);
+    void allocateUniform(std::size_t strandCount, std::size_t pointsPerStrand,
+                         unsigned flags = kFillAll);
 
     // Channels. Null or empty when there is no such channel.
     const std::vector<float>* strandChannel(std::string_view name) const;
@@ -146,17 +150,20 @@ public:
     std::vector<std::shared_ptr<const CardMesh>> cards;
     std::vector<std::shared_ptr<const FeatherLayer>> featherLayers;
 
-    /// The strands listed, in that order, with all channels, ids and layers.
+    /// The strands listed, in that order, with all channels, ids and layers. All strands in their
+    /// own order: a copy that shares every array. Throws std::invalid_argument for an index out of
+    /// range.
     StrandSet subset(std::span<const std::uint32_t> indices) const;
-    /// The strands whose `unitHash(id)` is below `fraction`: a lower fraction keeps a subset of what
-    /// a higher one keeps.
+    /// The strands whose `unitHash(id)` is below `fraction`: a lower fraction keeps a subset of
+    /// what a higher one keeps.
     StrandSet thinned(float fraction) const;
 
     /// Cached; computed in chunks of 2048 strands.
     Extent extent() const;
     /// The same, recomputing only the chunks that hold a changed strand, from the chunk extents of
     /// `previous`; falls back to `extent()` when the layouts differ.
-    Extent extentAfter(const StrandSet& previous, std::span<const std::uint32_t> changedStrands) const;
+    Extent extentAfter(const StrandSet& previous,
+                       std::span<const std::uint32_t> changedStrands) const;
 
     /// Same strand count, ids and points per strand.
     bool sameLayout(const StrandSet& other) const;
@@ -170,7 +177,15 @@ public:
     void forEachArray(const std::function<void(const void*, std::size_t)>& visit) const;
 
 private:
+    struct ExtentCache {
+        std::shared_ptr<const Extent> whole;
+        std::shared_ptr<const std::vector<Extent>> chunks;
+    };
+    void swap(StrandSet& other) noexcept;
     void dropExtent();
+    ExtentCache cachedExtent() const;
+    Extent storeExtent(std::vector<Extent> chunks) const;
+    Extent chunkExtent(std::size_t chunk) const;
 
     SharedArray<std::uint64_t> ids_;
     SharedArray<StrandRoot> roots_;
@@ -181,8 +196,7 @@ private:
     Channels pointChannels_;
     mutable std::mutex arrayLock_;
     mutable std::mutex cacheLock_;
-    mutable std::shared_ptr<const Extent> extent_;
-    mutable std::shared_ptr<const std::vector<Extent>> chunkExtents_;
+    mutable ExtentCache extent_;
     mutable std::atomic<bool> cacheValid_{false};
 };
 using StrandsPtr = std::shared_ptr<const StrandSet>;

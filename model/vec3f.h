@@ -14,9 +14,24 @@ struct Vec3f {
     constexpr float& operator[](int axis) { return axis == 0 ? x : axis == 1 ? y : z; }
     constexpr float operator[](int axis) const { return axis == 0 ? x : axis == 1 ? y : z; }
 
-    constexpr Vec3f& operator+=(Vec3f o) { x += o.x; y += o.y; z += o.z; return *this; }
-    constexpr Vec3f& operator-=(Vec3f o) { x -= o.x; y -= o.y; z -= o.z; return *this; }
-    constexpr Vec3f& operator*=(float s) { x *= s; y *= s; z *= s; return *this; }
+    constexpr Vec3f& operator+=(Vec3f o) {
+        x += o.x;
+        y += o.y;
+        z += o.z;
+        return *this;
+    }
+    constexpr Vec3f& operator-=(Vec3f o) {
+        x -= o.x;
+        y -= o.y;
+        z -= o.z;
+        return *this;
+    }
+    constexpr Vec3f& operator*=(float s) {
+        x *= s;
+        y *= s;
+        z *= s;
+        return *this;
+    }
 
     friend constexpr Vec3f operator+(Vec3f a, Vec3f b) { return {a.x + b.x, a.y + b.y, a.z + b.z}; }
     friend constexpr Vec3f operator-(Vec3f a, Vec3f b) { return {a.x - b.x, a.y - b.y, a.z - b.z}; }
@@ -44,9 +59,15 @@ inline Vec3f normalized(Vec3f a) {
 }
 constexpr Vec3f mix(Vec3f a, Vec3f b, float t) { return a + (b - a) * t; }
 constexpr float mix(float a, float b, float t) { return a + (b - a) * t; }
-inline bool isFinite(Vec3f a) { return std::isfinite(a.x) && std::isfinite(a.y) && std::isfinite(a.z); }
-constexpr Vec3f componentMin(Vec3f a, Vec3f b) { return {std::min(a.x, b.x), std::min(a.y, b.y), std::min(a.z, b.z)}; }
-constexpr Vec3f componentMax(Vec3f a, Vec3f b) { return {std::max(a.x, b.x), std::max(a.y, b.y), std::max(a.z, b.z)}; }
+inline bool isFinite(Vec3f a) {
+    return std::isfinite(a.x) && std::isfinite(a.y) && std::isfinite(a.z);
+}
+constexpr Vec3f componentMin(Vec3f a, Vec3f b) {
+    return {std::min(a.x, b.x), std::min(a.y, b.y), std::min(a.z, b.z)};
+}
+constexpr Vec3f componentMax(Vec3f a, Vec3f b) {
+    return {std::max(a.x, b.x), std::max(a.y, b.y), std::max(a.z, b.z)};
+}
 
 /// A unit vector square to `a`: the cross of `a` with the axis of its smallest |component|
 /// (x before y before z on ties); (1, 0, 0) for a zero vector.
@@ -82,6 +103,8 @@ struct Color4f {
 static_assert(sizeof(Color4f) == 16);
 
 /// Linear red, green and blue as a Vec3f reads them: Rec. 709 luminance.
-constexpr float luminance(float r, float g, float b) { return 0.2126f * r + 0.7152f * g + 0.0722f * b; }
+constexpr float luminance(float r, float g, float b) {
+    return 0.2126f * r + 0.7152f * g + 0.0722f * b;
+}
 
 }  // namespace corvelle
