@@ -156,16 +156,6 @@ Vec3f margin(const Box& box) {
     return {pad(box.low.x, box.high.x), pad(box.low.y, box.high.y), pad(box.low.z, box.high.z)};
 }
 
-float lowest(Float4 v) {
-    alignas(16) float a[4];
-    v.store(a);
-    return lower(lower(a[0], a[1]), lower(a[2], a[3]));
-}
-float highest(Float4 v) {
-    alignas(16) float a[4];
-    v.store(a);
-    return upper(upper(a[0], a[1]), upper(a[2], a[3]));
-}
 float total(Float4 v) {  // NaN adds nothing
     alignas(16) float a[4];
     v.store(a);
@@ -308,7 +298,14 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
         if (!isFinite(center)) center = {};
         Vec3f normal = normalized(sum);
         if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
-        const Vec3f side = anyPerpendicular(normal), up = cross(normal, side);
+        // Along an edge, for meshes are grids more often than not.
+        const Block& head = blocks_[runs[0]];
+        const Vec3f edge = Vec3f{head.x[1][0], head.y[1][0], head.z[1][0]} -
+                           Vec3f{head.x[0][0], head.y[0][0], head.z[0][0]};
+        Vec3f side = normalized(edge - normal * dot(edge, normal));
+        side = normalized(side - normal * dot(side, normal));
+        if (!isFinite(side) || side == Vec3f{}) side = anyPerpendicular(normal);
+        const Vec3f up = cross(normal, side);
         for (int k = 0; k < 3; ++k) {
             node.columns[k][0] = side[k], node.columns[k][1] = up[k];
             node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
@@ -370,6 +367,8 @@ struct Bvh::Search {
     float reach;  // squared; boxes beyond it hold nothing
     std::int32_t triangle = -1;
     float v = 0.0f, w = 0.0f;
+    const Block* found = nullptr;
+    int foundLane = 0;
     Stack stack;
 
     Search(const Bvh& tree, Vec3f p, float maxDistanceSquared)
@@ -396,6 +395,23 @@ struct Bvh::Search {
         return boxDistances(node.boxes, spread<0>(at), spread<1>(at), spread<2>(at));
     }
 
+    /// Asks for what a child reference names, a step or two before it is looked at.
+    void fetch(std::int32_t child) const {
+        const std::size_t index = std::size_t(child >> 2);
+        if ((child & 3) == BvhOrder::kBlock) {
+            prefetch(&bvh.blocks_[index]);
+        } else if ((child & 3) == BvhOrder::kOriented) {
+            prefetch(&bvh.oriented_[index]);
+        } else {
+            prefetch(&bvh.inner_[index]);
+        }
+    }
+    BvhOrder::Parent parentOf(BvhOrder::Parent at) const {
+        const std::size_t index = std::size_t(at.node >> 2);
+        return (at.node & 3) == BvhOrder::kInner ? bvh.order_->innerParents[index]
+                                                 : bvh.order_->orientedParents[index];
+    }
+
     template <class Node>
     void open(const Node& node, int lanesWanted = 15) {
         const Float4 d = distances(node);
@@ -403,6 +419,8 @@ struct Bvh::Search {
         if (lanes == 0) return;
         alignas(16) float out[4];
         d.store(out);
+        for (int rest = lanes; rest != 0; rest &= rest - 1)
+            fetch(node.children[std::size_t(std::countr_zero(unsigned(rest)))]);
         stack.pushSorted(out, node.children, lanes);
     }
 
@@ -413,18 +431,19 @@ struct Bvh::Search {
             Float4::load(b.x[1]) - ax, Float4::load(b.y[1]) - ay, Float4::load(b.z[1]) - az,
             Float4::load(b.x[2]) - ax, Float4::load(b.y[2]) - ay, Float4::load(b.z[2]) - az,
             px - ax, py - ay, pz - az);
-        int lanes = laneBits(closest.distanceSquared <= Float4(best));
-        if (lanes == 0) return;
-        alignas(16) float squared[4], vs[4], ws[4];
-        closest.distanceSquared.store(squared);
+        // NaN, of a corner that is not finite and of places without a triangle, becomes infinite.
+        const Float4 squared = lower(closest.distanceSquared, Float4(kInfinity));
+        const float nearest = lowest(squared);
+        if (!(nearest <= best)) return;
+        // Triangles of a block ascend: the first of the nearest is the lowest.
+        const int lane = std::countr_zero(unsigned(laneBits(squared <= Float4(nearest))));
+        const std::int32_t t = b.triangles[std::size_t(lane)];
+        if (nearest == best && t >= triangle) return;
+        alignas(16) float vs[4], ws[4];
         closest.v.store(vs);
         closest.w.store(ws);
-        for (; lanes != 0; lanes &= lanes - 1) {
-            const int lane = std::countr_zero(unsigned(lanes));
-            const std::int32_t t = b.triangles[std::size_t(lane)];
-            if (squared[lane] < best || (squared[lane] == best && t < triangle))
-                best = squared[lane], triangle = t, v = vs[lane], w = ws[lane];
-        }
+        best = nearest, triangle = t, v = vs[lane], w = ws[lane];
+        found = &b, foundLane = lane;
         reach = reachOf(best);
     }
 
@@ -449,19 +468,18 @@ struct Bvh::Search {
 
     /// From a block up to the root, gathering the siblings that may hold something nearer.
     void climb(std::size_t block) {
-        const BvhOrder& order = *bvh.order_;
+        const BvhOrder::Parent first = bvh.order_->blockParents[block];
+        prefetch(&bvh.blocks_[block]);
+        for (BvhOrder::Parent at = first; (at.node & 3) == BvhOrder::kOriented; at = parentOf(at))
+            fetch(at.node);
         measure(bvh.blocks_[block]);
-        BvhOrder::Parent at = order.blockParents[block];
-        while (at.node != BvhOrder::kNone) {
+        for (BvhOrder::Parent at = first; at.node != BvhOrder::kNone; at = parentOf(at)) {
             const std::size_t index = std::size_t(at.node >> 2);
             const int others = 15 ^ (1 << at.lane);
-            if ((at.node & 3) == BvhOrder::kInner) {
+            if ((at.node & 3) == BvhOrder::kInner)
                 open(bvh.inner_[index], others);
-                at = order.innerParents[index];
-            } else {
+            else
                 open(bvh.oriented_[index], others);
-                at = order.orientedParents[index];
-            }
         }
         stack.sort();
     }
@@ -482,6 +500,12 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
     hit.distanceSquared = search.best;
     hit.weight0 = 1.0f - search.v - search.w;
     hit.weight1 = search.v;
+    const std::size_t lane = std::size_t(search.foundLane);
+    const auto corner = [&](int k) {
+        return Vec3f{search.found->x[k][lane], search.found->y[k][lane], search.found->z[k][lane]};
+    };
+    hit.position = corner(0) * hit.weight0 + corner(1) * hit.weight1 +
+                   corner(2) * (1.0f - hit.weight0 - hit.weight1);
     return true;
 }
 

@@ -21,13 +21,14 @@ struct BvhHit {
     float distanceSquared = 0.0f;          ///< of a closest point
     float t = 0.0f;                        ///< of a ray
     float weight0 = 0.0f, weight1 = 0.0f;  ///< of the triangle's first two corners
+    Vec3f position;                        ///< of a closest point: the corners by their weights
 };
 
 /// The part of a Bvh that only says which triangles lie together: meshes of the same triangles and
 /// other points share it, and only measure their boxes again.
 struct BvhOrder {
     /// What a child reference names; the reference is index * 4 + kind.
-    enum Kind : std::int32_t { kInner, kOriented, kBlock };
+    enum Kind : std::int32_t { kInner, kOriented, kBlock };  // kNone is of none of them
     static constexpr std::int32_t kNone = -1;
     using Children = std::array<std::int32_t, 4>;
     struct Parent {
