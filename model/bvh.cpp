@@ -30,6 +30,12 @@ struct Centroid {
 
 float finiteOrZero(float x) { return std::isfinite(x) ? x : 0.0f; }
 
+bool shareAnEdge(const Triangle& a, const Triangle& b) {
+    int shared = 0;
+    for (const std::int32_t i : a) shared += i == b[0] || i == b[1] || i == b[2];
+    return shared >= 2;
+}
+
 class OrderBuilder {
 public:
     OrderBuilder(std::span<const Vec3f> points, std::span<const Triangle> triangles,
@@ -38,12 +44,24 @@ public:
         order_->firstTriangle = first;
         order_->blockOf.resize(end - first);
         centroids_.reserve(end - first);
-        for (std::size_t t = first; t < end; ++t) {
-            const Vec3f sum = points[std::size_t(triangles[t][0])] +
-                              points[std::size_t(triangles[t][1])] +
-                              points[std::size_t(triangles[t][2])];
+        const auto sumOf = [&](std::size_t t) {
+            return points[std::size_t(triangles[t][0])] + points[std::size_t(triangles[t][1])] +
+                   points[std::size_t(triangles[t][2])];
+        };
+        const auto add = [&](std::size_t t, Vec3f at) {
             centroids_.push_back(
-                {{finiteOrZero(sum.x), finiteOrZero(sum.y), finiteOrZero(sum.z)}, std::int32_t(t)});
+                {{finiteOrZero(at.x), finiteOrZero(at.y), finiteOrZero(at.z)}, std::int32_t(t)});
+        };
+        for (std::size_t t = first; t < end; ++t) {
+            if (t + 1 < end && shareAnEdge(triangles[t], triangles[t + 1])) {
+                // Two halves of a quad stay together: cuts then run along the quads' sides, and the
+                // boxes of the two parts overlap little.
+                const Vec3f middle = (sumOf(t) + sumOf(t + 1)) * 0.5f;
+                add(t, middle);
+                add(++t, middle);
+            } else {
+                add(t, sumOf(t));
+            }
         }
     }
 
@@ -162,6 +180,28 @@ float total(Float4 v) {  // NaN adds nothing
     float sum = 0.0f;
     for (const float x : a) sum += x == x ? x : 0.0f;
     return sum;
+}
+
+/// Cuts `alone` of a node in `own` by the plane along a face of `other` that keeps the most of it:
+/// what lies in `other` cannot reach past.
+void keepClearOf(Box& alone, const Box& own, const Box& other) {
+    if (!(other.low.x <= other.high.x)) return;  // empty
+    const Vec3f center = (own.low + own.high) * 0.5f;
+    float most = -kInfinity;
+    int axis = 0;
+    bool above = false;
+    for (int k = 0; k < 3; ++k) {
+        const float up = other.low[k] - center[k], down = center[k] - other.high[k];
+        if (up > most) most = up, axis = k, above = true;
+        if (down > most) most = down, axis = k, above = false;
+    }
+    if (most == -kInfinity) {  // not finite: alone nowhere
+        alone.high.x = -kInfinity;
+    } else if (above) {
+        alone.high[axis] = std::min(alone.high[axis], other.low[axis]);
+    } else {
+        alone.low[axis] = std::max(alone.low[axis], other.high[axis]);
+    }
 }
 
 /// A box growing by four points at a time; NaN adds nothing.
@@ -352,6 +392,34 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
             innerBoxes[n].add(box.low, box.high);
         }
     }
+    // From the root down: a child is alone where its parent is and no sibling reaches.
+    const auto boxOf = [&](std::int32_t node) -> const Box& {
+        const std::size_t index = std::size_t(node >> 2);
+        return (node & 3) == BvhOrder::kInner      ? innerBoxes[index]
+               : (node & 3) == BvhOrder::kOriented ? orientedBoxes[index]
+                                                   : blockBoxes[index];
+    };
+    const auto aloneOf = [&](std::int32_t node) -> AloneBox& {
+        const std::size_t index = std::size_t(node >> 2);
+        return (node & 3) == BvhOrder::kInner ? inner_[index].alone : oriented_[index].alone;
+    };
+    const auto passDown = [&](const AloneBox& parent, const BvhOrder::Children& children) {
+        for (const std::int32_t child : children) {
+            if (child == BvhOrder::kNone || (child & 3) == BvhOrder::kBlock) continue;
+            Box alone{{parent.low[0], parent.low[1], parent.low[2]},
+                      {parent.high[0], parent.high[1], parent.high[2]}};
+            for (const std::int32_t other : children)
+                if (other != child && other != BvhOrder::kNone)
+                    keepClearOf(alone, boxOf(child), boxOf(other));
+            aloneOf(child) = {{alone.low.x, alone.low.y, alone.low.z, -kInfinity},
+                              {alone.high.x, alone.high.y, alone.high.z, kInfinity}};
+        }
+    };
+    if (order.root != BvhOrder::kNone)
+        aloneOf(order.root) = {{-kInfinity, -kInfinity, -kInfinity, -kInfinity},
+                               {kInfinity, kInfinity, kInfinity, kInfinity}};
+    for (const InnerNode& node : inner_) passDown(node.alone, node.children);
+    for (const OrientedNode& node : oriented_) passDown(node.alone, node.children);
     const Box all = !innerBoxes.empty()      ? innerBoxes[0]
                     : !orientedBoxes.empty() ? orientedBoxes[0]
                                              : Box{};
@@ -466,20 +534,34 @@ struct Bvh::Search {
         }
     }
 
-    /// From a block up to the root, gathering the siblings that may hold something nearer.
+    /// From a block up towards the root, gathering the siblings that may hold something nearer,
+    /// until nothing farther up can.
     void climb(std::size_t block) {
         const BvhOrder::Parent first = bvh.order_->blockParents[block];
         prefetch(&bvh.blocks_[block]);
         for (BvhOrder::Parent at = first; (at.node & 3) == BvhOrder::kOriented; at = parentOf(at))
             fetch(at.node);
         measure(bvh.blocks_[block]);
+        const float radius = std::sqrt(reach) * 1.00001f;
+        alignas(16) const float low[4] = {position.x - radius, position.y - radius,
+                                          position.z - radius, 0.0f};
+        alignas(16) const float high[4] = {position.x + radius, position.y + radius,
+                                           position.z + radius, 0.0f};
+        const Float4 ballLow = Float4::load(low), ballHigh = Float4::load(high);
         for (BvhOrder::Parent at = first; at.node != BvhOrder::kNone; at = parentOf(at)) {
             const std::size_t index = std::size_t(at.node >> 2);
             const int others = 15 ^ (1 << at.lane);
-            if ((at.node & 3) == BvhOrder::kInner)
+            const AloneBox* alone;
+            if ((at.node & 3) == BvhOrder::kInner) {
                 open(bvh.inner_[index], others);
-            else
+                alone = &bvh.inner_[index].alone;
+            } else {
                 open(bvh.oriented_[index], others);
+                alone = &bvh.oriented_[index].alone;
+            }
+            if (laneBits((ballLow > Float4::load(alone->low)) &
+                         (ballHigh < Float4::load(alone->high))) == 15)
+                break;
         }
         stack.sort();
     }

@@ -86,16 +86,22 @@ private:
     struct Boxes4 {
         float minX[4], minY[4], minZ[4], maxX[4], maxY[4], maxZ[4];
     };
+    /// Where a node is alone: no triangle outside the node reaches into this box (fourth: unused).
+    struct alignas(16) AloneBox {
+        float low[4], high[4];
+    };
     struct alignas(64) InnerNode {
         Boxes4 boxes;
         BvhOrder::Children children;
+        AloneBox alone;
     };
     /// Boxes along three axes of its own: a place p is at sum over k of column k times
     /// (p[k] - the column's fourth number).
-    struct alignas(32) OrientedNode {
+    struct alignas(64) OrientedNode {
         Boxes4 boxes;
         BvhOrder::Children children;
         float columns[3][4];
+        AloneBox alone;
     };
     /// Four triangles by corners; NaN where a block is not full.
     struct alignas(32) Block {
