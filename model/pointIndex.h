@@ -15,7 +15,8 @@ struct Neighbor {
     std::uint32_t index = 0;
     float distanceSquared = 0.0f;
     friend bool operator<(const Neighbor& a, const Neighbor& b) {
-        return a.distanceSquared != b.distanceSquared ? a.distanceSquared < b.distanceSquared : a.index < b.index;
+        return a.distanceSquared != b.distanceSquared ? a.distanceSquared < b.distanceSquared
+                                                      : a.index < b.index;
     }
 };
 
@@ -23,12 +24,14 @@ struct Neighbor {
 /// associative searching", CACM 18(9), 1975), buckets packed for scanning. Queries are exact, their
 /// order fixed by (squared distance, index), const and safe from any thread. The build does not
 /// depend on thread count.
+/// Edges: points that are not finite are never found; a query that is not finite finds nothing;
+///        distances whose square is past the floats are not found.
 class PointIndex {
 public:
     PointIndex() = default;
     explicit PointIndex(std::span<const Vec3f> points);
     std::size_t size() const { return count_; }
-    /// Up to out.size() nearest within `maxDistance`, ascending; returns how many.
+    /// Up to out.size() nearest within `maxDistance` (at it counts), ascending; returns how many.
     std::size_t nearest(Vec3f position, std::span<Neighbor> out,
                         float maxDistance = std::numeric_limits<float>::infinity()) const;
     /// The nearest point alone; false for an empty index or none within `maxDistance`.
@@ -39,11 +42,48 @@ public:
     void forEachWithin(Vec3f position, float radius, Visit&& visit) const;
 
 private:
-    struct Node;
+    static constexpr std::uint32_t kBucket = 8;  // points of a leaf, a multiple of 4
+    /// An inner node splits at a plane into `left` and left + 1; a leaf is a run of buckets.
+    struct Node {
+        float low = 0.0f, high = 0.0f;  ///< the left side ends at low, the right begins at high
+        std::uint32_t left = 0;         ///< inner: index of the left child; leaf: first point
+        std::uint32_t axis = kLeaf;     ///< 0 to 2; kLeaf + count for a leaf
+    };
+    static constexpr std::uint32_t kLeaf = 4;
+    struct Builder;
+
     std::size_t count_ = 0;
+    Vec3f low_, high_;
     std::vector<Node> nodes_;
-    std::vector<float> xs_, ys_, zs_;     ///< bucket order
+    std::vector<float> xs_, ys_, zs_;     ///< bucket order, each leaf padded to fours by NaN
     std::vector<std::uint32_t> indices_;  ///< bucket order
 };
+
+template <class Visit>
+void PointIndex::forEachWithin(Vec3f position, float radius, Visit&& visit) const {
+    if (nodes_.empty() || !isFinite(position) || !(radius >= 0.0f)) return;
+    const float limit = radius * radius;
+    std::uint32_t stack[64];
+    int size = 0;
+    stack[size++] = 0;
+    while (size > 0) {
+        const Node& node = nodes_[stack[--size]];
+        if (node.axis < kLeaf) {
+            // Against the planes only: a square of one difference is never above the distance.
+            const float p = position[int(node.axis)];
+            const float toLeft = p - node.low, toRight = node.high - p;
+            if (!(toRight > 0.0f && toRight * toRight > limit)) stack[size++] = node.left + 1;
+            if (!(toLeft > 0.0f && toLeft * toLeft > limit)) stack[size++] = node.left;
+            continue;
+        }
+        const std::uint32_t end = node.left + (node.axis - kLeaf);
+        for (std::uint32_t i = node.left; i < end; ++i) {
+            const float dx = xs_[i] - position.x, dy = ys_[i] - position.y,
+                        dz = zs_[i] - position.z;
+            const float d = dx * dx + dy * dy + dz * dz;
+            if (d <= limit) visit(indices_[i], d);
+        }
+    }
+}
 
 }  // namespace corvelle

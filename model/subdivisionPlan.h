@@ -21,7 +21,8 @@ public:
     ScalpPtr apply(const ScalpMesh& cage) const;
     /// "SubdivisionPlan: the points are not the cage's".
     std::vector<Vec3f> refinePoints(std::span<const Vec3f> points) const;
-    /// Values per cage vertex, `channels` each: "SubdivisionPlan: the values are not the cage's vertices'".
+    /// Values per cage vertex, `channels` each: "SubdivisionPlan: the values are not the cage's
+    /// vertices'".
     std::vector<float> refineValues(std::span<const float> values, int channels) const;
     /// Cage polygon of each refined triangle.
     std::span<const std::int32_t> cageFace() const;

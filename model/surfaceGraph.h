@@ -23,8 +23,8 @@ public:
     class Front;
     /// Cached by the root's bits and the radius; null for a root on no triangle. Thread-safe.
     std::shared_ptr<const Front> front(const StrandRoot& root, float radius) const;
-    /// Along the surface from the front's root to a place on the mesh; infinite where the front does
-    /// not reach. Never below the straight distance.
+    /// Along the surface from the front's root to a place on the mesh; infinite where the front
+    /// does not reach. Never below the straight distance.
     float distance(const Front& front, const StrandRoot& to, Vec3f toPosition) const;
 
 private:
@@ -36,8 +36,8 @@ private:
 /// unmoved roots and makes only the rest, in parallel.
 class SurfaceFronts {
 public:
-    SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph, std::span<const StrandRoot> roots, float radius,
-                  const SurfaceFronts* previous = nullptr);
+    SurfaceFronts(std::shared_ptr<const SurfaceGraph> graph, std::span<const StrandRoot> roots,
+                  float radius, const SurfaceFronts* previous = nullptr);
     float radius() const { return radius_; }
     std::size_t size() const { return fronts_.size(); }
     /// Infinite where front `i` does not reach, or root `i` lies on no triangle.

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "hosts/blender/helper/answerPool.h"
+#include "session/sceneSpace.h"
+
+namespace corvelle {
+
+class GroomSession;
+
+/// One groom that a host works on: the engine's document, and what this process keeps around it.
+/// Touched on the main thread only.
+struct HelperSession {
+    explicit HelperSession(std::int32_t sessionNumber)
+        : number(sessionNumber),
+          strandPool(poolBase("strands")),
+          guidePool(poolBase("guides")),
+          scalpPool(poolBase("scalp")) {}
+
+    std::int32_t number;
+    SceneSpace space;  ///< Z up and metres until the host tells
+    /// The document; never null once the session stands in the table. Owned by this session alone:
+    /// a shared pointer only so that the wire need not know the engine's headers.
+    std::shared_ptr<GroomSession> groom;
+    double seconds = 0.0;  ///< the current time
+    AnswerPool strandPool, guidePool, scalpPool;
+    std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
+
+private:
+    std::string poolBase(const char* kind) const {
+        return "s" + std::to_string(number) + kind;
+    }
+};
+
+/// What lives as long as the process. Destroyed at the end of the line loop, and with it every
+/// session and every region of shared memory.
+struct HelperState {
+    std::map<std::int32_t, std::unique_ptr<HelperSession>> sessions;
+    std::int32_t nextSession = 1;  ///< only ever grows
+    bool shutdownRequested = false;
+    std::string helperDirectory;  ///< of the program, UTF-8; presets are looked for here
+};
+
+}  // namespace corvelle

@@ -1,0 +1,590 @@
+#include "model/bvh.h"
+
+#include <algorithm>
+#include <bit>
+#include <cfloat>
+#include <cmath>
+#include <limits>
+
+#include "model/simd4.h"
+#include "model/triangleQueries.h"
+
+namespace corvelle {
+namespace {
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr std::size_t kBlockSize = 4;
+/// Nodes of so many triangles at most have boxes along their own axes.
+constexpr std::size_t kOrientedSize = 64;
+/// Blocks whose boxes have grown this much since the order was made are sorted anew.
+constexpr double kWornOut = 4.0;
+/// Deep enough for any tree: three entries stay behind per level, and the levels of a median split
+/// over 2^31 triangles are 16.
+constexpr int kStackSize = 128;
+
+struct Centroid {
+    float at[3];
+    std::int32_t triangle;
+};
+
+float finiteOrZero(float x) { return std::isfinite(x) ? x : 0.0f; }
+
+class OrderBuilder {
+public:
+    OrderBuilder(std::span<const Vec3f> points, std::span<const Triangle> triangles,
+                 std::size_t first, std::size_t end)
+        : order_(std::make_shared<BvhOrder>()) {
+        order_->firstTriangle = first;
+        order_->blockOf.resize(end - first);
+        centroids_.reserve(end - first);
+        for (std::size_t t = first; t < end; ++t) {
+            const Vec3f sum = points[std::size_t(triangles[t][0])] +
+                              points[std::size_t(triangles[t][1])] +
+                              points[std::size_t(triangles[t][2])];
+            centroids_.push_back(
+                {{finiteOrZero(sum.x), finiteOrZero(sum.y), finiteOrZero(sum.z)}, std::int32_t(t)});
+        }
+    }
+
+    std::shared_ptr<BvhOrder> build() {
+        const std::size_t blocks = blocksOf(centroids_.size());
+        order_->blocks.reserve(blocks);
+        order_->blockParents.reserve(blocks);
+        if (blocks > 0) order_->root = add(0, centroids_.size(), {});
+        return std::move(order_);
+    }
+
+private:
+    static std::size_t blocksOf(std::size_t count) { return (count + kBlockSize - 1) / kBlockSize; }
+
+    /// Splits [begin, begin + count) at the median block border; returns the left part's count.
+    std::size_t split(std::size_t begin, std::size_t count) {
+        const auto first = centroids_.begin() + std::ptrdiff_t(begin);
+        const auto last = first + std::ptrdiff_t(count);
+        float low[3] = {kInfinity, kInfinity, kInfinity};
+        float high[3] = {-kInfinity, -kInfinity, -kInfinity};
+        for (auto c = first; c != last; ++c)
+            for (int axis = 0; axis < 3; ++axis) {
+                low[axis] = std::min(low[axis], c->at[axis]);
+                high[axis] = std::max(high[axis], c->at[axis]);
+            }
+        int axis = 0;
+        for (int other = 1; other < 3; ++other)
+            if (high[other] - low[other] > high[axis] - low[axis]) axis = other;
+        const std::size_t left = (blocksOf(count) + 1) / 2 * kBlockSize;
+        std::nth_element(first, first + std::ptrdiff_t(left), last,
+                         [axis](const Centroid& a, const Centroid& b) {
+                             return a.at[axis] != b.at[axis] ? a.at[axis] < b.at[axis]
+                                                             : a.triangle < b.triangle;
+                         });
+        return left;
+    }
+
+    std::int32_t addBlock(std::size_t begin, std::size_t count, BvhOrder::Parent parent) {
+        const std::size_t index = order_->blocks.size();
+        std::array<std::int32_t, 4> block{-1, -1, -1, -1};
+        for (std::size_t i = 0; i < count; ++i) {
+            block[i] = centroids_[begin + i].triangle;
+            order_->blockOf[std::size_t(block[i]) - order_->firstTriangle] = std::uint32_t(index);
+        }
+        std::sort(block.begin(), block.begin() + std::ptrdiff_t(count));
+        order_->blocks.push_back(block);
+        order_->blockParents.push_back(parent);
+        return std::int32_t(index) * 4 + BvhOrder::kBlock;
+    }
+
+    std::int32_t add(std::size_t begin, std::size_t count, BvhOrder::Parent parent) {
+        if (count <= kBlockSize && parent.node != BvhOrder::kNone)
+            return addBlock(begin, count, parent);
+        const bool oriented = count <= kOrientedSize;
+        std::vector<BvhOrder::Children>& list = oriented ? order_->oriented : order_->inner;
+        const std::size_t index = list.size();
+        const std::int32_t node =
+            std::int32_t(index) * 4 + (oriented ? BvhOrder::kOriented : BvhOrder::kInner);
+        list.push_back({BvhOrder::kNone, BvhOrder::kNone, BvhOrder::kNone, BvhOrder::kNone});
+        (oriented ? order_->orientedParents : order_->innerParents).push_back(parent);
+
+        std::size_t borders[5] = {begin, begin + count, 0, 0, 0};
+        std::size_t parts = 1;
+        for (int round = 0; round < 2; ++round)  // one part into two, two into four
+            for (std::size_t p = parts; p-- > 0;) {
+                const std::size_t partCount = borders[p + 1] - borders[p];
+                if (partCount <= kBlockSize) continue;
+                const std::size_t left = split(borders[p], partCount);
+                for (std::size_t q = parts; q > p; --q) borders[q + 1] = borders[q];
+                borders[p + 1] = borders[p] + left;
+                ++parts;
+            }
+        std::array<std::uint32_t, 5> runs;
+        runs.fill(std::uint32_t(order_->blocks.size()));
+        if (oriented) order_->runs.emplace_back();
+        for (std::size_t p = 0; p < parts; ++p) {
+            const std::int32_t child =
+                add(borders[p], borders[p + 1] - borders[p], {node, std::int32_t(p)});
+            (oriented ? order_->oriented : order_->inner)[index][p] = child;
+            std::fill(runs.begin() + std::ptrdiff_t(p) + 1, runs.end(),
+                      std::uint32_t(order_->blocks.size()));
+        }
+        if (oriented) order_->runs[index] = runs;
+        return node;
+    }
+
+    std::vector<Centroid> centroids_;
+    std::shared_ptr<BvhOrder> order_;
+};
+
+struct Box {
+    Vec3f low{kInfinity, kInfinity, kInfinity};
+    Vec3f high{-kInfinity, -kInfinity, -kInfinity};
+    void add(Vec3f a, Vec3f b) {  // NaN adds nothing
+        low = componentMin(low, a);
+        high = componentMax(high, b);
+    }
+    double surface() const {
+        const Vec3f s = high - low;
+        return s.x >= 0.0f ? double(s.x) * s.y + double(s.y) * s.z + double(s.z) * s.x : 0.0;
+    }
+};
+
+/// The farthest that rounding can carry a computed point of some triangles out of their box: some
+/// ulps of its sides, and one of its coordinates so that the pad is not itself rounded away.
+Vec3f margin(const Box& box) {
+    const auto pad = [](float low, float high) {
+        return 2e-6f * (high - low) + 1.2e-7f * std::max(std::fabs(low), std::fabs(high)) + FLT_MIN;
+    };
+    return {pad(box.low.x, box.high.x), pad(box.low.y, box.high.y), pad(box.low.z, box.high.z)};
+}
+
+float lowest(Float4 v) {
+    alignas(16) float a[4];
+    v.store(a);
+    return lower(lower(a[0], a[1]), lower(a[2], a[3]));
+}
+float highest(Float4 v) {
+    alignas(16) float a[4];
+    v.store(a);
+    return upper(upper(a[0], a[1]), upper(a[2], a[3]));
+}
+float total(Float4 v) {  // NaN adds nothing
+    alignas(16) float a[4];
+    v.store(a);
+    float sum = 0.0f;
+    for (const float x : a) sum += x == x ? x : 0.0f;
+    return sum;
+}
+
+/// A box growing by four points at a time; NaN adds nothing.
+struct Box4 {
+    Float4 low[3] = {kInfinity, kInfinity, kInfinity};
+    Float4 high[3] = {-kInfinity, -kInfinity, -kInfinity};
+    void add(int axis, Float4 v) {
+        low[axis] = lower(v, low[axis]);
+        high[axis] = upper(v, high[axis]);
+    }
+    Box box() const {
+        return {{lowest(low[0]), lowest(low[1]), lowest(low[2])},
+                {highest(high[0]), highest(high[1]), highest(high[2])}};
+    }
+};
+
+/// The reciprocal for slab tests without branches: finite for a zero component.
+float inverseComponent(float d) {
+    return std::fabs(d) < 1e-30f ? std::copysign(1e30f, d) : 1.0f / d;
+}
+
+/// Squared distances at or below this may still hide a nearer triangle: box distances are rounded.
+float reachOf(float best) { return lower(best * 1.00001f + FLT_MIN, FLT_MAX); }
+
+/// The children that a query still has to see, farthest first, as (distance bits, child): distances
+/// are not negative, so their bits order as they do.
+struct Stack {
+    std::uint64_t entries[kStackSize];
+    int size = 0;
+    void pushSorted(const float* distances, const std::array<std::int32_t, 4>& children,
+                    int lanes) {
+        const int base = size;
+        for (; lanes != 0; lanes &= lanes - 1) {
+            const int lane = std::countr_zero(unsigned(lanes));
+            const std::uint64_t entry = std::uint64_t(std::bit_cast<std::uint32_t>(distances[lane]))
+                                            << 32 |
+                                        std::uint32_t(children[std::size_t(lane)]);
+            int at = size++;
+            for (; at > base && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
+            entries[at] = entry;
+        }
+    }
+    void push(std::int32_t child) { entries[size++] = std::uint32_t(child); }
+    /// Farthest first, as one sorted push would have left them.
+    void sort() {
+        for (int i = 1; i < size; ++i) {
+            const std::uint64_t entry = entries[i];
+            int at = i;
+            for (; at > 0 && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
+            entries[at] = entry;
+        }
+    }
+    bool pop(float& distance, std::int32_t& child) {
+        if (size == 0) return false;
+        const std::uint64_t entry = entries[--size];
+        distance = std::bit_cast<float>(std::uint32_t(entry >> 32));
+        child = std::int32_t(std::uint32_t(entry));
+        return true;
+    }
+};
+
+}  // namespace
+
+Bvh::Bvh(std::span<const Vec3f> points, std::span<const Triangle> triangles, std::size_t first,
+         std::size_t end) {
+    const std::shared_ptr<BvhOrder> order = OrderBuilder(points, triangles, first, end).build();
+    order_ = order;
+    fit(points, triangles);
+    order->looseness = looseness_;
+}
+
+Bvh::Bvh(std::shared_ptr<const BvhOrder> order, std::span<const Vec3f> points,
+         std::span<const Triangle> triangles)
+    : order_(std::move(order)) {
+    fit(points, triangles);
+}
+
+void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles) {
+    const BvhOrder& order = *order_;
+    blocks_.resize(order.blocks.size());
+    std::vector<Box> blockBoxes(order.blocks.size());
+    std::vector<Vec3f> blockNormals(order.blocks.size());  // twice the area long
+    double surface = 0.0, area = 0.0;
+    for (std::size_t b = 0; b < blocks_.size(); ++b) {
+        Block& block = blocks_[b];
+        block.triangles = order.blocks[b];
+        for (std::size_t lane = 0; lane < kBlockSize; ++lane) {
+            const std::int32_t t = block.triangles[lane];
+            for (std::size_t k = 0; k < 3; ++k) {
+                const Vec3f p = t < 0 ? Vec3f{kNan, kNan, kNan}
+                                      : points[std::size_t(triangles[std::size_t(t)][k])];
+                block.x[k][lane] = p.x, block.y[k][lane] = p.y, block.z[k][lane] = p.z;
+            }
+        }
+        Box4 box;
+        Float4 x[3], y[3], z[3];
+        for (int k = 0; k < 3; ++k) {
+            x[k] = Float4::load(block.x[k]), y[k] = Float4::load(block.y[k]);
+            z[k] = Float4::load(block.z[k]);
+            box.add(0, x[k]), box.add(1, y[k]), box.add(2, z[k]);
+        }
+        const Float4 abx = x[1] - x[0], aby = y[1] - y[0], abz = z[1] - z[0];
+        const Float4 acx = x[2] - x[0], acy = y[2] - y[0], acz = z[2] - z[0];
+        blockNormals[b] = {total(aby * acz - abz * acy), total(abz * acx - abx * acz),
+                           total(abx * acy - aby * acx)};
+        Box& padded = blockBoxes[b] = box.box();
+        surface += padded.surface();
+        area += length(blockNormals[b]);
+        const Vec3f pad = margin(padded);
+        padded.low -= pad, padded.high += pad;
+    }
+    looseness_ = area > 0.0 ? surface / area : 0.0;
+
+    const auto setLane = [](Boxes4& boxes, std::size_t lane, const Box& box) {
+        boxes.minX[lane] = box.low.x, boxes.maxX[lane] = box.high.x;
+        boxes.minY[lane] = box.low.y, boxes.maxY[lane] = box.high.y;
+        boxes.minZ[lane] = box.low.z, boxes.maxZ[lane] = box.high.z;
+    };
+
+    oriented_.resize(order.oriented.size());
+    std::vector<Box> orientedBoxes(order.oriented.size());
+    for (std::size_t n = 0; n < oriented_.size(); ++n) {
+        OrientedNode& node = oriented_[n];
+        node.children = order.oriented[n];
+        const std::array<std::uint32_t, 5>& runs = order.runs[n];
+        Box all;
+        Vec3f sum;
+        for (std::uint32_t b = runs[0]; b < runs[4]; ++b) {
+            all.add(blockBoxes[b].low, blockBoxes[b].high);
+            sum += blockNormals[b];
+        }
+        orientedBoxes[n] = all;
+        Vec3f center = (all.low + all.high) * 0.5f;
+        if (!isFinite(center)) center = {};
+        Vec3f normal = normalized(sum);
+        if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
+        const Vec3f side = anyPerpendicular(normal), up = cross(normal, side);
+        for (int k = 0; k < 3; ++k) {
+            node.columns[k][0] = side[k], node.columns[k][1] = up[k];
+            node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
+        }
+        const Vec3f sides = all.high - all.low;
+        const float pad = 4e-6f * (sides.x + sides.y + sides.z) + FLT_MIN;
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            Box4 box;
+            for (std::uint32_t b = runs[lane]; b < runs[lane + 1]; ++b)
+                for (int k = 0; k < 3; ++k) {
+                    const Float4 x = Float4::load(blocks_[b].x[k]) - Float4(center.x);
+                    const Float4 y = Float4::load(blocks_[b].y[k]) - Float4(center.y);
+                    const Float4 z = Float4::load(blocks_[b].z[k]) - Float4(center.z);
+                    const Vec3f axes[3] = {side, up, normal};
+                    for (int axis = 0; axis < 3; ++axis)
+                        box.add(axis, Float4(axes[axis].x) * x + Float4(axes[axis].y) * y +
+                                          Float4(axes[axis].z) * z);
+                }
+            Box child = box.box();
+            if (runs[lane] < runs[lane + 1]) {
+                child.low -= Vec3f{pad, pad, pad};
+                child.high += Vec3f{pad, pad, pad};
+            }
+            setLane(node.boxes, lane, child);
+        }
+    }
+
+    // Children come after their parents, so going backwards meets them first.
+    inner_.resize(order.inner.size());
+    std::vector<Box> innerBoxes(order.inner.size());
+    for (std::size_t n = inner_.size(); n-- > 0;) {
+        InnerNode& node = inner_[n];
+        node.children = order.inner[n];
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            const std::int32_t child = node.children[lane];
+            Box box;
+            if (child != BvhOrder::kNone) {
+                const std::size_t index = std::size_t(child >> 2);
+                box = (child & 3) == BvhOrder::kInner      ? innerBoxes[index]
+                      : (child & 3) == BvhOrder::kOriented ? orientedBoxes[index]
+                                                           : blockBoxes[index];
+            }
+            setLane(node.boxes, lane, box);
+            innerBoxes[n].add(box.low, box.high);
+        }
+    }
+    const Box all = !innerBoxes.empty()      ? innerBoxes[0]
+                    : !orientedBoxes.empty() ? orientedBoxes[0]
+                                             : Box{};
+    low_ = all.low, high_ = all.high;
+}
+
+/// One closest-point query.
+struct Bvh::Search {
+    const Bvh& bvh;
+    Vec3f position;
+    Float4 px, py, pz;
+    float best;   // squared; at it, a lower triangle still wins
+    float reach;  // squared; boxes beyond it hold nothing
+    std::int32_t triangle = -1;
+    float v = 0.0f, w = 0.0f;
+    Stack stack;
+
+    Search(const Bvh& tree, Vec3f p, float maxDistanceSquared)
+        : bvh(tree),
+          position(p),
+          px(p.x),
+          py(p.y),
+          pz(p.z),
+          best(lower(maxDistanceSquared, FLT_MAX)),
+          reach(reachOf(best)) {}
+
+    static Float4 boxDistances(const Boxes4& b, Float4 x, Float4 y, Float4 z) {
+        const Float4 zero(0.0f);
+        const Float4 dx = upper(upper(Float4::load(b.minX) - x, x - Float4::load(b.maxX)), zero);
+        const Float4 dy = upper(upper(Float4::load(b.minY) - y, y - Float4::load(b.maxY)), zero);
+        const Float4 dz = upper(upper(Float4::load(b.minZ) - z, z - Float4::load(b.maxZ)), zero);
+        return dx * dx + dy * dy + dz * dz;
+    }
+    Float4 distances(const InnerNode& node) const { return boxDistances(node.boxes, px, py, pz); }
+    Float4 distances(const OrientedNode& node) const {
+        const Float4 at = Float4::load(node.columns[0]) * Float4(position.x - node.columns[0][3]) +
+                          Float4::load(node.columns[1]) * Float4(position.y - node.columns[1][3]) +
+                          Float4::load(node.columns[2]) * Float4(position.z - node.columns[2][3]);
+        return boxDistances(node.boxes, spread<0>(at), spread<1>(at), spread<2>(at));
+    }
+
+    template <class Node>
+    void open(const Node& node, int lanesWanted = 15) {
+        const Float4 d = distances(node);
+        const int lanes = laneBits(d <= Float4(reach)) & lanesWanted;
+        if (lanes == 0) return;
+        alignas(16) float out[4];
+        d.store(out);
+        stack.pushSorted(out, node.children, lanes);
+    }
+
+    void measure(const Block& b) {
+        const Float4 ax = Float4::load(b.x[0]), ay = Float4::load(b.y[0]),
+                     az = Float4::load(b.z[0]);
+        const TriangleClosest<Float4> closest = closestOnTriangle<Float4>(
+            Float4::load(b.x[1]) - ax, Float4::load(b.y[1]) - ay, Float4::load(b.z[1]) - az,
+            Float4::load(b.x[2]) - ax, Float4::load(b.y[2]) - ay, Float4::load(b.z[2]) - az,
+            px - ax, py - ay, pz - az);
+        int lanes = laneBits(closest.distanceSquared <= Float4(best));
+        if (lanes == 0) return;
+        alignas(16) float squared[4], vs[4], ws[4];
+        closest.distanceSquared.store(squared);
+        closest.v.store(vs);
+        closest.w.store(ws);
+        for (; lanes != 0; lanes &= lanes - 1) {
+            const int lane = std::countr_zero(unsigned(lanes));
+            const std::int32_t t = b.triangles[std::size_t(lane)];
+            if (squared[lane] < best || (squared[lane] == best && t < triangle))
+                best = squared[lane], triangle = t, v = vs[lane], w = ws[lane];
+        }
+        reach = reachOf(best);
+    }
+
+    void run() {
+        float distance;
+        std::int32_t child;
+        while (stack.pop(distance, child)) {
+            if (distance > reach) continue;
+            const std::size_t index = std::size_t(child >> 2);
+            switch (child & 3) {
+                case BvhOrder::kInner:
+                    open(bvh.inner_[index]);
+                    break;
+                case BvhOrder::kOriented:
+                    open(bvh.oriented_[index]);
+                    break;
+                default:
+                    measure(bvh.blocks_[index]);
+            }
+        }
+    }
+
+    /// From a block up to the root, gathering the siblings that may hold something nearer.
+    void climb(std::size_t block) {
+        const BvhOrder& order = *bvh.order_;
+        measure(bvh.blocks_[block]);
+        BvhOrder::Parent at = order.blockParents[block];
+        while (at.node != BvhOrder::kNone) {
+            const std::size_t index = std::size_t(at.node >> 2);
+            const int others = 15 ^ (1 << at.lane);
+            if ((at.node & 3) == BvhOrder::kInner) {
+                open(bvh.inner_[index], others);
+                at = order.innerParents[index];
+            } else {
+                open(bvh.oriented_[index], others);
+                at = order.orientedParents[index];
+            }
+        }
+        stack.sort();
+    }
+};
+
+bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
+                       BvhHit& hit) const {
+    if (order_->root == BvhOrder::kNone || !isFinite(position)) return false;
+    Search search(*this, position, maxDistanceSquared);
+    const std::size_t near = std::size_t(nearTriangle) - order_->firstTriangle;
+    if (nearTriangle >= 0 && near < order_->blockOf.size())
+        search.climb(order_->blockOf[near]);
+    else
+        search.stack.push(order_->root);
+    search.run();
+    if (search.triangle < 0) return false;
+    hit.triangle = search.triangle;
+    hit.distanceSquared = search.best;
+    hit.weight0 = 1.0f - search.v - search.w;
+    hit.weight1 = search.v;
+    return true;
+}
+
+bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const {
+    if (order_->root == BvhOrder::kNone || !isFinite(origin) || !isFinite(direction) ||
+        direction == Vec3f{})
+        return false;
+    const ShearedRay ray(origin, direction);
+    // The triangle test rounds by ulps of the distance from the origin; the boxes give that way.
+    const Vec3f far = componentMax(componentMax(high_ - origin, origin - low_), Vec3f{});
+    const float pad = 4e-6f * std::max({far.x, far.y, far.z});
+    float best = kInfinity;
+    std::int32_t bestTriangle = -1;
+    Stack stack;
+
+    const auto open = [&](const Boxes4& boxes, const BvhOrder::Children& children, Vec3f from,
+                          Vec3f along) {
+        Float4 tNear(0.0f), tFar(FLT_MAX);
+        const auto slab = [&](const float* low, const float* high, float o, float d) {
+            const Float4 inverse(inverseComponent(d));
+            const Float4 a = (Float4::load(low) - Float4(o + pad)) * inverse;
+            const Float4 b = (Float4::load(high) - Float4(o - pad)) * inverse;
+            tNear = upper(lower(a, b), tNear);
+            tFar = lower(upper(a, b), tFar);
+        };
+        slab(boxes.minX, boxes.maxX, from.x, along.x);
+        slab(boxes.minY, boxes.maxY, from.y, along.y);
+        slab(boxes.minZ, boxes.maxZ, from.z, along.z);
+        // An empty child has its sides swapped and infinite: told by its box, not by the slabs.
+        const Mask4 filled = Float4::load(boxes.minX) <= Float4::load(boxes.maxX);
+        const Float4 wider(1.00001f);
+        const int lanes =
+            laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
+        if (lanes == 0) return;
+        alignas(16) float entries[4];
+        tNear.store(entries);
+        stack.pushSorted(entries, children, lanes);
+    };
+
+    stack.push(order_->root);
+    float entry;
+    std::int32_t child;
+    while (stack.pop(entry, child)) {
+        if (entry > best * 1.00001f) continue;
+        const std::size_t index = std::size_t(child >> 2);
+        if ((child & 3) == BvhOrder::kInner) {
+            open(inner_[index].boxes, inner_[index].children, origin, direction);
+        } else if ((child & 3) == BvhOrder::kOriented) {
+            const OrientedNode& n = oriented_[index];
+            Vec3f from, along;
+            for (int k = 0; k < 3; ++k) {
+                const Vec3f column{n.columns[k][0], n.columns[k][1], n.columns[k][2]};
+                from += column * (origin[k] - n.columns[k][3]);
+                along += column * direction[k];
+            }
+            open(n.boxes, n.children, from, along);
+        } else {
+            const Block& b = blocks_[index];
+            for (std::size_t lane = 0; lane < kBlockSize && b.triangles[lane] >= 0; ++lane) {
+                const std::int32_t triangle = b.triangles[lane];
+                float t, w0, w1;
+                if (!intersectTriangle(ray, {b.x[0][lane], b.y[0][lane], b.z[0][lane]},
+                                       {b.x[1][lane], b.y[1][lane], b.z[1][lane]},
+                                       {b.x[2][lane], b.y[2][lane], b.z[2][lane]}, t, w0, w1))
+                    continue;
+                if (t < best || (t == best && triangle < bestTriangle)) {
+                    best = t, bestTriangle = triangle;
+                    hit.triangle = triangle;
+                    hit.t = t;
+                    hit.weight0 = w0;
+                    hit.weight1 = w1;
+                }
+            }
+        }
+    }
+    return bestTriangle >= 0;
+}
+
+std::shared_ptr<LazyBvh> LazyBvh::sibling() const {
+    return std::shared_ptr<LazyBvh>(new LazyBvh(shared_));
+}
+
+const Bvh& LazyBvh::get(std::span<const Vec3f> points, std::span<const Triangle> triangles,
+                        std::size_t first, std::size_t end) const {
+    if (const Bvh* tree = ready_.load(std::memory_order_acquire)) return *tree;
+    const std::lock_guard lock(mutex_);
+    if (const Bvh* tree = ready_.load(std::memory_order_relaxed)) return *tree;
+    std::shared_ptr<const BvhOrder> order;
+    {
+        const std::lock_guard sharedLock(shared_->mutex);
+        order = shared_->order;
+    }
+    if (order) {
+        tree_ = std::make_unique<const Bvh>(order, points, triangles);
+        if (tree_->looseness() > kWornOut * order->looseness) order = nullptr;
+    }
+    if (!order) {
+        tree_ = std::make_unique<const Bvh>(points, triangles, first, end);
+        const std::lock_guard sharedLock(shared_->mutex);
+        shared_->order = tree_->order();
+    }
+    ready_.store(tree_.get(), std::memory_order_release);
+    return *tree_;
+}
+
+}  // namespace corvelle

@@ -1,0 +1,143 @@
+#pragma once
+
+#include <cstdint>
+
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define CORVELLE_SSE2 1
+#else
+#define CORVELLE_SSE2 0
+#endif
+
+namespace corvelle {
+
+// Four floats side by side, on the SSE2 of the x86-64 baseline or in plain loops elsewhere. Every
+// operation is one correctly rounded IEEE operation per lane, none is fused or approximated, so
+// both forms, and the same formula over plain floats, give the same bits. That is why the helpers
+// below come for float and bool too: a kernel is written once as a template and run either way.
+
+/// Four truth values.
+struct Mask4 {
+#if CORVELLE_SSE2
+    __m128 bits;
+    friend Mask4 operator&(Mask4 a, Mask4 b) { return {_mm_and_ps(a.bits, b.bits)}; }
+    friend Mask4 operator|(Mask4 a, Mask4 b) { return {_mm_or_ps(a.bits, b.bits)}; }
+    /// Bit i is lane i.
+    friend int laneBits(Mask4 a) { return _mm_movemask_ps(a.bits); }
+#else
+    bool bits[4];
+    friend Mask4 operator&(Mask4 a, Mask4 b) {
+        for (int i = 0; i < 4; ++i) a.bits[i] = a.bits[i] && b.bits[i];
+        return a;
+    }
+    friend Mask4 operator|(Mask4 a, Mask4 b) {
+        for (int i = 0; i < 4; ++i) a.bits[i] = a.bits[i] || b.bits[i];
+        return a;
+    }
+    friend int laneBits(Mask4 a) {
+        return int(a.bits[0]) | int(a.bits[1]) << 1 | int(a.bits[2]) << 2 | int(a.bits[3]) << 3;
+    }
+#endif
+};
+
+struct Float4 {
+#if CORVELLE_SSE2
+    __m128 lanes;
+    Float4() = default;
+    Float4(__m128 v) : lanes(v) {}
+    Float4(float v) : lanes(_mm_set1_ps(v)) {}
+    /// `p` is 16-byte aligned.
+    static Float4 load(const float* p) { return _mm_load_ps(p); }
+    static Float4 loadUnaligned(const float* p) { return _mm_loadu_ps(p); }
+    void store(float* p) const { _mm_store_ps(p, lanes); }
+    friend Float4 operator+(Float4 a, Float4 b) { return _mm_add_ps(a.lanes, b.lanes); }
+    friend Float4 operator-(Float4 a, Float4 b) { return _mm_sub_ps(a.lanes, b.lanes); }
+    friend Float4 operator*(Float4 a, Float4 b) { return _mm_mul_ps(a.lanes, b.lanes); }
+    friend Float4 operator/(Float4 a, Float4 b) { return _mm_div_ps(a.lanes, b.lanes); }
+    friend Mask4 operator<(Float4 a, Float4 b) { return {_mm_cmplt_ps(a.lanes, b.lanes)}; }
+    friend Mask4 operator<=(Float4 a, Float4 b) { return {_mm_cmple_ps(a.lanes, b.lanes)}; }
+    friend Mask4 operator>(Float4 a, Float4 b) { return {_mm_cmpgt_ps(a.lanes, b.lanes)}; }
+    friend Mask4 operator>=(Float4 a, Float4 b) { return {_mm_cmpge_ps(a.lanes, b.lanes)}; }
+    /// a < b ? a : b, so b where either is NaN.
+    friend Float4 lower(Float4 a, Float4 b) { return _mm_min_ps(a.lanes, b.lanes); }
+    /// a > b ? a : b, so b where either is NaN.
+    friend Float4 upper(Float4 a, Float4 b) { return _mm_max_ps(a.lanes, b.lanes); }
+    friend Float4 select(Mask4 m, Float4 a, Float4 b) {
+        return _mm_or_ps(_mm_and_ps(m.bits, a.lanes), _mm_andnot_ps(m.bits, b.lanes));
+    }
+#else
+    alignas(16) float lanes[4];
+    Float4() = default;
+    Float4(float v) : lanes{v, v, v, v} {}
+    static Float4 load(const float* p) { return loadUnaligned(p); }
+    static Float4 loadUnaligned(const float* p) {
+        Float4 r;
+        for (int i = 0; i < 4; ++i) r.lanes[i] = p[i];
+        return r;
+    }
+    void store(float* p) const {
+        for (int i = 0; i < 4; ++i) p[i] = lanes[i];
+    }
+    template <class F>
+    static Float4 each(Float4 a, Float4 b, F f) {
+        for (int i = 0; i < 4; ++i) a.lanes[i] = f(a.lanes[i], b.lanes[i]);
+        return a;
+    }
+    template <class F>
+    static Mask4 test(Float4 a, Float4 b, F f) {
+        Mask4 m;
+        for (int i = 0; i < 4; ++i) m.bits[i] = f(a.lanes[i], b.lanes[i]);
+        return m;
+    }
+    friend Float4 operator+(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x + y; });
+    }
+    friend Float4 operator-(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x - y; });
+    }
+    friend Float4 operator*(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x * y; });
+    }
+    friend Float4 operator/(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x / y; });
+    }
+    friend Mask4 operator<(Float4 a, Float4 b) {
+        return test(a, b, [](float x, float y) { return x < y; });
+    }
+    friend Mask4 operator<=(Float4 a, Float4 b) {
+        return test(a, b, [](float x, float y) { return x <= y; });
+    }
+    friend Mask4 operator>(Float4 a, Float4 b) {
+        return test(a, b, [](float x, float y) { return x > y; });
+    }
+    friend Mask4 operator>=(Float4 a, Float4 b) {
+        return test(a, b, [](float x, float y) { return x >= y; });
+    }
+    friend Float4 lower(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x < y ? x : y; });
+    }
+    friend Float4 upper(Float4 a, Float4 b) {
+        return each(a, b, [](float x, float y) { return x > y ? x : y; });
+    }
+    friend Float4 select(Mask4 m, Float4 a, Float4 b) {
+        for (int i = 0; i < 4; ++i) a.lanes[i] = m.bits[i] ? a.lanes[i] : b.lanes[i];
+        return a;
+    }
+#endif
+};
+
+/// Lane i in every lane.
+template <int i>
+inline Float4 spread(Float4 a) {
+#if CORVELLE_SSE2
+    return _mm_shuffle_ps(a.lanes, a.lanes, _MM_SHUFFLE(i, i, i, i));
+#else
+    return Float4(a.lanes[i]);
+#endif
+}
+
+inline float lower(float a, float b) { return a < b ? a : b; }
+inline float upper(float a, float b) { return a > b ? a : b; }
+inline float select(bool m, float a, float b) { return m ? a : b; }
+
+}  // namespace corvelle

@@ -1,0 +1,185 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <map>
+#include <memory>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "graph/graph.h"
+#include "io/groomFile.h"
+#include "model/guideHierarchy.h"
+#include "session/evaluationResult.h"
+#include "session/scalpFollow.h"
+
+namespace corvelle {
+
+struct DetachedEvaluation;
+
+/// One groom being worked on: its document, the graphs made from it, and their caches. Knows nothing
+/// of requests, shared memory or the host's space: everything here is groom space. Used on one thread;
+/// results and meshes are shared, immutable values.
+///
+/// Setters compare first and return at once when nothing changes, so that caches stay warm.
+class GroomSession {
+public:
+    /// Throws what graphFromJson throws when the graph text does not read; the other texts of the file
+    /// become error texts, shown on each evaluation.
+    explicit GroomSession(GroomFile file = {});
+    ~GroomSession();
+    GroomSession(const GroomSession&) = delete;
+    GroomSession& operator=(const GroomSession&) = delete;
+
+    const GroomFile& document() const { return document_; }
+
+    // The graph.
+    /// Throws on a text that does not read, and leaves the graph as it was. Node state moves over by
+    /// name and type; `renamed` maps old names to new ones.
+    void setGraphJson(const std::string& text, const std::map<std::string, std::string>& renamed = {});
+    const Graph* graph() const { return graph_ ? &*graph_ : nullptr; }
+    /// The graph that the last evaluation ran: the thinned copy of a stroke, or the main one.
+    const Graph* lastGraph() const { return usingSculptGraph_ && sculptGraph_ ? &*sculptGraph_ : graph(); }
+    const std::string& graphError() const { return graphError_; }
+    std::uint64_t graphRevision() const { return graphRevision_; }
+
+    // Guides.
+    void setGuides(GuidesPtr flat);  ///< null or empty: none
+    /// The host's guides in the rest pose; null: none. Used for the rest state while following.
+    void setRestGuides(GuidesPtr rest);
+    const GuidesPtr& restGuides() const { return restGuides_; }
+    void setHierarchy(GuideHierarchy hierarchy);
+    void setHierarchyJson(const std::string& text);
+    /// As the document holds it: rest pose with rest points on the scalp, else its bind scalp's pose.
+    const std::shared_ptr<const GuideHierarchy>& hierarchy() const { return hierarchy_; }
+    /// On the scalp as it is now; never null, empty without a hierarchy.
+    std::shared_ptr<const GuideHierarchy> activeHierarchy();
+    const std::string& hierarchyError() const { return hierarchyError_; }
+    /// The texts of the document that did not read, each with what it is of.
+    std::vector<std::string> dataErrors() const;
+    /// The scalp in the pose that `hierarchy` is in; null without a scalp.
+    ScalpPtr hierarchyPose();
+    /// The hierarchy was bound to other triangles than the scalp's.
+    bool hierarchyStale() const;
+
+    // The scalp.
+    /// The held mesh stays when all data are equal. Other triangles root guides and hierarchy again
+    /// by position, with a message at the next evaluation.
+    void setScalp(ScalpPtr scalp);
+    const ScalpPtr& scalp() const { return document_.scalp; }
+    /// The scalp in its rest pose: itself without rest points. Null without a scalp.
+    ScalpPtr restScalp();
+    /// Throws std::runtime_error without a scalp, std::invalid_argument for another point count.
+    void updateScalpPoints(std::vector<Vec3f> points, std::optional<std::vector<Vec3f>> restPoints);
+    void setFollowScalp(bool on);
+
+    void setFramesPerSecond(double rate);
+    double framesPerSecond() const { return document_.framesPerSecond; }
+    void setMaps(MapCatalogPtr maps);
+    void setControl(const std::string& name, float value);
+    void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
+
+    // Strokes: the thinned graph and the live guides of the stroke under way.
+    void setStroking(bool on) { stroking_ = on; }
+    void setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live);  ///< in the current pose; null: none
+
+    // Evaluation.
+    /// Never throws: failures end up in the result's lists.
+    const EvaluationResult& evaluate(const EvaluateOptions& options);
+    const EvaluationResult& result() const { return *result_; }
+    std::shared_ptr<const EvaluationResult> sharedResult() const { return result_; }
+    /// The failure of the last evaluation, for callers that cannot go on without strands.
+    std::exception_ptr pendingException() const { return pendingException_; }
+    bool following() const { return follow_.following; }
+    std::uint64_t nodesEvaluated() const;
+    std::uint64_t nodesIncremental() const;
+    double seconds() const { return seconds_; }
+    /// The mesh that nodes see: the own scalp first, named ones as pieces behind it.
+    ScalpPtr evaluationScalp() { return assembled(document_.scalp); }
+    /// What nodes are given, as the last evaluation gave it.
+    const EvaluationData& evaluationData() const { return data_; }
+
+    // Evaluation on another thread while the session goes on. Null when one cannot start: no graph, a
+    // stroke under way, a view node, or `after` belongs to another graph revision.
+    std::shared_ptr<DetachedEvaluation> startDetachedEvaluation(const EvaluateOptions& options,
+                                                                std::shared_ptr<DetachedEvaluation> after = nullptr);
+    /// Takes over the result and the warm graph of a finished evaluation; rethrows its failure. False
+    /// when it is not done, or the graph has changed since.
+    bool adoptDetached(const std::shared_ptr<DetachedEvaluation>& detached);
+
+    // Reports.
+    nlohmann::json stats();
+    nlohmann::json hairLook() const;
+
+private:
+    struct SerialSlot {
+        NodeId node = 0;
+        std::uint64_t stamp = 0;
+        std::uint64_t serial = 0;
+        StrandsPtr strands;
+        ScalpPtr restMesh, mesh;  ///< while following, else null
+    };
+    void advanceTo(double seconds, std::vector<EvaluationMessage>& messages);
+    void prepareFollow(std::vector<EvaluationMessage>& messages);
+    void fillData(const EvaluateOptions& options, float density);
+    void runGraph(const EvaluateOptions& options, EvaluationResult& next);
+    void numberResult(const Graph& graph, NodeId node, const StrandsPtr& nodeStrands, EvaluationResult& next);
+    void countRevisions(const EvaluationResult& before, bool guidesMoved, EvaluationResult& next);
+    void measureBounds(const EvaluateOptions& options, const EvaluationResult& before, EvaluationResult& next);
+    std::string nonFiniteText() const;
+    void recordScalp();
+    void dropSculptGraph();
+    void retireGraph();
+    void replaceHierarchy(std::shared_ptr<const GuideHierarchy> hierarchy);
+
+    ScalpPtr assembled(const ScalpPtr& own);
+
+    GroomFile document_;
+    std::optional<Graph> graph_;
+    std::optional<Graph> sculptGraph_;
+    bool usingSculptGraph_ = false;
+    std::uint64_t sculptEvaluatedBase_ = 0, sculptIncrementalBase_ = 0;
+    std::uint64_t retiredEvaluated_ = 0, retiredIncremental_ = 0;
+    std::string graphError_;
+    std::uint64_t graphRevision_ = 0;
+
+    std::shared_ptr<const GuideHierarchy> hierarchy_ = std::make_shared<const GuideHierarchy>();
+    ScalpPtr bindScalp_;  ///< the pose of a hierarchy without a rest pose
+    std::string hierarchyError_;
+    std::uint64_t hierarchyRevision_ = 0, hierarchyRevisionReported_ = 0;
+    struct {
+        std::shared_ptr<const GuideHierarchy> from, result;
+        ScalpPtr bind, current;
+    } activeCache_;
+    GuidesPtr restGuides_;
+    std::shared_ptr<const GuideHierarchy> liveHierarchy_;
+    bool stroking_ = false;
+
+    ScalpFollow follow_;
+    std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
+    struct {
+        ScalpPtr own, result;
+        std::vector<std::pair<std::string, ScalpPtr>> named;
+    } assembled_;
+
+    double seconds_ = 0.0;
+    std::vector<EvaluationMessage> pendingMessages_;
+    std::exception_ptr pendingException_;
+    EvaluationData data_;
+    std::shared_ptr<const EvaluationResult> result_ = std::make_shared<const EvaluationResult>();
+    std::array<SerialSlot, 2> slots_;  ///< main graph, sculpt graph
+    std::uint64_t serialCounter_ = 0;
+    bool boundsPending_ = false;
+    struct {
+        ScalpPtr scalp, restScalp;
+        std::shared_ptr<const GuideHierarchy> hierarchy;
+        GuidesPtr flat;
+    } lastSeen_;
+    std::uint64_t evaluations_ = 0, restEvaluations_ = 0;
+};
+
+}  // namespace corvelle
