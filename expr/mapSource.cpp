@@ -1,30 +1,38 @@
 #include "expr/mapSource.h"
 
-#include <array>
-
 #include "model/hash.h"
 
 namespace corvelle {
 
-namespace {
-
-constexpr std::array<const char*, 5> kKindKeys = {"texture", "colorSet", "attribute", "expression",
-                                                  "guide"};
-constexpr std::array<const char*, 5> kComponentWords = {"r", "g", "b", "a", "luminance"};
-
-}  // namespace
-
 std::uint64_t MapSource::hash() const {
-    std::uint64_t h = hashOf(source);
-    h = hashCombine(h, std::uint64_t(kind));
-    h = hashCombine(h, std::uint64_t(component));
+    std::uint64_t h = mix64(static_cast<std::uint64_t>(kind));
+    h = hashCombine(h, std::uint64_t(source.size()));
+    h = hashCombine(h, source);
+    h = hashCombine(h, static_cast<std::uint64_t>(component));
     h = hashCombine(h, low);
     return hashCombine(h, high);
 }
 
-const char* mapKindKey(MapKind kind) { return kKindKeys[std::size_t(kind)]; }
+const char* mapKindKey(MapKind kind) {
+    switch (kind) {
+        case MapKind::Texture: return "texture";
+        case MapKind::ColorSet: return "colorSet";
+        case MapKind::Attribute: return "attribute";
+        case MapKind::Expression: return "expression";
+        case MapKind::GuideLayer: return "guide";
+    }
+    return "expression";
+}
+
 const char* mapComponentWord(MapComponent component) {
-    return kComponentWords[std::size_t(component)];
+    switch (component) {
+        case MapComponent::R: return "r";
+        case MapComponent::G: return "g";
+        case MapComponent::B: return "b";
+        case MapComponent::A: return "a";
+        case MapComponent::Luminance: return "luminance";
+    }
+    return "luminance";
 }
 
 }  // namespace corvelle
