@@ -439,6 +439,7 @@ TEST_F(GraphTest, AMovedGuideReachesItsStrandsAlone) {
 
 TEST_F(GraphTest, TheVerifySwitchCatchesWhatAnUpdateSaysWrong) {
     const auto ids = chain({"TestTuft", "TestMove", "TestWrong"});
+    graph.setParam(ids[0], "strands", 200.0);
     const std::string start = "node 'TestWrong2': output 'out' evaluated incrementally: ";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"none", "no error"},
