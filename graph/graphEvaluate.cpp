@@ -303,7 +303,8 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         fresh.runWarnings = n.runWarnings;
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
-        const UpdateRequest request{previous, slots, own, n.contextHash};
+        std::vector<NodeValue> handed = previous;
+        const UpdateRequest request{handed, slots, own, n.contextHash};
         const EvalContext context(data, op.contextReads());
         ++n.runs;
         if (!op.update(context, inputs, request, result)) {
