@@ -175,8 +175,9 @@ TEST_F(MapTest, AGuideLayerBlendsTheFourNearestGuidesThatCarryIt) {
             EXPECT_NEAR(map->at({}, p, MapComponent::R), sum / weights, 1e-3);
         }
         for (std::size_t g = 0; g < set->size(); ++g)
-            if (g % 4 != 3)
+            if (g % 4 != 3) {
                 EXPECT_NEAR(map->at({}, set->pointsOf(g)[0], MapComponent::R), float(g), 1e-4f);
+            }
     }
     EXPECT_EQ(guideLayerMap(guides(5), scalp, "other"), nullptr);
     EXPECT_EQ(guideLayerMap(nullptr, scalp, "mask"), nullptr);
@@ -275,7 +276,9 @@ TEST_F(MapTest, TheCatalogueSaysWhyAMapCannotBeRead) {
         const MapLookup lookup = look(c.name, c.scalp, c.guides);
         EXPECT_TRUE(lookup.found && !lookup.map) << c.name;
         EXPECT_EQ(lookup.fault, c.fault) << c.name;
-        if (!c.detail.empty()) EXPECT_EQ(lookup.detail, c.detail);
+        if (!c.detail.empty()) {
+            EXPECT_EQ(lookup.detail, c.detail);
+        }
     }
     EXPECT_FALSE(look("none", scalp, nullptr).found);
     EXPECT_FALSE(readMap(nullptr, "fine", scalp, nullptr, plain).found);
