@@ -69,19 +69,6 @@ bool Graph::forEachActiveUpstream(NodeId id, bool render,
 }
 
 bool Graph::readsTime(NodeId id, bool render) const {
-    // A map reads time when its hash says another thing at another time.
-    EvaluationData now, later;
-    later.seconds = 1.0;
-    later.frame = 24.0;
-    const auto mapReadsTime = [&](const MapSource& map) {
-        try {
-            return mapReadsHash(map, now, nullptr) != mapReadsHash(map, later, nullptr);
-        } catch (const std::bad_alloc&) {
-            throw;
-        } catch (const std::exception&) {
-            return false;  // an unfit map: its evaluation says why
-        }
-    };
     return !forEachActiveUpstream(id, render, [&](const Node& n) {
         if (n.op->readsTime()) return false;
         for (const auto& [param, value] : n.op->storedParams())

@@ -134,6 +134,21 @@ TEST(Fbm, SumsOctavesOfTheirOwnSeeds) {
     }
 }
 
+TEST(Fbm, HasTheBitsOfTheSumOfPlainOctavesAtAnyCount) {
+    for (const Vec3f p : probes(9, 100))
+        for (int octaves = 1; octaves <= 10; ++octaves) {
+            float sum = 0.0f, amplitude = 1.0f, norm = 0.0f;
+            Vec3f vectorSum, q = p;
+            for (int k = 0; k < octaves; ++k, amplitude *= 0.5f, q *= 2.0f) {
+                sum += plain::noise3(q, hashCombine(3, k)) * amplitude;
+                vectorSum += plain::noiseVector3(q, hashCombine(3, k)) * amplitude;
+                norm += amplitude;
+            }
+            ASSERT_EQ(bits(fbm(p, 3, octaves)), bits(sum / norm));
+            ASSERT_EQ(bits(fbmVector(p, 3, octaves)), bits(vectorSum / norm));
+        }
+}
+
 TEST(Fbm, WeightsFadeOctavesOutOverThePlainAmplitudes) {
     const std::array<float, 3> ones = {1, 1, 1}, without = {1, 0, 1}, half = {0.5f, 0.5f, 0.5f};
     for (const Vec3f p : probes(7, 200)) {
@@ -156,11 +171,17 @@ TEST(NoiseBatch, HasTheBitsOfOneByOne) {
         fbm(points, 5, 3, sums);
         fbmVector(points, 5, 3, vectors);
         fbmVector(inPlace, 5, 3, inPlace);
+        std::vector<Vec3f> weighted(count), single(count);
+        noiseVector3(points, 5, single);
+        const std::array<float, 3> weights = {0.5f, 0.0f, 2.0f};
+        fbmVectorWeighted(points, 5, 4, weights, weighted);
         for (std::size_t i = 0; i < count; ++i) {
             EXPECT_EQ(bits(noise[i]), bits(noise3(points[i], 5)));
             EXPECT_EQ(bits(sums[i]), bits(fbm(points[i], 5, 3)));
             EXPECT_EQ(bits(vectors[i]), bits(fbmVector(points[i], 5, 3)));
             EXPECT_EQ(bits(inPlace[i]), bits(vectors[i]));
+            EXPECT_EQ(bits(single[i]), bits(noiseVector3(points[i], 5)));
+            EXPECT_EQ(bits(weighted[i]), bits(fbmVectorWeighted(points[i], 5, 4, weights)));
         }
     }
     std::vector<float> two(2);
