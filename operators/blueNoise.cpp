@@ -101,7 +101,7 @@ public:
     std::vector<StrandRoot> run() {
         measureRadii();
         relaxedSamples.fetch_add(active_.size(), std::memory_order_relaxed);
-        const std::vector<BoundaryEdge> edges = openBoundary(mesh_);
+        const std::vector<BorderEdge> edges = openBoundary(mesh_);
         edges_ = edges;
         const NearBoundary boundary(edges, 4.0f * largestRadius_);
 
@@ -199,7 +199,7 @@ private:
                                              : partingPush(stepSeed, ids_[s], d, R);
             }
             if (edge_[s] >= 0) {
-                const BoundaryEdge& edge = edges_[std::size_t(edge_[s])];
+                const BorderEdge& edge = edges_[std::size_t(edge_[s])];
                 force += borderPush(self.position, edge, self.radius,
                                     closestOnEdge(self.position, edge));
             }
@@ -251,7 +251,7 @@ private:
     std::vector<std::int32_t> edge_;   ///< nearest border edge within reach, or -1
     std::vector<SampleNeighbors> neighbors_;
     std::vector<std::uint32_t> active_;  ///< alive and not frozen, ascending
-    std::span<const BoundaryEdge> edges_;
+    std::span<const BorderEdge> edges_;
     SampleIndex index_;
     float usualRadius_ = 0.0f, largestRadius_ = 0.0f;
     bool even_ = true;

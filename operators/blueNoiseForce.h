@@ -33,7 +33,7 @@ inline Vec3f partingPush(std::uint64_t stepSeed, std::uint64_t id, float d, floa
     return Vec3f{unitHash(h) - 0.5f, unitHash(mix64(h)) - 0.5f, 0.0f} * (near * near);
 }
 /// The push of an open border, as of the sample's mirror image behind it.
-inline Vec3f borderPush(Vec3f p, const BoundaryEdge& edge, float radius, Vec3f closest) {
+inline Vec3f borderPush(Vec3f p, const BorderEdge& edge, float radius, Vec3f closest) {
     const float d2 = 2.0f * distance(p, closest), R2 = 2.0f * radius;
     if (!(d2 < R2)) return {};
     const float near = 1.0f - d2 / R2;

@@ -134,7 +134,7 @@ TrianglePoint closestOnTriangle(Vec3f p, Vec3f a, Vec3f b, Vec3f c) {
     return best;
 }
 
-std::vector<BoundaryEdge> openBoundary(const ScalpMesh& mesh) {
+std::vector<BorderEdge> openBoundary(const ScalpMesh& mesh) {
     const Welded welded = weld(mesh);
     std::vector<Welded::Use> open;
     forEachEdge(welded, [&](std::span<const Welded::Use> uses) {
@@ -143,7 +143,7 @@ std::vector<BoundaryEdge> openBoundary(const ScalpMesh& mesh) {
     std::sort(open.begin(), open.end(), [](const auto& a, const auto& b) {
         return std::tie(a.triangle, a.corner) < std::tie(b.triangle, b.corner);
     });
-    std::vector<BoundaryEdge> edges;
+    std::vector<BorderEdge> edges;
     edges.reserve(open.size());
     for (const Welded::Use& use : open) {
         const Triangle& t = mesh.triangles()[welded.first + use.triangle];

@@ -26,14 +26,14 @@ TrianglePoint closestOnTriangle(Vec3f p, Vec3f a, Vec3f b, Vec3f c);
 
 /// An edge of one triangle only. `inward` is unit, in the triangle's plane, square to the edge;
 /// zero for a degenerate triangle.
-struct BoundaryEdge {
+struct BorderEdge {
     Vec3f a, b, inward;
 };
 
 /// The open edges of the triangles that queries see, in triangle order. Vertices at bit-equal places
 /// count as one, so that a mesh split along UV seams has no false border; triangles that use a place
 /// twice have no edges.
-std::vector<BoundaryEdge> openBoundary(const ScalpMesh& mesh);
+std::vector<BorderEdge> openBoundary(const ScalpMesh& mesh);
 
 /// Tells inside from outside of a mesh by the pseudonormals of its faces, edges and vertices: the
 /// sign holds wherever the closest point lies. Closest to an open border counts as outside, and so

@@ -20,7 +20,7 @@ std::uint64_t cellKey(std::int64_t x, std::int64_t y, std::int64_t z) {
 
 }  // namespace
 
-Vec3f closestOnEdge(Vec3f p, const BoundaryEdge& edge) {
+Vec3f closestOnEdge(Vec3f p, const BorderEdge& edge) {
     const Vec3f along = edge.b - edge.a;
     const float whole = dot(along, along);
     if (!(whole > 0.0f)) return edge.a;
@@ -31,14 +31,14 @@ std::uint64_t NearBoundary::keyOf(Vec3f p) const {
     return cellKey(axisCell(p.x, inverse_), axisCell(p.y, inverse_), axisCell(p.z, inverse_));
 }
 
-NearBoundary::NearBoundary(std::span<const BoundaryEdge> edges, float maxReach) : edges_(edges) {
+NearBoundary::NearBoundary(std::span<const BorderEdge> edges, float maxReach) : edges_(edges) {
     if (edges.empty() || !(maxReach > 0.0f)) return;
     const float cell = 2.0f * maxReach;
     inverse_ = 1.0f / cell;
     const float margin = maxReach * 1.001f;
     std::vector<std::pair<std::uint64_t, std::uint32_t>> entries;
     for (std::size_t i = 0; i < edges.size(); ++i) {
-        const BoundaryEdge& edge = edges[i];
+        const BorderEdge& edge = edges[i];
         // Pieces a cell long keep the boxes of a slanted edge small.
         const int pieces =
             int(std::clamp(std::ceil(distance(edge.a, edge.b) / cell), 1.0f, 1e6f));
