@@ -188,6 +188,7 @@ private:
         forEach(active_, [&](std::uint32_t s) {
             const SurfaceSample self = now_[s];
             Vec3f force;
+            bool squeezed = false;
             for (const std::uint32_t j : neighbors_[s]) {
                 const SurfaceSample other = now_[j];
                 if (j == s || !(other.radius > 0.0f)) continue;
@@ -195,6 +196,7 @@ private:
                 const Vec3f offset = self.position - other.position;
                 const float d = length(offset);
                 if (d >= R) continue;
+                squeezed = squeezed || d < R * kSqueezed;
                 force += d > R * kCoincident ? push(offset, d, R)
                                              : partingPush(stepSeed, ids_[s], d, R);
             }
@@ -205,7 +207,7 @@ private:
             }
             const Vec3f move = stepOf(force, normals_[s], self.radius);
             next_[s].position = onGrid(self.position + move, self.radius * kQuantum);
-            moved_[s] = std::min(kMaxMove * self.radius, length(move)) / self.radius;
+            moved_[s] = movedOf(move, self.radius, squeezed);
         });
     }
 

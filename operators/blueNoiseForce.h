@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 
@@ -19,6 +20,9 @@ inline constexpr float kMaxMove = 0.5f;
 inline constexpr float kQuantum = 1.0f / 1024.0f;
 inline constexpr float kFrozenMove = 0.02f;
 inline constexpr float kCoincident = 1e-6f;
+/// Of both radii: samples nearer than this, 0.82 of the spacing, are no sample at rest, nor is one
+/// beside them. Without it whole neighbourhoods freeze round a pair at 0.7.
+inline constexpr float kSqueezed = 0.41f;
 
 /// How a neighbour `offset` away (from it to the sample) pushes, with R the sum of both radii and
 /// d = |offset| < R.
@@ -45,6 +49,11 @@ inline Vec3f stepOf(Vec3f force, Vec3f normal, float radius) {
     const float size = length(f), most = kMaxMove * radius;
     if (size > most) f *= most / size;
     return f;
+}
+/// How far a step went, in radii, as the freezing test sees it.
+inline float movedOf(Vec3f step, float radius, bool squeezed) {
+    const float moved = std::min(kMaxMove * radius, length(step)) / radius;
+    return squeezed ? std::max(moved, kFrozenMove) : moved;
 }
 /// `value` on the grid of multiples of `quantum`, halves to even.
 inline float onGrid(float value, float quantum) {
