@@ -27,35 +27,39 @@ constexpr float kMaxPaddingShare = 0.25f;
 /// Of a distance: interpolated values may leave the range of their corners by rounding.
 constexpr float kRangeSlack = 1e-5f;
 
-Vec3f sizeOf(const ScalpMesh& mesh, Vec3f& low) {
+/// What a field's grid follows from.
+struct Gauge {
+    Vec3f low, size;  ///< of the box of the triangles that queries see
+    float side = 0.0f;
+    float cell = 0.0f;
+    const char* refusal = nullptr;
+};
+
+Gauge gaugeOf(const ScalpMesh& mesh) {
+    Gauge out;
     const auto [first, end] = mesh.activeTriangles();
-    if (first == end) return {};
     Vec3f high;
-    bool any = false;
-    for (std::size_t t = first; t < end; ++t) {
-        for (const std::int32_t v : mesh.triangles()[t]) {
-            const Vec3f p = mesh.points()[std::size_t(v)];
-            if (!isFinite(p)) return {std::numeric_limits<float>::infinity(), 0.0f, 0.0f};
-            low = any ? componentMin(low, p) : p;
-            high = any ? componentMax(high, p) : p;
-            any = true;
+    double edges = 0.0;
+    bool finite = true;
+    for (std::size_t t = first; t < end && finite; ++t) {
+        const Triangle& triangle = mesh.triangles()[t];
+        for (std::size_t c = 0; c < 3; ++c) {
+            const Vec3f p = mesh.points()[std::size_t(triangle[c])];
+            finite = finite && isFinite(p);
+            out.low = t == first && c == 0 ? p : componentMin(out.low, p);
+            high = t == first && c == 0 ? p : componentMax(high, p);
+            edges += double(distance(p, mesh.points()[std::size_t(triangle[(c + 1) % 3])]));
         }
     }
-    return high - low;
-}
-
-float longest(Vec3f size) { return std::max({size.x, size.y, size.z}); }
-
-float meanEdge(const ScalpMesh& mesh) {
-    const auto [first, end] = mesh.activeTriangles();
-    double sum = 0.0;
-    for (std::size_t t = first; t < end; ++t) {
-        const Triangle& triangle = mesh.triangles()[t];
-        for (std::size_t c = 0; c < 3; ++c)
-            sum += double(distance(mesh.points()[std::size_t(triangle[c])],
-                                   mesh.points()[std::size_t(triangle[(c + 1) % 3])]));
-    }
-    return float(sum / (3.0 * double(std::max<std::size_t>(end - first, 1))));
+    out.size = high - out.low;
+    out.side = std::max({out.size.x, out.size.y, out.size.z});
+    if (!finite || !std::isfinite(out.side) || out.side > kMaxSide)
+        out.refusal = "its scalp is too big for the clearance field's grid";
+    else if (!(out.side > 0.0f))
+        out.refusal = "its scalp has no size";
+    else
+        out.cell = std::max(float(edges / (6.0 * double(end - first))), out.side / kCellsPerSide);
+    return out;
 }
 
 TrianglePoint closestOn(const ScalpMesh& mesh, std::int32_t triangle, Vec3f p) {
@@ -125,12 +129,8 @@ std::size_t paddingCells(float offset, float cell, float side) {
 }
 
 std::string DistanceField::refusal(const ScalpMesh& mesh) {
-    Vec3f low;
-    const float side = longest(sizeOf(mesh, low));
-    if (!std::isfinite(side) || side > kMaxSide)
-        return "its scalp is too big for the clearance field's grid";
-    if (!(side > 0.0f)) return "its scalp has no size";
-    return {};
+    const char* why = gaugeOf(mesh).refusal;
+    return why ? why : "";
 }
 
 /// The nodes while the field is made: the closest triangle known and its distance.
@@ -139,7 +139,8 @@ struct DistanceField::Build {
     const DistanceField& field;
     std::vector<std::int32_t> triangles;
     std::vector<float> distances;
-    std::vector<std::int8_t> signs;
+    std::vector<std::int8_t> signs;  ///< of the side: kExact times that where measured
+    static constexpr std::int8_t kExact = 2;
 
     Vec3f position(std::size_t x, std::size_t y, std::size_t z) const {
         return field.low_ + Vec3f{float(x), float(y), float(z)} * field.cell_;
@@ -220,8 +221,8 @@ struct DistanceField::Build {
                     if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, triangles[n], hit))
                         triangles[n] = hit.triangle;
                     const TrianglePoint at = closestOn(mesh, triangles[n], p);
-                    distances[n] = distance(p, at.point);
-                    signs[n] = std::int8_t(sides.side(triangles[n], at, p).sign);
+                    distances[n] = corvelle::distance(p, at.point);
+                    signs[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -kExact : kExact;
                 }
             }
         });
@@ -231,14 +232,14 @@ struct DistanceField::Build {
     /// its triangle than a cell more than n from its own has nothing to offer.
     void offer(std::size_t from, std::size_t n, Vec3f p) {
         const std::int32_t triangle = triangles[from];
-        if (triangle < 0 || triangle == triangles[n] ||
+        if (triangle < 0 || triangle == triangles[n] || std::abs(signs[n]) == kExact ||
             distances[from] - field.cell_ >= distances[n])
             return;
-        const float d = distance(p, closestOn(mesh, triangle, p).point);
+        const float d = corvelle::distance(p, closestOn(mesh, triangle, p).point);
         if (!(d < distances[n])) return;
         distances[n] = d;
         triangles[n] = triangle;
-        signs[n] = signs[from];  // no surface lies between nodes outside the exact band
+        signs[n] = signs[from] < 0 ? -1 : 1;  // no surface lies on the way to an unmeasured node
     }
 
     void sweep() {
@@ -295,17 +296,15 @@ struct DistanceField::Build {
 };
 
 DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
-    if (const std::string why = refusal(mesh); !why.empty()) throw std::invalid_argument(why);
-    Vec3f low;
-    const Vec3f size = sizeOf(mesh, low);
-    const float side = longest(size);
-    cell_ = std::max(0.5f * meanEdge(mesh), side / kCellsPerSide);
+    const Gauge gauge = gaugeOf(mesh);
+    if (gauge.refusal) throw std::invalid_argument(gauge.refusal);
+    cell_ = gauge.cell;
     inverse_ = 1.0f / cell_;
-    const std::size_t padding = kBandCells + paddingCells(offset, cell_, side);
-    low_ = low - Vec3f{1, 1, 1} * (float(padding) * cell_);
+    const std::size_t padding = kBandCells + paddingCells(offset, cell_, gauge.side);
+    low_ = gauge.low - Vec3f{1, 1, 1} * (float(padding) * cell_);
     for (int axis = 0; axis < 3; ++axis)
         count_[std::size_t(axis)] =
-            std::size_t(std::ceil(size[axis] * inverse_)) + 2 * padding + 1;
+            std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + 1;
     const std::size_t nodes = count_[0] * count_[1] * count_[2];
 
     const MeshSides sides(mesh);
@@ -443,16 +442,17 @@ std::uint64_t DistanceField::contentHash() const {
 // ---- kept ---------------------------------------------------------------------------------------
 
 DistanceFieldPtr sharedDistanceField(const ScalpPtr& mesh, float offset, std::string* whyNot) {
+    static Kept<Gauge> gauges;
     static Kept<DistanceField> kept;
-    if (std::string why = DistanceField::refusal(*mesh); !why.empty()) {
-        if (whyNot) *whyNot = std::move(why);
+    const std::uint64_t content = meshKey(*mesh);
+    std::shared_ptr<const Gauge> gauge = gauges.find(content);
+    if (!gauge) gauges.add(content, gauge = std::make_shared<const Gauge>(gaugeOf(*mesh)));
+    if (gauge->refusal) {
+        if (whyNot) *whyNot = gauge->refusal;
         return nullptr;
     }
-    Vec3f low;
-    const float side = longest(sizeOf(*mesh, low));
-    const float cell = std::max(0.5f * meanEdge(*mesh), side / kCellsPerSide);
     const std::uint64_t key =
-        hashCombine(meshKey(*mesh), std::uint64_t(paddingCells(offset, cell, side)));
+        hashCombine(content, std::uint64_t(paddingCells(offset, gauge->cell, gauge->side)));
     if (DistanceFieldPtr found = kept.find(key)) return found;
     auto made = std::make_shared<const DistanceField>(*mesh, offset);
     kept.add(key, made);
