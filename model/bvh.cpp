@@ -14,7 +14,9 @@ namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr std::size_t kBlock = 4;
+constexpr std::size_t kBlockSize = 4;
+/// Nodes of so many triangles at most have boxes along their own axes.
+constexpr std::size_t kOrientedSize = 64;
 /// Blocks whose boxes have grown this much since the order was made are sorted anew.
 constexpr double kWornOut = 4.0;
 /// Deep enough for any tree: three entries stay behind per level, and the levels of a median split
@@ -33,6 +35,8 @@ public:
     OrderBuilder(std::span<const Vec3f> points, std::span<const Triangle> triangles,
                  std::size_t first, std::size_t end)
         : order_(std::make_shared<BvhOrder>()) {
+        order_->firstTriangle = first;
+        order_->blockOf.resize(end - first);
         centroids_.reserve(end - first);
         for (std::size_t t = first; t < end; ++t) {
             const Vec3f sum = points[std::size_t(triangles[t][0])] +
@@ -44,15 +48,15 @@ public:
     }
 
     std::shared_ptr<BvhOrder> build() {
-        const std::size_t blocks = (centroids_.size() + kBlock - 1) / kBlock;
+        const std::size_t blocks = blocksOf(centroids_.size());
         order_->blocks.reserve(blocks);
-        order_->children.reserve(blocks / 3 + 1);
-        if (blocks > 0) addNode(0, centroids_.size());
+        order_->blockParents.reserve(blocks);
+        if (blocks > 0) order_->root = add(0, centroids_.size(), {});
         return std::move(order_);
     }
 
 private:
-    static std::size_t blocksOf(std::size_t count) { return (count + kBlock - 1) / kBlock; }
+    static std::size_t blocksOf(std::size_t count) { return (count + kBlockSize - 1) / kBlockSize; }
 
     /// Splits [begin, begin + count) at the median block border; returns the left part's count.
     std::size_t split(std::size_t begin, std::size_t count) {
@@ -68,7 +72,7 @@ private:
         int axis = 0;
         for (int other = 1; other < 3; ++other)
             if (high[other] - low[other] > high[axis] - low[axis]) axis = other;
-        const std::size_t left = (blocksOf(count) + 1) / 2 * kBlock;
+        const std::size_t left = (blocksOf(count) + 1) / 2 * kBlockSize;
         std::nth_element(first, first + std::ptrdiff_t(left), last,
                          [axis](const Centroid& a, const Centroid& b) {
                              return a.at[axis] != b.at[axis] ? a.at[axis] < b.at[axis]
@@ -77,36 +81,53 @@ private:
         return left;
     }
 
-    std::int32_t addBlock(std::size_t begin, std::size_t count) {
+    std::int32_t addBlock(std::size_t begin, std::size_t count, BvhOrder::Parent parent) {
+        const std::size_t index = order_->blocks.size();
         std::array<std::int32_t, 4> block{-1, -1, -1, -1};
-        for (std::size_t i = 0; i < count; ++i) block[i] = centroids_[begin + i].triangle;
+        for (std::size_t i = 0; i < count; ++i) {
+            block[i] = centroids_[begin + i].triangle;
+            order_->blockOf[std::size_t(block[i]) - order_->firstTriangle] = std::uint32_t(index);
+        }
         std::sort(block.begin(), block.begin() + std::ptrdiff_t(count));
         order_->blocks.push_back(block);
-        return ~std::int32_t(order_->blocks.size() - 1);
+        order_->blockParents.push_back(parent);
+        return std::int32_t(index) * 4 + BvhOrder::kBlock;
     }
 
-    std::int32_t addNode(std::size_t begin, std::size_t count) {
-        const std::size_t node = order_->children.size();
-        order_->children.push_back(
-            {BvhOrder::kNoChild, BvhOrder::kNoChild, BvhOrder::kNoChild, BvhOrder::kNoChild});
-        std::size_t parts[4][2] = {{begin, count}};
-        int partCount = 1;
-        for (int round = 0; round < 2; ++round) {  // one part into two, two into four
-            for (int p = partCount - 1; p >= 0; --p) {
-                if (parts[p][1] <= kBlock) continue;
-                const std::size_t left = split(parts[p][0], parts[p][1]);
-                parts[partCount][0] = parts[p][0] + left;
-                parts[partCount][1] = parts[p][1] - left;
-                parts[p][1] = left;
-                ++partCount;
+    std::int32_t add(std::size_t begin, std::size_t count, BvhOrder::Parent parent) {
+        if (count <= kBlockSize && parent.node != BvhOrder::kNone)
+            return addBlock(begin, count, parent);
+        const bool oriented = count <= kOrientedSize;
+        std::vector<BvhOrder::Children>& list = oriented ? order_->oriented : order_->inner;
+        const std::size_t index = list.size();
+        const std::int32_t node =
+            std::int32_t(index) * 4 + (oriented ? BvhOrder::kOriented : BvhOrder::kInner);
+        list.push_back({BvhOrder::kNone, BvhOrder::kNone, BvhOrder::kNone, BvhOrder::kNone});
+        (oriented ? order_->orientedParents : order_->innerParents).push_back(parent);
+
+        std::size_t borders[5] = {begin, begin + count, 0, 0, 0};
+        std::size_t parts = 1;
+        for (int round = 0; round < 2; ++round)  // one part into two, two into four
+            for (std::size_t p = parts; p-- > 0;) {
+                const std::size_t partCount = borders[p + 1] - borders[p];
+                if (partCount <= kBlockSize) continue;
+                const std::size_t left = split(borders[p], partCount);
+                for (std::size_t q = parts; q > p; --q) borders[q + 1] = borders[q];
+                borders[p + 1] = borders[p] + left;
+                ++parts;
             }
+        std::array<std::uint32_t, 5> runs;
+        runs.fill(std::uint32_t(order_->blocks.size()));
+        if (oriented) order_->runs.emplace_back();
+        for (std::size_t p = 0; p < parts; ++p) {
+            const std::int32_t child =
+                add(borders[p], borders[p + 1] - borders[p], {node, std::int32_t(p)});
+            (oriented ? order_->oriented : order_->inner)[index][p] = child;
+            std::fill(runs.begin() + std::ptrdiff_t(p) + 1, runs.end(),
+                      std::uint32_t(order_->blocks.size()));
         }
-        for (int p = 0; p < partCount; ++p) {
-            const std::int32_t child = parts[p][1] <= kBlock ? addBlock(parts[p][0], parts[p][1])
-                                                             : addNode(parts[p][0], parts[p][1]);
-            order_->children[node][std::size_t(p)] = child;
-        }
-        return std::int32_t(node);
+        if (oriented) order_->runs[index] = runs;
+        return node;
     }
 
     std::vector<Centroid> centroids_;
@@ -126,16 +147,46 @@ struct Box {
     }
 };
 
-/// The farthest that rounding can carry a computed point of a triangle out of its box: some ulps of
-/// its edges, and one of its coordinates so that the pad is not itself rounded away.
-Vec3f margin(Vec3f ab, Vec3f ac, Vec3f low, Vec3f high) {
-    const auto pad = [](float e, float f, float l, float h) {
-        return 1e-6f * (std::fabs(e) + std::fabs(f)) +
-               1.2e-7f * std::max(std::fabs(l), std::fabs(h)) + FLT_MIN;
+/// The farthest that rounding can carry a computed point of some triangles out of their box: some
+/// ulps of its sides, and one of its coordinates so that the pad is not itself rounded away.
+Vec3f margin(const Box& box) {
+    const auto pad = [](float low, float high) {
+        return 2e-6f * (high - low) + 1.2e-7f * std::max(std::fabs(low), std::fabs(high)) + FLT_MIN;
     };
-    return {pad(ab.x, ac.x, low.x, high.x), pad(ab.y, ac.y, low.y, high.y),
-            pad(ab.z, ac.z, low.z, high.z)};
+    return {pad(box.low.x, box.high.x), pad(box.low.y, box.high.y), pad(box.low.z, box.high.z)};
 }
+
+float lowest(Float4 v) {
+    alignas(16) float a[4];
+    v.store(a);
+    return lower(lower(a[0], a[1]), lower(a[2], a[3]));
+}
+float highest(Float4 v) {
+    alignas(16) float a[4];
+    v.store(a);
+    return upper(upper(a[0], a[1]), upper(a[2], a[3]));
+}
+float total(Float4 v) {  // NaN adds nothing
+    alignas(16) float a[4];
+    v.store(a);
+    float sum = 0.0f;
+    for (const float x : a) sum += x == x ? x : 0.0f;
+    return sum;
+}
+
+/// A box growing by four points at a time; NaN adds nothing.
+struct Box4 {
+    Float4 low[3] = {kInfinity, kInfinity, kInfinity};
+    Float4 high[3] = {-kInfinity, -kInfinity, -kInfinity};
+    void add(int axis, Float4 v) {
+        low[axis] = lower(v, low[axis]);
+        high[axis] = upper(v, high[axis]);
+    }
+    Box box() const {
+        return {{lowest(low[0]), lowest(low[1]), lowest(low[2])},
+                {highest(high[0]), highest(high[1]), highest(high[2])}};
+    }
+};
 
 /// The reciprocal for slab tests without branches: finite for a zero component.
 float inverseComponent(float d) {
@@ -160,6 +211,16 @@ struct Stack {
                                         std::uint32_t(children[std::size_t(lane)]);
             int at = size++;
             for (; at > base && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
+            entries[at] = entry;
+        }
+    }
+    void push(std::int32_t child) { entries[size++] = std::uint32_t(child); }
+    /// Farthest first, as one sorted push would have left them.
+    void sort() {
+        for (int i = 1; i < size; ++i) {
+            const std::uint64_t entry = entries[i];
+            int at = i;
+            for (; at > 0 && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
             entries[at] = entry;
         }
     }
@@ -189,179 +250,302 @@ Bvh::Bvh(std::shared_ptr<const BvhOrder> order, std::span<const Vec3f> points,
 }
 
 void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles) {
-    const std::vector<std::array<std::int32_t, 4>>& blocks = order_->blocks;
-    const std::vector<std::array<std::int32_t, 4>>& nodes = order_->children;
-    blocks_.resize(blocks.size());
-    boxes_.resize(nodes.size());
-    std::vector<Box> blockBoxes(blocks.size());
+    const BvhOrder& order = *order_;
+    blocks_.resize(order.blocks.size());
+    std::vector<Box> blockBoxes(order.blocks.size());
+    std::vector<Vec3f> blockNormals(order.blocks.size());  // twice the area long
     double surface = 0.0, area = 0.0;
-    for (std::size_t b = 0; b < blocks.size(); ++b) {
-        Triangles4& out = blocks_[b];
-        Box box;
-        for (std::size_t lane = 0; lane < kBlock; ++lane) {
-            Vec3f a{kNan, kNan, kNan}, ab{kNan, kNan, kNan}, ac{kNan, kNan, kNan};
-            if (blocks[b][lane] >= 0) {
-                const Triangle& t = triangles[std::size_t(blocks[b][lane])];
-                a = points[std::size_t(t[0])];
-                const Vec3f p1 = points[std::size_t(t[1])], p2 = points[std::size_t(t[2])];
-                ab = p1 - a;
-                ac = p2 - a;
-                const Vec3f low = componentMin(componentMin(a, p1), p2);
-                const Vec3f high = componentMax(componentMax(a, p1), p2);
-                const Vec3f pad = margin(ab, ac, low, high);
-                box.add(low - pad, high + pad);
-                const double twice = length(cross(ab, ac));
-                if (std::isfinite(twice)) area += twice;
+    for (std::size_t b = 0; b < blocks_.size(); ++b) {
+        Block& block = blocks_[b];
+        block.triangles = order.blocks[b];
+        for (std::size_t lane = 0; lane < kBlockSize; ++lane) {
+            const std::int32_t t = block.triangles[lane];
+            for (std::size_t k = 0; k < 3; ++k) {
+                const Vec3f p = t < 0 ? Vec3f{kNan, kNan, kNan}
+                                      : points[std::size_t(triangles[std::size_t(t)][k])];
+                block.x[k][lane] = p.x, block.y[k][lane] = p.y, block.z[k][lane] = p.z;
             }
-            out.ax[lane] = a.x, out.ay[lane] = a.y, out.az[lane] = a.z;
-            out.abx[lane] = ab.x, out.aby[lane] = ab.y, out.abz[lane] = ab.z;
-            out.acx[lane] = ac.x, out.acy[lane] = ac.y, out.acz[lane] = ac.z;
         }
-        surface += box.surface();
-        blockBoxes[b] = box;
+        Box4 box;
+        Float4 x[3], y[3], z[3];
+        for (int k = 0; k < 3; ++k) {
+            x[k] = Float4::load(block.x[k]), y[k] = Float4::load(block.y[k]);
+            z[k] = Float4::load(block.z[k]);
+            box.add(0, x[k]), box.add(1, y[k]), box.add(2, z[k]);
+        }
+        const Float4 abx = x[1] - x[0], aby = y[1] - y[0], abz = z[1] - z[0];
+        const Float4 acx = x[2] - x[0], acy = y[2] - y[0], acz = z[2] - z[0];
+        blockNormals[b] = {total(aby * acz - abz * acy), total(abz * acx - abx * acz),
+                           total(abx * acy - aby * acx)};
+        Box& padded = blockBoxes[b] = box.box();
+        surface += padded.surface();
+        area += length(blockNormals[b]);
+        const Vec3f pad = margin(padded);
+        padded.low -= pad, padded.high += pad;
     }
     looseness_ = area > 0.0 ? surface / area : 0.0;
 
-    // Children come after their parents, so going backwards meets them first.
-    std::vector<Box> nodeBoxes(nodes.size());
-    for (std::size_t n = nodes.size(); n-- > 0;) {
+    const auto setLane = [](Boxes4& boxes, std::size_t lane, const Box& box) {
+        boxes.minX[lane] = box.low.x, boxes.maxX[lane] = box.high.x;
+        boxes.minY[lane] = box.low.y, boxes.maxY[lane] = box.high.y;
+        boxes.minZ[lane] = box.low.z, boxes.maxZ[lane] = box.high.z;
+    };
+
+    oriented_.resize(order.oriented.size());
+    std::vector<Box> orientedBoxes(order.oriented.size());
+    for (std::size_t n = 0; n < oriented_.size(); ++n) {
+        OrientedNode& node = oriented_[n];
+        node.children = order.oriented[n];
+        const std::array<std::uint32_t, 5>& runs = order.runs[n];
         Box all;
-        for (std::size_t lane = 0; lane < 4; ++lane) {
-            const std::int32_t child = nodes[n][lane];
-            const Box box = child == BvhOrder::kNoChild ? Box{}
-                            : child < 0                 ? blockBoxes[std::size_t(~child)]
-                                                        : nodeBoxes[std::size_t(child)];
-            boxes_[n].minX[lane] = box.low.x, boxes_[n].maxX[lane] = box.high.x;
-            boxes_[n].minY[lane] = box.low.y, boxes_[n].maxY[lane] = box.high.y;
-            boxes_[n].minZ[lane] = box.low.z, boxes_[n].maxZ[lane] = box.high.z;
-            all.add(box.low, box.high);
+        Vec3f sum;
+        for (std::uint32_t b = runs[0]; b < runs[4]; ++b) {
+            all.add(blockBoxes[b].low, blockBoxes[b].high);
+            sum += blockNormals[b];
         }
-        nodeBoxes[n] = all;
+        orientedBoxes[n] = all;
+        Vec3f center = (all.low + all.high) * 0.5f;
+        if (!isFinite(center)) center = {};
+        Vec3f normal = normalized(sum);
+        if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
+        const Vec3f side = anyPerpendicular(normal), up = cross(normal, side);
+        for (int k = 0; k < 3; ++k) {
+            node.columns[k][0] = side[k], node.columns[k][1] = up[k];
+            node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
+        }
+        const Vec3f sides = all.high - all.low;
+        const float pad = 4e-6f * (sides.x + sides.y + sides.z) + FLT_MIN;
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            Box4 box;
+            for (std::uint32_t b = runs[lane]; b < runs[lane + 1]; ++b)
+                for (int k = 0; k < 3; ++k) {
+                    const Float4 x = Float4::load(blocks_[b].x[k]) - Float4(center.x);
+                    const Float4 y = Float4::load(blocks_[b].y[k]) - Float4(center.y);
+                    const Float4 z = Float4::load(blocks_[b].z[k]) - Float4(center.z);
+                    const Vec3f axes[3] = {side, up, normal};
+                    for (int axis = 0; axis < 3; ++axis)
+                        box.add(axis, Float4(axes[axis].x) * x + Float4(axes[axis].y) * y +
+                                          Float4(axes[axis].z) * z);
+                }
+            Box child = box.box();
+            if (runs[lane] < runs[lane + 1]) {
+                child.low -= Vec3f{pad, pad, pad};
+                child.high += Vec3f{pad, pad, pad};
+            }
+            setLane(node.boxes, lane, child);
+        }
     }
-    if (!nodes.empty()) low_ = nodeBoxes[0].low, high_ = nodeBoxes[0].high;
+
+    // Children come after their parents, so going backwards meets them first.
+    inner_.resize(order.inner.size());
+    std::vector<Box> innerBoxes(order.inner.size());
+    for (std::size_t n = inner_.size(); n-- > 0;) {
+        InnerNode& node = inner_[n];
+        node.children = order.inner[n];
+        for (std::size_t lane = 0; lane < 4; ++lane) {
+            const std::int32_t child = node.children[lane];
+            Box box;
+            if (child != BvhOrder::kNone) {
+                const std::size_t index = std::size_t(child >> 2);
+                box = (child & 3) == BvhOrder::kInner      ? innerBoxes[index]
+                      : (child & 3) == BvhOrder::kOriented ? orientedBoxes[index]
+                                                           : blockBoxes[index];
+            }
+            setLane(node.boxes, lane, box);
+            innerBoxes[n].add(box.low, box.high);
+        }
+    }
+    const Box all = !innerBoxes.empty()      ? innerBoxes[0]
+                    : !orientedBoxes.empty() ? orientedBoxes[0]
+                                             : Box{};
+    low_ = all.low, high_ = all.high;
 }
 
-bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
-                       std::span<const Vec3f> points, std::span<const Triangle> triangles,
-                       BvhHit& hit) const {
-    if (boxes_.empty() || !isFinite(position)) return false;
-    float best = lower(maxDistanceSquared, FLT_MAX);
-    std::int32_t bestTriangle = -1;
-    const auto cornersOf = [&](std::int32_t t) {
-        const Triangle& corners = triangles[std::size_t(t)];
-        return std::array<Vec3f, 3>{points[std::size_t(corners[0])],
-                                    points[std::size_t(corners[1])],
-                                    points[std::size_t(corners[2])]};
-    };
-    if (nearTriangle >= 0) {
-        const auto [a, b, c] = cornersOf(nearTriangle);
-        const float d = closestOnTriangle(a, b, c, position).distanceSquared;
-        if (d < best) best = d, bestTriangle = nearTriangle;
-    }
-    float reach = reachOf(best);
-    const Float4 px(position.x), py(position.y), pz(position.z), zero(0.0f);
-
+/// One closest-point query.
+struct Bvh::Search {
+    const Bvh& bvh;
+    Vec3f position;
+    Float4 px, py, pz;
+    float best;   // squared; at it, a lower triangle still wins
+    float reach;  // squared; boxes beyond it hold nothing
+    std::int32_t triangle = -1;
+    float v = 0.0f, w = 0.0f;
     Stack stack;
-    std::int32_t child = 0;
-    float distance = 0.0f;
-    do {
-        if (distance > reach) continue;
-        if (child >= 0) {
-            const Boxes4& n = boxes_[std::size_t(child)];
-            const Float4 dx =
-                upper(upper(Float4::load(n.minX) - px, px - Float4::load(n.maxX)), zero);
-            const Float4 dy =
-                upper(upper(Float4::load(n.minY) - py, py - Float4::load(n.maxY)), zero);
-            const Float4 dz =
-                upper(upper(Float4::load(n.minZ) - pz, pz - Float4::load(n.maxZ)), zero);
-            const Float4 d = dx * dx + dy * dy + dz * dz;
-            const int lanes = laneBits(d <= Float4(reach));
-            if (lanes == 0) continue;
-            alignas(16) float distances[4];
-            d.store(distances);
-            stack.pushSorted(distances, order_->children[std::size_t(child)], lanes);
-        } else {
-            const Triangles4& t = blocks_[std::size_t(~child)];
-            const TriangleClosest<Float4> closest = closestOnTriangle<Float4>(
-                Float4::load(t.abx), Float4::load(t.aby), Float4::load(t.abz), Float4::load(t.acx),
-                Float4::load(t.acy), Float4::load(t.acz), px - Float4::load(t.ax),
-                py - Float4::load(t.ay), pz - Float4::load(t.az));
-            int lanes = laneBits(closest.distanceSquared <= Float4(best));
-            if (lanes == 0) continue;
-            alignas(16) float squared[4];
-            closest.distanceSquared.store(squared);
-            for (; lanes != 0; lanes &= lanes - 1) {
-                const int lane = std::countr_zero(unsigned(lanes));
-                const std::int32_t triangle =
-                    order_->blocks[std::size_t(~child)][std::size_t(lane)];
-                if (squared[lane] < best || (squared[lane] == best && triangle < bestTriangle))
-                    best = squared[lane], bestTriangle = triangle;
-            }
-            reach = reachOf(best);
-        }
-    } while (stack.pop(distance, child));
 
-    if (bestTriangle < 0) return false;
-    const auto [a, b, c] = cornersOf(bestTriangle);
-    const TriangleClosest<float> closest = closestOnTriangle(a, b, c, position);
-    hit.triangle = bestTriangle;
-    hit.distanceSquared = closest.distanceSquared;
-    hit.weight0 = 1.0f - closest.v - closest.w;
-    hit.weight1 = closest.v;
+    Search(const Bvh& tree, Vec3f p, float maxDistanceSquared)
+        : bvh(tree),
+          position(p),
+          px(p.x),
+          py(p.y),
+          pz(p.z),
+          best(lower(maxDistanceSquared, FLT_MAX)),
+          reach(reachOf(best)) {}
+
+    static Float4 boxDistances(const Boxes4& b, Float4 x, Float4 y, Float4 z) {
+        const Float4 zero(0.0f);
+        const Float4 dx = upper(upper(Float4::load(b.minX) - x, x - Float4::load(b.maxX)), zero);
+        const Float4 dy = upper(upper(Float4::load(b.minY) - y, y - Float4::load(b.maxY)), zero);
+        const Float4 dz = upper(upper(Float4::load(b.minZ) - z, z - Float4::load(b.maxZ)), zero);
+        return dx * dx + dy * dy + dz * dz;
+    }
+    Float4 distances(const InnerNode& node) const { return boxDistances(node.boxes, px, py, pz); }
+    Float4 distances(const OrientedNode& node) const {
+        const Float4 at = Float4::load(node.columns[0]) * Float4(position.x - node.columns[0][3]) +
+                          Float4::load(node.columns[1]) * Float4(position.y - node.columns[1][3]) +
+                          Float4::load(node.columns[2]) * Float4(position.z - node.columns[2][3]);
+        return boxDistances(node.boxes, spread<0>(at), spread<1>(at), spread<2>(at));
+    }
+
+    template <class Node>
+    void open(const Node& node, int lanesWanted = 15) {
+        const Float4 d = distances(node);
+        const int lanes = laneBits(d <= Float4(reach)) & lanesWanted;
+        if (lanes == 0) return;
+        alignas(16) float out[4];
+        d.store(out);
+        stack.pushSorted(out, node.children, lanes);
+    }
+
+    void measure(const Block& b) {
+        const Float4 ax = Float4::load(b.x[0]), ay = Float4::load(b.y[0]),
+                     az = Float4::load(b.z[0]);
+        const TriangleClosest<Float4> closest = closestOnTriangle<Float4>(
+            Float4::load(b.x[1]) - ax, Float4::load(b.y[1]) - ay, Float4::load(b.z[1]) - az,
+            Float4::load(b.x[2]) - ax, Float4::load(b.y[2]) - ay, Float4::load(b.z[2]) - az,
+            px - ax, py - ay, pz - az);
+        int lanes = laneBits(closest.distanceSquared <= Float4(best));
+        if (lanes == 0) return;
+        alignas(16) float squared[4], vs[4], ws[4];
+        closest.distanceSquared.store(squared);
+        closest.v.store(vs);
+        closest.w.store(ws);
+        for (; lanes != 0; lanes &= lanes - 1) {
+            const int lane = std::countr_zero(unsigned(lanes));
+            const std::int32_t t = b.triangles[std::size_t(lane)];
+            if (squared[lane] < best || (squared[lane] == best && t < triangle))
+                best = squared[lane], triangle = t, v = vs[lane], w = ws[lane];
+        }
+        reach = reachOf(best);
+    }
+
+    void run() {
+        float distance;
+        std::int32_t child;
+        while (stack.pop(distance, child)) {
+            if (distance > reach) continue;
+            const std::size_t index = std::size_t(child >> 2);
+            switch (child & 3) {
+                case BvhOrder::kInner:
+                    open(bvh.inner_[index]);
+                    break;
+                case BvhOrder::kOriented:
+                    open(bvh.oriented_[index]);
+                    break;
+                default:
+                    measure(bvh.blocks_[index]);
+            }
+        }
+    }
+
+    /// From a block up to the root, gathering the siblings that may hold something nearer.
+    void climb(std::size_t block) {
+        const BvhOrder& order = *bvh.order_;
+        measure(bvh.blocks_[block]);
+        BvhOrder::Parent at = order.blockParents[block];
+        while (at.node != BvhOrder::kNone) {
+            const std::size_t index = std::size_t(at.node >> 2);
+            const int others = 15 ^ (1 << at.lane);
+            if ((at.node & 3) == BvhOrder::kInner) {
+                open(bvh.inner_[index], others);
+                at = order.innerParents[index];
+            } else {
+                open(bvh.oriented_[index], others);
+                at = order.orientedParents[index];
+            }
+        }
+        stack.sort();
+    }
+};
+
+bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
+                       BvhHit& hit) const {
+    if (order_->root == BvhOrder::kNone || !isFinite(position)) return false;
+    Search search(*this, position, maxDistanceSquared);
+    const std::size_t near = std::size_t(nearTriangle) - order_->firstTriangle;
+    if (nearTriangle >= 0 && near < order_->blockOf.size())
+        search.climb(order_->blockOf[near]);
+    else
+        search.stack.push(order_->root);
+    search.run();
+    if (search.triangle < 0) return false;
+    hit.triangle = search.triangle;
+    hit.distanceSquared = search.best;
+    hit.weight0 = 1.0f - search.v - search.w;
+    hit.weight1 = search.v;
     return true;
 }
 
-bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, std::span<const Vec3f> points,
-                       std::span<const Triangle> triangles, BvhHit& hit) const {
-    if (boxes_.empty() || !isFinite(origin) || !isFinite(direction) || direction == Vec3f{})
+bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const {
+    if (order_->root == BvhOrder::kNone || !isFinite(origin) || !isFinite(direction) ||
+        direction == Vec3f{})
         return false;
     const ShearedRay ray(origin, direction);
     // The triangle test rounds by ulps of the distance from the origin; the boxes give that way.
     const Vec3f far = componentMax(componentMax(high_ - origin, origin - low_), Vec3f{});
-    const float pad = 1e-6f * std::max({far.x, far.y, far.z});
-    const Vec3f inverse{inverseComponent(direction.x), inverseComponent(direction.y),
-                        inverseComponent(direction.z)};
-    const Float4 ix(inverse.x), iy(inverse.y), iz(inverse.z), zero(0.0f);
-    const Float4 lowX(origin.x + pad), lowY(origin.y + pad), lowZ(origin.z + pad);
-    const Float4 highX(origin.x - pad), highY(origin.y - pad), highZ(origin.z - pad);
-    const Float4 wider(1.00001f);
+    const float pad = 4e-6f * std::max({far.x, far.y, far.z});
     float best = kInfinity;
     std::int32_t bestTriangle = -1;
-
     Stack stack;
-    std::int32_t child = 0;
-    float entry = 0.0f;
-    do {
+
+    const auto open = [&](const Boxes4& boxes, const BvhOrder::Children& children, Vec3f from,
+                          Vec3f along) {
+        Float4 tNear(0.0f), tFar(FLT_MAX);
+        const auto slab = [&](const float* low, const float* high, float o, float d) {
+            const Float4 inverse(inverseComponent(d));
+            const Float4 a = (Float4::load(low) - Float4(o + pad)) * inverse;
+            const Float4 b = (Float4::load(high) - Float4(o - pad)) * inverse;
+            tNear = upper(lower(a, b), tNear);
+            tFar = lower(upper(a, b), tFar);
+        };
+        slab(boxes.minX, boxes.maxX, from.x, along.x);
+        slab(boxes.minY, boxes.maxY, from.y, along.y);
+        slab(boxes.minZ, boxes.maxZ, from.z, along.z);
+        // An empty child has its sides swapped and infinite: told by its box, not by the slabs.
+        const Mask4 filled = Float4::load(boxes.minX) <= Float4::load(boxes.maxX);
+        const Float4 wider(1.00001f);
+        const int lanes =
+            laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
+        if (lanes == 0) return;
+        alignas(16) float entries[4];
+        tNear.store(entries);
+        stack.pushSorted(entries, children, lanes);
+    };
+
+    stack.push(order_->root);
+    float entry;
+    std::int32_t child;
+    while (stack.pop(entry, child)) {
         if (entry > best * 1.00001f) continue;
-        if (child >= 0) {
-            const Boxes4& n = boxes_[std::size_t(child)];
-            const auto slab = [&](const float* low, const float* high, Float4 lowFrom,
-                                  Float4 highFrom, Float4 inv, Float4& tNear, Float4& tFar) {
-                const Float4 a = (Float4::load(low) - lowFrom) * inv;
-                const Float4 b = (Float4::load(high) - highFrom) * inv;
-                tNear = upper(lower(a, b), tNear);
-                tFar = lower(upper(a, b), tFar);
-            };
-            Float4 tNear = zero, tFar(FLT_MAX);
-            slab(n.minX, n.maxX, lowX, highX, ix, tNear, tFar);
-            slab(n.minY, n.maxY, lowY, highY, iy, tNear, tFar);
-            slab(n.minZ, n.maxZ, lowZ, highZ, iz, tNear, tFar);
-            // An empty child has its sides swapped and infinite: told by its box, not by the slabs.
-            const Mask4 filled = Float4::load(n.minX) <= Float4::load(n.maxX);
-            const int lanes =
-                laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
-            if (lanes == 0) continue;
-            alignas(16) float entries[4];
-            tNear.store(entries);
-            stack.pushSorted(entries, order_->children[std::size_t(child)], lanes);
+        const std::size_t index = std::size_t(child >> 2);
+        if ((child & 3) == BvhOrder::kInner) {
+            open(inner_[index].boxes, inner_[index].children, origin, direction);
+        } else if ((child & 3) == BvhOrder::kOriented) {
+            const OrientedNode& n = oriented_[index];
+            Vec3f from, along;
+            for (int k = 0; k < 3; ++k) {
+                const Vec3f column{n.columns[k][0], n.columns[k][1], n.columns[k][2]};
+                from += column * (origin[k] - n.columns[k][3]);
+                along += column * direction[k];
+            }
+            open(n.boxes, n.children, from, along);
         } else {
-            for (const std::int32_t triangle : order_->blocks[std::size_t(~child)]) {
-                if (triangle < 0) break;
-                const Triangle& corners = triangles[std::size_t(triangle)];
+            const Block& b = blocks_[index];
+            for (std::size_t lane = 0; lane < kBlockSize && b.triangles[lane] >= 0; ++lane) {
+                const std::int32_t triangle = b.triangles[lane];
                 float t, w0, w1;
-                if (!intersectTriangle(ray, points[std::size_t(corners[0])],
-                                       points[std::size_t(corners[1])],
-                                       points[std::size_t(corners[2])], t, w0, w1))
+                if (!intersectTriangle(ray, {b.x[0][lane], b.y[0][lane], b.z[0][lane]},
+                                       {b.x[1][lane], b.y[1][lane], b.z[1][lane]},
+                                       {b.x[2][lane], b.y[2][lane], b.z[2][lane]}, t, w0, w1))
                     continue;
                 if (t < best || (t == best && triangle < bestTriangle)) {
                     best = t, bestTriangle = triangle;
@@ -372,7 +556,7 @@ bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, std::span<const Vec3f> poi
                 }
             }
         }
-    } while (stack.pop(entry, child));
+    }
     return bestTriangle >= 0;
 }
 

@@ -18,20 +18,35 @@ using Triangle = std::array<std::int32_t, 3>;
 /// What a query of a Bvh found.
 struct BvhHit {
     std::int32_t triangle = -1;
-    float distanceSquared = 0.0f;          ///< closest point
-    float t = 0.0f;                        ///< ray parameter
+    float distanceSquared = 0.0f;          ///< of a closest point
+    float t = 0.0f;                        ///< of a ray
     float weight0 = 0.0f, weight1 = 0.0f;  ///< of the triangle's first two corners
 };
 
 /// The part of a Bvh that only says which triangles lie together: meshes of the same triangles and
 /// other points share it, and only measure their boxes again.
 struct BvhOrder {
-    static constexpr std::int32_t kNoChild = INT32_MIN;
-    /// Per node its children: a node's index, ~block of four triangles, or kNoChild. Children come
-    /// after their parents; node 0 is the root.
-    std::vector<std::array<std::int32_t, 4>> children;
-    /// Four triangle indices per block, -1 where a block is not full.
+    /// What a child reference names; the reference is index * 4 + kind.
+    enum Kind : std::int32_t { kInner, kOriented, kBlock };
+    static constexpr std::int32_t kNone = -1;
+    using Children = std::array<std::int32_t, 4>;
+    struct Parent {
+        std::int32_t node = kNone;  ///< kNone for the root
+        std::int32_t lane = 0;      ///< which child of it
+    };
+
+    std::int32_t root = kNone;
+    /// Children come after their parents in both lists. Those of oriented nodes are oriented nodes
+    /// and blocks.
+    std::vector<Children> inner, oriented;
+    /// Blocks [runs[n][c], runs[n][c + 1]) lie below child c of oriented node n.
+    std::vector<std::array<std::uint32_t, 5>> runs;
+    /// Four triangle indices per block, ascending, -1 where a block is not full.
     std::vector<std::array<std::int32_t, 4>> blocks;
+    std::vector<Parent> innerParents, orientedParents, blockParents;
+    /// The block of triangle firstTriangle + i.
+    std::vector<std::uint32_t> blockOf;
+    std::size_t firstTriangle = 0;
     /// The summed surface of the blocks' boxes per area of their triangles, when the order was
     /// made.
     double looseness = 0.0;
@@ -39,7 +54,9 @@ struct BvhOrder {
 
 /// A bounding volume hierarchy of four-wide nodes over blocks of four triangles, both laid out for
 /// Float4. Split at the median along the longest axis of the centroids' box, ties by lower index,
-/// so the tree does not depend on a library's selection.
+/// so the tree does not depend on a library's selection. Nodes near the leaves have boxes along
+/// their own mean normal (Gottschalk, Lin, Manocha, "OBBTree", SIGGRAPH 1996): a smooth surface is
+/// thin that way, so from off the surface few blocks look near that are not.
 ///
 /// Answers do not depend on the tree: the nearest by (distance, triangle index), where boxes are
 /// padded so that rounding never hides a triangle. Points that are not finite make triangles that
@@ -58,28 +75,40 @@ public:
     double looseness() const { return looseness_; }
 
     /// The closest point nearer than the square root of `maxDistanceSquared`. `nearTriangle` (or
-    /// -1) only makes it faster.
+    /// -1, or one that is not in the tree) only makes it faster: the search climbs from there.
     bool closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
-                      std::span<const Vec3f> points, std::span<const Triangle> triangles,
                       BvhHit& hit) const;
-    bool rayIntersect(Vec3f origin, Vec3f direction, std::span<const Vec3f> points,
-                      std::span<const Triangle> triangles, BvhHit& hit) const;
+    bool rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const;
 
 private:
     /// The boxes of a node's four children; empty ones have their min above their max.
-    struct alignas(64) Boxes4 {
+    struct Boxes4 {
         float minX[4], minY[4], minZ[4], maxX[4], maxY[4], maxZ[4];
     };
-    /// Four triangles as a corner and two edges; NaN where a block is not full.
-    struct alignas(16) Triangles4 {
-        float ax[4], ay[4], az[4], abx[4], aby[4], abz[4], acx[4], acy[4], acz[4];
+    struct alignas(64) InnerNode {
+        Boxes4 boxes;
+        BvhOrder::Children children;
     };
+    /// Boxes along three axes of its own: a place p is at sum over k of column k times
+    /// (p[k] - the column's fourth number).
+    struct alignas(32) OrientedNode {
+        Boxes4 boxes;
+        BvhOrder::Children children;
+        float columns[3][4];
+    };
+    /// Four triangles by corners; NaN where a block is not full.
+    struct alignas(32) Block {
+        float x[3][4], y[3][4], z[3][4];
+        std::array<std::int32_t, 4> triangles;
+    };
+    struct Search;
     void fit(std::span<const Vec3f> points, std::span<const Triangle> triangles);
 
     std::shared_ptr<const BvhOrder> order_;
-    std::vector<Boxes4> boxes_;       // per node
-    std::vector<Triangles4> blocks_;  // per block
-    Vec3f low_, high_;                // of all
+    std::vector<InnerNode> inner_;
+    std::vector<OrientedNode> oriented_;
+    std::vector<Block> blocks_;
+    Vec3f low_, high_;  // of all
     double looseness_ = 0.0;
 };
 

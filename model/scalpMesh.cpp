@@ -460,12 +460,8 @@ bool ScalpMesh::closestPoint(Vec3f position, float maxDistance, SurfaceHit& out)
 bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t nearTriangle,
                                  SurfaceHit& out) const {
     if (!(maxDistance > 0.0f)) return false;
-    const bool known = nearTriangle >= 0 && std::size_t(nearTriangle) >= activeFirst_ &&
-                       std::size_t(nearTriangle) < activeEnd_;
     BvhHit hit;
-    if (!bvh().closestPoint(position, maxDistance * maxDistance, known ? nearTriangle : -1,
-                            points(), triangles(), hit))
-        return false;
+    if (!bvh().closestPoint(position, maxDistance * maxDistance, nearTriangle, hit)) return false;
     out.triangle = hit.triangle;
     out.u = hit.weight0;
     out.v = hit.weight1;
@@ -476,7 +472,7 @@ bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t
 
 bool ScalpMesh::rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out) const {
     BvhHit hit;
-    if (!bvh().rayIntersect(origin, direction, points(), triangles(), hit)) return false;
+    if (!bvh().rayIntersect(origin, direction, hit)) return false;
     out.triangle = hit.triangle;
     out.u = hit.weight0;
     out.v = hit.weight1;

@@ -126,6 +126,16 @@ struct Float4 {
 #endif
 };
 
+/// Lane i in every lane.
+template <int i>
+inline Float4 spread(Float4 a) {
+#if CORVELLE_SSE2
+    return _mm_shuffle_ps(a.lanes, a.lanes, _MM_SHUFFLE(i, i, i, i));
+#else
+    return Float4(a.lanes[i]);
+#endif
+}
+
 inline float lower(float a, float b) { return a < b ? a : b; }
 inline float upper(float a, float b) { return a > b ? a : b; }
 inline float select(bool m, float a, float b) { return m ? a : b; }
