@@ -291,25 +291,36 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
     if (!incrementalEvaluation() || !n.cached || !n.ran || anyUnknown(slots)) return false;
     const bool own = n.selfHash != s.selfHash;
     if (own && !op.updatesOwnChanges()) return false;
-    const std::vector<NodeValue>& previous = n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
     const auto& ports = op.outputPorts();
-    if (previous.size() != ports.size()) return false;
+    if ((n.rawOutputs.empty() ? n.outputs : n.rawOutputs).size() != ports.size()) return false;
 
     const bool untouched = !own && allNone(slots);
+    // The last outputs are lent to the update, so that it may write arrays in place that no one else
+    // holds. What was lent is no longer the node's: a failure leaves it without a result. A blend
+    // and the check need them afterwards.
+    const bool lent = !untouched && n.rawOutputs.empty() && !verifyIncremental();
+    std::vector<NodeValue> previous =
+        lent ? std::move(n.outputs) : n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
+    if (lent) n.cached = false;
     UpdateResult result;
+    std::vector<NodeValue> checked;
     if (untouched) {  // another `affect`, or inputs made anew with the same bits
-        result.outputs = previous;
+        checked = result.outputs = previous;
         result.changes.assign(ports.size(), noChanges());
         fresh.runWarnings = n.runWarnings;
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
-        std::vector<NodeValue> handed = previous;
-        const UpdateRequest request{handed, slots, own, n.contextHash};
+        const UpdateRequest request{previous, slots, own, n.contextHash};
+        if (verifyIncremental()) checked = previous;
         const EvalContext context(data, op.contextReads());
         ++n.runs;
         if (!op.update(context, inputs, request, result)) {
             --n.runs;
             op.takeWarnings();
+            if (lent) {
+                n.outputs = std::move(previous);
+                n.cached = true;
+            }
             return false;
         }
         fresh.runWarnings = op.takeWarnings();
@@ -327,8 +338,8 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         full.takeWarnings();
         for (std::size_t i = 0; i < ports.size(); ++i) {
             const std::string reason =
-                checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{},
-                                 previous[i], result.changes[i]);
+                checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{}, checked[i],
+                                 result.changes[i]);
             if (!reason.empty())
                 throw GraphError("output '" + ports[i].name + "' evaluated incrementally: " + reason);
         }
@@ -396,7 +407,8 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
     const auto& ports = op.outputPorts();
     const NodeInputs inputs = gather(s);
     const std::vector<SlotChanges> slots = slotChanges(s);
-    const bool known = n.cached && !anyUnknown(slots);
+    const bool hadResult = n.cached;
+    const bool known = hadResult && !anyUnknown(slots);
     bool incremental = false;
 
     fresh.cachedHash = s.hash;
@@ -445,7 +457,7 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
             fresh.changes[i] = valueDiff(n.outputs[i], fresh.outputs[i]);
     const bool stated = std::any_of(fresh.changes.begin(), fresh.changes.end(),
                                     [](const StrandChangesPtr& c) { return c != nullptr; });
-    fresh.previousHash = n.cached && stated ? n.cachedHash : 0;
+    fresh.previousHash = hadResult && stated ? n.cachedHash : 0;
     if (!s.passes) {
         fresh.statusText = statusOf(incremental, fresh.changes);
         if (std::string text = op.warning(EvalContext(data, op.contextReads())); !text.empty() &&
