@@ -25,7 +25,6 @@ struct BlendSettings {
 struct BlendSource {
     const WeightTable* weights = nullptr;
     std::span<const GuideShapesPtr> shapes;  ///< ascending by point count, one for each that occurs
-    std::span<const Vec3f> guideNormals;     ///< [guides], unit
     std::span<const Vec3f> strandNormals;    ///< [strands], unit
 };
 
