@@ -1,3 +1,5 @@
+#include "operators/interpolate.h"
+
 #include <algorithm>
 #include <bit>
 #include <mutex>
@@ -270,6 +272,12 @@ public:
             rootCache_ = std::move(copy);
         }
         shapeCache_.copyFrom(from->shapeCache_);
+        clearanceCache_.copyFrom(from->clearanceCache_);
+    }
+
+    std::string details() const {
+        const std::lock_guard lock(detailMutex_);
+        return details_;
     }
 
 private:
@@ -279,6 +287,7 @@ private:
         std::shared_ptr<const RootData>
             rootData;  ///< null: not in the cache, which alone was asked
         std::vector<GuideShapesPtr> shapes;
+        ClearanceGoalsPtr clearance;    ///< null: not kept
         std::vector<float> attributes;  ///< [names][guides]
         BlendSettings settings;
         std::vector<CarriedChannel> channels;
@@ -329,6 +338,14 @@ private:
             normals[g] = rootNormal(mesh.get(), guides->roots()[g], guides->pointsOf(g));
         run.shapes =
             shapeCache_.shapes(*guides, normals, run.rootData->counts, boolean("smoothGuides"));
+        std::string details = "it does not keep clearance";
+        if (boolean("keepClearance") && !run.settings.takeLength && connected)
+            run.clearance =
+                clearanceCache_.goals(*guides, boolean("smoothGuides"), connected, details);
+        {
+            const std::lock_guard lock(detailMutex_);
+            details_ = std::move(details);
+        }
         for (const std::string& attribute : guides->attributeNames())
             for (std::size_t g = 0; g < guides->size(); ++g)
                 run.attributes.push_back(guides->attribute(g, attribute));
@@ -343,7 +360,8 @@ private:
         const StrandSet& in = *run.strands;
         const BlendSource source{.weights = &run.rootData->weights,
                                  .shapes = run.shapes,
-                                 .strandNormals = run.rootData->normals};
+                                 .strandNormals = run.rootData->normals,
+                                 .clearance = run.clearance.get()};
         pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
             blendStrands(in, batch, source, run.settings, points);
             for (std::size_t c = 0; c < channels.size(); ++c)
@@ -552,9 +570,17 @@ private:
     mutable std::mutex rootMutex_;
     RootCache rootCache_;
     GuideShapeCache shapeCache_;
+    ClearanceCache clearanceCache_;
+    mutable std::mutex detailMutex_;
+    std::string details_;  ///< how keepClearance went last
 };
 
 }  // namespace
+
+std::string interpolateDetails(const Operator& op) {
+    const auto* node = dynamic_cast<const Interpolate*>(&op);
+    return node ? node->details() : std::string();
+}
 
 void registerInterpolateOperator() {
     OperatorRegistry::instance().add("Interpolate", [] { return std::make_unique<Interpolate>(); });

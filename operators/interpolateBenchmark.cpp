@@ -62,10 +62,10 @@ struct Load {
         static Load load;
         return load;
     }
-    OperatorPtr node() const {
+    OperatorPtr node(bool clearance = false) const {
         registerInterpolateOperator();
         OperatorPtr op = OperatorRegistry::instance().create("Interpolate");
-        op->set("keepClearance", false);
+        op->set("keepClearance", clearance);
         return op;
     }
 };
@@ -180,6 +180,17 @@ void timeNode(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
 }
 BENCHMARK(timeNode)->Name("interpolate/node")->UseRealTime();
+
+/// The same, lifting what would sink in: these guides curl every way, so that all strands are lower
+/// than their guides' mean somewhere.
+void timeClearance(benchmark::State& state) {
+    Load& load = Load::get();
+    const OperatorPtr op = load.node(true);
+    const EvalContext context(load.data);
+    for (auto _ : state) benchmark::DoNotOptimize(op->evaluate(context, load.inputs));
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+BENCHMARK(timeClearance)->Name("interpolate/nodeKeepingClearance")->UseRealTime();
 
 /// The first evaluation: fronts, weights, shapes and the blend.
 void timeFirst(benchmark::State& state) {

@@ -154,6 +154,7 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
     for (const GuideShapesPtr& shapes : source.shapes) widest = std::max(widest, shapes->stride);
     Room room(widest);  // of 4 lanes: 3 coordinates and the segments
     float* sum = room.get();
+    std::vector<Vec3f> scratch;
     const GuideShapes* shapes = nullptr;
     for (const std::uint32_t s : strands) {
         const std::span<const Vec3f> from = in.pointsOf(s);
@@ -192,6 +193,8 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
             to[0] = root;
             for (std::size_t j = 1; j < m; ++j)
                 to[j] = Vec3f{root.x + x[j] * scale, root.y + y[j] * scale, root.z + z[j] * scale};
+            if (source.clearance)
+                keepClearance(*source.clearance, pairs, in.roots()[s], to, scratch);
         }
         if (influence < 1.0f)
             for (std::size_t j = 1; j < m; ++j) to[j] = mix(from[j], to[j], influence);

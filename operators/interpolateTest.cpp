@@ -11,6 +11,7 @@
 #include "model/polyline.h"
 #include "model/testing/guides.h"
 #include "model/testing/meshes.h"
+#include "operators/interpolate.h"
 #include "operators/interpolateBlend.h"
 #include "operators/registerOperators.h"
 
@@ -414,6 +415,136 @@ TEST(Interpolate, CarriesAttributesByTheGuidesArcLength) {
     EXPECT_NEAR((*mask)[first + 1], 0.5f, 1e-4f);
     EXPECT_NEAR((*mask)[first + 2], 1.0f, 1e-4f);
     EXPECT_EQ((*mask)[first + 8], 1.0f);
+}
+
+/// A sheet with a bump in its middle; four guides that lie low over the flat part around it.
+struct Bump {
+    ScalpPtr scalp;
+    GuidesPtr guides;
+    StrandsPtr strands;
+    EvaluationData data;
+    NodeInputs inputs;
+    OperatorPtr op;
+
+    static Vec3f lifted(Vec3f p) {
+        return {p.x, 1.5f * std::exp(-(p.x * p.x + p.z * p.z) / 2.0f), p.z};
+    }
+    explicit Bump(bool deformed = false) {
+        const ScalpMesh plane = makePlane(40, 40, 20.0f);
+        std::vector<Vec3f> points;
+        for (const Vec3f p : plane.points()) points.push_back(lifted(p));
+        ScalpMesh bumpy(points, {plane.triangles().begin(), plane.triangles().end()});
+        if (deformed) {  // carried off and turned on its side since
+            bumpy.setRestPoints(points);
+            for (Vec3f& p : points) p = Vec3f{-p.y, p.x, p.z} + Vec3f{50, 0, 0};
+            scalp = std::make_shared<const ScalpMesh>(std::move(bumpy))->withPoints(points);
+        } else {
+            scalp = std::make_shared<const ScalpMesh>(std::move(bumpy));
+        }
+        const auto place = [&](Vec3f p) {
+            return deformed ? Vec3f{-p.y, p.x, p.z} + Vec3f{50, 0, 0} : p;
+        };
+        const auto strand = [&](Vec3f from, std::size_t count, StrandRoot& root) {
+            SurfaceHit hit;
+            EXPECT_TRUE(scalp->closestPoint(place(lifted(from)), 1.0f, hit));
+            root = hit.root();
+            std::vector<Vec3f> out{hit.position};
+            for (std::size_t j = 1; j < count; ++j)  // lies along x, 0.3 above the flat
+                out.push_back(
+                    place(Vec3f{from.x + 6.0f * float(j) / float(count - 1), 0.3f, from.z}));
+            return out;
+        };
+        std::vector<GuideCurve> curves;
+        for (const float z : {-8.0f, -7.0f, 7.0f, 8.0f}) {
+            GuideCurve curve{.id = curves.size() + 1};
+            curve.points = strand({-3, 0, z}, 7, curve.root);
+            curves.push_back(std::move(curve));
+        }
+        guides = std::make_shared<const GuideSet>(curves);
+        StrandSet set;
+        for (int i = 0; i < 60; ++i) {
+            StrandRoot root;
+            const auto made = strand({-3, 0, -8.0f + 16.0f * float(i) / 59.0f}, 13, root);
+            set.addStrand(std::uint64_t(i + 1), made, {}, root);
+        }
+        strands = std::make_shared<const StrandSet>(std::move(set));
+        registerInterpolateOperator();
+        op = OperatorRegistry::instance().create("Interpolate");
+        data.scalp = scalp;
+        inputs.values = {strands, guides, MeshValue{scalp, -1.0f}};
+        inputs.connected = {true, true, true};
+        inputs.hashes = {1, 2, 3};
+    }
+    StrandsPtr evaluate() { return std::get<StrandsPtr>(op->evaluate(EvalContext(data), inputs)); }
+    float lowest(const StrandSet& set) const {
+        const ExactDistance exact(scalp);
+        float least = 1e9f;
+        for (std::size_t s = 0; s < set.strandCount(); ++s)
+            for (std::size_t j = 3; j < set.pointCountOf(s); ++j) {
+                DistanceSample sample;
+                std::int32_t near = -1;
+                if (exact.sample(set.pointsOf(s)[j], 100.0f, near, sample))
+                    least = std::min(least, sample.distance);
+            }
+        return least;
+    }
+};
+
+TEST(Interpolate, LiftsOutWhatWouldSinkIntoABump) {
+    for (const bool deformed : {false, true}) {
+        Bump bump(deformed);
+        const StrandsPtr kept = bump.evaluate();
+        EXPECT_EQ(interpolateDetails(*bump.op),
+                  deformed ? "it keeps clearance over a deformed scalp" : "");
+        bump.op->set("keepClearance", false);
+        const StrandsPtr sunk = bump.evaluate();
+        EXPECT_EQ(interpolateDetails(*bump.op), "it does not keep clearance");
+        EXPECT_LT(bump.lowest(*sunk), -0.5f) << "this bump is too low to prove anything";
+        EXPECT_GT(bump.lowest(*kept), 0.15f);
+        std::size_t same = 0;
+        for (std::size_t s = 0; s < kept->strandCount(); ++s) {
+            EXPECT_EQ(kept->pointsOf(s)[0], bump.strands->pointsOf(s)[0]);
+            EXPECT_NEAR(polylineLength(kept->pointsOf(s)), polylineLength(sunk->pointsOf(s)),
+                        1e-3f);
+            same += std::ranges::equal(kept->pointsOf(s), sunk->pointsOf(s));
+        }
+        EXPECT_GT(same, 5u) << "strands away from the bump are let be";
+        EXPECT_LT(same, 55u);
+    }
+}
+
+TEST(Interpolate, SaysWhyAScalpKeepsNoClearance) {
+    Bump bump;
+    const auto flat = std::make_shared<const ScalpMesh>(std::vector<Vec3f>(3, Vec3f{1, 1, 1}),
+                                                        std::vector<Triangle>{{0, 1, 2}});
+    bump.inputs.values[2] = MeshValue{flat, -1.0f};
+    bump.evaluate();
+    EXPECT_EQ(interpolateDetails(*bump.op), "its scalp has no size");
+    const auto huge =
+        std::make_shared<const ScalpMesh>(std::vector<Vec3f>{{0, 0, 0}, {1e7f, 0, 0}, {0, 0, 1e7f}},
+                                          std::vector<Triangle>{{0, 1, 2}});
+    bump.inputs.values[2] = MeshValue{huge, -1.0f};
+    bump.evaluate();
+    EXPECT_EQ(interpolateDetails(*bump.op), "its scalp is too big for the clearance field's grid");
+    bump.inputs.values[2] = NodeValue{};
+    bump.evaluate();
+    EXPECT_EQ(interpolateDetails(*bump.op), "it does not keep clearance");
+}
+
+TEST(Interpolate, KeepsItsCachesWhenAParamRebuildsIt) {
+    Bump bump;
+    const StrandsPtr made = bump.evaluate();
+    const OperatorPtr next = OperatorRegistry::instance().create("Interpolate");
+    next->adoptState(*bump.op);
+    next->adoptState(*next);
+    const SlotChanges none{.kind = SlotChanges::Kind::None};
+    const auto change = std::make_shared<StrandChanges>(StrandChanges{.strands = {1}});
+    const SlotChanges slots[] = {none, {.kind = SlotChanges::Kind::Some, .changes = change}, none};
+    std::vector<NodeValue> held = {made};
+    UpdateResult result;  // works from the weights alone, which only the first node made
+    EXPECT_TRUE(next->update(EvalContext(bump.data), bump.inputs,
+                             {.previous = held, .inputs = slots}, result));
+    EXPECT_EQ(std::get<StrandsPtr>(result.outputs[0])->contentHash(), made->contentHash());
 }
 
 }  // namespace
