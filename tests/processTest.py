@@ -236,13 +236,11 @@ class RandomRequests(unittest.TestCase):
 
     def request(self, number):
         fields = {name: self.value() for name in self.random.sample(self.FIELDS, 6)}
-        session = self.random.choice([1, 1, 1, 2, 999, None, 1.0, 2**32 + 1, "1"])
-        return {
-            **fields,
-            "id": number,
-            "cmd": self.random.choice(self.COMMANDS),
-            "session": session,
-        }
+        command = self.random.choice(self.COMMANDS)
+        session = self.random.choice([1, 1, 1, 2, 3, 999, None, 1.0, 2**32 + 1, "1"])
+        if command == "close_session" and session == 1:
+            session = 2  # one session lives to the end
+        return {**fields, "id": number, "cmd": command, "session": session}
 
     def broken(self, line):
         line = bytearray(line)
@@ -280,7 +278,7 @@ class RandomRequests(unittest.TestCase):
                     if not reply["ok"]:
                         failures += 1
                         self.assertNotEqual(reply["error"]["message"], "")
-            self.assertGreater(failures, 5000, "too tame to prove anything")
+            self.assertGreater(failures, 4000, "too tame to prove anything")
             self.assertGreater(broken, 2000)
             self.assertTrue(helper.ask(cmd="hello")["ok"])
             self.assertEqual(helper.ask(cmd="shutdown")["result"], {"bye": True})
