@@ -168,8 +168,9 @@ class Ends(unittest.TestCase):
 
     def test_a_thread_that_cannot_start_ends_in_the_terminate_handler(self):
         def no_room_for_a_stack():
-            resource.setrlimit(resource.RLIMIT_STACK, (1 << 30, resource.RLIM_INFINITY))
-            resource.setrlimit(resource.RLIMIT_AS, (1 << 29, resource.RLIM_INFINITY))
+            # What a new thread asks for its stack: more than there are addresses. (A program
+            # built with the thread sanitizer does not start like this.)
+            resource.setrlimit(resource.RLIMIT_STACK, (1 << 47, resource.RLIM_INFINITY))
 
         code, out, err = run("--parent-pid", str(os.getpid()), preexec_fn=no_room_for_a_stack)
         self.assertEqual((code, out), (70, b""))
@@ -235,13 +236,11 @@ class RandomRequests(unittest.TestCase):
 
     def request(self, number):
         fields = {name: self.value() for name in self.random.sample(self.FIELDS, 6)}
-        session = self.random.choice([1, 1, 1, 2, 999, None, 1.0, 2**32 + 1, "1"])
-        return {
-            **fields,
-            "id": number,
-            "cmd": self.random.choice(self.COMMANDS),
-            "session": session,
-        }
+        command = self.random.choice(self.COMMANDS)
+        session = self.random.choice([1, 1, 1, 2, 3, 999, None, 1.0, 2**32 + 1, "1"])
+        if command == "close_session" and session == 1:
+            session = 2  # one session lives to the end
+        return {**fields, "id": number, "cmd": command, "session": session}
 
     def broken(self, line):
         line = bytearray(line)
@@ -279,7 +278,7 @@ class RandomRequests(unittest.TestCase):
                     if not reply["ok"]:
                         failures += 1
                         self.assertNotEqual(reply["error"]["message"], "")
-            self.assertGreater(failures, 5000, "too tame to prove anything")
+            self.assertGreater(failures, 4000, "too tame to prove anything")
             self.assertGreater(broken, 2000)
             self.assertTrue(helper.ask(cmd="hello")["ok"])
             self.assertEqual(helper.ask(cmd="shutdown")["result"], {"bye": True})
