@@ -90,22 +90,33 @@ void timeDiff(benchmark::State& state) {
 }
 BENCHMARK(timeDiff)->Name("changes/strandDiff")->UseRealTime();
 
-/// One strand in a hundred moves: a chain of ten nodes against the same chain in full.
+/// One guide of a hundred moves: what follows it is a hundredth of the strands, through ten nodes.
 template <bool Incremental>
-void timeEdit(benchmark::State& state) {
+void timeStroke(benchmark::State& state) {
     WarmChain chain{double(kStrands)};
-    const NodeId move = chain.graph.byName("n1");
+    Graph& graph = chain.graph;
+    const NodeId guides = addTestNode(graph, "TestGuides", "guides");
+    const NodeId follow = addTestNode(graph, "TestFollow", "follow");
+    graph.connect(graph.byName("tuft"), 0, follow, 0);
+    graph.connect(guides, 0, follow, 1);
+    graph.connect(follow, 0, graph.byName("n1"), 0);
     setIncrementalEvaluation(Incremental);
-    double share = 0.5;
-    for (auto _ : state) {
-        share = share > 0.9 ? 0.5 : share + 0.01;
-        chain.graph.setParam(move, "share", share);
-        benchmark::DoNotOptimize(chain.graph.evaluate(chain.last, {}));
-    }
+    EvaluationData data;
+    float tip = 0.0f;
+    const auto stroke = [&] {
+        tip += 0.125f;
+        std::vector<GuideCurve> curves;
+        for (std::uint64_t id = 1; id <= 100; ++id)
+            curves.push_back({id, {}, {{0, 0, 0}, {0, id == 50 ? tip : 1.0f, 0}}, nullptr});
+        data.flatGuides = std::make_shared<const GuideSet>(std::move(curves));
+        benchmark::DoNotOptimize(graph.evaluate(chain.last, data));
+    };
+    for (int warm = 0; warm < 3; ++warm) stroke();
+    for (auto _ : state) stroke();
     setIncrementalEvaluation(true);
 }
-BENCHMARK(timeEdit<false>)->Name("chain/full")->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(timeEdit<true>)->Name("chain/incremental")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(timeStroke<false>)->Name("stroke/full")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(timeStroke<true>)->Name("stroke/incremental")->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace corvelle

@@ -144,6 +144,13 @@ TEST_F(GraphEditTest, ConnectReplacesAndChecks) {
     EXPECT_FALSE(edit.disconnect("width", "strands"));
 }
 
+TEST_F(GraphEditTest, PortsThatStandInParamsAreRead) {
+    edit.addNode("TestOuter", "outer", {{"type", "Field"}}, nullptr);
+    edit.connect("outer", "", "move", "amount");
+    EXPECT_EQ(errorOf([&] { edit.connect("outer", "", "width", "strands"); }),
+              "cannot connect outer (it gives Field) to width (it takes Strands)");
+}
+
 TEST_F(GraphEditTest, FieldsConnectToParamsAndDoNotMuteThem) {
     edit.connect("field", "", "move", "amount");
     EXPECT_EQ(edit.node("move")["paramInputs"], json({{"amount", {{"from", "field"}}}}));
