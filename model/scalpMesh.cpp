@@ -471,7 +471,7 @@ bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t
     out.u = hit.weight0;
     out.v = hit.weight1;
     out.distance = std::sqrt(hit.distanceSquared);
-    out.position = surfacePoint(out.root());
+    out.position = hit.position;
     return true;
 }
 
