@@ -22,7 +22,7 @@ private:
 /// Whether each index is one more than the one before, so that arrays may be read in place. Written
 /// without a way out of the loop, which lets it be vectorised.
 inline bool isRun(std::span<const std::uint32_t> indices) {
-    std::uint32_t differences = 0;
+    std::uint32_t differences = 0;  // empty: a run
     for (std::size_t i = 0; i < indices.size(); ++i)
         differences |= indices[i] ^ (indices[0] + std::uint32_t(i));
     return differences == 0;
