@@ -17,14 +17,14 @@ StrandRoot rootOf(const ScalpMesh& mesh, SplitMix& random) {
     return {std::int32_t(random.nextU64() % mesh.triangles().size()), 1.0f - r, r * s};
 }
 
-/// A plane of irregular triangles: points jittered within the plane, some triangles badly obtuse.
+/// A plane of irregular triangles: points jittered within the plane, by too little to fold it.
 ScalpPtr roughPlane(std::uint64_t seed) {
     const ScalpMesh plane = makePlane(30, 30, 10.0f);
     std::vector<Vec3f> points(plane.points().begin(), plane.points().end());
     SplitMix random(seed);
     for (Vec3f& p : points) {
         const bool edge = std::fabs(p.x) > 4.99f || std::fabs(p.z) > 4.99f;
-        const float x = random.nextRange(-0.12f, 0.12f), z = random.nextRange(-0.12f, 0.12f);
+        const float x = random.nextRange(-0.08f, 0.08f), z = random.nextRange(-0.08f, 0.08f);
         if (!edge) p += Vec3f{x, 0.0f, z};
     }
     return plane.withPoints(std::move(points));
