@@ -47,6 +47,14 @@ struct ScalpHistory {
     std::uint64_t hash() const;
 };
 
+/// What one outer input of a compound gives its inner graph.
+struct CompoundInput {
+    NodeValue value;
+    std::uint64_t hash = 0;          ///< names the value
+    std::uint64_t previousHash = 0;  ///< of the value that `changes` counts from; 0: not known
+    StrandChangesPtr changes;
+};
+
 /// Everything an evaluation hands to its nodes. Plain data: the session fills it.
 struct EvaluationData {
     double seconds = 0.0;
@@ -68,6 +76,7 @@ struct EvaluationData {
     std::map<std::string, double> controls;
     std::string directory;  ///< the groom's, for relative paths
     std::vector<std::string> searchPaths;
+    std::map<std::string, CompoundInput> inputs;  ///< inside a compound: its outer inputs by name
 };
 
 /// A node's view of the evaluation: what it declared, asserted in debug builds. Cheap to make.
@@ -83,6 +92,7 @@ public:
     double frame() const { return read(reads::kTime).frame; }
     double framesPerSecond() const { return read(reads::kTime).framesPerSecond; }
     bool viewport() const { return read(reads::kViewport).viewport; }
+    bool deferTools() const { return data_->deferTools; }
     float density() const { return read(reads::kDensity).density; }
     double pointBudget() const { return read(reads::kDensity).pointBudget; }
     int growSegments() const { return read(reads::kDensity).growSegments; }
@@ -105,5 +115,28 @@ private:
 
 /// What the context things in `mask` say, as one hash.
 std::uint64_t contextReadsHash(const EvaluationData& data, std::uint32_t mask);
+
+/// The same, asked many times about much the same data: things that are hashed by passing over them
+/// (guides, maps) are kept by identity, with a hold on them.
+class ContextHasher {
+public:
+    /// Forgets what was said of other data.
+    void begin(const EvaluationData& data);
+    std::uint64_t hash(std::uint32_t mask);
+
+private:
+    static constexpr std::size_t kBits = 12;
+    std::uint64_t bitHash(std::size_t bit);
+    std::uint64_t held(std::size_t slot, const std::shared_ptr<const void>& thing,
+                       std::uint64_t (*hashThing)(const void*));
+    const EvaluationData* data_ = nullptr;
+    std::uint64_t hashes_[kBits] = {};
+    bool known_[kBits] = {};
+    struct Held {
+        std::shared_ptr<const void> thing;
+        std::uint64_t hash = 0;
+    };
+    Held held_[3];
+};
 
 }  // namespace corvelle

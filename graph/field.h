@@ -55,8 +55,9 @@ public:
 /// `field` bound to `strands`, or itself.
 FieldPtr boundTo(const FieldPtr& field, const StrandSet& strands);
 
-/// The field of a mappable param: its constant, its map, or the Field node that drives it times its
-/// scale. `guides` serve guide layers. Throws GraphError with the param's name.
+/// The field of a mappable param of a node that makes strands: its constant, its map, or the Field
+/// node that drives it times its scale. `guides` serve guide layers. Throws GraphError with the param's
+/// name, also for a map or field that needs strands to be read.
 FieldPtr fieldFromParam(const Operator& op, std::string_view param, const EvalContext& context,
                         const GuidesPtr& guides = nullptr);
 /// The same, bound to the strands a run works on.
@@ -72,7 +73,8 @@ public:
     virtual bool readsWholeSet() const = 0;
 };
 std::shared_ptr<const VectorField> vectorFromParam(const Operator& op, std::string_view param,
-                                                   const EvalContext& context, const StrandSet& strands);
+                                                   const EvalContext& context, const StrandSet& strands,
+                                                   const GuidesPtr& guides = nullptr);
 
 /// The expression environment of a context: its maps, scalp and time.
 struct ExpressionEnvironment;
@@ -80,5 +82,7 @@ ExpressionEnvironment expressionEnvironment(const EvalContext& context, const Gu
 
 /// What a mapped param reads, for a node's hash: texture signature, scalp, guide layer values, maps, time.
 std::uint64_t mapReadsHash(const MapSource& source, const EvaluationData& data, const GuidesPtr& guides);
+/// The map's values differ from frame to frame on their own: an expression of `frame` or `time`.
+bool mapReadsTime(const MapSource& source);
 
 }  // namespace corvelle

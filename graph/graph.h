@@ -4,10 +4,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "graph/operator.h"
@@ -28,7 +28,23 @@ struct ParamInput {
     std::optional<float> scale;  ///< absent: the param's own number
 };
 
-struct Node {
+/// One result of a node, kept under the hash of all that made it.
+struct NodeResult {
+    std::uint64_t cachedHash = 0;
+    std::uint64_t selfHash = 0;                      ///< the hash less the inputs and `affect`
+    std::uint64_t affectHash = 0;
+    std::uint64_t contextHash = 0;                   ///< what the operator said
+    std::vector<std::uint64_t> inputHashes;          ///< what named each slot's value; 0 unused
+    std::vector<NodeValue> outputs;                  ///< what goes on
+    std::vector<NodeValue> rawOutputs;               ///< before the `affect` blend; empty when the same
+    bool ran = false;                                ///< made by the operator, not passed through
+    std::uint64_t previousHash = 0;                  ///< 0: changes are not known
+    std::vector<StrandChangesPtr> changes;           ///< per output, against the outputs at previousHash
+    std::vector<std::string> runWarnings;
+    std::string statusText;
+};
+
+struct Node : NodeResult {
     NodeId id = 0;
     OperatorPtr op;
     std::vector<NodeId> inputNodes;          ///< one per input port; 0 unconnected
@@ -38,18 +54,12 @@ struct Node {
     bool bypass = false;
     NodeEvaluation evaluation = NodeEvaluation::Always;
     std::string lastError;
+    std::shared_ptr<const nlohmann::json> extra;  ///< keys of the node's JSON that are the hosts' own
 
-    // The cache: valid when `cached`.
-    bool cached = false;
-    std::uint64_t cachedHash = 0;
-    std::uint64_t selfHash = 0;                      ///< the hash less its inputs
-    std::vector<std::uint64_t> inputHashes;          ///< the upstream hash used per slot
-    std::vector<NodeValue> outputs;                  ///< what goes on
-    std::vector<NodeValue> rawOutputs;               ///< before the `affect` blend; empty when the same
-    std::uint64_t previousHash = 0;                  ///< 0: changes are not known
-    std::vector<StrandChangesPtr> changes;           ///< per output, against the outputs at previousHash
-    std::vector<std::string> runWarnings;
+    bool cached = false;              ///< the NodeResult of this node is good
+    std::vector<NodeResult> earlier;  ///< newest first, so that going back costs nothing
     std::uint64_t runs = 0;
+    static constexpr std::size_t kEarlierResults = 1;
 };
 
 /// The process-wide switches: incremental updates (on), and running the full path beside every
@@ -61,7 +71,8 @@ bool verifyIncremental();
 
 /// A directed acyclic graph of operators. A node is out of date exactly when its hash (its type,
 /// params, inputs and what it reads of the session) differs from the hash of its cached outputs.
-/// Used from one thread at a time; parallelism lies inside operators.
+/// Used from one thread at a time; parallelism lies inside operators. No walk recurses: a graph may
+/// be as deep as memory allows.
 class Graph {
 public:
     Graph() = default;
@@ -70,30 +81,43 @@ public:
     Graph(Graph&&) = default;
     Graph& operator=(Graph&&) = default;
 
+    /// Throws GraphError "addNode: null operator".
     NodeId addNode(OperatorPtr op);
-    void removeNode(NodeId id);
-    void connect(NodeId from, std::size_t output, NodeId to, std::size_t input);
-    void connectParam(NodeId from, std::size_t output, NodeId to, const std::string& param, std::optional<float> scale);
+    void removeNode(NodeId id);  ///< its connections and the params it feeds go too
+    /// Throws GraphError "<type> has no input slot <n>", "<type> has no output <n>", "type mismatch:
+    /// <outType> -> <inType>" or "connection would create a cycle", checked in that order.
+    /// With `cyclesLater` the last check is left to one `nodeOnCycle` after many connections.
+    void connect(NodeId from, std::size_t output, NodeId to, std::size_t input,
+                 bool cyclesLater = false);
+    /// Throws GraphError for an unknown param, one that takes no input, or as `connect` does.
+    void connectParam(NodeId from, std::size_t output, NodeId to, const std::string& param,
+                      std::optional<float> scale, bool cyclesLater = false);
+    NodeId nodeOnCycle() const;  ///< 0 for none
+    void disconnect(NodeId to, std::size_t input);
     void setParam(NodeId id, const std::string& name, ParamValue value);
     const std::map<NodeId, Node>& nodes() const { return nodes_; }
-    Node& node(NodeId id);              ///< throws GraphError "unknown node <id>"
+    Node& node(NodeId id);  ///< throws GraphError "unknown node <id>"
     const Node& node(NodeId id) const;
-    NodeId find(std::string_view name) const;          ///< 0 for none
-    NodeId byName(std::string_view name) const;        ///< throws GraphError "unknown node '<name>'"
+    NodeId find(std::string_view name) const;    ///< 0 for none
+    NodeId byName(std::string_view name) const;  ///< throws GraphError "unknown node '<name>'"
     NodeId output() const { return output_; }
     void setOutput(NodeId id) { output_ = id; }
 
-    /// Evaluates a node and what it needs. Throws GraphError "node '<name>': ...".
+    /// Evaluates a node and what it needs. Throws GraphError "node '<name>': ..."; nodes evaluated
+    /// before keep their results. std::bad_alloc passes as it is.
     NodeValue evaluate(NodeId outputNode, const EvaluationData& data);
 
     /// Takes over ids, caches, state and reports of nodes of the same name and type. `renamed`: old
-    /// name to new.
+    /// name to new. The counters of nodes evaluated stay this graph's own.
     void adopt(const Graph& old, const std::map<std::string, std::string>& renamed = {});
 
-    /// Visits the nodes in use upstream of (and with) `id`, inputs and params, each once, as a viewport
-    /// or a render evaluation would; a false stops the walk and is returned.
-    bool forEachActiveUpstream(NodeId id, bool render, const std::function<bool(const Node&)>& visit) const;
+    /// Visits the nodes that would run upstream of (and with) `id`, inputs and params, each once, as a
+    /// viewport or a render evaluation would, and the nodes inside compounds; a false stops the walk
+    /// and is returned.
+    bool forEachActiveUpstream(NodeId id, bool render,
+                               const std::function<bool(const Node&)>& visit) const;
     bool readsTime(NodeId id, bool render) const;
+    /// Not bypassed, and not set to the other kind of evaluation.
     bool isActive(const Node& node, bool viewport) const;
 
     /// What changed at a node's first output from the outputs of hash `stamp` on: an empty list at the
@@ -108,12 +132,22 @@ public:
     const std::map<NodeId, double>& runTimings() const { return runTimings_; }   ///< ms, the last real run
     const std::map<NodeId, std::string>& status() const { return status_; }
     const std::map<NodeId, std::string>& warnings() const { return warnings_; }
-    /// Calls visit(identity, bytes) for the distinct arrays that the caches hold.
+    /// Bytes of the distinct arrays of strands and guides that the caches hold.
     std::size_t cachedBytes() const;
     void setFramesPerSecond(double rate);
 
+    /// Keys of the graph's JSON beside nodes, connections, output and version.
+    std::shared_ptr<const nlohmann::json> extra;
+
 private:
     struct Walk;
+    friend struct Walk;
+    /// The node gives its first input on, in this kind of evaluation.
+    bool passes(const Node& node, bool viewport) const;
+    bool reaches(NodeId from, NodeId target, bool leaveFirst = false) const;
+    void applyControls(const EvaluationData& data);
+    int growSegmentsFor(NodeId id, bool viewport) const;
+
     std::map<NodeId, Node> nodes_;
     NodeId nextId_ = 1;
     NodeId output_ = 0;
@@ -121,10 +155,10 @@ private:
     std::uint64_t incremental_ = 0;
     std::map<NodeId, double> timings_, runTimings_;
     std::map<NodeId, std::string> status_, warnings_;
+    ContextHasher contextHasher_;
 };
 
-/// Empty when an incremental result is the full one and states its changes right; else the reason.
-std::string checkIncremental(const NodeValue& incremental, const NodeValue& full, const NodeValue& previous,
-                             const StrandChangesPtr& changes);
+/// Makes a new operator of the same type with the same params and, unless `bare`, its caches.
+OperatorPtr cloneOperator(const Operator& op, bool bare = false);
 
 }  // namespace corvelle

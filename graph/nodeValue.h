@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -40,14 +41,20 @@ struct MeshValue {
 /// What travels on a connection. monostate is "nothing".
 using NodeValue = std::variant<std::monostate, StrandsPtr, GuidesPtr, MeshValue, FieldPtr, CurvePtr>;
 
-/// "strands", "guides", "mesh", "field", "curve" or "nothing".
+/// "strands", "guides", "mesh", "field", "curve" or "nothing" (null pointers too).
 const char* nodeValueWord(const NodeValue& value);
+inline bool isNothing(const NodeValue& value) { return nodeValueWord(value)[0] == 'n'; }
+/// "strands", "guides", "mesh", "field", "curve" or "curves".
+const char* portWord(PortType type);
+/// True when a value of this kind may arrive at a port of that type.
+bool valueFits(const NodeValue& value, PortType type);
 
 /// The gathered inputs of one run, by slot. Null where a slot is unconnected or holds another kind.
 class NodeInputs {
 public:
     std::vector<NodeValue> values;
     std::vector<bool> connected;
+    std::vector<std::uint64_t> hashes;  ///< what names each value: equal hash, equal value; 0 for none
 
     bool isConnected(std::size_t slot) const { return slot < connected.size() && connected[slot]; }
     StrandsPtr strands(std::size_t slot) const { return get<StrandsPtr>(slot); }

@@ -18,18 +18,25 @@
 
 namespace corvelle {
 
+struct Node;
+
 /// What is known of one input slot against the value that the previous outputs were made from.
 struct SlotChanges {
     enum class Kind { None, Some, Unknown };
     Kind kind = Kind::Unknown;
-    StrandChangesPtr changes;  ///< for Some: the strands (or guides) that differ
+    StrandChangesPtr changes;        ///< for Some: the strands (or guides) that differ, never all
+    std::uint64_t previousHash = 0;  ///< NodeInputs::hashes of the slot when `previous` was made
 };
 
-/// What `update` is given and gives.
+/// What `update` is given and gives. The graph asks only when every slot's changes are None or Some,
+/// at least one is Some or `ownChanged` holds, and `ownChanged` only where `updatesOwnChanges`.
 struct UpdateRequest {
-    std::span<const NodeValue> previous;   ///< the node's last outputs, before any `affect` blend
+    /// The node's last outputs, before any `affect` blend. An update may let go of them (reset), so that
+    /// arrays no one else holds are written in place instead of copied: it must then succeed or throw.
+    std::span<NodeValue> previous;
     std::span<const SlotChanges> inputs;   ///< one per input slot
     bool ownChanged = false;               ///< params, context or source differ since
+    std::uint64_t previousContextHash = 0; ///< what `contextHash` said when `previous` was made
 };
 struct UpdateResult {
     std::vector<NodeValue> outputs;
@@ -73,23 +80,43 @@ public:
     virtual bool inputSelected(std::size_t) const { return false; }
     /// Handles ownChanged in `update` (sources that can tell which of their guides changed).
     virtual bool updatesOwnChanges() const { return false; }
+    /// Lets a walk over the nodes in use go on into a graph this node holds; false stops the walk.
+    virtual bool visitInner(bool /*render*/, const std::function<bool(const Node&)>& /*visit*/) const {
+        return true;
+    }
+    /// The params or ports differ from instance to instance of the type.
+    virtual bool ownSpec() const { return false; }
+    /// For types that hold a definition (compounds): its JSON text, set before any param.
+    virtual bool hasDefinition() const { return false; }
+    virtual std::string definition() const { return {}; }
+    virtual void setDefinition(const std::string& /*json*/) {}
+    /// Keeps caches through which a second run would not be a full one: checks run on a fresh copy.
+    virtual bool verifyOnClone() const { return false; }
     virtual bool readsTime() const { return (contextReads() & reads::kTime) != 0; }
     /// Drops what was kept for another frame rate.
     virtual void setFramesPerSecond(double) {}
+
+    // Ports, asked once; kept until a param changes.
+    const std::vector<PortSpec>& inputPorts() const;
+    const std::vector<PortSpec>& outputPorts() const;
 
     // Params.
     /// The declared params and the common ones (`affect` on types with strands in and out).
     const std::vector<ParamSpec>& params() const;
     const ParamSpec* paramSpec(std::string_view name) const;  ///< null for none
+    /// True when `affect` is the common one, which the graph applies round the run.
+    bool hasCommonAffect() const;
     /// Throws GraphError "unknown parameter '<name>'", or for a value of another kind, or for a map
-    /// where none may be.
+    /// where none may be. A ramp may come as JSON text.
     void set(const std::string& name, ParamValue value);
     void unset(const std::string& name);  ///< back to the default
     const std::map<std::string, ParamValue, std::less<>>& storedParams() const { return params_; }
     /// What a run reads: the driven value, else the stored one, else the default.
     const ParamValue& value(std::string_view name) const;
     bool isMapped(std::string_view name) const;  ///< a map, or driven by a field
-    double number(std::string_view name) const;  ///< clamped to min..max, rounded when whole
+    /// Clamped to min..max, rounded when whole. Throws GraphError for a param that holds a map: read
+    /// those by `fieldFromParam`.
+    double number(std::string_view name) const;
     int whole(std::string_view name) const;
     bool boolean(std::string_view name) const;
     const std::string& text(std::string_view name) const;
@@ -106,7 +133,8 @@ public:
         float scale = 1.0f;
     };
     const DrivenField* drivenField(std::string_view name) const;
-    void clearDriven();
+    void clearDriven();        ///< fields, curves and values
+    void clearDrivenFields();  ///< fields and curves: after a run, so that no array is kept alive
     void drive(const std::string& name, DrivenField field);
     void drive(const std::string& name, CurvePtr curve);
     void drive(const std::string& name, ParamValue value);
@@ -118,11 +146,20 @@ public:
     std::string name;  ///< the node's
     int version = 0;   ///< as stored; below 1: the type's current one
 
+    /// Takes stored and driven params, name and version of an operator of the same type, as they are.
+    void copyParams(const Operator& other);
+
 protected:
     Operator() = default;
+    /// For types whose spec is their own: the declared ports and params are asked anew.
+    void specChanged();
 
 private:
-    mutable std::vector<ParamSpec> table_;  ///< filled on first use
+    struct ParamTable;
+    const ParamTable& table() const;
+    const ParamSpec& declared(std::string_view name) const;
+    mutable std::shared_ptr<const ParamTable> table_;  ///< one per type, or the instance's own
+    mutable std::shared_ptr<const std::vector<PortSpec>> inputPorts_, outputPorts_;
     std::map<std::string, ParamValue, std::less<>> params_;
     std::map<std::string, ParamValue, std::less<>> drivenValues_;
     std::map<std::string, DrivenField, std::less<>> drivenFields_;

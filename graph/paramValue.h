@@ -16,6 +16,8 @@ namespace corvelle {
 using ParamValue = std::variant<bool, double, std::string, Vec3f, Ramp, MapSource>;
 
 std::uint64_t paramHash(const ParamValue& value);
+/// "bool", "float", "string", "vec3", "ramp" or "map".
+const char* paramKind(const ParamValue& value);
 
 /// A param is shown, or measured, so when another param has one of these values (as JSON text
 /// without quotes: "uvGrid", "true", "2").

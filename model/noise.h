@@ -33,11 +33,14 @@ Vec3f fbmVector(Vec3f p, std::uint64_t seed, int octaves);
 /// fades its octave out.
 Vec3f fbmVectorWeighted(Vec3f p, std::uint64_t seed, int octaves, std::span<const float> weights);
 
-/// Batches: out[i] for points[i], bit for bit as above; out holds one element per point, else
-/// std::invalid_argument. `out` may be `points` itself.
+/// Batches: out[i] for points[i], bit for bit as above, faster than one by one; out holds one
+/// element per point, else std::invalid_argument. `out` may be `points` itself.
 void noise3(std::span<const Vec3f> points, std::uint64_t seed, std::span<float> out);
+void noiseVector3(std::span<const Vec3f> points, std::uint64_t seed, std::span<Vec3f> out);
 void fbm(std::span<const Vec3f> points, std::uint64_t seed, int octaves, std::span<float> out);
 void fbmVector(std::span<const Vec3f> points, std::uint64_t seed, int octaves,
                std::span<Vec3f> out);
+void fbmVectorWeighted(std::span<const Vec3f> points, std::uint64_t seed, int octaves,
+                       std::span<const float> weights, std::span<Vec3f> out);
 
 }  // namespace corvelle

@@ -38,9 +38,9 @@ void polylineLengths(std::span<const Vec3f> points, std::span<float> out) {
     }
 }
 
-void polylineShares(std::span<const Vec3f> points, std::span<float> out) {
+float polylineShares(std::span<const Vec3f> points, std::span<float> out) {
     polylineLengths(points, out);
-    if (points.empty()) return;
+    if (points.empty()) return 0.0f;
     const float total = out.back();
     const std::size_t last = points.size() - 1;
     if (total > 0.0f && std::isfinite(total)) {
@@ -49,6 +49,7 @@ void polylineShares(std::span<const Vec3f> points, std::span<float> out) {
         for (std::size_t i = 1; i <= last; ++i) out[i] = float(i) / float(last);
         out[0] = 0.0f;
     }
+    return total;
 }
 
 void resamplePolyline(std::span<const Vec3f> points, std::span<Vec3f> out, float fraction) {

@@ -15,7 +15,8 @@ float polylineLength(std::span<const Vec3f> points);
 void polylineLengths(std::span<const Vec3f> points, std::span<float> out);
 
 /// out[i] = share of the arc length at point i, 0 root to 1 tip; by index when the length is 0.
-void polylineShares(std::span<const Vec3f> points, std::span<float> out);
+/// Returns the arc length.
+float polylineShares(std::span<const Vec3f> points, std::span<float> out);
 
 /// Resamples to out.size() points evenly spaced by arc length over the first `fraction` (0..1) of
 /// the polyline, straight between the given points. The root is exact, and the tip at fraction 1;

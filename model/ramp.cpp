@@ -54,14 +54,41 @@ float Ramp::operator()(float x) const {
     const auto right = std::upper_bound(keys_.begin(), keys_.end(), x,
                                         [](float at, const Key& key) { return at < key.first; });
     if (right == keys_.end()) return keys_.back().second;
-    const auto left = right - 1;
+    return withinSegment(std::size_t(right - keys_.begin()) - 1, x);
+}
+
+void Ramp::sample(std::span<const float> x, std::span<float> out) const {
+    if (keys_.size() < 2) {
+        const float value = keys_.empty() ? 1.0f : keys_.front().second;
+        std::fill(out.begin(), out.end(), value);
+        return;
+    }
+    // The segment is remembered: positions that ascend find theirs without a search.
+    const std::size_t last = keys_.size() - 1;
+    std::size_t segment = 0;
+    for (std::size_t i = 0; i < x.size(); ++i) {
+        const float at = x[i];
+        if (!(at > keys_[0].first)) {
+            out[i] = keys_[0].second;
+        } else if (at >= keys_[last].first) {
+            out[i] = keys_[last].second;
+        } else {
+            while (segment > 0 && keys_[segment].first > at) --segment;
+            while (segment + 1 < last && !(keys_[segment + 1].first > at)) ++segment;
+            out[i] = keys_[segment + 1].first > at ? withinSegment(segment, at) : keys_[last].second;
+        }
+    }
+}
+
+float Ramp::withinSegment(std::size_t i, float x) const {
+    const Key* left = &keys_[i];
+    const Key* right = left + 1;
     const float a = left->second, b = right->second;
     const float span = right->first - left->first;
     if (!(span > 0.0f)) return b;
     if (a == b) return a;  // flat, and free of the rounding of the cubic
     const float t = (x - left->first) / span;
     if (linear_) return a + (b - a) * t;
-    const std::size_t i = std::size_t(left - keys_.begin());
     const float t2 = t * t, t3 = t2 * t;
     const float value = (2.0f * t3 - 3.0f * t2 + 1.0f) * a +
                         (t3 - 2.0f * t2 + t) * span * tangents_[i] + (3.0f * t2 - 2.0f * t3) * b +

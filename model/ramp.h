@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,9 @@ public:
 
     /// 1 for an empty ramp; the end values outside the keys.
     float operator()(float x) const;
+    /// out[i] for x[i], fastest where x ascends, as along a strand; the bits of the single form. `out`
+    /// may be `x`.
+    void sample(std::span<const float> x, std::span<float> out) const;
     const std::vector<Key>& keys() const { return keys_; }
     bool linear() const { return linear_; }
     /// True when every x gives `value`.
@@ -29,6 +33,8 @@ public:
     friend bool operator==(const Ramp&, const Ramp&) = default;
 
 private:
+    float withinSegment(std::size_t segment, float x) const;
+
     std::vector<Key> keys_;
     std::vector<float> tangents_;  ///< one per key; empty when linear
     bool linear_ = false;

@@ -247,6 +247,13 @@ void StrandSet::shareWidths(const StrandSet& from) {
     widths_ = from.widths_;
 }
 
+void StrandSet::shareStrands(const StrandSet& from) {
+    if (this == &from) return;
+    if (strandCount() != from.strandCount()) layoutMismatch("StrandSet::shareStrands");
+    ids_ = from.ids_;
+    roots_ = from.roots_;
+}
+
 // --- Building --------------------------------------------------------------------------------
 
 std::size_t StrandSet::addStrand(std::uint64_t id, std::span<const Vec3f> points,

@@ -97,6 +97,7 @@ public:
     /// std::invalid_argument).
     void sharePoints(const StrandSet& from);
     void shareWidths(const StrandSet& from);
+    void shareStrands(const StrandSet& from);  ///< ids and roots
     /// True when both sets hold the very same array object.
     bool sharesPoints(const StrandSet& other) const { return points_.sharesWith(other.points_); }
     bool sharesWidths(const StrandSet& other) const { return widths_.sharesWith(other.widths_); }

@@ -37,7 +37,7 @@ Rotation Rotation::about(Vec3f axis, float angleRadians) {
 }
 
 Rotation Rotation::shortest(Vec3f from, Vec3f to) {
-    // In double: the formula divides by 1 + cos, which float rounding spoils near the half turn.
+    // In double: float rounding spoils the division by 1 + cos near the half turn.
     const auto norm = [](Vec3f a) {
         return std::sqrt(double(a.x) * a.x + double(a.y) * a.y + double(a.z) * a.z);
     };
@@ -46,14 +46,15 @@ Rotation Rotation::shortest(Vec3f from, Vec3f to) {
     const double fx = from.x / lf, fy = from.y / lf, fz = from.z / lf;
     const double tx = to.x / lt, ty = to.y / lt, tz = to.z / lt;
     const double c = fx * tx + fy * ty + fz * tz;
-    if (1.0 + c < 1e-12) {
+    const double x = fy * tz - fz * ty, y = fz * tx - fx * tz, z = fx * ty - fy * tx;
+    const double sine2 = x * x + y * y + z * z;
+    if (c < 0.0 && sine2 < 1e-24) {
         const Vec3f a = anyPerpendicular(from);  // R = 2 a a^T - I
         return {{2 * a.x * a.x - 1, 2 * a.x * a.y, 2 * a.x * a.z},
                 {2 * a.y * a.x, 2 * a.y * a.y - 1, 2 * a.y * a.z},
                 {2 * a.z * a.x, 2 * a.z * a.y, 2 * a.z * a.z - 1}};
     }
-    const double x = fy * tz - fz * ty, y = fz * tx - fx * tz, z = fx * ty - fy * tx;
-    const double k = 1.0 / (1.0 + c);
+    const double k = c < 0.0 ? (1.0 - c) / sine2 : 1.0 / (1.0 + c);  // equal; the exacter one
     return {{float(c + x * x * k), float(x * y * k - z), float(x * z * k + y)},
             {float(y * x * k + z), float(c + y * y * k), float(y * z * k - x)},
             {float(z * x * k - y), float(z * y * k + x), float(c + z * z * k)}};

@@ -18,5 +18,7 @@ float melaninOfPigment(float pigment);
 /// and Controllable Hair and Fur Model for Production Path Tracing", EGSR 2016).
 /// `melanin` 0 (white) to 1 (black), `redness` 0 (brown) to 1 (red).
 Vec3f pigmentColor(float melanin, float redness);
+/// The melanin whose pigment, at that redness, reflects this much green.
+float melaninOfGreen(float green, float redness);
 
 }  // namespace corvelle

@@ -6,11 +6,13 @@
 #include <string>
 
 #include "hosts/blender/helper/answerPool.h"
+#include "hosts/blender/helper/strandArrays.h"
 #include "session/sceneSpace.h"
 
 namespace corvelle {
 
 class GroomSession;
+struct EvaluationResult;
 
 /// One groom that a host works on: the engine's document, and what this process keeps around it.
 /// Touched on the main thread only.
@@ -28,6 +30,9 @@ struct HelperSession {
     std::shared_ptr<GroomSession> groom;
     double seconds = 0.0;  ///< the current time
     AnswerPool strandPool, guidePool, scalpPool;
+    StrandAnswerCache strandAnswer;  ///< what lies in strandPool
+    std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
+    std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
 
 private:

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace corvelle {
+
+// Paths of pictures. Text is UTF-8 everywhere; only here it becomes the system's own form.
+
+std::filesystem::path utf8Path(std::string_view text);
+std::string utf8Text(const std::filesystem::path& path);
+
+/// $NAME, ${NAME} and %NAME% replaced by the environment's values; a variable that is not set stays
+/// as written. Names are letters, digits and _, not starting with a digit: "%(UDIM)d" is left alone.
+std::string expandVariables(std::string_view text);
+
+/// UDIM tiles: 1001 + column + 10 * row, 10 columns and 10 rows.
+inline constexpr int kFirstTile = 1001;
+inline constexpr int kTileCount = 100;
+/// True for a path holding "<UDIM>", "<udim>" or "%(UDIM)d".
+bool hasUdimMarker(std::string_view path);
+/// The path of one tile: every marker replaced by its number.
+std::string tilePath(std::string_view pattern, int tile);
+
+/// A file is there; for a UDIM pattern: any of its tiles.
+bool pictureExists(const std::string& path);
+/// Of the path, size and modification time of a file; 0 when there is none.
+std::uint64_t fileSignature(const std::string& path);
+
+}  // namespace corvelle

@@ -1,0 +1,128 @@
+#include "operators/length.h"
+
+#include <algorithm>
+#include <array>
+
+#include "model/hash.h"
+#include "model/polyline.h"
+#include "operators/nodeFactories.h"
+#include "operators/strandOperator.h"
+
+namespace corvelle {
+
+float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings& settings) {
+    const float share = std::clamp(keep, 0.0f, 1.0f);
+    if (!(draw(drawBase(settings.seed, "Length.fraction"), id) < fraction)) return share;
+    const float lo = std::min(settings.trimMin, settings.trimMax);
+    const float hi = std::max(settings.trimMin, settings.trimMax);
+    const float loss = lo + (hi - lo) * draw(drawBase(settings.seed, "Length.trim"), id);
+    return share * (1.0f - loss);
+}
+
+void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
+    const std::size_t n = in.size();
+    if (share >= 1.0f || n < 2) {
+        std::copy(in.begin(), in.end(), out.begin());
+        return;
+    }
+    // Every point slides back along the strand to `share` of its own arc length. Both walk forward.
+    out[0] = in[0];
+    float segmentStart = 0.0f;  // arc length at in[k]
+    std::size_t k = 0;
+    float segment = distance(in[1], in[0]);
+    float arc = 0.0f;  // arc length at in[i]
+    for (std::size_t i = 1; i < n; ++i) {
+        arc += distance(in[i], in[i - 1]);
+        const float target = arc * share;
+        while (k + 2 < n && segmentStart + segment < target) {
+            segmentStart += segment;
+            ++k;
+            segment = distance(in[k + 1], in[k]);
+        }
+        const float along = segment > 0.0f ? std::min((target - segmentStart) / segment, 1.0f) : 0.0f;
+        out[i] = mix(in[k], in[k + 1], along);
+    }
+}
+
+namespace {
+
+const std::vector<ParamSpec> kParams = {
+    {.name = "keep",
+     .defaultValue = 1.0,
+     .description = "Share of each strand's length kept from the root, 0-1 (mappable; to lengthen, Transform's scale)",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "fraction",
+     .defaultValue = 1.0,
+     .description = "Share of the strands trimmed at random, 0-1 (mappable)",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "trimMin",
+     .defaultValue = 0.0,
+     .description = "The least share of its kept length a strand trimmed at random loses, 0-1",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "trimMax",
+     .defaultValue = 0.0,
+     .description = "The greatest share of its kept length a strand trimmed at random loses, 0-1",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
+};
+
+class LengthWork final : public StrandWork {
+public:
+    FieldPtr keep, fraction;
+    TrimSettings settings;
+
+    WrittenArrays writes() const override { return {.points = true}; }
+    bool readsWholeSet() const override { return keep->readsWholeSet() || fraction->readsWholeSet(); }
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const override {
+        std::array<float, StrandPick::kBatch> keeps, fractions;
+        keep->sampleStrands(in, strands, std::span(keeps).first(strands.size()));
+        fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const std::size_t s = strands[k];
+            trimStrand(in.pointsOf(s), keptShare(in.ids()[s], keeps[k], fractions[k], settings),
+                       out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
+        }
+    }
+};
+
+class Length final : public StrandOperator {
+public:
+    std::string type() const override { return "Length"; }
+    std::string category() const override { return "shape"; }
+    std::string description() const override { return "Trims strands to a share of their length."; }
+    std::vector<ParamSpec> spec() const override { return kParams; }
+
+protected:
+    std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs&,
+                                        const StrandSet& strands) override {
+        auto work = std::make_unique<LengthWork>();
+        work->keep = fieldFromParam(*this, "keep", context, strands);
+        work->fraction = fieldFromParam(*this, "fraction", context, strands);
+        work->settings = {.trimMin = float(number("trimMin")), .trimMax = float(number("trimMax")), .seed = seed()};
+        const bool trims = (work->settings.trimMin > 0.0f || work->settings.trimMax > 0.0f) &&
+                           work->fraction->constant().value_or(1.0f) > 0.0f;
+        if (!trims && work->keep->constant().value_or(0.0f) >= 1.0f) return nullptr;
+        return work;
+    }
+};
+
+}  // namespace
+
+OperatorPtr makeLength() { return std::make_unique<Length>(); }
+
+}  // namespace corvelle

@@ -1,0 +1,15 @@
+#pragma once
+
+#include "graph/operator.h"
+
+namespace corvelle {
+
+// The node types whose source holds one type, made for the registry.
+OperatorPtr makeHairColor();
+OperatorPtr makeLength();
+OperatorPtr makeNoise();
+OperatorPtr makeOutput();
+OperatorPtr makeResample();
+OperatorPtr makeWidth();
+
+}  // namespace corvelle

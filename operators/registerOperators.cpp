@@ -1,0 +1,35 @@
+#include "operators/registerOperators.h"
+
+#include <mutex>
+
+#include "operators/nodeFactories.h"
+
+namespace corvelle {
+
+void registerShapeOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Length", makeLength);
+    registry.add("Output", makeOutput);
+    registry.add("Resample", makeResample);
+    registry.add("Width", makeWidth);
+}
+
+void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoise); }
+
+void registerColorOperators() { OperatorRegistry::instance().add("HairColor", makeHairColor); }
+
+void registerOperators() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        registerSourceOperators();
+        registerShapeOperators();
+        registerScatterOperator();
+        registerInterpolateOperator();
+        registerLookOperators();
+        registerColorOperators();
+        registerDeformOperators();
+        registerFieldOperators();
+    });
+}
+
+}  // namespace corvelle

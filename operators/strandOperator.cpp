@@ -1,0 +1,93 @@
+#include "operators/strandOperator.h"
+
+#include <algorithm>
+
+namespace corvelle {
+
+namespace {
+
+/// Takes write access to what the work writes. `overwrite`: every element will be written.
+OpenArrays openArrays(StrandSet& out, const WrittenArrays& writes, bool overwrite) {
+    OpenArrays open;
+    if (writes.points) open.points = overwrite ? out.overwritePoints() : out.mutablePoints();
+    if (writes.widths) open.widths = overwrite ? out.overwriteWidths() : out.mutableWidths();
+    for (const auto& channel : writes.strandChannels) {
+        open.strandChannels.push_back(out.mutableStrandChannel(channel.name, channel.defaultValue));
+        if (channel.discrete) out.setStrandChannelDiscrete(channel.name);
+    }
+    for (const auto& channel : writes.pointChannels) {
+        open.pointChannels.push_back(out.mutablePointChannel(channel.name, channel.defaultValue));
+        if (channel.discrete) out.setPointChannelDiscrete(channel.name);
+    }
+    return open;
+}
+
+/// Shares from `previous` just the arrays that the work writes; false when it lacks one.
+bool shareWritten(StrandSet& out, const StrandSet& previous, const WrittenArrays& writes) {
+    if (writes.points) out.sharePoints(previous);
+    if (writes.widths) out.shareWidths(previous);
+    return std::ranges::all_of(writes.strandChannels,
+                               [&](const auto& c) { return out.copyStrandChannel(c.name, previous); }) &&
+           std::ranges::all_of(writes.pointChannels,
+                               [&](const auto& c) { return out.copyPointChannel(c.name, previous); });
+}
+
+}  // namespace
+
+NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs& inputs) {
+    const StrandsPtr strands = requireStrands(*this, inputs);
+    const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
+    if (!work) return strands;
+    auto out = std::make_shared<StrandSet>(*strands);  // shares every array until written
+    for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
+    const OpenArrays open = openArrays(*out, work->writes(), true);
+    StrandPick(strands->strandCount()).forEachBatch([&](std::span<const std::uint32_t> batch) {
+        work->run(*strands, batch, open);
+    });
+    if (std::string text = work->warning(); !text.empty()) warn(std::move(text));
+    return StrandsPtr(std::move(out));
+}
+
+bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs, const UpdateRequest& request,
+                            UpdateResult& result) {
+    if (request.ownChanged) return false;
+    for (std::size_t slot = 1; slot < request.inputs.size(); ++slot)
+        if (request.inputs[slot].kind != SlotChanges::Kind::None) return false;
+    const StrandsPtr strands = requireStrands(*this, inputs);
+    StrandsPtr* held = std::get_if<StrandsPtr>(&request.previous[0]);
+    if (!held || !*held || !(*held)->sameLayout(*strands)) return false;
+    const SlotChanges& slot = request.inputs[0];
+    if (slot.kind == SlotChanges::Kind::Unknown) return false;
+    const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
+    const StrandChangesPtr changes = slot.changes ? slot.changes : std::make_shared<const StrandChanges>();
+    if (!work) {
+        result.outputs = {strands};
+        result.changes = {changes};
+        return true;
+    }
+    if (work->readsWholeSet()) return false;
+
+    auto out = std::make_shared<StrandSet>(*strands);
+    const WrittenArrays writes = work->writes();
+    for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
+    if (!shareWritten(*out, **held, writes)) return false;
+    held->reset();  // let go, so that arrays no one else holds are written in place
+    const OpenArrays open = openArrays(*out, writes, false);
+    StrandPick(std::span<const std::uint32_t>(changes->strands))
+        .forEachBatch([&](std::span<const std::uint32_t> batch) { work->run(*strands, batch, open); });
+    if (std::string text = work->warning(); !text.empty()) warn(std::move(text));
+    result.outputs = {StrandsPtr(std::move(out))};
+    result.changes = {changes};
+    return true;
+}
+
+std::size_t batchOffsets(const StrandSet& set, std::span<const std::uint32_t> strands, std::span<std::size_t> out) {
+    std::size_t total = 0;
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        out[k] = total;
+        total += set.pointCountOf(strands[k]);
+    }
+    return total;
+}
+
+}  // namespace corvelle
