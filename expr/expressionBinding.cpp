@@ -168,7 +168,10 @@ void store(const float* stack, std::size_t stride, bool vector, std::span<Vec3f>
 class ArcShares {
 public:
     void next(std::span<const Vec3f> points, std::size_t first, std::span<float> out) {
-        if (first == 0 && out.size() == points.size()) return polylineShares(points, out);
+        if (first == 0 && out.size() == points.size()) {
+            polylineShares(points, out);
+            return;
+        }
         if (first == 0) {
             sum_ = 0.0f;
             total_ = polylineLength(points);
