@@ -255,6 +255,7 @@ public:
     NodeValue evaluate(const EvalContext& context, const NodeInputs& inputs) override;
     bool update(const EvalContext& context, const NodeInputs& inputs, const UpdateRequest& request,
                 UpdateResult& result) override;
+    bool verifyOnClone() const override { return true; }  // what is kept would check itself
     void adoptState(const Operator& other) override {
         const auto* same = dynamic_cast<const Scatter*>(&other);
         if (!same || same == this) return;
@@ -458,9 +459,7 @@ NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs
                 field->sampleStrands(*out, {indices.data(), n}, {lengths.data() + i, n});
             }
         });
-        auto lengthened = std::make_shared<StrandSet>(*out);  // the field reads `out` no more
-        setStrandLengths(*lengthened, *scalp, lengths);
-        out = std::move(lengthened);
+        setStrandLengths(*out, *scalp, lengths);
     }
 
     const std::lock_guard lock(mutex_);
