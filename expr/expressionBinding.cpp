@@ -108,6 +108,15 @@ BoundChannel channelOf(const StrandSet& set, const std::string& name) {
     return {};
 }
 
+/// Whether each index is one more than the one before: then channels are read in place.
+template <class T>
+bool inOrder(std::span<const T> indices) {
+    T differences = 0;  // vectorised, which a search for the first difference is not
+    for (std::size_t i = 0; i < indices.size(); ++i)
+        differences |= indices[i] ^ (indices[0] + T(i));
+    return differences == 0;
+}
+
 float straightness(float reach, float length) { return length > 0.0f ? reach / length : 0.0f; }
 
 }  // namespace
@@ -311,6 +320,7 @@ void ExpressionMap::Bound::Data::evaluateStrands(std::span<const std::uint32_t> 
         batch.lanes = some.size();
         batch.strands = some.data();
         fillStrands(some, rows);
+        if (!channels.empty()) batch.strandsInOrder = inOrder(some);
         if (readsPointChannels)
             for (std::size_t i = 0; i < some.size(); ++i) arrays.pointOf[i] = rootPointOf(some[i]);
         if (program->readsIds)
@@ -422,6 +432,9 @@ void ExpressionMap::Bound::Data::evaluatePoints(std::span<const std::uint32_t> s
             if (!maps.empty()) std::fill_n(places + run.lane, run.count, rootOf(strand));
         }
         batch.lanes = lanes;
+        if (readsPointChannels)
+            batch.pointsInOrder =
+                inOrder(std::span<const std::uint64_t>(arrays.pointOf).first(lanes));
         evaluateBatch(*program, batch, arrays.stack.data(), most);
         store(arrays.stack.data(), most, program->vector, out.subspan(written, lanes));
         written += lanes;

@@ -152,7 +152,12 @@ class BatchRun {
 public:
     BatchRun(const ExpressionProgram& program, const ExpressionBatch& batch, float* stack,
              std::size_t stride)
-        : program_(program), batch_(batch), stride_(stride), lanes_(batch.lanes), top_(stack) {}
+        : program_(program),
+          batch_(batch),
+          channels_(batch.tables->channels),
+          stride_(stride),
+          lanes_(batch.lanes),
+          top_(stack) {}
 
     void run() {
         const std::span<const ExpressionOp> operations = program_.operations;
@@ -164,8 +169,11 @@ public:
                     binaryWithConstant(operations[++k], op.value);
                     continue;
                 }
-                if (op.opcode == Opcode::Var) {
-                    binary(operations[++k], row(1), batch_.variables[op.a]);
+                const float* operand = nullptr;
+                if (op.opcode == Opcode::Var) operand = batch_.variables[op.a];
+                if (op.opcode == Opcode::Channel) operand = rowOf(channels_[op.index]);
+                if (operand) {
+                    binary(operations[++k], row(1), operand);
                     continue;
                 }
             }
@@ -188,7 +196,7 @@ private:
                 push();
                 break;
             case Opcode::Channel:
-                fillChannel(batch_.tables->channels[op.index], top_);
+                fillChannel(channels_[op.index], top_);
                 push();
                 break;
             case Opcode::Neg:
@@ -303,8 +311,18 @@ private:
         pop(4);
     }
 
+    /// The channel's own values where the lanes lie side by side in it; else null.
+    const float* rowOf(const BoundChannel& channel) const {
+        if (!channel.values) return nullptr;
+        if (channel.perPoint)
+            return batch_.pointsInOrder ? channel.values + batch_.points[0] : nullptr;
+        return batch_.strandsInOrder ? channel.values + batch_.strands[0] : nullptr;
+    }
+
     void fillChannel(const BoundChannel& channel, float* out) const {
-        if (!channel.values) {
+        if (const float* values = rowOf(channel)) {
+            std::copy_n(values, lanes_, out);
+        } else if (!channel.values) {
             std::fill_n(out, lanes_, 0.0f);
         } else if (!channel.perPoint) {
             for (std::size_t i = 0; i < lanes_; ++i) out[i] = channel.values[batch_.strands[i]];
@@ -352,6 +370,7 @@ private:
 
     const ExpressionProgram& program_;
     const ExpressionBatch& batch_;
+    const std::span<const BoundChannel> channels_;
     const std::size_t stride_;
     const std::size_t lanes_;
     float* top_;  ///< the row behind the last
@@ -374,6 +393,10 @@ float evaluateConstant(std::span<const ExpressionOp> operations, const std::vect
 void evaluateBatch(const ExpressionProgram& program, const ExpressionBatch& batch, float* stack,
                    std::size_t stride) {
     BatchRun(program, batch, stack, stride).run();
+    const Opcode last = program.operations.back().opcode;
+    if (last == Opcode::Binary || last == Opcode::BinaryVector || last == Opcode::Call ||
+        last == Opcode::CallVector)
+        return;  // finite as it came
     for (std::size_t k = 0; k < (program.vector ? 3u : 1u); ++k)
         for (std::size_t i = 0; i < batch.lanes; ++i)
             stack[k * stride + i] = finiteOrZero(stack[k * stride + i]);

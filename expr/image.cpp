@@ -8,12 +8,14 @@
 #include "expr/texture.h"
 
 // The one place that holds stb_image's code. Files are read by us, so that paths are Unicode on
-// every platform; the formats nobody paints maps in stay out.
+// every platform; the formats nobody paints maps in stay out (version 2.27 also reads past the end of
+// 16-bit PNM pictures when asked for four channels).
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
 #define STBI_NO_STDIO
 #define STBI_NO_GIF
 #define STBI_NO_PIC
+#define STBI_NO_PNM
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wall"

@@ -25,7 +25,7 @@ struct Image {
 };
 using ImagePtr = std::shared_ptr<const Image>;
 
-/// Decodes a PNG, JPEG, TGA, BMP, PSD, PNM or HDR file held in memory; `path` is for messages.
+/// Decodes a PNG, JPEG, TGA, BMP, PSD or HDR file held in memory; `path` is for messages.
 /// Throws TextureError "cannot read '<path>': <reason>" or "'<path>': empty image".
 ImagePtr decodeImage(std::span<const std::uint8_t> file, const std::string& path);
 

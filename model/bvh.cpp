@@ -30,6 +30,12 @@ struct Centroid {
 
 float finiteOrZero(float x) { return std::isfinite(x) ? x : 0.0f; }
 
+bool shareAnEdge(const Triangle& a, const Triangle& b) {
+    int shared = 0;
+    for (const std::int32_t i : a) shared += i == b[0] || i == b[1] || i == b[2];
+    return shared >= 2;
+}
+
 class OrderBuilder {
 public:
     OrderBuilder(std::span<const Vec3f> points, std::span<const Triangle> triangles,
@@ -38,12 +44,24 @@ public:
         order_->firstTriangle = first;
         order_->blockOf.resize(end - first);
         centroids_.reserve(end - first);
-        for (std::size_t t = first; t < end; ++t) {
-            const Vec3f sum = points[std::size_t(triangles[t][0])] +
-                              points[std::size_t(triangles[t][1])] +
-                              points[std::size_t(triangles[t][2])];
+        const auto sumOf = [&](std::size_t t) {
+            return points[std::size_t(triangles[t][0])] + points[std::size_t(triangles[t][1])] +
+                   points[std::size_t(triangles[t][2])];
+        };
+        const auto add = [&](std::size_t t, Vec3f at) {
             centroids_.push_back(
-                {{finiteOrZero(sum.x), finiteOrZero(sum.y), finiteOrZero(sum.z)}, std::int32_t(t)});
+                {{finiteOrZero(at.x), finiteOrZero(at.y), finiteOrZero(at.z)}, std::int32_t(t)});
+        };
+        for (std::size_t t = first; t < end; ++t) {
+            if (t + 1 < end && shareAnEdge(triangles[t], triangles[t + 1])) {
+                // Two halves of a quad stay together: cuts then run along the quads' sides, and the
+                // boxes of the two parts overlap little.
+                const Vec3f middle = (sumOf(t) + sumOf(t + 1)) * 0.5f;
+                add(t, middle);
+                add(++t, middle);
+            } else {
+                add(t, sumOf(t));
+            }
         }
     }
 
@@ -156,22 +174,34 @@ Vec3f margin(const Box& box) {
     return {pad(box.low.x, box.high.x), pad(box.low.y, box.high.y), pad(box.low.z, box.high.z)};
 }
 
-float lowest(Float4 v) {
-    alignas(16) float a[4];
-    v.store(a);
-    return lower(lower(a[0], a[1]), lower(a[2], a[3]));
-}
-float highest(Float4 v) {
-    alignas(16) float a[4];
-    v.store(a);
-    return upper(upper(a[0], a[1]), upper(a[2], a[3]));
-}
 float total(Float4 v) {  // NaN adds nothing
     alignas(16) float a[4];
     v.store(a);
     float sum = 0.0f;
     for (const float x : a) sum += x == x ? x : 0.0f;
     return sum;
+}
+
+/// Cuts `alone` of a node in `own` by the plane along a face of `other` that keeps the most of it:
+/// what lies in `other` cannot reach past.
+void keepClearOf(Box& alone, const Box& own, const Box& other) {
+    if (!(other.low.x <= other.high.x)) return;  // empty
+    const Vec3f center = (own.low + own.high) * 0.5f;
+    float most = -kInfinity;
+    int axis = 0;
+    bool above = false;
+    for (int k = 0; k < 3; ++k) {
+        const float up = other.low[k] - center[k], down = center[k] - other.high[k];
+        if (up > most) most = up, axis = k, above = true;
+        if (down > most) most = down, axis = k, above = false;
+    }
+    if (most == -kInfinity) {  // not finite: alone nowhere
+        alone.high.x = -kInfinity;
+    } else if (above) {
+        alone.high[axis] = std::min(alone.high[axis], other.low[axis]);
+    } else {
+        alone.low[axis] = std::max(alone.low[axis], other.high[axis]);
+    }
 }
 
 /// A box growing by four points at a time; NaN adds nothing.
@@ -308,7 +338,14 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
         if (!isFinite(center)) center = {};
         Vec3f normal = normalized(sum);
         if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
-        const Vec3f side = anyPerpendicular(normal), up = cross(normal, side);
+        // Along an edge, for meshes are grids more often than not.
+        const Block& head = blocks_[runs[0]];
+        const Vec3f edge = Vec3f{head.x[1][0], head.y[1][0], head.z[1][0]} -
+                           Vec3f{head.x[0][0], head.y[0][0], head.z[0][0]};
+        Vec3f side = normalized(edge - normal * dot(edge, normal));
+        side = normalized(side - normal * dot(side, normal));
+        if (!isFinite(side) || side == Vec3f{}) side = anyPerpendicular(normal);
+        const Vec3f up = cross(normal, side);
         for (int k = 0; k < 3; ++k) {
             node.columns[k][0] = side[k], node.columns[k][1] = up[k];
             node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
@@ -355,6 +392,34 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
             innerBoxes[n].add(box.low, box.high);
         }
     }
+    // From the root down: a child is alone where its parent is and no sibling reaches.
+    const auto boxOf = [&](std::int32_t node) -> const Box& {
+        const std::size_t index = std::size_t(node >> 2);
+        return (node & 3) == BvhOrder::kInner      ? innerBoxes[index]
+               : (node & 3) == BvhOrder::kOriented ? orientedBoxes[index]
+                                                   : blockBoxes[index];
+    };
+    const auto aloneOf = [&](std::int32_t node) -> AloneBox& {
+        const std::size_t index = std::size_t(node >> 2);
+        return (node & 3) == BvhOrder::kInner ? inner_[index].alone : oriented_[index].alone;
+    };
+    const auto passDown = [&](const AloneBox& parent, const BvhOrder::Children& children) {
+        for (const std::int32_t child : children) {
+            if (child == BvhOrder::kNone || (child & 3) == BvhOrder::kBlock) continue;
+            Box alone{{parent.low[0], parent.low[1], parent.low[2]},
+                      {parent.high[0], parent.high[1], parent.high[2]}};
+            for (const std::int32_t other : children)
+                if (other != child && other != BvhOrder::kNone)
+                    keepClearOf(alone, boxOf(child), boxOf(other));
+            aloneOf(child) = {{alone.low.x, alone.low.y, alone.low.z, -kInfinity},
+                              {alone.high.x, alone.high.y, alone.high.z, kInfinity}};
+        }
+    };
+    if (order.root != BvhOrder::kNone)
+        aloneOf(order.root) = {{-kInfinity, -kInfinity, -kInfinity, -kInfinity},
+                               {kInfinity, kInfinity, kInfinity, kInfinity}};
+    for (const InnerNode& node : inner_) passDown(node.alone, node.children);
+    for (const OrientedNode& node : oriented_) passDown(node.alone, node.children);
     const Box all = !innerBoxes.empty()      ? innerBoxes[0]
                     : !orientedBoxes.empty() ? orientedBoxes[0]
                                              : Box{};
@@ -370,6 +435,8 @@ struct Bvh::Search {
     float reach;  // squared; boxes beyond it hold nothing
     std::int32_t triangle = -1;
     float v = 0.0f, w = 0.0f;
+    const Block* found = nullptr;
+    int foundLane = 0;
     Stack stack;
 
     Search(const Bvh& tree, Vec3f p, float maxDistanceSquared)
@@ -396,6 +463,23 @@ struct Bvh::Search {
         return boxDistances(node.boxes, spread<0>(at), spread<1>(at), spread<2>(at));
     }
 
+    /// Asks for what a child reference names, a step or two before it is looked at.
+    void fetch(std::int32_t child) const {
+        const std::size_t index = std::size_t(child >> 2);
+        if ((child & 3) == BvhOrder::kBlock) {
+            prefetch(&bvh.blocks_[index]);
+        } else if ((child & 3) == BvhOrder::kOriented) {
+            prefetch(&bvh.oriented_[index]);
+        } else {
+            prefetch(&bvh.inner_[index]);
+        }
+    }
+    BvhOrder::Parent parentOf(BvhOrder::Parent at) const {
+        const std::size_t index = std::size_t(at.node >> 2);
+        return (at.node & 3) == BvhOrder::kInner ? bvh.order_->innerParents[index]
+                                                 : bvh.order_->orientedParents[index];
+    }
+
     template <class Node>
     void open(const Node& node, int lanesWanted = 15) {
         const Float4 d = distances(node);
@@ -403,6 +487,8 @@ struct Bvh::Search {
         if (lanes == 0) return;
         alignas(16) float out[4];
         d.store(out);
+        for (int rest = lanes; rest != 0; rest &= rest - 1)
+            fetch(node.children[std::size_t(std::countr_zero(unsigned(rest)))]);
         stack.pushSorted(out, node.children, lanes);
     }
 
@@ -413,18 +499,19 @@ struct Bvh::Search {
             Float4::load(b.x[1]) - ax, Float4::load(b.y[1]) - ay, Float4::load(b.z[1]) - az,
             Float4::load(b.x[2]) - ax, Float4::load(b.y[2]) - ay, Float4::load(b.z[2]) - az,
             px - ax, py - ay, pz - az);
-        int lanes = laneBits(closest.distanceSquared <= Float4(best));
-        if (lanes == 0) return;
-        alignas(16) float squared[4], vs[4], ws[4];
-        closest.distanceSquared.store(squared);
+        // NaN, of a corner that is not finite and of places without a triangle, becomes infinite.
+        const Float4 squared = lower(closest.distanceSquared, Float4(kInfinity));
+        const float nearest = lowest(squared);
+        if (!(nearest <= best)) return;
+        // Triangles of a block ascend: the first of the nearest is the lowest.
+        const int lane = std::countr_zero(unsigned(laneBits(squared <= Float4(nearest))));
+        const std::int32_t t = b.triangles[std::size_t(lane)];
+        if (nearest == best && t >= triangle) return;
+        alignas(16) float vs[4], ws[4];
         closest.v.store(vs);
         closest.w.store(ws);
-        for (; lanes != 0; lanes &= lanes - 1) {
-            const int lane = std::countr_zero(unsigned(lanes));
-            const std::int32_t t = b.triangles[std::size_t(lane)];
-            if (squared[lane] < best || (squared[lane] == best && t < triangle))
-                best = squared[lane], triangle = t, v = vs[lane], w = ws[lane];
-        }
+        best = nearest, triangle = t, v = vs[lane], w = ws[lane];
+        found = &b, foundLane = lane;
         reach = reachOf(best);
     }
 
@@ -447,21 +534,34 @@ struct Bvh::Search {
         }
     }
 
-    /// From a block up to the root, gathering the siblings that may hold something nearer.
+    /// From a block up towards the root, gathering the siblings that may hold something nearer,
+    /// until nothing farther up can.
     void climb(std::size_t block) {
-        const BvhOrder& order = *bvh.order_;
+        const BvhOrder::Parent first = bvh.order_->blockParents[block];
+        prefetch(&bvh.blocks_[block]);
+        for (BvhOrder::Parent at = first; (at.node & 3) == BvhOrder::kOriented; at = parentOf(at))
+            fetch(at.node);
         measure(bvh.blocks_[block]);
-        BvhOrder::Parent at = order.blockParents[block];
-        while (at.node != BvhOrder::kNone) {
+        const float radius = std::sqrt(reach) * 1.00001f;
+        alignas(16) const float low[4] = {position.x - radius, position.y - radius,
+                                          position.z - radius, 0.0f};
+        alignas(16) const float high[4] = {position.x + radius, position.y + radius,
+                                           position.z + radius, 0.0f};
+        const Float4 ballLow = Float4::load(low), ballHigh = Float4::load(high);
+        for (BvhOrder::Parent at = first; at.node != BvhOrder::kNone; at = parentOf(at)) {
             const std::size_t index = std::size_t(at.node >> 2);
             const int others = 15 ^ (1 << at.lane);
+            const AloneBox* alone;
             if ((at.node & 3) == BvhOrder::kInner) {
                 open(bvh.inner_[index], others);
-                at = order.innerParents[index];
+                alone = &bvh.inner_[index].alone;
             } else {
                 open(bvh.oriented_[index], others);
-                at = order.orientedParents[index];
+                alone = &bvh.oriented_[index].alone;
             }
+            if (laneBits((ballLow > Float4::load(alone->low)) &
+                         (ballHigh < Float4::load(alone->high))) == 15)
+                break;
         }
         stack.sort();
     }
@@ -482,6 +582,12 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
     hit.distanceSquared = search.best;
     hit.weight0 = 1.0f - search.v - search.w;
     hit.weight1 = search.v;
+    const std::size_t lane = std::size_t(search.foundLane);
+    const auto corner = [&](int k) {
+        return Vec3f{search.found->x[k][lane], search.found->y[k][lane], search.found->z[k][lane]};
+    };
+    hit.position = corner(0) * hit.weight0 + corner(1) * hit.weight1 +
+                   corner(2) * (1.0f - hit.weight0 - hit.weight1);
     return true;
 }
 

@@ -21,13 +21,14 @@ struct BvhHit {
     float distanceSquared = 0.0f;          ///< of a closest point
     float t = 0.0f;                        ///< of a ray
     float weight0 = 0.0f, weight1 = 0.0f;  ///< of the triangle's first two corners
+    Vec3f position;                        ///< of a closest point: the corners by their weights
 };
 
 /// The part of a Bvh that only says which triangles lie together: meshes of the same triangles and
 /// other points share it, and only measure their boxes again.
 struct BvhOrder {
     /// What a child reference names; the reference is index * 4 + kind.
-    enum Kind : std::int32_t { kInner, kOriented, kBlock };
+    enum Kind : std::int32_t { kInner, kOriented, kBlock };  // kNone is of none of them
     static constexpr std::int32_t kNone = -1;
     using Children = std::array<std::int32_t, 4>;
     struct Parent {
@@ -85,16 +86,22 @@ private:
     struct Boxes4 {
         float minX[4], minY[4], minZ[4], maxX[4], maxY[4], maxZ[4];
     };
+    /// Where a node is alone: no triangle outside the node reaches into this box (fourth: unused).
+    struct alignas(16) AloneBox {
+        float low[4], high[4];
+    };
     struct alignas(64) InnerNode {
         Boxes4 boxes;
         BvhOrder::Children children;
+        AloneBox alone;
     };
     /// Boxes along three axes of its own: a place p is at sum over k of column k times
     /// (p[k] - the column's fourth number).
-    struct alignas(32) OrientedNode {
+    struct alignas(64) OrientedNode {
         Boxes4 boxes;
         BvhOrder::Children children;
         float columns[3][4];
+        AloneBox alone;
     };
     /// Four triangles by corners; NaN where a block is not full.
     struct alignas(32) Block {

@@ -38,10 +38,6 @@ bool describes(const GuideDetail& detail, const Guide& guide, std::int32_t level
            sameEntries(detail.pointAttributes, guide.pointAttributes);
 }
 
-std::uint64_t hashVector(std::uint64_t h, Vec3f v) {
-    return hashCombine(hashCombine(hashCombine(h, v.x), v.y), v.z);
-}
-
 }  // namespace
 
 void finishGuide(Guide& guide, std::int32_t level) {
@@ -60,8 +56,8 @@ void finishGuide(Guide& guide, std::int32_t level) {
     guide.viewHash = guideHash(guide.id, guide.root, guide.points, *guide.detail);
     std::uint64_t h = hashCombine(guide.viewHash, guide.locked);
     if (guide.follows()) {
-        h = hashVector(hashVector(h, guide.rootLocal), guide.frameUpLocal);
-        for (const Vec3f& offset : guide.offsets) h = hashVector(h, offset);
+        const Vec3f locals[] = {guide.rootLocal, guide.frameUpLocal};
+        h = hashPointBits(hashPointBits(h, locals), guide.offsets);
     }
     guide.contentHash = h;
 }

@@ -14,31 +14,25 @@ const std::shared_ptr<const GuideDetail>& plainDetail() {
     return plain;
 }
 
-std::uint64_t hashVector(std::uint64_t h, Vec3f v) {
-    const std::uint64_t xy = (std::uint64_t(std::bit_cast<std::uint32_t>(v.x)) << 32) |
-                             std::bit_cast<std::uint32_t>(v.y);
-    return hashCombine(hashCombine(h, xy), v.z);
-}
-
-std::uint64_t hashFloats(std::uint64_t h, std::span<const float> values) {
-    h = hashCombine(h, std::uint64_t(values.size()));
-    for (const float value : values) h = hashCombine(h, value);
-    return h;
-}
-
 std::uint64_t hashText(std::uint64_t h, std::string_view text) {
     return hashCombine(hashCombine(h, std::uint64_t(text.size())), text);
 }
 
+std::uint64_t hashRoot(std::uint64_t h, const StrandRoot& root) {
+    const float uv[] = {root.u, root.v};
+    return hashFloatBits(hashCombine(h, root.triangle), uv, 2);
+}
+
 std::uint64_t hashDetail(std::uint64_t h, const GuideDetail& detail) {
     h = hashCombine(hashCombine(hashCombine(h, detail.parent), detail.group), detail.level);
-    h = hashVector(h, detail.frameUp);
-    h = hashCombine(hashFloats(h, detail.tubeRadius), detail.tubeTwist);
+    h = hashPointBits(h, {&detail.frameUp, 1});
+    h = hashCombine(hashFloatBits(h, detail.tubeRadius.data(), detail.tubeRadius.size()),
+                    detail.tubeTwist);
     h = hashCombine(h, std::uint64_t(detail.attributes.size()));
     for (const auto& [name, value] : detail.attributes) h = hashCombine(hashText(h, name), value);
     h = hashCombine(h, std::uint64_t(detail.pointAttributes.size()));
     for (const auto& [name, values] : detail.pointAttributes)
-        h = hashFloats(hashText(h, name), values);
+        h = hashFloatBits(hashText(h, name), values.data(), values.size());
     return h;
 }
 
@@ -67,13 +61,30 @@ std::vector<GuideView> viewsOf(const std::vector<GuideCurve>& curves) {
 
 }  // namespace
 
+std::uint64_t hashFloatBits(std::uint64_t h, const float* values, std::size_t count) {
+    // Each step is a bijection of its chain, so no single change is lost before the chains meet.
+    std::uint64_t lanes[4] = {h ^ count, h + kGoldenGamma, ~h, std::rotl(h, 32)};
+    const auto step = [](std::uint64_t& lane, std::uint64_t word) {
+        lane = std::rotl((lane ^ word) * 0xbf58476d1ce4e5b9u, 29);
+    };
+    const auto wordAt = [&](std::size_t i) {
+        return std::uint64_t(std::bit_cast<std::uint32_t>(values[i])) |
+               std::uint64_t(std::bit_cast<std::uint32_t>(values[i + 1])) << 32;
+    };
+    std::size_t i = 0;
+    for (; i + 8 <= count; i += 8)
+        for (std::size_t lane = 0; lane < 4; ++lane) step(lanes[lane], wordAt(i + 2 * lane));
+    for (std::size_t lane = 0; i + 2 <= count; i += 2) step(lanes[lane++], wordAt(i));
+    if (i < count) step(lanes[3], std::bit_cast<std::uint32_t>(values[i]));
+    return hashCombine(mix64(lanes[0] + std::rotl(lanes[1], 21)),
+                       lanes[2] ^ std::rotl(lanes[3], 42));
+}
+
 std::uint64_t guideHash(std::uint64_t id, const StrandRoot& root, std::span<const Vec3f> points,
                         const GuideDetail& detail) {
     std::uint64_t h = hashCombine(hashOf("guide"), id);
-    h = hashCombine(hashCombine(hashCombine(h, root.triangle), root.u), root.v);
-    h = hashCombine(h, std::uint64_t(points.size()));
-    for (const Vec3f& point : points) h = hashVector(h, point);
-    h = hashDetail(h, detail);
+    h = hashRoot(h, root);
+    h = hashDetail(hashPointBits(h, points), detail);
     return h != 0 ? h : 1;
 }
 
@@ -128,9 +139,10 @@ GuideSet::GuideSet(std::span<const GuideView> curves) {
             addNames(detail->pointAttributes, pointAttributeNames_);
             named = detail.get();
         }
-        rootsHash = hashCombine(hashCombine(rootsHash, curve.id), curve.root.triangle);
-        rootsHash = hashCombine(hashCombine(rootsHash, curve.root.u), curve.root.v);
-        rootsHash = hashVector(rootsHash, curve.points.front());
+        // One link of the chain a guide; what it holds is hashed beside it.
+        std::uint64_t root = hashRoot(curve.id, curve.root);
+        root = hashPointBits(root, curve.points.first(1));
+        rootsHash = hashCombine(rootsHash, root);
         contentHash = hashCombine(contentHash, hashes_.back());
     }
     rootsHash_ = rootsHash;

@@ -48,6 +48,12 @@ struct GuideView {
 std::uint64_t guideHash(std::uint64_t id, const StrandRoot& root, std::span<const Vec3f> points,
                         const GuideDetail& detail);
 
+/// A hash of floats by their bits, four chains side by side: for content, not for drawing numbers.
+std::uint64_t hashFloatBits(std::uint64_t h, const float* values, std::size_t count);
+inline std::uint64_t hashPointBits(std::uint64_t h, std::span<const Vec3f> points) {
+    return hashFloatBits(h, points.empty() ? nullptr : &points.front().x, 3 * points.size());
+}
+
 /// The guides as operators see them: an immutable, flat snapshot, shared by pointer to const.
 /// Shapes: ids, roots [n]; offsets [n + 1]; points [offsets[n]]. Groom space. Any thread may read.
 class GuideSet {

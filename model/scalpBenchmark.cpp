@@ -1,6 +1,4 @@
-#include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <limits>
 #include <vector>
 
@@ -63,7 +61,6 @@ std::vector<Query> queriesAt(double share) {
             mesh.surfacePoint(root) + mesh.surfaceNormal(root) * (side * float(share) * kRadius);
         queries.push_back({p, triangle});
     }
-    if(getenv("SORTQ")) std::sort(queries.begin(),queries.end(),[](const Query&a,const Query&b){return a.triangle<b.triangle;});
     return queries;
 }
 

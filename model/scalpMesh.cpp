@@ -91,6 +91,7 @@ struct ScalpMesh::Extras {
     std::uint64_t piecesHash = 0;
     int subdivision = 0;
     std::string subdivisionFrom;
+    std::size_t cageFaces = 0;
     LazyHash hash;
 
     Extras() = default;
@@ -101,7 +102,8 @@ struct ScalpMesh::Extras {
           pieces(o.pieces),
           piecesHash(o.piecesHash),
           subdivision(o.subdivision),
-          subdivisionFrom(o.subdivisionFrom) {}
+          subdivisionFrom(o.subdivisionFrom),
+          cageFaces(o.cageFaces) {}
     Extras& operator=(const Extras&) = delete;
 };
 
@@ -241,6 +243,8 @@ void ScalpMesh::setSubdivision(int levels, std::string from) {
     extras.subdivisionFrom = std::move(from);
 }
 
+void ScalpMesh::setCageFaceCount(std::size_t count) { extrasForWrite().cageFaces = count; }
+
 std::span<const Vec3f> ScalpMesh::points() const { return shape_->points; }
 std::span<const Triangle> ScalpMesh::triangles() const { return topology_->triangles; }
 std::span<const Vec3f> ScalpMesh::normals() const { return shape_->normals; }
@@ -257,6 +261,7 @@ std::span<const Vec3f> ScalpMesh::restPoints() const {
 }
 int ScalpMesh::subdivision() const { return extras_->subdivision; }
 const std::string& ScalpMesh::subdivisionFrom() const { return extras_->subdivisionFrom; }
+std::size_t ScalpMesh::cageFaceCount() const { return extras_->cageFaces; }
 Vec3f ScalpMesh::boundsMin() const { return shape_->low; }
 Vec3f ScalpMesh::boundsMax() const { return shape_->high; }
 std::pair<std::size_t, std::size_t> ScalpMesh::activeTriangles() const {
@@ -466,7 +471,7 @@ bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t
     out.u = hit.weight0;
     out.v = hit.weight1;
     out.distance = std::sqrt(hit.distanceSquared);
-    out.position = surfacePoint(out.root());
+    out.position = hit.position;
     return true;
 }
 

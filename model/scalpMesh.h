@@ -82,6 +82,9 @@ public:
     std::span<const Vec3f> restPoints() const;
     int subdivision() const;
     const std::string& subdivisionFrom() const;
+    /// Of a refined mesh, the polygons of its cage; 0 for a mesh as it came.
+    std::size_t cageFaceCount() const;
+    void setCageFaceCount(std::size_t count);
     /// The box of the points; min above max for none.
     Vec3f boundsMin() const;
     Vec3f boundsMax() const;

@@ -5,14 +5,7 @@
 #include <utility>
 
 #include "model/parallel.h"
-
-#if defined(__SANITIZE_THREAD__)
-#define CORVELLE_THREAD_SANITIZER 1
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define CORVELLE_THREAD_SANITIZER 1
-#endif
-#endif
+#include "model/soleOwner.h"
 
 namespace corvelle {
 
@@ -51,17 +44,6 @@ std::shared_ptr<Array<T>> duplicate(const Array<T>& from, std::size_t extra) {
         copy->assign(from.begin(), from.end());
     }
     return shared<T>(std::move(copy));
-}
-
-/// After a count of one owner: what former owners did to the array happens before what we do.
-template <class T>
-void synchronizeWithFormerOwners([[maybe_unused]] const std::shared_ptr<Array<T>>& array) {
-#ifdef CORVELLE_THREAD_SANITIZER
-    // It does not know fences; letting go of one more hold orders the same way.
-    std::shared_ptr<Array<T>>(array).reset();
-#else
-    std::atomic_thread_fence(std::memory_order_acquire);
-#endif
 }
 
 template <class T>
@@ -155,10 +137,7 @@ std::vector<T>& SharedArray<T>::writable(std::mutex& lock) {
     if (ownedForWrite_.load(std::memory_order_acquire)) return *array_;
     const std::lock_guard guard(lock);
     if (ownedForWrite_.load(std::memory_order_relaxed)) return *array_;
-    if (array_.use_count() > 1)
-        array_ = duplicate(*array_, 0);
-    else
-        synchronizeWithFormerOwners<T>(array_);
+    if (!isSoleOwner(array_)) array_ = duplicate(*array_, 0);
     ownedForWrite_.store(true, std::memory_order_release);
     return *array_;
 }
@@ -167,10 +146,7 @@ template <class T>
 std::vector<T>& SharedArray<T>::growable(std::size_t extra, std::mutex& lock) {
     if (!ownedForWrite_.load(std::memory_order_acquire)) {
         const std::lock_guard guard(lock);
-        if (array_.use_count() > 1)
-            array_ = duplicate(*array_, extra);
-        else
-            synchronizeWithFormerOwners<T>(array_);
+        if (!isSoleOwner(array_)) array_ = duplicate(*array_, extra);
         ownedForWrite_.store(true, std::memory_order_release);
     }
     const std::size_t needed = array_->size() + extra;
@@ -185,10 +161,7 @@ std::vector<T>& SharedArray<T>::reset(std::size_t count, T value, bool overwrite
     bool clean = false;  // holds T{} throughout
     {
         const std::lock_guard guard(lock);
-        if (array_->size() == count && array_.use_count() == 1) {
-            synchronizeWithFormerOwners<T>(array_);
-            array = array_;
-        }
+        if (array_->size() == count && isSoleOwner(array_)) array = array_;
     }
     if (!array) {
         std::unique_ptr<Array<T>> fresh = ToArrayPool<T>::instance().acquire(count);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #if defined(__SSE2__) || defined(_M_X64)
@@ -133,6 +134,37 @@ inline Float4 spread(Float4 a) {
     return _mm_shuffle_ps(a.lanes, a.lanes, _MM_SHUFFLE(i, i, i, i));
 #else
     return Float4(a.lanes[i]);
+#endif
+}
+
+/// The least and the greatest lane.
+inline float lowest(Float4 a) {
+#if CORVELLE_SSE2
+    const __m128 pairs = _mm_min_ps(a.lanes, _mm_movehl_ps(a.lanes, a.lanes));
+    return _mm_cvtss_f32(_mm_min_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+#else
+    const auto least = [](float x, float y) { return x < y ? x : y; };
+    return least(least(a.lanes[0], a.lanes[2]), least(a.lanes[1], a.lanes[3]));
+#endif
+}
+inline float highest(Float4 a) {
+#if CORVELLE_SSE2
+    const __m128 pairs = _mm_max_ps(a.lanes, _mm_movehl_ps(a.lanes, a.lanes));
+    return _mm_cvtss_f32(_mm_max_ss(pairs, _mm_shuffle_ps(pairs, pairs, 1)));
+#else
+    const auto most = [](float x, float y) { return x > y ? x : y; };
+    return most(most(a.lanes[0], a.lanes[2]), most(a.lanes[1], a.lanes[3]));
+#endif
+}
+
+/// Asks the caches for all of `*object`; changes nothing else.
+template <class T>
+inline void prefetch(const T* object) {
+#if CORVELLE_SSE2
+    const char* bytes = reinterpret_cast<const char*>(object);
+    for (std::size_t at = 0; at < sizeof(T); at += 64) _mm_prefetch(bytes + at, _MM_HINT_T0);
+#else
+    (void)object;
 #endif
 }
 

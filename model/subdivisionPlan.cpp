@@ -382,6 +382,7 @@ ScalpMesh SubdivisionPlan::Data::make(const ScalpMesh& cage) const {
     }
     mesh.setScalps(std::move(named));
     mesh.setSubdivision(cage.subdivision(), cage.subdivisionFrom());
+    mesh.setCageFaceCount(cagePolygons);
     return mesh;
 }
 

@@ -8,6 +8,7 @@
 #include "graph/colorMap.h"
 #include "model/hash.h"
 #include "model/polyline.h"
+#include "operators/fieldValues.h"
 #include "operators/hairPigment.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
@@ -319,12 +320,13 @@ protected:
                                         const StrandSet& strands) override {
         auto work = std::make_unique<HairColorWork>();
         const std::string& source = choice("colorSource");
-        const auto field = [&](const char* name) { return fieldFromParam(*this, name, context, strands); };
+        const auto field = [&](const char* param) { return fieldFromParam(*this, param, context, strands); };
         work->melanin = field("melanin");
         work->redness = field("redness");
         work->grey = field("grey");
         work->tipStrength = field("tipStrength");
-        work->dyeAmount = source == "auto" ? nullptr : source == "mix" ? field("dyeAmount") : constantField(source == "rgb");
+        work->dyeAmount = source == "auto" ? nullptr : source == "mix" ? field("dyeAmount")
+                                          : std::make_shared<const ConstantFieldValue>(source == "rgb" ? 1.0f : 0.0f);
         if (!text("map").empty()) {
             const ColorMapLookup found = readColorMap(text("map"), context);
             const bool byLayer = found.kind == ColorMapLookup::Kind::Guides;

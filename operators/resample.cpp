@@ -193,13 +193,13 @@ private:
     /// Strand channels, ids, roots and layers of `in`, by sharing. False when a channel does not fit.
     static bool takeStrandData(const StrandSet& in, StrandSet& out) {
         out.shareStrands(in);
-        for (const std::string& name : out.strandChannelNames())
-            if (!in.strandChannel(name)) out.removeStrandChannel(name);
+        for (const std::string& channel : out.strandChannelNames())
+            if (!in.strandChannel(channel)) out.removeStrandChannel(channel);
         out.instances = in.instances;
         out.cards = in.cards;
         out.featherLayers = in.featherLayers;
         return std::ranges::all_of(in.strandChannelNames(),
-                                   [&](const std::string& name) { return out.copyStrandChannel(name, in); });
+                                   [&](const std::string& channel) { return out.copyStrandChannel(channel, in); });
     }
 
     void layOut(const StrandSet& in, Mode mode, int segments, StrandSet& out) const {
@@ -254,10 +254,10 @@ private:
     static std::vector<PointArray> openArrays(const StrandSet& in, StrandSet& out) {
         std::vector<PointArray> arrays;
         arrays.push_back({in.widths(), out.mutableWidths(), false});
-        for (const auto& [name, channel] : in.pointChannels()) {
+        for (const auto& [key, channel] : in.pointChannels()) {
             arrays.push_back(
-                {channel.values.span(), out.mutablePointChannel(name, channel.defaultValue), channel.discrete});
-            out.setPointChannelDiscrete(name, channel.discrete);
+                {channel.values.span(), out.mutablePointChannel(key, channel.defaultValue), channel.discrete});
+            out.setPointChannelDiscrete(key, channel.discrete);
         }
         return arrays;
     }

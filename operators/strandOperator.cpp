@@ -39,7 +39,7 @@ NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs&
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
     if (!work) return strands;
     auto out = std::make_shared<StrandSet>(*strands);  // shares every array until written
-    for (const std::string& name : work->removedPointChannels()) out->removePointChannel(name);
+    for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
     const OpenArrays open = openArrays(*out, work->writes(), true);
     StrandPick(strands->strandCount()).forEachBatch([&](std::span<const std::uint32_t> batch) {
         work->run(*strands, batch, open);
@@ -69,7 +69,7 @@ bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs
 
     auto out = std::make_shared<StrandSet>(*strands);
     const WrittenArrays writes = work->writes();
-    for (const std::string& name : work->removedPointChannels()) out->removePointChannel(name);
+    for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
     if (!shareWritten(*out, **held, writes)) return false;
     held->reset();  // let go, so that arrays no one else holds are written in place
     const OpenArrays open = openArrays(*out, writes, false);

@@ -28,7 +28,7 @@ void StrandSpline::build(std::span<const Vec3f> points) {
     float before = 0.0f;
     Vec3f chordBefore;
     Vec3f chord = points[1] - points[0];
-    float knot = std::sqrt(length(chord));
+    float knot = std::sqrt(corvelle::length(chord));
     arc_[0] = 0.0f;
     float total = 0.0f;
     for (std::size_t i = 0; i < spans; ++i) {

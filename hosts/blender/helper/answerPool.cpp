@@ -5,6 +5,7 @@
 #include <limits>
 #include <stdexcept>
 
+#include "hosts/blender/helper/hostPoints.h"
 #include "model/parallel.h"
 
 namespace corvelle {
@@ -20,12 +21,12 @@ std::uint64_t roomFor(std::uint64_t bytes) {
     return (bytes + bytes / 2 + kMebibyte - 1) / kMebibyte * kMebibyte;
 }
 
-// Chunk by chunk on all threads; `copy(begin, end)` takes elements.
+// Chunk by chunk on all threads; `copy(begin, end)` takes elements of `parts` numbers each.
 template <class Copy>
-void copyInChunks(std::size_t count, const Copy& copy) {
-    const std::size_t chunks = (count + kChunkElements - 1) / kChunkElements;
-    parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
-        copy(begin * kChunkElements, std::min(end * kChunkElements, count));
+void copyInChunks(std::size_t count, std::size_t parts, const Copy& copy) {
+    const std::size_t chunk = kChunkElements / parts;
+    parallelRange(0, (count + chunk - 1) / chunk, 1, [&](std::size_t begin, std::size_t end) {
+        copy(begin * chunk, std::min(end * chunk, count));
     });
 }
 
@@ -36,7 +37,7 @@ Json writeArray(AnswerPool& pool, std::span<const T> data, std::size_t component
     AnswerPool::Array array =
         components == 1 ? pool.allocate(data.size(), sizeof(T), dtype, {count})
                         : pool.allocate(data.size(), sizeof(T), dtype, {count, components});
-    copyInChunks(data.size(), [&](std::size_t begin, std::size_t end) {
+    copyInChunks(data.size(), 1, [&](std::size_t begin, std::size_t end) {
         std::memcpy(array.data + begin * sizeof(T), data.data() + begin, (end - begin) * sizeof(T));
     });
     return std::move(array.reference);
@@ -88,16 +89,13 @@ Json writePoints(AnswerPool& pool, std::span<const Vec3f> points, const SceneSpa
     AnswerPool::Array array =
         pool.allocate(points.size(), sizeof(Vec3f), "<f4", {points.size(), 3});
     auto* const out = reinterpret_cast<Vec3f*>(array.data);
-    if (groomSpace) {
-        copyInChunks(points.size(), [&](std::size_t begin, std::size_t end) {
-            std::memcpy(out + begin, points.data() + begin, (end - begin) * sizeof(Vec3f));
-        });
-    } else {
-        // A copy of the space lives in registers: the loop's stores cannot change it.
-        copyInChunks(points.size(), [&, own = space](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) out[i] = own.pointToHost(points[i]);
-        });
-    }
+    copyInChunks(points.size(), 3, [&](std::size_t begin, std::size_t end) {
+        const std::span<const Vec3f> part = points.subspan(begin, end - begin);
+        if (groomSpace)
+            std::memcpy(out + begin, part.data(), part.size_bytes());
+        else
+            pointsToHost(part, space, out + begin);
+    });
     return std::move(array.reference);
 }
 

@@ -110,11 +110,13 @@ TEST(AnswerPool, ArraysComeBackAsTheyWereWritten) {
 class AnswerPoolPoints : public testing::TestWithParam<SceneSpace> {};
 INSTANTIATE_TEST_SUITE_P(Spaces, AnswerPoolPoints,
                          testing::Values(SceneSpace("Z", 1.0), SceneSpace("Y", 0.01),
-                                         SceneSpace("Z", 0.0254), SceneSpace("Y", 3.0)));
+                                         SceneSpace("Z", 0.0254), SceneSpace("Y", 3.0),
+                                         SceneSpace("Z", 0.01), SceneSpace("Z", 1e-30),
+                                         SceneSpace("Z", 1e6)));
 
 TEST_P(AnswerPoolPoints, AreEachTurnedToTheHostOnAnyNumberOfThreads) {
     const SceneSpace& space = GetParam();
-    std::vector<Vec3f> points(200'000);
+    std::vector<Vec3f> points(200'003);  // not a multiple of any step
     for (std::size_t i = 0; i < points.size(); ++i)
         points[i] = {float(i) * 0.37f, -float(i % 101) / 3.0f, 1.0f / float(i + 1)};
     const auto write = [&](bool groomSpace) {

@@ -31,17 +31,19 @@ Json& nodeJson(Json& graph, const std::string& name) {
 class NodeView {
 public:
     NodeView(const GroomSession& groom, const std::string& name) {
-        const Graph* graph = groom.graph();
-        if (!graph) graph = &own_.emplace(graphFromJson(sessionGraph(groom)));
-        const NodeId id = graph->find(name);
+        graph_ = groom.graph();
+        if (!graph_) graph_ = &own_.emplace(graphFromJson(sessionGraph(groom)));
+        const NodeId id = graph_->find(name);
         if (id == 0) failRequest("not_found", "no node '" + name + "'");
-        node_ = &graph->node(id);
+        node_ = &graph_->node(id);
     }
+    const Graph& graph() const { return *graph_; }
     const Node& operator*() const { return *node_; }
     const Node* operator->() const { return node_; }
 
 private:
     std::optional<Graph> own_;
+    const Graph* graph_ = nullptr;
     const Node* node_ = nullptr;
 };
 
@@ -199,7 +201,7 @@ Json listNodesCommand(const CommandContext& context) {
 Json nodeSpecCommand(const CommandContext& context) {
     const std::string& name = requireString(context.request, "node");
     const NodeView node(*context.session().groom, name);
-    return {{"spec", nodeSpecJson(*node)}};
+    return {{"spec", nodeSpecJson(node.graph(), *node)}};
 }
 
 Json getParamCommand(const CommandContext& context) {

@@ -1,0 +1,194 @@
+"""One groom in the helper, and the commands that work on it.
+
+Field names are those of the protocol. Arrays are numpy arrays or plain lists. Every method returns
+the command's answer with its arrays as views (see ``AnswerArray``).
+"""
+
+from __future__ import annotations
+
+from typing import TYPE_CHECKING, Any, Dict, Mapping, Optional, Sequence, Union
+
+import numpy as np
+
+if TYPE_CHECKING:
+    from .helper import Helper
+
+Array = Union[np.ndarray, Sequence[Any]]
+
+
+class Session:
+    """A groom that the helper holds. ``close`` it, or use it in a ``with`` statement."""
+
+    def __init__(self, helper: "Helper", number: int) -> None:
+        self.helper = helper
+        self.number = number
+
+    def request(self, command: str, /, **fields: Any) -> Dict[str, Any]:
+        """Any command on this session; see ``Helper.request``."""
+        return self.helper.request(command, session=self.number, **fields)
+
+    def close(self) -> None:
+        """Ends the session and its shared memory. Arrays that are still held keep their memory."""
+        self.request("close_session")
+
+    def __enter__(self) -> "Session":
+        return self
+
+    def __exit__(self, kind: Optional[type], *_: object) -> None:
+        if kind is None:
+            self.close()  # else the helper may be gone, and the first error is the one to show
+
+    # ---- scene ---------------------------------------------------------------------------------
+
+    def set_space(
+        self, *, upAxis: Optional[str] = None, metersPerUnit: Optional[float] = None
+    ) -> Dict[str, Any]:
+        """The host's space. What is left out goes back to Z up and metres."""
+        return self.request("set_space", upAxis=upAxis, metersPerUnit=metersPerUnit)
+
+    def set_options(
+        self, *, followScalp: Optional[bool] = None, mapsDir: Optional[str] = None
+    ) -> Dict[str, Any]:
+        """Sets what is given; answers both."""
+        return self.request("set_options", followScalp=followScalp, mapsDir=mapsDir)
+
+    def set_time(
+        self,
+        *,
+        seconds: Optional[float] = None,
+        frame: Optional[float] = None,
+        fps: Optional[float] = None,
+    ) -> Dict[str, Any]:
+        """Moves to a time, in seconds or in frames."""
+        return self.request("set_time", seconds=seconds, frame=frame, fps=fps)
+
+    # ---- scalp and guides ----------------------------------------------------------------------
+
+    def set_scalp(
+        self,
+        points: Array,
+        faceCounts: Array,
+        faceIndices: Array,
+        *,
+        uvs: Optional[Array] = None,
+        colorSets: Optional[Mapping[str, Array]] = None,
+        restPoints: Optional[Array] = None,
+    ) -> Dict[str, Any]:
+        """The mesh that hair grows on: points (n, 3) in host space, corners of each face, vertex of
+        each corner; UVs (2 floats) and colour sets (4 floats) per face corner."""
+        return self.request(
+            "set_scalp",
+            points=points,
+            faceCounts=faceCounts,
+            faceIndices=faceIndices,
+            uvs=uvs,
+            colorSets=dict(colorSets) if colorSets is not None else None,
+            restPoints=restPoints,
+        )
+
+    def update_scalp(self, points: Array, *, restPoints: Optional[Array] = None) -> Dict[str, Any]:
+        """Moves the scalp's points; their number stays."""
+        return self.request("update_scalp", points=points, restPoints=restPoints)
+
+    def get_scalp(self, *, space: Optional[str] = None) -> Dict[str, Any]:
+        """The scalp with its polygons, in space "host" or "groom"."""
+        return self.request("get_scalp", space=space)
+
+    def set_guides(
+        self,
+        points: Array,
+        counts: Array,
+        *,
+        ids: Optional[Array] = None,
+        target: Optional[str] = None,
+        pose: Optional[str] = None,
+        keepMissing: Optional[bool] = None,
+    ) -> Dict[str, Any]:
+        """Guides as curves one after the other, each with ``counts`` points, root first."""
+        return self.request(
+            "set_guides",
+            points=points,
+            counts=counts,
+            ids=ids,
+            target=target,
+            pose=pose,
+            keepMissing=keepMissing,
+        )
+
+    def get_guides(
+        self,
+        *,
+        source: Optional[str] = None,
+        pose: Optional[str] = None,
+        space: Optional[str] = None,
+    ) -> Dict[str, Any]:
+        """The guides, flat or of the hierarchy."""
+        return self.request("get_guides", source=source, pose=pose, space=space)
+
+    # ---- evaluation ----------------------------------------------------------------------------
+
+    def evaluate(
+        self,
+        *,
+        mode: Optional[str] = None,
+        space: Optional[str] = None,
+        density: Optional[float] = None,
+        pointBudget: Optional[float] = None,
+        sculptDensity: Optional[float] = None,
+        viewNode: Optional[str] = None,
+        bounds: Optional[bool] = None,
+        attributes: Union[None, str, Sequence[str]] = None,
+    ) -> Dict[str, Any]:
+        """The hair: ``arrays`` holds ``positions``, ``pointCounts``, ``offsets``, ``ids``, maybe
+        ``widths``, and ``attributes`` as {name: {"scope", "array"}}. Failures of nodes do not
+        raise: they stand in ``errors`` and ``messages``."""
+        return self.request(
+            "evaluate",
+            mode=mode,
+            space=space,
+            density=density,
+            pointBudget=pointBudget,
+            sculptDensity=sculptDensity,
+            viewNode=viewNode,
+            bounds=bounds,
+            attributes=attributes,
+        )
+
+    def stats(self) -> Dict[str, Any]:
+        """Statistics of the hair as it was last evaluated."""
+        return self.request("stats")
+
+    def node_status(self) -> Dict[str, Any]:
+        """Warnings, times and errors that the last evaluation left."""
+        return self.request("node_status")
+
+    # ---- graph ---------------------------------------------------------------------------------
+
+    def get_graph(self) -> Any:
+        """The node graph as JSON."""
+        return self.request("get_graph")["graph"]
+
+    def set_graph(self, graph: Any) -> int:
+        """Replaces the graph (JSON, or its text); answers how many nodes it has."""
+        return int(self.request("set_graph", graph=graph)["nodes"])
+
+    def list_nodes(self) -> Dict[str, Any]:
+        """``nodes`` with name, type and version, and the ``output`` node's name."""
+        return self.request("list_nodes")
+
+    def node_spec(self, node: str) -> Dict[str, Any]:
+        """A node's ports and params."""
+        spec: Dict[str, Any] = self.request("node_spec", node=node)["spec"]
+        return spec
+
+    def get_param(self, node: str, param: str) -> Any:
+        """A param's value, or its default if it has none."""
+        return self.request("get_param", node=node, param=param)["value"]
+
+    def set_param(self, node: str, param: str, value: Any) -> Any:
+        """Sets a param to a value or, where it takes one, to a map."""
+        return self.request("set_param", node=node, param=param, value=value)["value"]
+
+    def edit_graph(self, op: str, /, **fields: Any) -> Dict[str, Any]:
+        """One edit of the graph, such as ``edit_graph("connect", **{"from": ..., "to": ...})``."""
+        return self.request("edit_graph", op=op, **fields)
