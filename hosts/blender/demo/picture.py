@@ -185,7 +185,7 @@ def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[
         light /= np.linalg.norm(light)
         drawn = _some_strands(hair, most)
         shadows = LightMap(light, view.center, view.height * 1.6)
-        places, normals = _mesh_points(*mesh, spacing) if mesh is not None else (np.zeros((0, 3)), np.zeros((0, 3)))
+        places, normals = _mesh_points(*mesh, 0.75 * spacing) if mesh is not None else (np.zeros((0, 3)), np.zeros((0, 3)))
         shadows.add(places)
         shadows.add(_hair_points(drawn, shadows.cell)[0])
         facing = np.clip(normals @ -light, 0.0, 1.0)
