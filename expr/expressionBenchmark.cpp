@@ -1,9 +1,9 @@
-#include <benchmark/benchmark.h>
-
 #include <algorithm>
 #include <cstring>
 #include <numeric>
 #include <vector>
+
+#include <benchmark/benchmark.h>
 
 #include "expr/expressionMap.h"
 #include "model/hash.h"
@@ -62,9 +62,9 @@ struct ChannelArithmetic : PerStrand {
     static void plain(std::span<float> out) {
         const Hair& h = hair();
         for (std::size_t s = 0; s < out.size(); ++s)
-            out[s] = between(h.tone[s] * 2.0f - 0.5f, 0.0f, 1.0f) *
-                         (1.0f - 0.3f * h.clump[s] / 16.0f) +
-                     (h.tone[s] > 0.5f ? 0.1f : 0.2f);
+            out[s] =
+                between(h.tone[s] * 2.0f - 0.5f, 0.0f, 1.0f) * (1.0f - 0.3f * h.clump[s] / 16.0f) +
+                (h.tone[s] > 0.5f ? 0.1f : 0.2f);
     }
 };
 struct FitLength : PerStrand {
@@ -72,7 +72,8 @@ struct FitLength : PerStrand {
     static void plain(std::span<float> out) {
         const StrandSet& set = hair().set;
         for (std::size_t s = 0; s < out.size(); ++s)
-            out[s] = (polylineLength(set.pointsOf(s)) - 0.0f) / (10.0f - 0.0f) * (0.2f - 1.0f) + 1.0f;
+            out[s] =
+                (polylineLength(set.pointsOf(s)) - 0.0f) / (10.0f - 0.0f) * (0.2f - 1.0f) + 1.0f;
     }
 };
 struct RootNoise : PerStrand {
@@ -102,9 +103,9 @@ struct PointChannels : PerPoint {
             const std::size_t first = h.set.offsets()[s], count = h.set.pointCountOf(s);
             for (std::size_t k = 0; k < count; ++k) {
                 const float share = h.share[first + k];
-                out[first + k] = (1.0f + (0.15f - 1.0f) * (share * share)) *
-                                     (0.8f + 0.4f * h.tone[s]) -
-                                 (float(k) / float(count - 1) > 0.9f ? 0.05f : 0.0f);
+                out[first + k] =
+                    (1.0f + (0.15f - 1.0f) * (share * share)) * (0.8f + 0.4f * h.tone[s]) -
+                    (float(k) / float(count - 1) > 0.9f ? 0.05f : 0.0f);
             }
         }
     }
@@ -115,7 +116,8 @@ struct Taper : PerPoint {
         const StrandSet& set = hair().set;
         for (std::size_t s = 0; s < set.strandCount(); ++s) {
             const std::size_t first = set.offsets()[s], count = set.pointCountOf(s);
-            const float random = unitHash(hashCombine(mix64(set.ids()[s]), std::uint64_t(0x72616E64)));
+            const float random =
+                unitHash(hashCombine(mix64(set.ids()[s]), std::uint64_t(0x72616E64)));
             const std::span<float> own = out.subspan(first, count);
             polylineShares(set.pointsOf(s), own);
             for (float& t : own) t = (1.0f - t * t) * 0.7f + 0.1f * random;
@@ -173,7 +175,7 @@ void expression(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * std::int64_t(out.size()));
 }
 
-#define CORVELLE_FORMULA(Formula)                                           \
+#define CORVELLE_FORMULA(Formula)                                            \
     BENCHMARK(plainFormula<Formula>)->Name("expression/" #Formula "/plain"); \
     BENCHMARK(expression<Formula>)->Name("expression/" #Formula "/batch")
 CORVELLE_FORMULA(RootArithmetic);

@@ -59,7 +59,7 @@ struct ExpressionBatch {
     std::array<const float*, kExpressionVariableCount> variables{};
     const std::uint32_t* strands = nullptr;  ///< into the tables
     const std::uint64_t* points = nullptr;   ///< into the point channels, or kNoPoint
-    bool strandsInOrder = false;  ///< each is one more than that of the lane before
+    bool strandsInOrder = false;             ///< each is one more than that of the lane before
     bool pointsInOrder = false;
     const std::uint64_t* ids = nullptr;
     const Vec3f* rootPositions = nullptr;

@@ -10,6 +10,7 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
+#include "model/testing/tuft.h"
 
 namespace corvelle {
 namespace {
@@ -131,6 +132,27 @@ TEST_F(MapTest, BatchesGiveTheBitsOfSingleReads) {
             EXPECT_TRUE(high > low || c == MapComponent::A || c == MapComponent::B);
         }
     }
+}
+
+TEST_F(MapTest, ReadsStrandsAtTheirRootsInAnyOrder) {
+    StrandSet tuft = makeTuft({.strands = 600, .seed = 2, .triangles = int(scalp->triangles().size())});
+    for (std::size_t s = 0; s < 600; s += 9) tuft.mutableRoots()[s] = {};
+    std::vector<std::uint32_t> inOrder(600), mixedUp;
+    for (std::uint32_t s = 0; s < 600; ++s) inOrder[s] = s;
+    for (std::uint32_t s = 0; s < 600; ++s) mixedUp.push_back(s * 7 % 600);
+    for (const NamedMapPtr& map : allMaps())
+        for (const auto& strands : {inOrder, mixedUp, std::vector<std::uint32_t>{}}) {
+            std::vector<float> out(strands.size());
+            std::vector<Color4f> colors(strands.size());
+            map->strandValues(tuft, strands, MapComponent::G, out);
+            map->strandColors(tuft, strands, colors);
+            for (std::size_t i = 0; i < strands.size(); ++i) {
+                const StrandRoot root = tuft.roots()[strands[i]];
+                const Vec3f place = tuft.pointsOf(strands[i])[0];
+                ASSERT_EQ(out[i], map->at(root, place, MapComponent::G));
+                ASSERT_EQ(colors[i], map->colorAt(root, place));
+            }
+        }
 }
 
 TEST_F(MapTest, ReadsTheSameOnOneThreadAndOnMany) {

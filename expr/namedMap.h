@@ -28,6 +28,11 @@ public:
                         MapComponent component, std::span<float> out) const;
     virtual void colors(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                         std::span<Color4f> out) const;
+    /// The same at the roots of strands of a set: out[i] for strands[i].
+    virtual void strandValues(const StrandSet& set, std::span<const std::uint32_t> strands,
+                              MapComponent component, std::span<float> out) const;
+    virtual void strandColors(const StrandSet& set, std::span<const std::uint32_t> strands,
+                              std::span<Color4f> out) const;
     /// Maps of kind guides: the strand channel that carries the layer, read instead where a set has
     /// it; empty for the other kinds.
     virtual std::string channel() const { return {}; }

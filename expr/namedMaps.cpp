@@ -3,15 +3,24 @@
 #include <limits>
 #include <utility>
 
+#include "expr/batchBuffer.h"
 #include "expr/mapCatalog.h"
 #include "model/hash.h"
 #include "model/pointIndex.h"
+#include "model/strandSet.h"
 
 namespace corvelle {
 
 namespace {
 
 constexpr std::size_t kBatch = 256;
+
+/// A root's position is its strand's first point.
+inline Vec3f rootPosition(const StrandSet& set, std::size_t strand) {
+    const std::span<const std::uint64_t> offsets = set.offsets();
+    const std::uint64_t first = offsets[strand];
+    return offsets[strand + 1] > first ? set.points()[std::size_t(first)] : Vec3f{};
+}
 
 /// Maps that are read at places on a scalp. The sampler has values(roots, component, out) and
 /// colors(roots, out) over valid roots or unrooted ones, which read 0.
@@ -23,55 +32,88 @@ public:
 
     float at(const StrandRoot& root, Vec3f position, MapComponent component) const override {
         float out = 0.0f;
-        values({&root, 1}, {&position, 1}, component, {&out, 1});
+        SurfaceMap::values({&root, 1}, {&position, 1}, component, {&out, 1});
         return out;
     }
     Color4f colorAt(const StrandRoot& root, Vec3f position) const override {
         Color4f out;
-        colors({&root, 1}, {&position, 1}, {&out, 1});
+        SurfaceMap::colors({&root, 1}, {&position, 1}, {&out, 1});
         return out;
     }
     void values(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                 MapComponent component, std::span<float> out) const override {
-        forEachBatch(roots, positions, [&](std::size_t begin, std::span<const StrandRoot> found) {
-            sampler_.values(found, component, out.subspan(begin, found.size()));
-        });
+        for (std::size_t b = 0; b < roots.size(); b += kBatch) {
+            const std::size_t n = std::min(kBatch, roots.size() - b);
+            onScalp(roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
+                    [&](std::span<const StrandRoot> found) {
+                        sampler_.values(found, component, out.subspan(b, n));
+                    });
+        }
     }
     void colors(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                 std::span<Color4f> out) const override {
-        forEachBatch(roots, positions, [&](std::size_t begin, std::span<const StrandRoot> found) {
-            sampler_.colors(found, out.subspan(begin, found.size()));
+        for (std::size_t b = 0; b < roots.size(); b += kBatch) {
+            const std::size_t n = std::min(kBatch, roots.size() - b);
+            onScalp(roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
+                    [&](std::span<const StrandRoot> found) {
+                        sampler_.colors(found, out.subspan(b, n));
+                    });
+        }
+    }
+    void strandValues(const StrandSet& set, std::span<const std::uint32_t> strands,
+                      MapComponent component, std::span<float> out) const override {
+        forEachStrandBatch(set, strands, [&](std::size_t b, std::span<const StrandRoot> found) {
+            sampler_.values(found, component, out.subspan(b, found.size()));
+        });
+    }
+    void strandColors(const StrandSet& set, std::span<const std::uint32_t> strands,
+                      std::span<Color4f> out) const override {
+        forEachStrandBatch(set, strands, [&](std::size_t b, std::span<const StrandRoot> found) {
+            sampler_.colors(found, out.subspan(b, found.size()));
         });
     }
     std::uint64_t hash() const override { return hash_; }
 
 private:
-    /// Calls body(begin, roots) with roots as they are where all of a batch are on the scalp, else
-    /// with the closest places in their stead.
+    /// Calls body(roots): the given ones where all of a batch are on the scalp, else with the closest
+    /// places in the stead of the others. positionOf(i) is asked for those alone.
+    template <class PositionOf, class Body>
+    void onScalp(std::span<const StrandRoot> roots, PositionOf&& positionOf, Body&& body) const {
+        const std::uint32_t triangles = std::uint32_t(scalp_->triangles().size());
+        bool off = false;  // -1 is a large unsigned number
+        for (const StrandRoot& r : roots) off |= std::uint32_t(r.triangle) >= triangles;
+        if (!off) return body(roots);
+        BatchBuffer<StrandRoot, kBatch> buffer;
+        const std::span<StrandRoot> found = buffer.first(roots.size());
+        for (std::size_t i = 0; i < roots.size(); ++i) {
+            found[i] = roots[i];
+            if (std::uint32_t(roots[i].triangle) < triangles) continue;
+            SurfaceHit hit;
+            found[i] = scalp_->closestPoint(positionOf(i), ScalpMesh::kAnyDistance, hit)
+                           ? hit.root()
+                           : StrandRoot{};
+        }
+        body(std::span<const StrandRoot>(found));
+    }
+
     template <class Body>
-    void forEachBatch(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
-                      Body&& body) const {
-        const std::size_t triangles = scalp_->triangles().size();
-        std::array<StrandRoot, kBatch> found;
-        for (std::size_t b = 0; b < roots.size(); b += kBatch) {
-            const std::size_t n = std::min(kBatch, roots.size() - b);
-            const std::span<const StrandRoot> run = roots.subspan(b, n);
-            const auto on = [&](const StrandRoot& r) {
-                return r.triangle >= 0 && std::size_t(r.triangle) < triangles;
-            };
-            if (std::all_of(run.begin(), run.end(), on)) {
-                body(b, run);
-                continue;
+    void forEachStrandBatch(const StrandSet& set, std::span<const std::uint32_t> strands,
+                            Body&& body) const {
+        const std::span<const StrandRoot> held = set.roots();
+        BatchBuffer<StrandRoot, kBatch> buffer;
+        for (std::size_t b = 0; b < strands.size(); b += kBatch) {
+            const std::span<const std::uint32_t> some =
+                strands.subspan(b, std::min(kBatch, strands.size() - b));
+            std::span<const StrandRoot> roots;
+            if (isRun(some)) {
+                roots = held.subspan(some[0], some.size());
+            } else {
+                const std::span<StrandRoot> gathered = buffer.first(some.size());
+                for (std::size_t i = 0; i < some.size(); ++i) gathered[i] = held[some[i]];
+                roots = gathered;
             }
-            for (std::size_t i = 0; i < n; ++i) {
-                found[i] = run[i];
-                if (on(run[i])) continue;
-                SurfaceHit hit;
-                found[i] = scalp_->closestPoint(positions[b + i], ScalpMesh::kAnyDistance, hit)
-                               ? hit.root()
-                               : StrandRoot{};
-            }
-            body(b, std::span<const StrandRoot>(found.data(), n));
+            onScalp(roots, [&](std::size_t i) { return rootPosition(set, some[i]); },
+                    [&](std::span<const StrandRoot> found) { body(b, found); });
         }
     }
 
@@ -110,18 +152,18 @@ struct TextureSampler {
     }
     /// The UVs of a batch; the unrooted get one that reads 0.
     std::span<const Vec2f> gather(std::span<const StrandRoot> roots,
-                                  std::array<Vec2f, kBatch>& buffer) const {
+                                  BatchBuffer<Vec2f, kBatch>& buffer) const {
         constexpr float kNone = std::numeric_limits<float>::quiet_NaN();
-        fill(roots, std::span<Vec2f>(buffer.data(), roots.size()), Vec2f{kNone, kNone},
-             [&](const StrandRoot& r) { return uvAt(r); });
-        return {buffer.data(), roots.size()};
+        const std::span<Vec2f> gathered = buffer.first(roots.size());
+        fill(roots, gathered, Vec2f{kNone, kNone}, [&](const StrandRoot& r) { return uvAt(r); });
+        return gathered;
     }
     void values(std::span<const StrandRoot> roots, MapComponent c, std::span<float> out) const {
-        std::array<Vec2f, kBatch> buffer;
+        BatchBuffer<Vec2f, kBatch> buffer;
         texture->sample(gather(roots, buffer), c, out);
     }
     void colors(std::span<const StrandRoot> roots, std::span<Color4f> out) const {
-        std::array<Vec2f, kBatch> buffer;
+        BatchBuffer<Vec2f, kBatch> buffer;
         texture->sampleColors(gather(roots, buffer), out);
     }
 };
@@ -278,6 +320,42 @@ void NamedMap::values(std::span<const StrandRoot> roots, std::span<const Vec3f> 
 void NamedMap::colors(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                       std::span<Color4f> out) const {
     for (std::size_t i = 0; i < roots.size(); ++i) out[i] = colorAt(roots[i], positions[i]);
+}
+
+namespace {
+
+/// Calls body(begin, roots, positions) for batches of strands.
+template <class Body>
+void forEachPlaceOf(const StrandSet& set, std::span<const std::uint32_t> strands, Body&& body) {
+    const std::span<const StrandRoot> held = set.roots();
+    BatchBuffer<StrandRoot, kBatch> rootBuffer;
+    BatchBuffer<Vec3f, kBatch> positionBuffer;
+    for (std::size_t b = 0; b < strands.size(); b += kBatch) {
+        const std::size_t n = std::min(kBatch, strands.size() - b);
+        const std::span<StrandRoot> roots = rootBuffer.first(n);
+        const std::span<Vec3f> positions = positionBuffer.first(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            roots[i] = held[strands[b + i]];
+            positions[i] = rootPosition(set, strands[b + i]);
+        }
+        body(b, roots, positions);
+    }
+}
+
+}  // namespace
+
+void NamedMap::strandValues(const StrandSet& set, std::span<const std::uint32_t> strands,
+                            MapComponent component, std::span<float> out) const {
+    forEachPlaceOf(set, strands, [&](std::size_t b, auto roots, auto positions) {
+        values(roots, positions, component, out.subspan(b, roots.size()));
+    });
+}
+
+void NamedMap::strandColors(const StrandSet& set, std::span<const std::uint32_t> strands,
+                            std::span<Color4f> out) const {
+    forEachPlaceOf(set, strands, [&](std::size_t b, auto roots, auto positions) {
+        colors(roots, positions, out.subspan(b, roots.size()));
+    });
 }
 
 NamedMapPtr textureMap(TexturePtr texture, ScalpPtr scalp) {

@@ -24,6 +24,16 @@ public:
     float samplePoint(const StrandSet& set, std::size_t s, std::size_t p) const override {
         return points_ ? 2.0f * draw(seed_ + p, set.ids()[s]) - 0.5f : sampleStrand(set, s);
     }
+    void sampleStrands(const StrandSet& set, std::span<const std::uint32_t> strands,
+                       std::span<float> out) const override {
+        for (std::size_t i = 0; i < strands.size(); ++i) out[i] = sampleStrand(set, strands[i]);
+    }
+    void samplePoints(const StrandSet& set, std::span<const std::uint32_t> strands,
+                      std::span<float> out) const override {
+        std::size_t at = 0;
+        for (const std::uint32_t s : strands)
+            for (std::size_t p = 0; p < set.pointCountOf(s); ++p) out[at++] = samplePoint(set, s, p);
+    }
     bool perPoint() const override { return points_; }
     float maxValue() const override { return 1.5f; }
 
@@ -37,8 +47,8 @@ std::uint32_t bits(float value) { return std::bit_cast<std::uint32_t>(value); }
 class AffectTest : public testing::TestWithParam<std::uint64_t> {
 protected:
     AffectTest() { registerTestOperators(); }
-    StrandSet changed(const StrandSet& before) const {
-        StrandSet after = before;
+    StrandSet changed(const StrandSet& from) const {
+        StrandSet after = from;
         for (Vec3f& p : after.mutablePoints()) p = p * 1.5f + Vec3f{1, 0, -2};
         for (float& w : after.mutableWidths()) w *= 3.0f;
         for (float& c : after.mutableStrandChannel("clumpId", -1.0f)) c += 100.0f;

@@ -1,7 +1,8 @@
 #include "graph/field.h"
 
 #include <algorithm>
-#include <array>
+
+#include "expr/batchBuffer.h"
 
 namespace corvelle {
 
@@ -28,30 +29,33 @@ float FieldValue::samplePoint(const StrandSet& strands, std::size_t index, std::
 
 void FieldValue::sampleStrands(const StrandSet& set, std::span<const std::uint32_t> strands,
                                std::span<float> out) const {
-    std::array<StrandRoot, kBatch> roots;
-    std::array<Vec3f, kBatch> positions;
+    BatchBuffer<StrandRoot, kBatch> rootBuffer;
+    BatchBuffer<Vec3f, kBatch> positionBuffer;
     const std::span<const StrandRoot> held = set.roots();
     const std::span<const std::uint64_t> offsets = set.offsets();
     const std::span<const Vec3f> points = set.points();
     for (std::size_t b = 0; b < strands.size(); b += kBatch) {
         const std::size_t n = std::min(kBatch, strands.size() - b);
+        const std::span<StrandRoot> roots = rootBuffer.first(n);
+        const std::span<Vec3f> positions = positionBuffer.first(n);
         for (std::size_t i = 0; i < n; ++i) {
             const std::size_t s = strands[b + i];
             roots[i] = held[s];
             const bool any = offsets[s + 1] > offsets[s];
             positions[i] = any ? points[std::size_t(offsets[s])] : Vec3f{};
         }
-        sampleRoots({roots.data(), n}, {positions.data(), n}, out.subspan(b, n));
+        sampleRoots(roots, positions, out.subspan(b, n));
     }
 }
 
 void FieldValue::samplePoints(const StrandSet& set, std::span<const std::uint32_t> strands,
                               std::span<float> out) const {
-    std::array<float, kBatch> values;
+    BatchBuffer<float, kBatch> buffer;
     std::size_t at = 0;
     for (std::size_t b = 0; b < strands.size(); b += kBatch) {
         const std::size_t n = std::min(kBatch, strands.size() - b);
-        sampleStrands(set, strands.subspan(b, n), {values.data(), n});
+        const std::span<float> values = buffer.first(n);
+        sampleStrands(set, strands.subspan(b, n), values);
         for (std::size_t i = 0; i < n; ++i) {
             const std::size_t points = set.pointCountOf(strands[b + i]);
             std::fill_n(out.begin() + std::ptrdiff_t(at), points, values[i]);

@@ -53,7 +53,21 @@ bool eraseParamInputs(Json& node, Drop&& drop) {
     return erased;
 }
 
-OperatorPtr toolFor(const Json& node) { return operatorForNode(node); }
+/// A node's operator with what can be read of its params: its ports may stand in them.
+OperatorPtr toolFor(const Json& node) {
+    OperatorPtr op = operatorForNode(node);
+    const auto params = node.find("params");
+    if (params == node.end() || !params->is_object()) return op;
+    for (const auto& [param, value] : params->items()) {
+        if (!op->paramSpec(param)) continue;
+        try {
+            op->set(param, paramFromJson(param, value));
+        } catch (const GraphError&) {
+            continue;  // reading the whole graph says so
+        }
+    }
+    return op;
+}
 
 double seedOf(const Json& node) {
     const auto params = node.find("params");
@@ -204,10 +218,6 @@ void GraphEdit::connect(const std::string& from, const std::string& output, cons
     const OperatorPtr source = toolFor(node(from));
     Json& targetJson = node(to);
     const OperatorPtr target = toolFor(targetJson);
-    if (const auto params = targetJson.find("params"); params != targetJson.end() && params->is_object())
-        for (const char* shaping : {"type"})  // a port's type may stand in a param
-            if (target->paramSpec(shaping) && params->contains(shaping))
-                target->set(shaping, paramFromJson(shaping, (*params)[shaping]));
     const auto& outs = source->outputPorts();
     const std::size_t out = portIndex(outs, output);
     if (out >= outs.size()) throw GraphError("node '" + from + "' has no output '" + output + "'");

@@ -137,20 +137,59 @@ bool Graph::Walk::run(NodeId target) {
     states.back().needed = true;
     for (auto s = states.rbegin(); s != states.rend(); ++s) {
         const Node& n = *s->node;
-        const bool kept =
+        s->kept =
             (n.cached && n.cachedHash == s->hash) ||
             std::any_of(n.earlier.begin(), n.earlier.end(),
                         [&](const NodeResult& r) { return r.cachedHash == s->hash; });
-        if (!s->needed || kept) continue;
+        if (!s->needed || s->kept) continue;
         for (const std::size_t slot : s->slots)
             states[index.at(n.inputNodes[slot])].needed = true;
         if (!s->passes)
             for (const auto& [param, input] : n.paramInputs)
                 states[index.at(input.from)].needed = true;
     }
+    takeSpares();
     for (State& s : states)
         if (!guarded(s, [&] { return evaluateNode(s); })) return false;
     return true;
+}
+
+/// The results that this evaluation will push out are let go of now: their arrays serve the updates
+/// that need one, or the pool. All are taken before any node runs, since nodes share arrays.
+void Graph::Walk::takeSpares() {
+    constexpr std::size_t kFewerThanOneIn = 4;
+    std::unordered_set<const void*> taken;
+    for (State& s : states) {
+        Node& n = *s.node;
+        if (!s.needed || s.kept || n.earlier.size() < Node::kEarlierResults || !n.cached) continue;
+        const NodeResult old = std::move(n.earlier.back());
+        n.earlier.pop_back();
+        if (s.passes || !n.ran || !old.ran || n.previousHash != old.cachedHash ||
+            !n.rawOutputs.empty() || !old.rawOutputs.empty())
+            continue;
+        s.spares.resize(n.outputs.size());
+        for (std::size_t i = 0; i < n.outputs.size() && i < old.outputs.size(); ++i) {
+            const auto* held = std::get_if<StrandsPtr>(&old.outputs[i]);
+            const auto* current = std::get_if<StrandsPtr>(&n.outputs[i]);
+            if (!held || !current || !*held || !*current || i >= n.changes.size() ||
+                !isList(n.changes[i]) || !(*held)->sameLayout(**current) ||
+                n.changes[i]->strands.size() > (*current)->strandCount() / kFewerThanOneIn)
+                continue;
+            s.spares[i].emplace(**held, **current, taken);
+        }
+    }
+}
+
+/// The last outputs as an update may use them up: in spare arrays where there are some.
+std::vector<NodeValue> Graph::Walk::handedOutputs(State& s) const {
+    const Node& n = *s.node;
+    std::vector<NodeValue> handed = n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
+    for (std::size_t i = 0; i < s.spares.size(); ++i)
+        if (s.spares[i])
+            handed[i] = std::make_shared<const StrandSet>(
+                s.spares[i]->equalTo(*std::get<StrandsPtr>(n.outputs[i]), n.changes[i]->strands));
+    s.spares.clear();
+    return handed;
 }
 
 /// Makes a kept result of this hash the node's current one.
@@ -291,36 +330,25 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
     if (!incrementalEvaluation() || !n.cached || !n.ran || anyUnknown(slots)) return false;
     const bool own = n.selfHash != s.selfHash;
     if (own && !op.updatesOwnChanges()) return false;
+    const std::vector<NodeValue>& previous = n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
     const auto& ports = op.outputPorts();
-    if ((n.rawOutputs.empty() ? n.outputs : n.rawOutputs).size() != ports.size()) return false;
+    if (previous.size() != ports.size()) return false;
 
     const bool untouched = !own && allNone(slots);
-    // The last outputs are lent to the update, so that it may write arrays in place that no one else
-    // holds. What was lent is no longer the node's: a failure leaves it without a result. A blend
-    // and the check need them afterwards.
-    const bool lent = !untouched && n.rawOutputs.empty() && !verifyIncremental();
-    std::vector<NodeValue> previous =
-        lent ? std::move(n.outputs) : n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
-    if (lent) n.cached = false;
     UpdateResult result;
-    std::vector<NodeValue> checked;
     if (untouched) {  // another `affect`, or inputs made anew with the same bits
-        checked = result.outputs = previous;
+        result.outputs = previous;
         result.changes.assign(ports.size(), noChanges());
         fresh.runWarnings = n.runWarnings;
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
-        const UpdateRequest request{previous, slots, own, n.contextHash};
-        if (verifyIncremental()) checked = previous;
+        std::vector<NodeValue> handed = handedOutputs(s);
+        const UpdateRequest request{handed, slots, own, n.contextHash};
         const EvalContext context(data, op.contextReads());
         ++n.runs;
         if (!op.update(context, inputs, request, result)) {
             --n.runs;
             op.takeWarnings();
-            if (lent) {
-                n.outputs = std::move(previous);
-                n.cached = true;
-            }
             return false;
         }
         fresh.runWarnings = op.takeWarnings();
@@ -338,8 +366,8 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         full.takeWarnings();
         for (std::size_t i = 0; i < ports.size(); ++i) {
             const std::string reason =
-                checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{}, checked[i],
-                                 result.changes[i]);
+                checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{},
+                                 previous[i], result.changes[i]);
             if (!reason.empty())
                 throw GraphError("output '" + ports[i].name + "' evaluated incrementally: " + reason);
         }
@@ -407,8 +435,7 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
     const auto& ports = op.outputPorts();
     const NodeInputs inputs = gather(s);
     const std::vector<SlotChanges> slots = slotChanges(s);
-    const bool hadResult = n.cached;
-    const bool known = hadResult && !anyUnknown(slots);
+    const bool known = n.cached && !anyUnknown(slots);
     bool incremental = false;
 
     fresh.cachedHash = s.hash;
@@ -438,6 +465,7 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
         driveParams(s);
         op.takeWarnings();
         incremental = tryUpdate(s, inputs, slots, fresh);
+        s.spares.clear();
         if (!incremental) {
             ++n.runs;
             fresh.outputs = op.evaluateAll(EvalContext(data, op.contextReads()), inputs);
@@ -457,7 +485,7 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
             fresh.changes[i] = valueDiff(n.outputs[i], fresh.outputs[i]);
     const bool stated = std::any_of(fresh.changes.begin(), fresh.changes.end(),
                                     [](const StrandChangesPtr& c) { return c != nullptr; });
-    fresh.previousHash = hadResult && stated ? n.cachedHash : 0;
+    fresh.previousHash = n.cached && stated ? n.cachedHash : 0;
     if (!s.passes) {
         fresh.statusText = statusOf(incremental, fresh.changes);
         if (std::string text = op.warning(EvalContext(data, op.contextReads())); !text.empty() &&

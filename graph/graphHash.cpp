@@ -147,6 +147,8 @@ std::uint64_t Graph::Walk::paramsHash(const State& state, bool affect) {
             }
         }
         const ParamValue& value = op.value(spec.name);
+        const auto* constant = std::get_if<double>(&value);
+        if (affect && constant && *constant >= 1.0) continue;  // as if it were not there
         h = hashCombine(h, paramHash(value));
         if (const auto* map = std::get_if<MapSource>(&value))
             h = hashCombine(h, mapReadsHash(*map, data, nullptr));

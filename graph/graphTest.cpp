@@ -437,6 +437,34 @@ TEST_F(GraphTest, AMovedGuideReachesItsStrandsAlone) {
     EXPECT_EQ(evaluatedBy(width, data), 0u) << "other objects, the same guides";
 }
 
+TEST_F(GraphTest, AStrokeWritesIntoTheArraysOfTheOneBeforeLast) {
+    setVerifyIncremental(false);
+    const NodeId tuft = add("TestTuft", "tuft"), guides = add("TestGuides", "guides"),
+                 follow = add("TestFollow", "follow"), tag = add("TestTag", "tag"),
+                 move = add("TestMove", "move");
+    graph.connect(tuft, 0, follow, 0);
+    graph.connect(guides, 0, follow, 1);
+    graph.connect(follow, 0, tag, 0);
+    graph.connect(tag, 0, move, 0);
+    graph.setParam(tuft, "strands", 1000.0);
+    std::vector<std::vector<const void*>> arrays;
+    EvaluationData data;
+    for (int stroke = 0; stroke < 6; ++stroke) {
+        std::vector<GuideCurve> curves;
+        for (std::uint64_t id = 1; id <= 50; ++id)
+            curves.push_back({id, {}, {{0, 0, 0}, {id == 7 ? float(stroke) : 1.0f, 0, 0}}, nullptr});
+        data.flatGuides = std::make_shared<const GuideSet>(std::move(curves));
+        graph.evaluate(move, data);
+        EXPECT_EQ(graph.status().at(move), stroke == 0 ? "full" : "incremental 20");
+        const StrandsPtr moved = evaluateStrands(graph, move, data), tagged = evaluateStrands(graph, tag, data);
+        arrays.push_back({moved->points().data(), tagged->points().data(),
+                          tagged->strandChannel("glow")->data()});
+    }
+    EXPECT_EQ(arrays[3], arrays[5]);
+    EXPECT_EQ(arrays[2], arrays[4]);
+    EXPECT_NE(arrays[4], arrays[5]);
+}
+
 TEST_F(GraphTest, TheVerifySwitchCatchesWhatAnUpdateSaysWrong) {
     const auto ids = chain({"TestTuft", "TestMove", "TestWrong"});
     graph.setParam(ids[0], "strands", 200.0);

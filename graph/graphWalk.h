@@ -1,12 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
 #include "graph/graph.h"
+#include "graph/spareStrands.h"
 
 namespace corvelle {
 
@@ -23,9 +25,11 @@ struct Graph::Walk {
         Node* node = nullptr;
         bool passes = false;
         bool needed = false;
+        bool kept = false;  ///< a result of this hash is at hand
         std::vector<std::size_t> slots;
         std::uint64_t hash = 0, selfHash = 0, affectHash = 0, contextHash = 0;
         std::vector<std::uint64_t> inputHashes;
+        std::vector<std::optional<SpareStrands>> spares;  ///< per output, for an update to write into
     };
 
     Walk(Graph& g, const EvaluationData& d, const std::set<NodeId>& runAnyway_)
@@ -41,6 +45,8 @@ struct Graph::Walk {
     std::uint64_t paramsHash(const State& state, bool affect);
 
     // graphEvaluate.cpp
+    void takeSpares();
+    std::vector<NodeValue> handedOutputs(State& state) const;
     bool evaluateNode(State& state);
     bool compute(State& state, NodeResult& fresh);
     bool tryUpdate(State& state, const NodeInputs& inputs, const std::vector<SlotChanges>& slots,

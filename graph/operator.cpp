@@ -38,15 +38,9 @@ struct Operator::ParamTable {
     std::vector<std::uint32_t> byName;
     bool commonAffect = false;
 
-    explicit ParamTable(const Operator& op) : specs(op.spec()) {
-        const std::vector<PortSpec> in = op.inputs(), out = op.outputs();
-        const bool strands = !in.empty() && !out.empty() && in[0].type == PortType::Strands &&
-                             out[0].type == PortType::Strands;
-        const auto declaresIt = [](const ParamSpec& s) { return s.name == affectSpec().name; };
-        if (strands && std::none_of(specs.begin(), specs.end(), declaresIt)) {
-            specs.push_back(affectSpec());
-            commonAffect = true;
-        }
+    ParamTable(std::vector<ParamSpec> declared, bool withAffect)
+        : specs(std::move(declared)), commonAffect(withAffect) {
+        if (withAffect) specs.push_back(affectSpec());
         byName.resize(specs.size());
         std::iota(byName.begin(), byName.end(), 0u);
         std::sort(byName.begin(), byName.end(),
@@ -62,22 +56,31 @@ struct Operator::ParamTable {
 
 const Operator::ParamTable& Operator::table() const {
     if (table_) return *table_;
-    if (ownSpec()) {
-        table_ = std::make_shared<const ParamTable>(*this);
-        return *table_;
-    }
     // One table a type, so that making a node costs no copy of its texts.
     static std::mutex mutex;
     static auto& tables = *new std::map<std::string, std::shared_ptr<const ParamTable>>;
+    const bool shared = !ownSpec();
     const std::string key = type();
-    {
+    if (shared) {
         const std::lock_guard lock(mutex);
-        if (const auto found = tables.find(key); found != tables.end()) table_ = found->second;
+        if (const auto found = tables.find(key); found != tables.end())
+            return *(table_ = found->second);
     }
-    if (!table_) {
-        auto made = std::make_shared<const ParamTable>(*this);
+    // Ports may stand in params: those are asked with the declared params in place.
+    const std::vector<ParamSpec> specs = spec();
+    table_ = std::make_shared<const ParamTable>(specs, false);
+    try {
+        const std::vector<PortSpec> in = inputs(), out = outputs();
+        if (!in.empty() && !out.empty() && in[0].type == PortType::Strands &&
+            out[0].type == PortType::Strands && !table_->find(affectSpec().name))
+            table_ = std::make_shared<const ParamTable>(specs, true);
+    } catch (...) {
+        table_.reset();
+        throw;
+    }
+    if (shared) {
         const std::lock_guard lock(mutex);
-        table_ = tables.emplace(key, std::move(made)).first->second;
+        table_ = tables.emplace(key, table_).first->second;
     }
     return *table_;
 }

@@ -4,6 +4,8 @@
 
 #include <cmath>
 #include <limits>
+#include <nlohmann/json.hpp>
+#include <set>
 
 #include "graph/graphJson.h"
 #include "graph/testing/testOperators.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "expr/batchBuffer.h"
 #include "graph/graphError.h"
 
 namespace corvelle {
@@ -85,7 +86,10 @@ void ScalarField::sampleStrands(const StrandSet& set, std::span<const std::uint3
             for (float& v : out) v *= parts_.scale;
             return;
         case Way::StrandChannel:
-            for (std::size_t i = 0; i < strands.size(); ++i) out[i] = channel_[strands[i]];
+            if (!strands.empty() && isRun(strands))
+                std::copy_n(channel_ + strands[0], strands.size(), out.begin());
+            else
+                for (std::size_t i = 0; i < strands.size(); ++i) out[i] = channel_[strands[i]];
             return spread(out);
         case Way::PointChannel: {
             const std::span<const std::uint64_t> offsets = set.offsets();
@@ -100,6 +104,8 @@ void ScalarField::sampleStrands(const StrandSet& set, std::span<const std::uint3
             expression_.strands(strands, out);
             return spread(out);
         case Way::Map:
+            parts_.map->strandValues(set, strands, parts_.component, out);
+            return spread(out);
         case Way::None: break;
     }
     FieldValue::sampleStrands(set, strands, out);  // gathers the roots for sampleRoots

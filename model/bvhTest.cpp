@@ -172,19 +172,24 @@ TEST_P(BvhTest, AnswersTheSameRefittedAsBuiltAnew) {
 }
 
 TEST(Bvh, RefitsUntilTheOrderIsWornOut) {
-    const ScalpMesh sphere = makeIcosphere(4, 10.0f);
-    const std::span<const Triangle> triangles = sphere.triangles();
+    const ScalpMesh soup = makeTriangleSoup(2000, 10.0f, 0.3f, 1);
+    const std::span<const Triangle> triangles = soup.triangles();
     const LazyBvh lazy;
-    const auto& order = lazy.get(sphere.points(), triangles, 0, triangles.size()).order();
-    const std::vector<Vec3f> bent = jitteredPoints(sphere, 0.1f, 1);
+    const auto order = lazy.get(soup.points(), triangles, 0, triangles.size()).order();
+    const std::vector<Vec3f> bent = jitteredPoints(soup, 0.01f, 1);
     const auto moved = lazy.sibling();
     EXPECT_EQ(moved->get(bent, triangles, 0, triangles.size()).order(), order);
-    // Points in a wholly other place: neighbours of before lie apart, and it is sorted anew.
-    std::vector<Vec3f> shuffled(bent);
-    for (std::size_t i = 0; i < shuffled.size(); ++i) shuffled[i] = bent[mix64(i) % bent.size()];
-    const auto torn = lazy.sibling();
-    EXPECT_EQ(torn->get(shuffled, triangles, 0, triangles.size()).order(), order)
-        << "long triangles are loose in any order";
+    // Each triangle goes elsewhere: what lay together lies far apart. They are sorted anew, and
+    // meshes after that keep the new order.
+    std::vector<Vec3f> rolled(bent);
+    for (std::size_t i = 0; i < rolled.size(); ++i) {
+        SplitMix random(i / 3);
+        rolled[i] += randomPoint(random, 10.0f);
+    }
+    const auto torn = lazy.sibling(), after = lazy.sibling();
+    const auto sorted = torn->get(rolled, triangles, 0, triangles.size()).order();
+    EXPECT_NE(sorted, order);
+    EXPECT_EQ(after->get(rolled, triangles, 0, triangles.size()).order(), sorted);
 }
 
 TEST(Bvh, FindsNothingFromAPositionThatIsNotFinite) {

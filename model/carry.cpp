@@ -32,6 +32,11 @@ struct Edges2 {  // two edges as columns in the plane's axes
     double x1, y1, x2, y2;
 };
 
+bool tiny(double determinant, const Edges2& e) {
+    return !(std::fabs(determinant) >
+             1e-9 * (e.x1 * e.x1 + e.y1 * e.y1 + e.x2 * e.x2 + e.y2 * e.y2));
+}
+
 }  // namespace
 
 RootMotion rootMotion(const StrandRoot& root, const ScalpMesh& a, const ScalpMesh& b) {
@@ -63,13 +68,14 @@ RootMotion rootMotion(const StrandRoot& root, const ScalpMesh& a, const ScalpMes
     };
     const Edges2 ea = inPlane(swing(pa[1] - pa[0]), swing(pa[2] - pa[0]));
     const Edges2 eb = inPlane(pb[1] - pb[0], pb[2] - pb[0]);
-    const double det = ea.x1 * ea.y2 - ea.x2 * ea.y1;
-    const double scale = ea.x1 * ea.x1 + ea.y1 * ea.y1 + ea.x2 * ea.x2 + ea.y2 * ea.y2;
+    const double detA = ea.x1 * ea.y2 - ea.x2 * ea.y1, detB = eb.x1 * eb.y2 - eb.x2 * eb.y1;
     Rotation turn;
-    if (std::fabs(det) > 1e-9 * scale) {
-        // M = eb ea^-1; its polar rotation needs only two sums, and their common factor 1 / |det|
+    // No turn where a triangle has no area across the normal or folds over from pose to pose: there
+    // the polar rotations to and fro are not each other's inverses.
+    if (!tiny(detA, ea) && !tiny(detB, eb) && (detA > 0.0) == (detB > 0.0)) {
+        // M = eb ea^-1; its polar rotation needs only two sums, and their common factor 1 / |detA|
         // falls out.
-        const double sign = det > 0.0 ? 1.0 : -1.0;
+        const double sign = detA > 0.0 ? 1.0 : -1.0;
         const double m00 = eb.x1 * ea.y2 - eb.x2 * ea.y1, m01 = eb.x2 * ea.x1 - eb.x1 * ea.x2;
         const double m10 = eb.y1 * ea.y2 - eb.y2 * ea.y1, m11 = eb.y2 * ea.x1 - eb.y1 * ea.x2;
         const double c = sign * (m00 + m11), s = sign * (m10 - m01);

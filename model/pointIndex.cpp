@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cfloat>
+#include <cstddef>
 
 #include "model/simd4.h"
 
@@ -11,6 +12,14 @@ namespace {
 
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
+/// A neighbour as one number that orders as it does: squared distances are not negative, so their
+/// bits order as they do.
+std::uint64_t orderOf(const Neighbor& n) {
+    if constexpr (std::endian::native == std::endian::little && offsetof(Neighbor, index) == 0)
+        return std::bit_cast<std::uint64_t>(n);
+    return std::uint64_t(std::bit_cast<std::uint32_t>(n.distanceSquared)) << 32 | n.index;
+}
 
 struct Entry {
     float at[3];
@@ -121,11 +130,12 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
                 const float toLeft = p - node.low, toRight = node.high - p;
                 const bool leftFirst = toLeft < toRight;
                 const float across = std::max(leftFirst ? toRight : toLeft, 0.0f);
-                Side& farSide = stack[size++];
+                Side& farSide = stack[size];
                 farSide = at;
                 farSide.node = node.left + (leftFirst ? 1u : 0u);
                 farSide.offset[axis] = std::max(across * across, at.offset[axis]);
                 farSide.squared = farSide.offset[0] + farSide.offset[1] + farSide.offset[2];
+                size += farSide.squared <= limit * 1.00001f + FLT_MIN;
                 at.node = node.left + (leftFirst ? 0u : 1u);
                 continue;
             }
@@ -142,9 +152,11 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
                 for (; lanes != 0; lanes &= lanes - 1) {
                     const int lane = std::countr_zero(unsigned(lanes));
                     const Neighbor candidate{indices_[i + std::uint32_t(lane)], squared[lane]};
-                    if (found == capacity && !(candidate < out[capacity - 1])) continue;
+                    const std::uint64_t key = orderOf(candidate);
+                    if (found == capacity && key >= orderOf(out[capacity - 1])) continue;
                     std::size_t slot = found < capacity ? found++ : capacity - 1;
-                    for (; slot > 0 && candidate < out[slot - 1]; --slot) out[slot] = out[slot - 1];
+                    for (; slot > 0 && key < orderOf(out[slot - 1]); --slot)
+                        out[slot] = out[slot - 1];
                     out[slot] = candidate;
                     if (found == capacity) limit = out[capacity - 1].distanceSquared;
                 }

@@ -42,7 +42,7 @@ public:
     void forEachWithin(Vec3f position, float radius, Visit&& visit) const;
 
 private:
-    static constexpr std::uint32_t kBucket = 8;  // points of a leaf, a multiple of 4
+    static constexpr std::uint32_t kBucket = 16;  // points of a leaf, a multiple of 4
     /// An inner node splits at a plane into `left` and left + 1; a leaf is a run of buckets.
     struct Node {
         float low = 0.0f, high = 0.0f;  ///< the left side ends at low, the right begins at high

@@ -50,8 +50,8 @@ StrandsPtr collide(const StrandsPtr& in, std::span<const CollideSurface> surface
                    const CollideSettings& settings);
 
 /// The same from `previous`, the result for an input that differed from `in` in the strands of
-/// `changed` alone (ascending).
-StrandsPtr collideAfter(const StrandsPtr& in, const StrandSet& previous,
+/// `changed` alone (ascending). Moved in by its last holder, its points are written in place.
+StrandsPtr collideAfter(const StrandsPtr& in, StrandsPtr previous,
                         std::span<const std::uint32_t> changed,
                         std::span<const CollideSurface> surfaces, const CollideSettings& settings);
 

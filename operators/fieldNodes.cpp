@@ -88,7 +88,7 @@ public:
         const double value = held == controls.end() || !std::isfinite(held->second)
                                  ? number("default")
                                  : held->second;
-        const auto [low, high] = std::minmax(number("min"), number("max"));
+        const auto [low, high] = std::minmax({number("min"), number("max")});
         return std::make_shared<const ConstantFieldValue>(float(std::clamp(value, low, high)));
     }
 };

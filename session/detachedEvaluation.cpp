@@ -12,8 +12,9 @@ void runDetached(DetachedEvaluation& detached) {
     const auto start = std::chrono::steady_clock::now();
     try {
         std::uint64_t evaluatedBefore = 0, incrementalBefore = 0;
-        if (detached.after) {
-            DetachedEvaluation& earlier = *detached.after;
+        // Let go of once it is taken over: a long chain of evaluations holds one graph, not all of them.
+        if (const auto after = std::move(detached.after)) {
+            const DetachedEvaluation& earlier = *after;
             if (!earlier.done.load(std::memory_order_acquire))
                 throw std::logic_error("a detached evaluation ran before the one it follows");
             if (earlier.failure) std::rethrow_exception(earlier.failure);
@@ -40,7 +41,9 @@ std::shared_ptr<DetachedEvaluation> GroomSession::startDetachedEvaluation(const 
     if (!graph_ || liveHierarchy_ || stroking_ || !options.viewNode.empty()) return nullptr;
     if (after && after->graphRevision != graphRevision_) return nullptr;
     auto detached = std::make_shared<DetachedEvaluation>();
-    advanceTo(options.seconds, pendingMessages_);
+    std::vector<EvaluationMessage> messages;  // shown by the next evaluation
+    advanceTo(options.seconds, messages);
+    pendingMessages_ = std::move(messages);
     fillData(options, options.density);
     if (!after) detached->graph = *graph_;
     detached->data = data_;
@@ -59,6 +62,7 @@ bool GroomSession::adoptDetached(const std::shared_ptr<DetachedEvaluation>& deta
     const std::uint64_t incremental = graph_->nodesIncremental();
     dropSculptGraph();
     graph_ = detached->graph;
+    graph_->setFramesPerSecond(document_.framesPerSecond);  // it may have changed meanwhile
     retiredEvaluated_ += evaluated + detached->nodesEvaluated - graph_->nodesEvaluated();
     retiredIncremental_ += incremental + detached->nodesIncremental - graph_->nodesIncremental();
     evaluate(detached->options);

@@ -78,7 +78,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        guidesMoved = liveHierarchy_ != nullptr || data_.hierarchy != lastSeen_.hierarchy;
+        guidesMoved = liveHierarchy_ != nullptr || activeHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
@@ -88,12 +88,12 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
     try {
         countRevisions(*before, guidesMoved, *next);
         measureBounds(options, *before, *next);
+        lastSeen_ = {document_.scalp, activeHierarchy(), data_.flatGuides};
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
     }
     if (!graphError_.empty()) errors.insert(errors.begin(), graphError_);
     if (!hierarchyError_.empty()) errors.insert(errors.begin(), hierarchyError_);
-    lastSeen_ = {document_.scalp, follow_.following ? follow_.restScalp : nullptr, data_.hierarchy, data_.flatGuides};
     result_ = std::move(next);
     return *result_;
 }

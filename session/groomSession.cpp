@@ -14,12 +14,21 @@ namespace corvelle {
 
 namespace {
 
+constexpr int kDeepestGraph = 512;
+
 /// Reads a graph's text. Blank text is no graph at all.
 std::optional<Graph> readGraph(const std::string& text) {
     if (blankGraphText(text)) return std::nullopt;
+    // Copies and prints of JSON recurse: text that nests without end must not get that far.
+    bool deep = false;
+    const auto shallow = [&](int depth, nlohmann::json::parse_event_t, nlohmann::json&) {
+        deep = deep || depth > kDeepestGraph;
+        return !deep;
+    };
     nlohmann::json json;
     try {
-        json = nlohmann::json::parse(text);
+        json = nlohmann::json::parse(text, shallow);
+        if (deep) throw SchemaError("graph: nested deeper than " + std::to_string(kDeepestGraph) + " levels");
     } catch (const nlohmann::json::exception& error) {
         throw SchemaError(std::string("graph: invalid JSON: ") + error.what());
     }
@@ -103,14 +112,14 @@ void GroomSession::replaceHierarchy(std::shared_ptr<const GuideHierarchy> hierar
     ++hierarchyRevision_;
 }
 
-void GroomSession::setHierarchy(GuideHierarchy hierarchy) {
+void GroomSession::setHierarchy(GuideHierarchy hierarchy, ScalpPtr pose) {
     if (hierarchyError_.empty() && hierarchy.contentHash() == hierarchy_->contentHash()) return;
     if (document_.scalp && hierarchy.scalpTopology() == 0)
         hierarchy.setScalpTopology(document_.scalp->topologyHash());
     replaceHierarchy(std::make_shared<const GuideHierarchy>(std::move(hierarchy)));
     document_.hierarchy = guidesToJson(*hierarchy_);
     hierarchyError_.clear();
-    bindScalp_ = document_.scalp;
+    bindScalp_ = pose ? std::move(pose) : document_.scalp;
 }
 
 void GroomSession::setHierarchyJson(const std::string& text) {
@@ -248,12 +257,15 @@ void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) 
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {
     if (document_.scalps.empty()) return own;
-    if (!assembled_.result || assembled_.own != own || assembled_.named != document_.scalps) {
-        assembled_.result = assembleScalps(own, document_.scalps);
-        assembled_.own = own;
-        assembled_.named = document_.scalps;
+    auto found = std::ranges::find_if(assembled_, [&](const Assembled& made) {
+        return made.result && made.own == own && made.named == document_.scalps;
+    });
+    if (found == assembled_.end()) {
+        found = assembled_.end() - 1;
+        *found = {own, assembleScalps(own, document_.scalps), document_.scalps};
     }
-    return assembled_.result;
+    std::rotate(assembled_.begin(), found, found + 1);
+    return assembled_.front().result;
 }
 
 }  // namespace corvelle

@@ -52,7 +52,8 @@ public:
     /// The host's guides in the rest pose; null: none. Used for the rest state while following.
     void setRestGuides(GuidesPtr rest);
     const GuidesPtr& restGuides() const { return restGuides_; }
-    void setHierarchy(GuideHierarchy hierarchy);
+    /// `pose`: the scalp as it was when the guides lay as given; null: as it is now.
+    void setHierarchy(GuideHierarchy hierarchy, ScalpPtr pose = nullptr);
     void setHierarchyJson(const std::string& text);
     /// As the document holds it: rest pose with rest points on the scalp, else its bind scalp's pose.
     const std::shared_ptr<const GuideHierarchy>& hierarchy() const { return hierarchy_; }
@@ -161,10 +162,11 @@ private:
 
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
-    struct {
+    struct Assembled {
         ScalpPtr own, result;
         std::vector<std::pair<std::string, ScalpPtr>> named;
-    } assembled_;
+    };
+    std::array<Assembled, 2> assembled_;  ///< newest first: the current and the rest pose
 
     double seconds_ = 0.0;
     std::vector<EvaluationMessage> pendingMessages_;
@@ -175,8 +177,8 @@ private:
     std::uint64_t serialCounter_ = 0;
     bool boundsPending_ = false;
     struct {
-        ScalpPtr scalp, restScalp;
-        std::shared_ptr<const GuideHierarchy> hierarchy;
+        ScalpPtr scalp;
+        std::shared_ptr<const GuideHierarchy> hierarchy;  ///< the active one
         GuidesPtr flat;
     } lastSeen_;
     std::uint64_t evaluations_ = 0, restEvaluations_ = 0;

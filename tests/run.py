@@ -16,6 +16,7 @@ def main() -> int:
         print(__doc__.strip(), file=sys.stderr)
         return 2
     os.environ["CORVELLE_HELPER"] = os.path.abspath(sys.argv[1])
+    sys.path.insert(0, os.path.join(_HERE, "..", "hosts", "blender"))  # the demo's head
     sys.path.insert(0, os.path.join(_HERE, "..", "hosts", "blender", "client"))
     sys.path.insert(0, _HERE)
     sys.dont_write_bytecode = True

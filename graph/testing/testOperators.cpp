@@ -464,8 +464,8 @@ public:
 /// A type of the given name that passes its input on.
 class TestPass final : public TestOperator {
 public:
-    TestPass(std::string typeName, std::vector<ParamSpec> params, int version = 1, bool source = false)
-        : TestOperator(std::move(typeName)), params_(std::move(params)), version_(version), source_(source) {}
+    TestPass(std::string typeName, std::vector<ParamSpec> params, int current = 1, bool source = false)
+        : TestOperator(std::move(typeName)), params_(std::move(params)), version_(current), source_(source) {}
     std::vector<ParamSpec> spec() const override { return params_; }
     int nodeVersion() const override { return version_; }
     std::vector<PortSpec> inputs() const override {

@@ -1,6 +1,7 @@
 #include "hosts/blender/helper/guideCommands.h"
 
 #include <algorithm>
+#include <limits>
 #include <set>
 
 #include "hosts/blender/helper/requestError.h"
@@ -11,6 +12,7 @@ namespace corvelle {
 namespace {
 
 constexpr float kNewGuideTube = 0.1f;  ///< radius of a new hierarchy guide's tube, at root and tip
+constexpr std::uint64_t kFirstHashId = std::uint64_t(1) << 53;  ///< ids of generated children fill 64 bits
 
 std::string readPose(const Json& request) {
     std::string pose = optionalString(request, "pose", "now");
@@ -73,7 +75,12 @@ Edit setFlatGuides(GroomSession& groom, std::vector<GuideCurve> curves, bool res
         for (const std::uint64_t id : held->ids()) largest = std::max(largest, id);
     for (const GuideCurve& curve : curves) largest = std::max(largest, curve.id);
     for (GuideCurve& curve : curves)
-        if (curve.id == 0) curve.id = ++largest;
+        if (curve.id == 0) {
+            if (largest == std::numeric_limits<std::uint64_t>::max())
+                failRequest("bad_request", "guide ID " + std::to_string(largest) +
+                                               " leaves none for the curves without an ID");
+            curve.id = ++largest;
+        }
 
     Edit edit;
     std::size_t kept = 0;
@@ -115,7 +122,7 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
                         bool keepMissing) {
     const std::shared_ptr<const GuideHierarchy> stored = groom.hierarchy();
     const std::shared_ptr<const GuideHierarchy> shown = restPose ? stored : groom.activeHierarchy();
-    const ScalpPtr scalp = restPose ? groom.restScalp() : groom.scalp();
+    const ScalpPtr scalp = restPose ? groom.hierarchyPose() : groom.scalp();
     if (scalp) scalp->prepareQueries();
 
     // The edit is made in the pose that the request speaks of; what it touched is then taken over
@@ -149,12 +156,18 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
         StrandRoot root;
     };
     std::vector<Added> added;
+    // Fresh ids lie above every held and given one (those of children, made from hashes, aside).
+    std::uint64_t fresh = work.nextGuideId();
+    for (const GuideCurve& curve : curves)
+        if (curve.id < kFirstHashId) fresh = std::max(fresh, curve.id + 1);
     for (const GuideCurve& curve : curves) {
-        if (curve.id != 0 && stored->guide(curve.id)) continue;
+        // A guide that went with its parent comes back as one of its own.
+        if (curve.id != 0 && work.guide(curve.id)) continue;
         SurfaceHit hit;
         StrandRoot root;
         if (scalp && scalp->closestPoint(curve.points.front(), ScalpMesh::kAnyDistance, hit)) root = hit.root();
-        const std::uint64_t id = work.addGuide(rootGroupOf(work), root, curve.points, curve.id, scalp.get());
+        const std::uint64_t id = work.addGuide(rootGroupOf(work), root, curve.points,
+                                               curve.id != 0 ? curve.id : fresh++, scalp.get());
         work.setTube(id, {kNewGuideTube, kNewGuideTube}, 0.0f);
         added.push_back({id, root});
     }
@@ -162,7 +175,7 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
     edit.updated = edit.changed + edit.added + edit.removed > 0;
     if (!edit.updated) return edit;
     if (shown == stored) {
-        groom.setHierarchy(std::move(work));
+        groom.setHierarchy(std::move(work), groom.hierarchyPose());
         return edit;
     }
     const ScalpPtr bind = groom.hierarchyPose();
@@ -180,7 +193,7 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
         next.addGuide(rootGroupOf(next), guide.root, back.guide(guide.id)->points, guide.id, bind.get());
         next.setTube(guide.id, {kNewGuideTube, kNewGuideTube}, 0.0f);
     }
-    groom.setHierarchy(std::move(next));
+    groom.setHierarchy(std::move(next), bind);
     return edit;
 }
 

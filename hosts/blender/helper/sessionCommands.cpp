@@ -1,5 +1,6 @@
 #include "hosts/blender/helper/sessionCommands.h"
 
+#include <cmath>
 #include <filesystem>
 
 #include "hosts/blender/helper/requestError.h"
@@ -82,9 +83,13 @@ Json setTimeCommand(const CommandContext& context) {
         seconds = secondsFromFrames(optionalNumber(context.request, "frame", 0.0), rate);
     else
         seconds = optionalNumber(context.request, "seconds", session.seconds);
+    // Two finite numbers may still make a time, or a frame, that is none.
+    const double frame = framesFromSeconds(seconds, rate);
+    if (!std::isfinite(seconds)) failRequest("bad_request", "\"frame\" must be finite in seconds");
+    if (!std::isfinite(frame)) failRequest("bad_request", "\"seconds\" must be finite in frames");
     groom.setFramesPerSecond(rate);
     session.seconds = seconds;
-    return {{"seconds", seconds}, {"frame", framesFromSeconds(seconds, rate)}, {"fps", rate}};
+    return {{"seconds", seconds}, {"frame", frame}, {"fps", rate}};
 }
 
 }  // namespace corvelle

@@ -1,0 +1,102 @@
+// The strand-local nodes against the stream p += w (q - p) over the same points: what touching every
+// point of 100,000 strands costs at the least. A node's time over the stream's is the figure to read.
+
+#include <benchmark/benchmark.h>
+
+#include "model/noise.h"
+#include "model/parallel.h"
+#include "model/polyline.h"
+#include "model/testing/tuft.h"
+#include "operators/noise.h"
+#include "operators/testing/nodeBench.h"
+
+namespace corvelle {
+namespace {
+
+constexpr std::size_t kStrands = 100'000;
+constexpr std::size_t kPoints = 16;
+
+const StrandSet& load() {
+    static const StrandSet tuft =
+        makeTuft({.strands = kStrands, .pointsPerStrand = kPoints, .seed = 7, .channels = false});
+    return tuft;
+}
+
+void stream(benchmark::State& state) {
+    const StrandSet& in = load();
+    std::vector<Vec3f> p(in.points().begin(), in.points().end());
+    const std::vector<Vec3f> q(p.rbegin(), p.rend());
+    for (auto _ : state) {
+        runWithThreads(unsigned(state.range(0)), [&] {
+            parallelRange(0, p.size(), kStrandGrain * kPoints, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t i = begin; i < end; ++i) p[i] += (q[i] - p[i]) * 0.25f;
+            });
+        });
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+BENCHMARK(stream)->Name("nodes/baseline stream")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+template <class Setup>
+void timeNode(benchmark::State& state, const char* type, Setup&& setup) {
+    NodeBench bench(type);
+    setup(bench.op());
+    setIncrementalEvaluation(false);  // the same strands come again: a full run is what is timed
+    for (auto _ : state) {
+        state.PauseTiming();
+        bench.feed(load());
+        state.ResumeTiming();
+        runWithThreads(unsigned(state.range(0)), [&] { benchmark::DoNotOptimize(bench.evaluate()); });
+    }
+    setIncrementalEvaluation(true);
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+
+void length(benchmark::State& state) {
+    timeNode(state, "Length", [](Operator& op) { op.set("trimMax", 0.5); });
+}
+void width(benchmark::State& state) {
+    timeNode(state, "Width", [](Operator&) {});
+}
+void resample(benchmark::State& state) {
+    timeNode(state, "Resample", [](Operator& op) { op.set("segments", double(kPoints - 1)); });
+}
+void noise(benchmark::State& state) {
+    timeNode(state, "Noise", [](Operator& op) { op.set("frequency", 1.0); });
+}
+void hairColor(benchmark::State& state) {
+    timeNode(state, "HairColor", [](Operator&) {});
+}
+BENCHMARK(length)->Name("nodes/Length")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(width)->Name("nodes/Width")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(resample)->Name("nodes/Resample")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(hairColor)->Name("nodes/HairColor")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(noise)->Name("nodes/Noise")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+/// The bare noise loop: the same octaves at the same places, added to a point, and nothing else.
+void bareNoise(benchmark::State& state) {
+    const StrandSet& in = load();
+    const NoiseSettings settings{.frequency = 1.0f};
+    std::vector<Vec3f> out(in.pointCount());
+    for (auto _ : state) {
+        runWithThreads(unsigned(state.range(0)), [&] {
+            parallelRange(0, in.strandCount(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+                std::array<float, kPoints> shares;
+                std::array<Vec3f, kPoints> offsets;
+                for (std::size_t s = begin; s < end; ++s) {
+                    const auto points = in.pointsOf(s);
+                    const float arc = polylineShares(points, shares);
+                    noiseOffsets(points, shares, arc, in.ids()[s], settings, offsets);
+                    for (std::size_t i = 0; i < kPoints; ++i) out[in.offsets()[s] + i] = points[i] + offsets[i] * 0.2f;
+                }
+            });
+        });
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+BENCHMARK(bareNoise)->Name("nodes/baseline noise")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace corvelle

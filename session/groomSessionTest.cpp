@@ -1,0 +1,800 @@
+#include "session/groomSession.h"
+
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+
+#include "graph/graphError.h"
+#include "graph/graphJson.h"
+#include "model/testing/guides.h"
+#include "model/testing/meshes.h"
+#include "session/detachedEvaluation.h"
+
+namespace corvelle {
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+const EvaluateOptions kPreview{.preview = true};
+
+ScalpPtr sphere(bool withRest = false) {
+    ScalpMesh mesh = makeSphere(16, 24, 10.0f);
+    if (withRest) mesh.setRestPoints({mesh.points().begin(), mesh.points().end()});
+    return std::make_shared<const ScalpMesh>(std::move(mesh));
+}
+
+std::vector<Vec3f> shifted(std::span<const Vec3f> points, Vec3f by) {
+    std::vector<Vec3f> out(points.begin(), points.end());
+    for (Vec3f& p : out) p += by;
+    return out;
+}
+
+/// Guides all over the mesh, along its normals; guide `bent` leans aside.
+GuidesPtr makeGuides(const ScalpMesh& scalp, std::size_t count, std::size_t bent = 0, float by = 0.0f) {
+    std::vector<GuideCurve> curves(count);
+    for (std::size_t g = 0; g < count; ++g) {
+        curves[g].id = g + 1;
+        curves[g].root = {std::int32_t(g * scalp.triangles().size() / count), 0.3f, 0.4f};
+        const SurfaceFrame frame = scalp.surfaceFrame(curves[g].root);
+        for (int i = 0; i < 6; ++i)
+            curves[g].points.push_back(frame.origin + frame.normal * float(i) +
+                                       frame.tangent * (g == bent ? by * float(i) : 0.0f));
+    }
+    return std::make_shared<const GuideSet>(std::move(curves));
+}
+
+json graphOf(double density) {
+    json graph = defaultGraphJson();
+    for (json& node : graph["nodes"]) {
+        if (node["name"] == "scatter") node["params"]["density"] = density;
+        if (node["name"] == "noise") node["params"]["frequency"] = 0.5;  // what 5 segments can show
+        if (node["name"] == "resample") node["params"]["segments"] = 5;
+    }
+    return graph;
+}
+
+/// The nodes named, one behind the other, from the default graph.
+std::string chainOf(const std::vector<std::string>& names, double density) {
+    json graph = graphOf(density), nodes = json::array(), connections = json::array();
+    for (const json& node : graph["nodes"])
+        if (std::ranges::count(names, node["name"].get<std::string>())) nodes.push_back(node);
+    for (std::size_t i = 1; i < names.size(); ++i)
+        connections.push_back({{"from", names[i - 1]}, {"to", names[i]}, {"input", i == 1 ? "scalp" : "strands"}});
+    return json{{"nodes", nodes}, {"connections", connections}, {"output", names.back()}}.dump();
+}
+
+void setParam(GroomSession& groom, const std::string& node, const std::string& param, const json& value) {
+    json graph = json::parse(groom.document().graph);
+    for (json& n : graph["nodes"])
+        if (n["name"] == node) n["params"][param] = value;
+    groom.setGraphJson(graph.dump());
+}
+
+std::string errorOf(const std::function<void()>& step) {
+    try {
+        step();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+/// How many nodes an evaluation ran.
+std::uint64_t evaluatedBy(GroomSession& groom, const EvaluateOptions& options = kPreview) {
+    const std::uint64_t before = groom.nodesEvaluated();
+    groom.evaluate(options);
+    return groom.nodesEvaluated() - before;
+}
+
+std::uint64_t contentOf(const GroomSession& groom) {
+    return groom.result().strands ? groom.result().strands->contentHash() : 0;
+}
+
+class GroomSessionTest : public testing::Test {
+protected:
+    explicit GroomSessionTest(double density = 1.0, bool withRest = false) : scalp(sphere(withRest)) {
+        groom.setScalp(scalp);
+        groom.setGuides(makeGuides(*scalp, 40));
+        groom.setGraphJson(graphOf(density).dump());
+        setVerifyIncremental(true);
+    }
+    ~GroomSessionTest() override { setVerifyIncremental(false); }
+    ScalpPtr scalp;
+    GroomSession groom;
+};
+
+// ---- setters -------------------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, EqualDataChangesNothing) {
+    groom.setHierarchy(makeHierarchy(*scalp, {}));
+    groom.evaluate(kPreview);
+    const EvaluationResult first = groom.result();
+    ASSERT_THAT(first.errors, IsEmpty());
+    ASSERT_GT(first.strands->strandCount(), 500u);
+    EXPECT_FALSE(first.changes) << "nothing came before: all of it";
+
+    const std::uint64_t revision = groom.graphRevision();
+    groom.setScalp(sphere());  // another object, the same data
+    groom.updateScalpPoints({scalp->points().begin(), scalp->points().end()}, std::nullopt);
+    groom.setGuides(makeGuides(*scalp, 40));
+    groom.setHierarchy(makeHierarchy(*scalp, {}));
+    groom.setHierarchyJson(std::string(groom.document().hierarchy));
+    groom.setGraphJson(std::string(groom.document().graph));
+    groom.setFollowScalp(false);
+    groom.setFramesPerSecond(24.0);
+    EXPECT_EQ(groom.scalp(), scalp);
+    EXPECT_EQ(groom.graphRevision(), revision);
+
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    const EvaluationResult& second = groom.result();
+    EXPECT_EQ(second.strands, first.strands);
+    EXPECT_EQ(second.serial, first.serial);
+    EXPECT_EQ(second.changesBase, first.serial);
+    ASSERT_TRUE(second.changes);
+    EXPECT_FALSE(second.changes->all);
+    EXPECT_THAT(second.changes->strands, IsEmpty());
+    EXPECT_EQ(second.displayRevision, first.displayRevision);
+    EXPECT_EQ(second.boundsMax, first.boundsMax);
+}
+
+TEST_F(GroomSessionTest, AnyDatumOfTheScalpThatDiffersReplacesIt) {
+    const auto differs = [&](const char* what, auto&& change) {
+        ScalpMesh mesh = *sphere();
+        change(mesh);
+        groom.setScalp(std::make_shared<const ScalpMesh>(std::move(mesh)));
+        EXPECT_NE(groom.scalp(), scalp) << what;
+        groom.setScalp(scalp);
+    };
+    const std::size_t corners = 3 * scalp->triangles().size();
+    differs("uvs", [&](ScalpMesh& m) { m.setUvs(std::vector<Vec2f>(corners)); });
+    differs("colours", [&](ScalpMesh& m) { m.addColorSet("c", std::vector<Color4f>(corners)); });
+    differs("rest", [&](ScalpMesh& m) { m.setRestPoints({m.points().begin(), m.points().end()}); });
+    differs("polygons", [&](ScalpMesh& m) {
+        m.setPolygons(std::vector<std::int32_t>(scalp->triangles().size(), 1));
+    });
+    EXPECT_EQ(errorOf([&] { groom.updateScalpPoints(std::vector<Vec3f>(3), std::nullopt); }),
+              "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
+    EXPECT_EQ(errorOf([&] {
+                  groom.updateScalpPoints(shifted(scalp->points(), {1, 0, 0}), std::vector<Vec3f>(3));
+              }),
+              "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
+    EXPECT_EQ(groom.scalp(), scalp);
+    GroomSession bare;
+    EXPECT_EQ(errorOf([&] { bare.updateScalpPoints({}, std::nullopt); }),
+              "updateScalpPoints: the session has no scalp");
+}
+
+TEST_F(GroomSessionTest, AGraphThatDoesNotReadLeavesTheOldOne) {
+    groom.evaluate(kPreview);
+    const std::string text = groom.document().graph;
+    const std::uint64_t evaluated = groom.nodesEvaluated();
+    const std::string deep = R"({"nodes": [{"name": "s", "type": "Scalp"}], "output": "s", "x": )" +
+                             std::string(100'000, '[') + std::string(100'000, ']') + "}";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"{\"nodes\"", "graph: invalid JSON: "},
+        {"5", "graph JSON must be an object"},
+        {R"({"version": 99})", "graph version 99 is newer than this Corvelle supports"},
+        {R"({"nodes": []})", "graph JSON has no 'output' node"},
+        {R"({"nodes": [{"name": "a", "type": "Beard"}], "output": "a"})", "unknown operator type 'Beard'"},
+        {deep, "graph: nested deeper than 512 levels"},
+    };
+    for (const auto& [bad, message] : cases) {
+        EXPECT_THAT(errorOf([&] { groom.setGraphJson(bad); }), StartsWith(message));
+        EXPECT_EQ(groom.document().graph, text);
+        EXPECT_EQ(groom.nodesEvaluated(), evaluated);
+        EXPECT_EQ(evaluatedBy(groom), 0u);
+    }
+    for (const std::string blank : {"", " \n", "{}", "{ }"}) {
+        groom.setGraphJson(blank);
+        EXPECT_EQ(groom.graph(), nullptr);
+        groom.evaluate(kPreview);
+        EXPECT_FALSE(groom.result().strands);
+        EXPECT_THAT(groom.result().errors, IsEmpty());
+        EXPECT_EQ(groom.result().serial, 0u);
+    }
+}
+
+// ---- serials and changes -------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, ChangesNameEveryStrandThatDiffers) {
+    groom.evaluate(kPreview);
+    for (int step = 1; step < 6; ++step) {
+        const EvaluationResult before = groom.result();
+        groom.setGuides(makeGuides(*scalp, 40, std::size_t(step * 7), 0.2f * float(step)));
+        const std::uint64_t incremental = groom.nodesIncremental();
+        groom.evaluate(kPreview);
+        const EvaluationResult& now = groom.result();
+        ASSERT_THAT(now.errors, IsEmpty());
+        EXPECT_GT(groom.nodesIncremental(), incremental);
+        EXPECT_EQ(now.serial, before.serial + 1);
+        EXPECT_EQ(now.changesBase, before.serial);
+        ASSERT_TRUE(now.changes && !now.changes->all);
+        const std::set<std::uint32_t> named(now.changes->strands.begin(), now.changes->strands.end());
+        EXPECT_FALSE(named.empty());
+        EXPECT_LT(named.size(), now.strands->strandCount()) << "too wide to prove anything";
+        for (std::uint32_t s = 0; s < now.strands->strandCount(); ++s)
+            if (!named.contains(s)) {
+                EXPECT_TRUE(std::ranges::equal(now.strands->pointsOf(s), before.strands->pointsOf(s))) << s;
+            }
+
+        GroomSession fresh;
+        fresh.setScalp(scalp);
+        fresh.setGuides(groom.document().guides);
+        fresh.setGraphJson(groom.document().graph);
+        fresh.evaluate(kPreview);
+        EXPECT_EQ(contentOf(fresh), contentOf(groom)) << "incremental and full differ";
+        EXPECT_EQ(fresh.result().boundsMin, now.boundsMin);
+        EXPECT_EQ(fresh.result().boundsMax, now.boundsMax);
+    }
+}
+
+TEST_F(GroomSessionTest, AParamChangedAndChangedBackRunsNothing) {
+    groom.evaluate(kPreview);
+    const StrandsPtr first = groom.result().strands;
+    setParam(groom, "noise", "amplitude", 0.7);
+    EXPECT_GT(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands != first);
+    setParam(groom, "noise", "amplitude", 0.2);
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands == first);
+    EXPECT_EQ(groom.result().serial, 3u) << "to the host it is another result";
+}
+
+TEST_F(GroomSessionTest, AnotherGraphStartsAnew) {
+    groom.evaluate(kPreview);
+    const std::uint64_t serial = groom.result().serial;
+    groom.setGraphJson(chainOf({"scalp", "scatter"}, 1.0));
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.result().serial, serial + 1);
+    EXPECT_FALSE(groom.result().changes);
+    EXPECT_TRUE(groom.result().viewIsScatter);
+}
+
+TEST_F(GroomSessionTest, ARenamedNodeKeepsEverything) {
+    groom.evaluate(kPreview);
+    const std::uint64_t serial = groom.result().serial;
+    json graph = json::parse(groom.document().graph);
+    for (json& node : graph["nodes"])
+        if (node["name"] == "scatter") node["name"] = "roots";
+    for (json& c : graph["connections"])
+        for (const char* end : {"from", "to"})
+            if (c[end] == "scatter") c[end] = "roots";
+    groom.setGraphJson(graph.dump(), {{"scatter", "roots"}});
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_EQ(groom.result().serial, serial);
+}
+
+// ---- what is shown -------------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, AViewNodeIsShownWhenItGivesStrands) {
+    const auto view = [&](const std::string& name) {
+        EvaluateOptions options = kPreview;
+        options.viewNode = name;
+        groom.evaluate(options);
+        EXPECT_THAT(groom.result().errors, IsEmpty());
+        return groom.result().viewNode;
+    };
+    EXPECT_EQ(view("scatter"), "scatter");
+    EXPECT_TRUE(groom.result().viewIsScatter);
+    const std::uint64_t revision = groom.result().strandRevision;
+    const std::size_t roots = groom.result().strands->strandCount();
+    for (const char* other : {"nobody", "scalp", "guides", ""}) {
+        EXPECT_EQ(view(other), "") << other;
+        EXPECT_FALSE(groom.result().viewIsScatter);
+        EXPECT_EQ(groom.result().strands->strandCount(), roots);
+    }
+    EXPECT_GT(groom.result().strandRevision, revision);
+}
+
+TEST_F(GroomSessionTest, BoundsHoldStrandsAndHierarchy) {
+    groom.setHierarchy([&] {
+        GuideHierarchy far;
+        far.addGuide(far.addGroup("g", 0), {0, 0.3f, 0.3f}, {{0, 10, 0}, {0, 99, 0}}, 0, scalp.get());
+        return far;
+    }());
+    groom.evaluate({.preview = true, .computeBounds = false});
+    EXPECT_FALSE(groom.result().hasBounds);
+    groom.evaluate(kPreview);
+    ASSERT_TRUE(groom.result().hasBounds) << "measured when it is asked for";
+    EXPECT_EQ(groom.result().boundsMax.y, 99.0f);
+    const StrandSet::Extent extent = groom.result().strands->extent();
+    EXPECT_EQ(groom.result().boundsMin, extent.min);
+    groom.setGraphJson("");
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.result().boundsMin, (Vec3f{0, 10, 0})) << "the guides alone";
+    groom.setHierarchy(GuideHierarchy());
+    groom.evaluate(kPreview);
+    EXPECT_FALSE(groom.result().hasBounds);
+}
+
+// ---- failures ------------------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, FailuresGoIntoTheListsInTheirOrder) {
+    GroomFile file;
+    file.graph = graphOf(1.0).dump();
+    file.hierarchy = "{\"groups\": 5}";
+    file.framesPerSecond = 29.97;
+    GroomSession broken(file);
+    EXPECT_EQ(broken.framesPerSecond(), 30000.0 / 1001.0);
+    broken.evaluate(kPreview);
+    const EvaluationResult first = broken.result();
+    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), HasSubstr("scalp")));
+    ASSERT_EQ(first.messages.size(), 2u);
+    EXPECT_EQ(first.messages[0], (EvaluationMessage{first.errors[0], true}));
+    EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[1], true}));
+    EXPECT_FALSE(first.strands);
+    EXPECT_EQ(first.serial, 0u);
+    EXPECT_TRUE(broken.pendingException());
+    EXPECT_EQ(broken.document().hierarchy, file.hierarchy) << "kept for the save";
+    EXPECT_THAT(broken.dataErrors(), ElementsAre(first.errors[0]));
+
+    broken.evaluate(kPreview);
+    EXPECT_EQ(broken.result().errors, first.errors);
+    EXPECT_EQ(broken.result().messages.size(), 1u) << "the text shows once, the node's each time";
+
+    broken.setScalp(scalp);
+    broken.setHierarchy(makeHierarchy(*scalp, {}));
+    broken.evaluate(kPreview);
+    EXPECT_THAT(broken.result().errors, IsEmpty());
+    EXPECT_FALSE(broken.pendingException());
+    EXPECT_GT(broken.result().strands->strandCount(), 0u);
+}
+
+TEST_F(GroomSessionTest, AFailureInBetweenForgetsNothing) {
+    groom.evaluate(kPreview);
+    const EvaluationResult good = groom.result();
+    const std::string text = groom.document().graph;
+    setParam(groom, "noise", "amplitude", {{"expression", "nosuch("}});
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().errors, ElementsAre(HasSubstr("noise")));
+    EXPECT_FALSE(groom.result().strands);
+    EXPECT_FALSE(groom.result().changes);
+    groom.setGraphJson(text);
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands == good.strands);
+    EXPECT_EQ(groom.result().serial, good.serial);
+}
+
+TEST_F(GroomSessionTest, PointsThatAreNoNumbersAreFoundAndTheirMakerNamed) {
+    groom.setGraphJson(chainOf({"scalp", "scatter", "noise", "output"}, 1.0));
+    groom.evaluate(kPreview);
+    setParam(groom, "noise", "amplitude", {{"expression", "u < 0.5 ? 3e38 : 0.1"}});
+    setParam(groom, "scatter", "length", 3e38);
+    for (const bool bounds : {true, false, true}) {  // asked for a box or not
+        groom.evaluate({.preview = true, .computeBounds = bounds});
+        const std::string text =
+            "node 'noise' makes the strands have points that are not numbers (NaN or infinite)";
+        EXPECT_THAT(groom.result().errors, ElementsAre(text));
+        EXPECT_THAT(groom.result().messages, ElementsAre(EvaluationMessage{text, true}));
+        EXPECT_FALSE(groom.result().hasBounds);
+        EXPECT_TRUE(groom.result().strands) << "they are there to look at";
+    }
+    setParam(groom, "noise", "amplitude", 0.1);
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().errors, IsEmpty());
+    EXPECT_TRUE(groom.result().hasBounds);
+}
+
+// ---- following -----------------------------------------------------------------------------------
+
+class FollowingTest : public GroomSessionTest {
+protected:
+    FollowingTest() : GroomSessionTest(1.0, true) { groom.setFollowScalp(true); }
+    void move(Vec3f by) { groom.updateScalpPoints(shifted(scalp->restPoints(), by), std::nullopt); }
+};
+
+TEST_F(FollowingTest, GrowsOnceAndDeforms) {
+    groom.setRestGuides(groom.document().guides);
+    groom.evaluate(kPreview);
+    EXPECT_FALSE(groom.following()) << "at rest there is nothing to follow";
+    const StrandsPtr rest = groom.result().strands;
+    move({5, 0, 0});
+    EXPECT_EQ(evaluatedBy(groom), 0u) << "the rest state is the one just grown";
+    EXPECT_TRUE(groom.result().following);
+    EXPECT_EQ(groom.result().rawStrands, rest);
+    const EvaluationResult moved = groom.result();
+    for (std::size_t i = 0; i < rest->pointCount(); ++i)
+        EXPECT_LT(length(moved.strands->points()[i] - rest->points()[i] - Vec3f{5, 0, 0}), 1e-3f);
+
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands == moved.strands) << "the same deformation object";
+    EXPECT_EQ(groom.result().serial, moved.serial);
+    ASSERT_TRUE(groom.result().changes);
+    EXPECT_THAT(groom.result().changes->strands, IsEmpty());
+
+    move({0, 7, 0});
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_FALSE(groom.result().changes) << "the scalp moved: everything did";
+    EXPECT_GT(groom.result().serial, moved.serial);
+    move({5, 0, 0});
+    groom.evaluate(kPreview);
+    EXPECT_TRUE(std::ranges::equal(groom.result().strands->points(), moved.strands->points()));
+    groom.updateScalpPoints({scalp->restPoints().begin(), scalp->restPoints().end()}, std::nullopt);
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands == rest);
+    EXPECT_FALSE(groom.result().rawStrands);
+}
+
+TEST_F(FollowingTest, AGuideEditWhileFollowingStatesItsChanges) {
+    move({0, 3, 0});
+    groom.setRestGuides(makeGuides(*scalp, 40));
+    groom.evaluate(kPreview);
+    const EvaluationResult before = groom.result();
+    groom.setRestGuides(makeGuides(*scalp, 40, 12, 0.4f));
+    groom.evaluate(kPreview);
+    const EvaluationResult& now = groom.result();
+    ASSERT_TRUE(now.changes && !now.changes->all);
+    EXPECT_FALSE(now.changes->strands.empty());
+    EXPECT_LT(now.changes->strands.size(), now.strands->strandCount());
+    EXPECT_EQ(now.changesBase, before.serial);
+}
+
+TEST_F(FollowingTest, FlatGuidesOfTheCurrentPoseAreCarriedBack) {
+    groom.evaluate(kPreview);
+    const std::uint64_t rest = contentOf(groom);
+    const ScalpPtr there = scalp->withPoints(shifted(scalp->points(), {64, 0, 0}));
+    groom.setScalp(there);
+    groom.setGuides(deformGuides(makeGuides(*scalp, 40), *scalp, *there));
+    groom.evaluate(kPreview);
+    ASSERT_TRUE(groom.result().following);
+    ASSERT_NE(rest, 0u);
+    const auto carried = groom.evaluationData().flatGuides->points();
+    const GuidesPtr wanted = makeGuides(*scalp, 40);
+    for (std::size_t i = 0; i < carried.size(); ++i)
+        EXPECT_LT(length(carried[i] - wanted->points()[i]), 1e-4f);
+    const GuidesPtr first = groom.evaluationData().flatGuides;
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.evaluationData().flatGuides, first) << "made once";
+}
+
+TEST_F(FollowingTest, AScalpWithoutARestPoseIsToldOnce) {
+    groom.setScalp(sphere(false));
+    groom.updateScalpPoints(shifted(scalp->points(), {1, 0, 0}), std::nullopt);
+    const EvaluationMessage told{
+        "followScalp: the scalp has no rest pose (give the groom a rest mesh); the groom evaluates on the "
+        "scalp as it is",
+        false};
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().messages, ElementsAre(told));
+    EXPECT_THAT(groom.result().errors, IsEmpty());
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().messages, IsEmpty());
+    EXPECT_FALSE(groom.following());
+    groom.setScalp(scalp);  // a rest pose, and away from it
+    move({2, 0, 0});
+    groom.evaluate(kPreview);
+    EXPECT_TRUE(groom.following());
+    groom.setScalp(sphere(false));
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().messages, ElementsAre(told)) << "a new loss is told again";
+}
+
+// ---- the hierarchy's pose ------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, TheHierarchyRidesFromItsBindPoseAndComesHomeBitForBit) {
+    groom.setHierarchy(makeHierarchy(*scalp, {.seed = 4}));
+    const std::string home = guidesToJson(*groom.activeHierarchy());
+    EXPECT_EQ(groom.activeHierarchy(), groom.hierarchy()) << "no arithmetic at all";
+    groom.updateScalpPoints(shifted(scalp->points(), {0, 6, 0}), std::nullopt);
+    const auto active = groom.activeHierarchy();
+    EXPECT_EQ(groom.activeHierarchy(), active) << "cached";
+    EXPECT_EQ(guidesToJson(*groom.hierarchy()), home) << "the document did not move";
+    for (std::size_t g = 0; g < active->size(); ++g)
+        for (std::size_t i = 0; i < active->guides()[g]->points.size(); ++i)
+            EXPECT_LT(length(active->guides()[g]->points[i] - groom.hierarchy()->guides()[g]->points[i] -
+                             Vec3f{0, 6, 0}),
+                      2e-3f);
+    groom.evaluate(kPreview);
+    const std::uint64_t revision = groom.result().guideRevision;
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.result().guideRevision, revision);
+    groom.setScalp(sphere());
+    EXPECT_EQ(guidesToJson(*groom.activeHierarchy()), home);
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.result().guideRevision, revision + 1);
+
+    // What is set lies as the scalp is now, unless its pose is given.
+    const ScalpPtr there = scalp->withPoints(shifted(scalp->points(), {3, 0, 0}));
+    groom.setScalp(there);
+    groom.setHierarchy(makeHierarchy(*there, {.seed = 5}));
+    EXPECT_EQ(groom.activeHierarchy(), groom.hierarchy());
+    groom.setHierarchy(makeHierarchy(*scalp, {.seed = 6}), scalp);
+    EXPECT_EQ(groom.hierarchyPose(), scalp);
+    EXPECT_NE(groom.activeHierarchy(), groom.hierarchy());
+}
+
+TEST_F(GroomSessionTest, WithRestPointsTheHierarchyIsInTheRestPose) {
+    groom.setHierarchy(makeHierarchy(*scalp, {.seed = 1}));
+    const auto before = groom.hierarchy();
+    // The scalp gets a rest pose that lies elsewhere: the document's guides go there.
+    const std::vector<Vec3f> rest = shifted(scalp->points(), {0, 0, 8});
+    groom.updateScalpPoints({scalp->points().begin(), scalp->points().end()}, rest);
+    EXPECT_TRUE(std::ranges::equal(groom.hierarchyPose()->points(), rest));
+    for (std::size_t g = 0; g < before->size(); ++g) {
+        EXPECT_LT(length(groom.hierarchy()->guides()[g]->points[1] - before->guides()[g]->points[1] - Vec3f{0, 0, 8}),
+                  2e-3f);
+        EXPECT_LT(length(groom.activeHierarchy()->guides()[g]->points[1] - before->guides()[g]->points[1]), 4e-3f);
+    }
+}
+
+TEST_F(GroomSessionTest, OtherTrianglesRootTheHierarchyAgainAndSaySoOnce) {
+    groom.setHierarchy(makeHierarchy(*scalp, {}));
+    EXPECT_FALSE(groom.hierarchyStale());
+    groom.evaluate(kPreview);
+    const auto before = groom.hierarchy();
+    const ScalpPtr other = std::make_shared<const ScalpMesh>(makeIcosphere(3, 10.0f));
+    groom.setScalp(other);
+    EXPECT_FALSE(groom.hierarchyStale());
+    EXPECT_EQ(groom.hierarchy()->scalpTopology(), other->topologyHash());
+    EXPECT_EQ(groom.activeHierarchy(), groom.hierarchy());
+    for (std::size_t g = 0; g < before->size(); ++g) {
+        const Guide& guide = *groom.hierarchy()->guides()[g];
+        EXPECT_TRUE(other->validRoot(guide.root));
+        if (guide.parent == 0) {
+            EXPECT_EQ(guide.points, before->guides()[g]->points) << "points stay";
+        }
+    }
+    const EvaluationMessage told{
+        "the scalp's vertex order or triangles differ from the groom's: strands are rooted again by position",
+        false};
+    // A detached evaluation in between does not swallow what is to be told.
+    ASSERT_TRUE(groom.startDetachedEvaluation(kPreview));
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().messages, ElementsAre(told));
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().messages, IsEmpty());
+}
+
+TEST_F(GroomSessionTest, ANonEmptyFlatListWinsAndTheHierarchyStepsIn) {
+    groom.setHierarchy(makeHierarchy(*scalp, {}));
+    groom.evaluate(kPreview);
+    const std::uint64_t flat = contentOf(groom);
+    groom.setGuides(std::make_shared<const GuideSet>());
+    EXPECT_FALSE(groom.document().guides);
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().errors, IsEmpty());
+    EXPECT_NE(contentOf(groom), flat);
+    groom.setGuides(makeGuides(*scalp, 40));
+    groom.evaluate(kPreview);
+    EXPECT_EQ(contentOf(groom), flat);
+}
+
+// ---- several scalps ------------------------------------------------------------------------------
+
+TEST(SeveralScalps, AreOneMeshOwnFirst) {
+    GroomFile file;
+    file.scalp = sphere(true);
+    file.scalps = {{"beard", std::make_shared<const ScalpMesh>(makePlane(4, 4, 6.0f))},
+                   {"brow", std::make_shared<const ScalpMesh>(makeIcosphere(1, 2.0f))}};
+    file.graph = chainOf({"scalp", "scatter"}, 5.0);
+    GroomSession groom(file);
+    const ScalpPtr whole = groom.evaluationScalp();
+    EXPECT_EQ(groom.evaluationScalp(), whole);
+    ASSERT_EQ(whole->scalps().size(), 3u);
+    EXPECT_EQ(whole->scalps()[0].name, "scalp");
+    EXPECT_EQ(whole->scalps()[2].firstTriangle, file.scalp->triangles().size() + 32);
+    EXPECT_TRUE(std::ranges::equal(whole->triangles().first(file.scalp->triangles().size()),
+                                   file.scalp->triangles()));
+    EXPECT_EQ(whole->restPoints().size(), whole->points().size());
+    EXPECT_EQ(whole->uvs().size(), 3 * whole->triangles().size());
+
+    groom.evaluate(kPreview);
+    for (const StrandRoot& root : groom.result().strands->roots())
+        EXPECT_LT(std::size_t(root.triangle), file.scalp->triangles().size());
+    setParam(groom, "scalp", "input", "beard");
+    groom.evaluate(kPreview);
+    ASSERT_GT(groom.result().strands->strandCount(), 100u);
+    for (const StrandRoot& root : groom.result().strands->roots()) {
+        EXPECT_GE(std::size_t(root.triangle), whole->scalps()[1].firstTriangle);
+        EXPECT_LT(std::size_t(root.triangle), whole->scalps()[2].firstTriangle);
+    }
+    setParam(groom, "scalp", "input", "tail");
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().errors,
+                ElementsAre(HasSubstr("Scalp: no scalp named 'tail' on this groom: nothing to grow on")));
+
+    // Both poses of a following groom are assembled once, not anew each frame.
+    setParam(groom, "scalp", "input", "scalp");
+    groom.setFollowScalp(true);
+    groom.updateScalpPoints(shifted(file.scalp->points(), {1, 0, 0}), std::nullopt);
+    groom.evaluate(kPreview);
+    const ScalpPtr rest = groom.evaluationData().scalp, current = groom.evaluationData().currentScalp;
+    EXPECT_NE(rest, current);
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.evaluationData().scalp, rest);
+    EXPECT_EQ(groom.evaluationData().currentScalp, current);
+}
+
+// ---- strokes -------------------------------------------------------------------------------------
+
+class DenseTest : public GroomSessionTest {  // enough strands for a preview to thin
+protected:
+    DenseTest() : GroomSessionTest(20.0) {}
+};
+
+TEST_F(DenseTest, AStrokeThinsAGraphOfItsOwn) {
+    groom.evaluate(kPreview);
+    const StrandsPtr full = groom.result().strands;
+    ASSERT_GT(full->strandCount(), 20'000u);
+    groom.setStroking(true);
+    EvaluateOptions options = kPreview;
+    EXPECT_EQ(evaluatedBy(groom, options), 0u) << "without a factor there is one graph";
+    options.sculptDensity = 0.5f;
+    groom.evaluate(options);
+    const StrandsPtr thin = groom.result().strands;
+    EXPECT_NE(groom.lastGraph(), groom.graph());
+    EXPECT_EQ(groom.result().density, 0.5f);
+    EXPECT_NEAR(double(thin->strandCount()), 0.5 * double(full->strandCount()), 0.02 * double(full->strandCount()));
+    const std::set<std::uint64_t> ids(full->ids().begin(), full->ids().end());
+    for (const std::uint64_t id : thin->ids()) EXPECT_TRUE(ids.contains(id));
+    EXPECT_GT(groom.result().serial, 1u);
+
+    // The live guides of the stroke move; the main graph hears nothing of it.
+    GuideHierarchy live;
+    live.addGuide(live.addGroup("g", 0), {0, 0.3f, 0.3f}, {{0, 10, 0}, {3, 14, 0}}, 0, scalp.get());
+    groom.setGuides(nullptr);
+    groom.setLiveHierarchy(std::make_shared<const GuideHierarchy>(live));
+    groom.evaluate(options);
+    EXPECT_THAT(groom.result().errors, IsEmpty());
+    EXPECT_NE(contentOf(groom), thin->contentHash());
+
+    groom.setGuides(makeGuides(*scalp, 40));
+    groom.setLiveHierarchy(nullptr);
+    groom.setStroking(false);
+    EXPECT_EQ(evaluatedBy(groom, options), 0u) << "back to a warm graph";
+    EXPECT_TRUE(groom.result().strands == full);
+    EXPECT_EQ(groom.result().density, 1.0f);
+    const std::uint64_t evaluated = groom.nodesEvaluated();
+    setParam(groom, "noise", "seed", 3);  // drops the stroke's graph
+    EXPECT_EQ(groom.nodesEvaluated(), evaluated) << "counts never fall";
+}
+
+TEST_F(DenseTest, RenderIsFullWhateverThePreviewWas) {
+    EvaluateOptions thin = kPreview;
+    thin.density = 0.3f;
+    groom.evaluate(thin);
+    const EvaluationResult preview = groom.result();
+    groom.evaluate({.density = 0.3f, .pointBudget = 100});
+    EXPECT_GT(groom.result().strands->strandCount(), 2 * preview.strands->strandCount());
+    EXPECT_GT(groom.result().serial, preview.serial);
+    groom.evaluate(thin);
+    EXPECT_TRUE(groom.result().strands == preview.strands) << "both results stay cached";
+    EXPECT_GT(groom.result().serial, preview.serial + 1);
+}
+
+// ---- detached evaluations ------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, ADetachedEvaluationGivesWhatTheSessionWould) {
+    const auto detached = groom.startDetachedEvaluation(kPreview);
+    ASSERT_TRUE(detached);
+    EXPECT_FALSE(groom.adoptDetached(detached)) << "not done";
+    std::thread worker([&] { runDetached(*detached); });
+    worker.join();
+    EXPECT_TRUE(detached->done);
+    EXPECT_GE(detached->milliseconds, 0.0);
+    EXPECT_GT(detached->nodesEvaluated, 5u);
+    ASSERT_TRUE(groom.adoptDetached(detached));
+    EXPECT_TRUE(groom.result().strands == detached->strands);
+    EXPECT_EQ(groom.nodesEvaluated(), detached->nodesEvaluated);
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+
+    GroomSession plain;
+    plain.setScalp(scalp);
+    plain.setGuides(groom.document().guides);
+    plain.setGraphJson(groom.document().graph);
+    plain.evaluate(kPreview);
+    EXPECT_EQ(contentOf(plain), contentOf(groom));
+
+    // One behind the other: the second runs on the warm graph of the first.
+    groom.setGuides(makeGuides(*scalp, 40, 3, 0.5f));
+    const auto first = groom.startDetachedEvaluation(kPreview);
+    const auto early = groom.startDetachedEvaluation(kPreview, first);
+    const auto second = groom.startDetachedEvaluation(kPreview, first);
+    runDetached(*early);
+    EXPECT_EQ(errorOf([&] { groom.adoptDetached(early); }),
+              "a detached evaluation ran before the one it follows");
+    runDetached(*first);
+    const std::uint64_t ran = first->nodesEvaluated;
+    runDetached(*second);
+    EXPECT_EQ(second->nodesEvaluated, ran) << "nothing left to do, the earlier one's counted in";
+    EXPECT_EQ(second->strands, first->strands);
+    EXPECT_TRUE(groom.adoptDetached(second));
+}
+
+TEST_F(GroomSessionTest, ADetachedEvaluationStartsOnlyWhereItCan) {
+    const auto held = groom.startDetachedEvaluation(kPreview);
+    runDetached(*held);
+    EvaluateOptions view = kPreview;
+    view.viewNode = "scatter";
+    EXPECT_FALSE(groom.startDetachedEvaluation(view));
+    groom.setStroking(true);
+    EXPECT_FALSE(groom.startDetachedEvaluation(kPreview));
+    groom.setStroking(false);
+    groom.setLiveHierarchy(std::make_shared<const GuideHierarchy>());
+    EXPECT_FALSE(groom.startDetachedEvaluation(kPreview));
+    groom.setLiveHierarchy(nullptr);
+    setParam(groom, "noise", "amplitude", {{"expression", "nosuch("}});
+    EXPECT_FALSE(groom.startDetachedEvaluation(kPreview, held)) << "of another graph";
+    EXPECT_FALSE(groom.adoptDetached(held));
+    const auto failing = groom.startDetachedEvaluation(kPreview);
+    runDetached(*failing);
+    const auto behind = groom.startDetachedEvaluation(kPreview, failing);
+    runDetached(*behind);
+    EXPECT_THAT(errorOf([&] { groom.adoptDetached(failing); }), HasSubstr("noise"));
+    EXPECT_THAT(errorOf([&] { groom.adoptDetached(behind); }), HasSubstr("noise"));
+    groom.setGraphJson("");
+    EXPECT_FALSE(groom.startDetachedEvaluation(kPreview));
+}
+
+// ---- more than one session, and reports ----------------------------------------------------------
+
+TEST_F(GroomSessionTest, TwoSessionsDoNotTouchEachOther) {
+    GroomSession other;
+    other.setScalp(scalp);
+    other.setGuides(groom.document().guides);
+    other.setGraphJson(groom.document().graph);
+    groom.evaluate(kPreview);
+    other.evaluate(kPreview);
+    const EvaluationResult before = groom.result();
+    EXPECT_EQ(contentOf(other), contentOf(groom));
+    other.setScalp(std::make_shared<const ScalpMesh>(makePlane(3, 3, 20.0f)));
+    other.setGuides(nullptr);
+    other.setHierarchy(makeHierarchy(*other.scalp(), {}));
+    other.setFramesPerSecond(60.0);
+    setParam(other, "scatter", "seed", 9);
+    other.setStroking(true);
+    other.evaluate(kPreview);
+    EXPECT_EQ(evaluatedBy(groom), 0u);
+    EXPECT_TRUE(groom.result().strands == before.strands);
+    EXPECT_EQ(groom.result().serial, before.serial);
+    EXPECT_EQ(groom.framesPerSecond(), 24.0);
+}
+
+TEST_F(GroomSessionTest, StatsAndLookTellWhatIsThere) {
+    GroomSession empty;
+    const json none = empty.stats();
+    for (const char* count : {"strands", "points", "guides", "hairColor", "renderData", "colorNodes", "frames"})
+        EXPECT_EQ(none.at(count), 0) << count;
+    EXPECT_EQ(none.at("view"), "");
+    const json bare = empty.hairLook();
+    EXPECT_EQ(bare.at("colorsByRgb"), false);
+    EXPECT_EQ(bare.at("colorNodes"), json::array());
+
+    groom.evaluate(kPreview);
+    groom.evaluate(kPreview);
+    const json stats = groom.stats();
+    EXPECT_EQ(stats.at("view"), "output");
+    EXPECT_EQ(stats.at("strands"), groom.result().strands->strandCount());
+    EXPECT_EQ(stats.at("points"), groom.result().strands->pointCount());
+    EXPECT_EQ(stats.at("guides"), 40);
+    EXPECT_EQ(stats.at("hairColor"), 1);
+    EXPECT_EQ(stats.at("runs").at("scatter"), 1);
+    EXPECT_EQ(stats.at("frames"), 2);
+    for (const json& name : stats.at("channels")) EXPECT_NE(name, "_preview");
+
+    const auto byRgb = [&](const char* param, const json& value) {
+        const std::string text = groom.document().graph;
+        setParam(groom, "color", param, value);
+        const bool rgb = groom.hairLook().at("colorsByRgb");
+        groom.setGraphJson(text);
+        return rgb;
+    };
+    EXPECT_FALSE(byRgb("melanin", 0.3));
+    EXPECT_TRUE(byRgb("hueRandom", 0.2));
+    EXPECT_TRUE(byRgb("hueShift", 0.2));
+    EXPECT_TRUE(byRgb("tipStrength", {{"expression", "t"}}));
+    EXPECT_TRUE(byRgb("colorSource", "rgb"));
+    EXPECT_EQ(groom.hairLook().at("colorNodes"), json::array({"color"}));
+    EXPECT_EQ(groom.hairLook().at("hairColorParams").at("colorSource"), "auto");
+}
+
+}  // namespace
+}  // namespace corvelle
