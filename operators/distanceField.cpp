@@ -19,7 +19,10 @@ constexpr float kCellsPerSide = 192.0f;
 constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
 constexpr std::size_t kBlockCells = 8;
-constexpr std::size_t kFarStep = 2;
+constexpr std::size_t kCoarsest = 8;   ///< step, in nodes, of the coarsest nodes measured
+/// A node between coarser ones is measured when it is nearer than so many of their steps: beyond, the
+/// distance is smooth enough to be interpolated.
+constexpr float kMeasuredSteps = 4.0f;
 constexpr std::size_t kKept = 4;
 /// A field's padding never grows past this share of the longest side: beyond the grid distances go
 /// on by the distance to its border.
@@ -205,60 +208,67 @@ struct DistanceField::Build {
         });
     }
 
-    /// True for the coordinates that far nodes are measured at: every second one, and the last.
-    bool measuredAt(std::size_t coordinate, std::size_t axis) const {
-        return coordinate % kFarStep == 0 || coordinate + 1 == field.count_[axis];
+    /// The exact signed distance at one node. `hint`: a triangle that may be near, or -1.
+    void measureNode(const MeshSides& sides, std::size_t n, Vec3f p, std::int32_t hint) {
+        SurfaceHit hit;
+        if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, hint, hit)) triangles[n] = hit.triangle;
+        if (triangles[n] < 0) return;
+        const TrianglePoint at = closestOn(mesh, triangles[n], p);
+        const float d = length(p - at.point);
+        field.values_[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -d : d;
     }
 
-    /// The exact signed distance at every marked node, and at the far nodes between which `fill`
-    /// interpolates.
+    /// The marked nodes near the surface, and the coarsest ones.
     void measure(const MeshSides& sides) {
         const auto& count = field.count_;
         parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row) {
                 const std::size_t y = row % count[1], z = row / count[1];
-                const bool far = measuredAt(y, 1) && measuredAt(z, 2);
+                const bool coarse = y % kCoarsest == 0 && z % kCoarsest == 0;
                 std::int32_t last = -1;
                 for (std::size_t x = 0; x < count[0]; ++x) {
                     const std::size_t n = row * count[0] + x;
                     const bool marked = triangles[n] >= 0;
-                    if (!marked && !(far && measuredAt(x, 0))) continue;
-                    const Vec3f p = position(x, y, z);
-                    SurfaceHit hit;
-                    if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, marked ? triangles[n] : last, hit))
-                        triangles[n] = hit.triangle;
-                    if (triangles[n] < 0) continue;
+                    if (!marked && !(coarse && x % kCoarsest == 0)) continue;
+                    measureNode(sides, n, position(x, y, z), marked ? triangles[n] : last);
                     last = triangles[n];
-                    const TrianglePoint at = closestOn(mesh, triangles[n], p);
-                    const float d = length(p - at.point);
-                    field.values_[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -d : d;
                 }
             }
         });
     }
 
-    /// The nodes left over, each the mean of the measured ones next to it along its odd axes: trilinear.
-    void fill() {
+    /// The nodes of one step between those of twice the step: the mean of the coarser ones next to
+    /// them along their odd axes (trilinear), or measured where the surface is near.
+    void refine(const MeshSides& sides, std::size_t step) {
         const auto& count = field.count_;
-        const std::size_t stride[3] = {1, count[0], count[0] * count[1]};
-        parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
-            for (std::size_t row = b; row < e; ++row)
-                for (std::size_t x = 0; x < count[0]; ++x) {
-                    const std::size_t n = row * count[0] + x;
-                    if (triangles[n] >= 0) continue;
-                    const std::size_t at[3] = {x, row % count[1], row / count[1]};
+        const std::size_t stride[3] = {step, step * count[0], step * count[0] * count[1]};
+        const std::size_t rows[2] = {(count[1] - 1) / step + 1, (count[2] - 1) / step + 1};
+        const float near = step > 1 ? kMeasuredSteps * float(2 * step) * field.cell_ : 0.0f;
+        parallelRange(0, rows[0] * rows[1], 16, [&](std::size_t b, std::size_t e) {
+            for (std::size_t row = b; row < e; ++row) {
+                const std::size_t y = row % rows[0] * step, z = row / rows[0] * step;
+                std::int32_t last = -1;
+                for (std::size_t x = 0; x < count[0]; x += step) {
+                    const std::size_t n = field.node(x, y, z);
+                    const std::size_t at[3] = {x, y, z};
                     std::size_t odd[3], axes = 0;
                     for (std::size_t axis = 0; axis < 3; ++axis)
-                        if (!measuredAt(at[axis], axis)) odd[axes++] = stride[axis];
+                        if (at[axis] % (2 * step) != 0) odd[axes++] = stride[axis];
+                    if (axes == 0 || triangles[n] >= 0) continue;
                     float sum = 0.0f;
                     for (std::size_t corner = 0; corner < std::size_t(1) << axes; ++corner) {
                         std::size_t from = n;
                         for (std::size_t k = 0; k < axes; ++k)
-                            from = corner >> k & 1 ? from + odd[k] : from - odd[k];
+                            from = (corner >> k & 1) != 0 ? from + odd[k] : from - odd[k];
                         sum += field.values_[from];
                     }
                     field.values_[n] = sum / float(std::size_t(1) << axes);
+                    if (std::fabs(field.values_[n]) < near) {
+                        measureNode(sides, n, position(x, y, z), last);
+                        last = triangles[n];
+                    }
                 }
+            }
         });
     }
 };
@@ -272,7 +282,9 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
     low_ = gauge.low - Vec3f{1, 1, 1} * (float(padding) * cell_);
     for (int axis = 0; axis < 3; ++axis)
         count_[std::size_t(axis)] =
-            std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + 1;
+            (std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + kCoarsest - 1) / kCoarsest *
+                kCoarsest +
+            1;
     const std::size_t nodes = count_[0] * count_[1] * count_[2];
 
     const MeshSides sides(mesh);
@@ -282,7 +294,7 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
     build.seed();
     for (int axis = 0; axis < 3; ++axis) build.widen(axis);
     build.measure(sides);
-    build.fill();
+    for (std::size_t step = kCoarsest / 2; step > 0; step /= 2) build.refine(sides, step);
 
     for (std::size_t axis = 0; axis < 3; ++axis)
         blocks_[axis] = (count_[axis] - 1 + kBlockCells - 1) / kBlockCells;
