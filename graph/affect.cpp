@@ -48,6 +48,10 @@ float blendOne(float before, float after, float weight, bool discrete) {
     return out;
 }
 
+const float* floats(std::span<const Vec3f> points) {
+    return reinterpret_cast<const float*>(points.data());
+}
+
 /// An array of one value per strand, or of `width` floats per point, to be blended. A side that lacks
 /// the channel reads a default instead.
 struct Lane {
@@ -87,9 +91,9 @@ private:
         if (!before_.sharesPoints(after_)) {
             if (previous) out_.sharePoints(*previous);
             const std::span<Vec3f> points = previous ? out_.mutablePoints() : out_.overwritePoints();
-            pointLanes_.push_back({.before = &before_.points().data()->x,
-                                   .after = &after_.points().data()->x,
-                                   .out = &points.data()->x,
+            pointLanes_.push_back({.before = floats(before_.points()),
+                                   .after = floats(after_.points()),
+                                   .out = reinterpret_cast<float*>(points.data()),
                                    .width = 3});
         }
         if (!before_.sharesWidths(after_)) {
@@ -140,6 +144,7 @@ private:
     }
 
     void run(std::span<const std::uint32_t> listed, std::size_t count) const {
+        if (count == 0) return;
         if (roots_.empty() && strandLanes_.empty() && pointLanes_.empty()) return;
         parallelRange(0, count, kStrandGrain, [&](std::size_t begin, std::size_t end) {
             std::vector<std::uint32_t> indices(kStrandGrain);
@@ -228,7 +233,6 @@ StrandSet blendStrands(const StrandSet& before, const StrandSet& after, const Fi
                        const StrandSet& previous, std::span<const std::uint32_t> dirty) {
     checkLayouts(before, after);
     if (!previous.sameLayout(after)) return Blender(before, after, weight).all();
-    if (dirty.empty()) return Blender(before, after, weight).some(previous, dirty);
     return Blender(before, after, weight).some(previous, dirty);
 }
 

@@ -20,6 +20,7 @@ constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
 constexpr std::size_t kBlockCells = 8;
 constexpr int kSweepRounds = 2;
+constexpr std::size_t kFarStep = 4;
 constexpr std::size_t kKept = 4;
 /// A field's padding never grows past this share of the longest side: beyond the grid distances go
 /// on by the distance to its border.
@@ -133,7 +134,7 @@ std::string DistanceField::refusal(const ScalpMesh& mesh) {
     return why ? why : "";
 }
 
-/// The nodes while the field is made: the closest triangle known and its distance.
+/// The nodes while the field is made: the closest triangle known and its squared distance.
 struct DistanceField::Build {
     const ScalpMesh& mesh;
     const DistanceField& field;
@@ -141,6 +142,7 @@ struct DistanceField::Build {
     std::vector<float> distances;
     std::vector<std::int8_t> signs;  ///< of the side: kExact times that where measured
     static constexpr std::int8_t kExact = 2;
+    std::vector<Vec3f> closest;      ///< of the triangle, to this node or one that offered it
 
     Vec3f position(std::size_t x, std::size_t y, std::size_t z) const {
         return field.low_ + Vec3f{float(x), float(y), float(z)} * field.cell_;
@@ -208,43 +210,78 @@ struct DistanceField::Build {
         });
     }
 
-    /// Exact distance and side at every marked node.
+    /// Exact distance and side at every marked node, and at every kFarStep-th node of each axis: far
+    /// from the surface the regions of closest triangles are too narrow to be met by sweeps alone.
     void measure(const MeshSides& sides) {
         const auto& count = field.count_;
         parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row) {
+                const std::size_t y = row % count[1], z = row / count[1];
+                const bool far = y % kFarStep == 0 && z % kFarStep == 0;
+                std::int32_t last = -1;
                 for (std::size_t x = 0; x < count[0]; ++x) {
                     const std::size_t n = row * count[0] + x;
-                    if (triangles[n] < 0) continue;
-                    const Vec3f p = position(x, row % count[1], row / count[1]);
+                    const bool marked = triangles[n] >= 0;
+                    if (!marked && !(far && x % kFarStep == 0)) continue;
+                    const Vec3f p = position(x, y, z);
                     SurfaceHit hit;
-                    if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, triangles[n], hit))
+                    if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance,
+                                              marked ? triangles[n] : last, hit))
                         triangles[n] = hit.triangle;
+                    if (triangles[n] < 0) continue;
+                    last = triangles[n];
                     const TrianglePoint at = closestOn(mesh, triangles[n], p);
-                    distances[n] = corvelle::distance(p, at.point);
+                    closest[n] = at.point;
+                    distances[n] = lengthSquared(p - at.point);
                     signs[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -kExact : kExact;
                 }
             }
         });
     }
 
-    /// Takes over the neighbour's triangle at node n where it is closer. A neighbour farther from
-    /// its triangle than a cell more than n from its own has nothing to offer.
+    /// Takes over the neighbour's triangle at node n where the neighbour's closest point is nearer
+    /// than the node's own.
     void offer(std::size_t from, std::size_t n, Vec3f p) {
-        const std::int32_t triangle = triangles[from];
-        if (triangle < 0 || triangle == triangles[n] || std::abs(signs[n]) == kExact ||
-            distances[from] - field.cell_ >= distances[n])
+        if (triangles[from] < 0 || triangles[from] == triangles[n] || std::abs(signs[n]) == kExact)
             return;
-        const float d = corvelle::distance(p, closestOn(mesh, triangle, p).point);
+        const float d = lengthSquared(p - closest[from]);
         if (!(d < distances[n])) return;
         distances[n] = d;
-        triangles[n] = triangle;
+        closest[n] = closest[from];
+        triangles[n] = triangles[from];
         signs[n] = signs[from] < 0 ? -1 : 1;  // no surface lies on the way to an unmeasured node
+    }
+
+    /// Between sweeps: every unmeasured node's own closest point of its triangle.
+    void settle() {
+        const auto& count = field.count_;
+        parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
+            for (std::size_t row = b; row < e; ++row)
+                for (std::size_t x = 0; x < count[0]; ++x) {
+                    const std::size_t n = row * count[0] + x;
+                    if (std::abs(signs[n]) == kExact || triangles[n] < 0) continue;
+                    const Vec3f p = position(x, row % count[1], row / count[1]);
+                    closest[n] = closestOn(mesh, triangles[n], p).point;
+                    distances[n] = lengthSquared(p - closest[n]);
+                }
+        });
+    }
+
+    /// Offers every node of the row (toY, toZ) what the nearest three of another row hold: regions
+    /// of far triangles are too narrow to be met along the axes alone.
+    void offerRow(std::size_t fromY, std::size_t fromZ, std::size_t toY, std::size_t toZ) {
+        const std::size_t from = field.node(0, fromY, fromZ), to = field.node(0, toY, toZ);
+        const std::size_t n = field.count_[0];
+        for (std::size_t x = 0; x < n; ++x) {
+            const Vec3f p = position(x, toY, toZ);
+            offer(from + x, to + x, p);
+            if (x > 0) offer(from + x - 1, to + x, p);
+            if (x + 1 < n) offer(from + x + 1, to + x, p);
+        }
     }
 
     void sweep() {
         const auto& count = field.count_;
-        const std::size_t slice = count[0] * count[1];
         parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row) {
                 const std::size_t y = row % count[1], z = row / count[1], n = row * count[0];
@@ -256,26 +293,14 @@ struct DistanceField::Build {
         });
         parallelRange(0, count[2], 1, [&](std::size_t b, std::size_t e) {
             for (std::size_t z = b; z < e; ++z) {
-                for (std::size_t y = 1; y < count[1]; ++y)
-                    for (std::size_t x = 0; x < count[0]; ++x)
-                        offer(field.node(x, y - 1, z), field.node(x, y, z), position(x, y, z));
-                for (std::size_t y = count[1] - 1; y-- > 0;)
-                    for (std::size_t x = 0; x < count[0]; ++x)
-                        offer(field.node(x, y + 1, z), field.node(x, y, z), position(x, y, z));
+                for (std::size_t y = 1; y < count[1]; ++y) offerRow(y - 1, z, y, z);
+                for (std::size_t y = count[1] - 1; y-- > 0;) offerRow(y + 1, z, y, z);
             }
         });
         parallelRange(0, count[1], 1, [&](std::size_t b, std::size_t e) {
             for (std::size_t y = b; y < e; ++y) {
-                for (std::size_t z = 1; z < count[2]; ++z)
-                    for (std::size_t x = 0; x < count[0]; ++x) {
-                        const std::size_t n = field.node(x, y, z);
-                        offer(n - slice, n, position(x, y, z));
-                    }
-                for (std::size_t z = count[2] - 1; z-- > 0;)
-                    for (std::size_t x = 0; x < count[0]; ++x) {
-                        const std::size_t n = field.node(x, y, z);
-                        offer(n + slice, n, position(x, y, z));
-                    }
+                for (std::size_t z = 1; z < count[2]; ++z) offerRow(y, z - 1, y, z);
+                for (std::size_t z = count[2] - 1; z-- > 0;) offerRow(y, z + 1, y, z);
             }
         });
     }
@@ -311,17 +336,20 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
     mesh.prepareQueries();
     Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1),
                 std::vector<float>(nodes, std::numeric_limits<float>::infinity()),
-                std::vector<std::int8_t>(nodes, 1)};
+                std::vector<std::int8_t>(nodes, 1), std::vector<Vec3f>(nodes)};
     build.seed();
     for (int axis = 0; axis < 3; ++axis) build.widen(axis);
     build.measure(sides);
-    for (int round = 0; round < kSweepRounds; ++round) build.sweep();
+    for (int round = 0; round < kSweepRounds; ++round) {
+        build.sweep();
+        build.settle();
+    }
     if (!sides.closed()) build.judgeSides(sides);
 
     values_ = std::move(build.distances);
     parallelRange(0, nodes, kChunkElements, [&](std::size_t b, std::size_t e) {
         for (std::size_t n = b; n < e; ++n)
-            if (build.signs[n] < 0) values_[n] = -values_[n];
+            values_[n] = build.signs[n] < 0 ? -std::sqrt(values_[n]) : std::sqrt(values_[n]);
     });
 
     for (std::size_t axis = 0; axis < 3; ++axis)
@@ -409,7 +437,12 @@ DistanceSample DistanceField::sample(Vec3f position) const {
     out.distance = blend(at, out.gradient);
     const float off = length(at.off);
     out.distance += off;
-    out.gradient = off > 0.0f ? at.off / off : normalized(out.gradient);
+    if (off > 0.0f) {  // out along some axes, and as the border's values slope along the others
+        out.gradient *= inverse_;
+        for (int axis = 0; axis < 3; ++axis)
+            if (at.off[axis] != 0.0f) out.gradient[axis] = at.off[axis] / off;
+    }
+    out.gradient = normalized(out.gradient);
     return out;
 }
 

@@ -40,8 +40,8 @@ private:
 /// The signed distance to a mesh on a grid of cubic cells round it, made once and read many times.
 ///
 /// Cells are half the mean edge long, at least a 192nd of the longest side. At nodes within two
-/// cells of the surface distances are exact; farther ones are to the triangle that their neighbours
-/// found closest. Between nodes they are interpolated (trilinear); outside the grid the distance to
+/// cells of the surface, and at every fourth one all over, distances are exact; the others are to the
+/// triangle that their neighbours found closest. Between nodes they are interpolated (trilinear); outside the grid the distance to
 /// the grid's border is added to the value there.
 /// Threads: the build is parallel and gives the same bits for any thread count; immutable after,
 ///          any thread may read it.

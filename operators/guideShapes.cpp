@@ -47,7 +47,8 @@ struct Scratch {
     std::vector<float> shares;
 };
 
-void sampleInto(const GuideSet& guides, std::size_t g, GuideShapes& shapes, Scratch& scratch) {
+void sampleInto(const GuideSet& guides, std::size_t g, Vec3f normal, GuideShapes& shapes,
+                Scratch& scratch) {
     const std::size_t m = shapes.points;
     scratch.sampled.resize(m);
     const std::span<const Vec3f> points = guides.pointsOf(g);
@@ -56,7 +57,7 @@ void sampleInto(const GuideSet& guides, std::size_t g, GuideShapes& shapes, Scra
     float* y = x + shapes.stride;
     float* z = y + shapes.stride;
     for (std::size_t j = 0; j < m; ++j) {
-        const Vec3f p = scratch.sampled[j] - points[0];
+        const Vec3f p = halfTurn(normal, scratch.sampled[j] - points[0]);
         x[j] = p.x;
         y[j] = p.y;
         z[j] = p.z;
@@ -72,34 +73,40 @@ void sampleInto(const GuideSet& guides, std::size_t g, GuideShapes& shapes, Scra
                 shapes.attributes.data() + (a * shapes.lengths.size() + g) * shapes.stride);
         }
     }
+    shapes.normals[g] = normal;
     shapes.hashes[g] = guides.hashes()[g];
 }
 
-std::shared_ptr<GuideShapes> refreshed(const GuideSet& guides, std::size_t points, bool smooth,
+std::shared_ptr<GuideShapes> refreshed(const GuideSet& guides, std::span<const Vec3f> normals,
+                                       std::size_t points, bool smooth,
                                        std::shared_ptr<GuideShapes> shapes) {
     const std::size_t count = guides.size();
     const bool usable = shapes && shapes->smooth == smooth && shapes->hashes.size() == count &&
                         shapes->attributeNames == guides.pointAttributeNames();
     std::vector<std::uint32_t> stale;
     for (std::size_t g = 0; g < count; ++g)
-        if (!usable || shapes->hashes[g] != guides.hashes()[g]) stale.push_back(std::uint32_t(g));
+        if (!usable || shapes->hashes[g] != guides.hashes()[g] ||
+            !(shapes->normals[g] == normals[g]))
+            stale.push_back(std::uint32_t(g));
     if (usable && stale.empty()) return shapes;
     if (!usable) {
         shapes = std::make_shared<GuideShapes>();
         shapes->points = points;
-        shapes->stride = (points + 3) / 4 * 4;
+        shapes->stride = (points + 7) / 8 * 8;
         shapes->smooth = smooth;
         shapes->xyz.assign(count * 3 * shapes->stride, 0.0f);
         shapes->lengths.assign(count, 0.0f);
         shapes->attributeNames = guides.pointAttributeNames();
         shapes->attributes.assign(shapes->attributeNames.size() * count * shapes->stride, 0.0f);
+        shapes->normals.assign(count, Vec3f{});
         shapes->hashes.assign(count, 0);
     } else if (!isSoleOwner(shapes)) {
         shapes = std::make_shared<GuideShapes>(*shapes);
     }
     parallelRange(0, stale.size(), 32, [&](std::size_t begin, std::size_t end) {
         Scratch scratch;
-        for (std::size_t i = begin; i < end; ++i) sampleInto(guides, stale[i], *shapes, scratch);
+        for (std::size_t i = begin; i < end; ++i)
+            sampleInto(guides, stale[i], normals[stale[i]], *shapes, scratch);
     });
     return shapes;
 }
@@ -107,6 +114,7 @@ std::shared_ptr<GuideShapes> refreshed(const GuideSet& guides, std::size_t point
 }  // namespace
 
 std::vector<GuideShapesPtr> GuideShapeCache::shapes(const GuideSet& guides,
+                                                    std::span<const Vec3f> normals,
                                                     std::span<const std::size_t> counts,
                                                     bool smooth) {
     std::map<std::size_t, std::shared_ptr<GuideShapes>> taken;
@@ -118,7 +126,7 @@ std::vector<GuideShapesPtr> GuideShapeCache::shapes(const GuideSet& guides,
     std::vector<GuideShapesPtr> result;
     for (const std::size_t count : counts) {
         const auto before = taken.find(count);
-        auto shapes = refreshed(guides, count, smooth,
+        auto shapes = refreshed(guides, normals, count, smooth,
                                 before == taken.end() ? nullptr : std::move(before->second));
         result.push_back(shapes);
         made.emplace(count, std::move(shapes));

@@ -1,11 +1,15 @@
+#include "operators/interpolate.h"
+
 #include <algorithm>
 #include <bit>
 #include <mutex>
 #include <set>
 
+#include "graph/colorMap.h"
 #include "graph/operator.h"
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "operators/guideRegions.h"
 #include "operators/interpolateBlend.h"
 #include "operators/registerOperators.h"
 #include "operators/strandLoop.h"
@@ -120,11 +124,15 @@ std::uint64_t hashVec(std::uint64_t h, Vec3f v) {
     return hashCombine(h, v.z);
 }
 
-/// The direction that a curve stands on: the surface's normal at its root; off the scalp, its own
-/// first segment's.
+/// The unit direction that a curve stands on: the surface's normal at its root; off the scalp, its
+/// own first segment's; up where neither has a direction.
 Vec3f rootNormal(const ScalpMesh* mesh, const StrandRoot& root, std::span<const Vec3f> points) {
-    if (mesh && mesh->validRoot(root)) return mesh->surfaceNormal(root);
-    return points.size() > 1 ? normalized(points[1] - points[0]) : Vec3f{};
+    Vec3f normal;
+    if (mesh && mesh->validRoot(root))
+        normal = mesh->surfaceNormal(root);
+    else if (points.size() > 1)
+        normal = normalized(points[1] - points[0]);
+    return lengthSquared(normal) > 0.5f ? normal : Vec3f{0.0f, 1.0f, 0.0f};
 }
 
 /// All of the strands that weights are made from.
@@ -157,7 +165,9 @@ std::uint64_t strandPlacesHash(const StrandSet& strands, const ScalpMesh* mesh) 
 /// The weights of a set of strands and what else hangs on the roots alone.
 struct RootData {
     WeightTable weights;
-    std::vector<Vec3f> normals;       ///< [strands]
+    std::vector<Vec3f> normals;         ///< [strands]
+    std::vector<std::int32_t> regions;  ///< [strands], -1 for none; empty without a map
+    std::shared_ptr<const GuideReach> reach;
     std::vector<std::size_t> counts;  ///< the point counts of 2 and more that occur, ascending
 };
 
@@ -183,6 +193,9 @@ public:
     std::vector<ParamSpec> spec() const override { return kParams; }
     std::uint32_t contextReads() const override {
         return reads::kParts | reads::kScalp | reads::kMaps;
+    }
+    std::uint64_t contextHash(const EvalContext& context) const override {
+        return text("regionMap").empty() ? 0 : colorMapHash(text("regionMap"), context.data());
     }
     bool verifyOnClone() const override { return true; }
 
@@ -259,6 +272,12 @@ public:
             rootCache_ = std::move(copy);
         }
         shapeCache_.copyFrom(from->shapeCache_);
+        clearanceCache_.copyFrom(from->clearanceCache_);
+    }
+
+    std::string details() const {
+        const std::lock_guard lock(detailMutex_);
+        return details_;
     }
 
 private:
@@ -268,7 +287,7 @@ private:
         std::shared_ptr<const RootData>
             rootData;  ///< null: not in the cache, which alone was asked
         std::vector<GuideShapesPtr> shapes;
-        std::vector<Vec3f> guideNormals;
+        ClearanceGoalsPtr clearance;    ///< null: not kept
         std::vector<float> attributes;  ///< [names][guides]
         BlendSettings settings;
         std::vector<CarriedChannel> channels;
@@ -301,6 +320,8 @@ private:
         for (std::size_t a = 0; a < pointNames.size(); ++a)
             channels.push_back({pointNames[a], Kind::Point, a});
         if (writesInfluence) channels.push_back({influence, Kind::Influence, 0});
+        if (writesRegion && !(writesInfluence && region == influence))
+            channels.push_back({region, Kind::Region, 0});
         return channels;
     }
 
@@ -309,14 +330,22 @@ private:
         Run run{.strands = strands, .guides = guides, .settings = std::move(settings)};
         const ScalpPtr connected = inputs.mesh(2);
         const ScalpPtr mesh = connected ? connected : context.scalp();
-        run.rootData =
-            rootData(context, inputs, *strands, *guides, connected, mesh.get(), cachedOnly);
+        run.rootData = rootData(context, inputs, *strands, guides, connected, mesh, cachedOnly);
         if (!run.rootData) return run;
         run.channels = carriedChannels(*guides);
-        run.shapes = shapeCache_.shapes(*guides, run.rootData->counts, boolean("smoothGuides"));
-        run.guideNormals.resize(guides->size());
+        std::vector<Vec3f> normals(guides->size());
         for (std::size_t g = 0; g < guides->size(); ++g)
-            run.guideNormals[g] = rootNormal(mesh.get(), guides->roots()[g], guides->pointsOf(g));
+            normals[g] = rootNormal(mesh.get(), guides->roots()[g], guides->pointsOf(g));
+        run.shapes =
+            shapeCache_.shapes(*guides, normals, run.rootData->counts, boolean("smoothGuides"));
+        std::string details = "it does not keep clearance";
+        if (boolean("keepClearance") && !run.settings.takeLength && connected)
+            run.clearance =
+                clearanceCache_.goals(*guides, boolean("smoothGuides"), connected, details);
+        {
+            const std::lock_guard lock(detailMutex_);
+            details_ = std::move(details);
+        }
         for (const std::string& attribute : guides->attributeNames())
             for (std::size_t g = 0; g < guides->size(); ++g)
                 run.attributes.push_back(guides->attribute(g, attribute));
@@ -327,19 +356,27 @@ private:
         const std::span<Vec3f> points = overwrite ? out.overwritePoints() : out.mutablePoints();
         std::vector<std::span<float>> channels;
         for (const CarriedChannel& channel : run.channels)
-            channels.push_back(channel.kind == CarriedChannel::Kind::Point
-                                   ? out.mutablePointChannel(channel.name, 0.0f)
-                                   : out.mutableStrandChannel(channel.name, 0.0f));
+            channels.push_back(openChannel(out, channel));
         const StrandSet& in = *run.strands;
         const BlendSource source{.weights = &run.rootData->weights,
                                  .shapes = run.shapes,
-                                 .guideNormals = run.guideNormals,
-                                 .strandNormals = run.rootData->normals};
+                                 .strandNormals = run.rootData->normals,
+                                 .clearance = run.clearance.get()};
         pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
             blendStrands(in, batch, source, run.settings, points);
             for (std::size_t c = 0; c < channels.size(); ++c)
                 writeChannel(run, run.channels[c], batch, channels[c]);
         });
+    }
+
+    static std::span<float> openChannel(StrandSet& out, const CarriedChannel& channel) {
+        using Kind = CarriedChannel::Kind;
+        if (channel.kind == Kind::Point) return out.mutablePointChannel(channel.name, 0.0f);
+        const bool region = channel.kind == Kind::Region;
+        const std::span<float> values =
+            out.mutableStrandChannel(channel.name, region ? -1.0f : 0.0f);
+        if (region) out.setStrandChannelDiscrete(channel.name);
+        return values;
     }
 
     /// Guides' values mixed by their weights; strands without weights keep what came in, else 0.
@@ -350,6 +387,10 @@ private:
         const WeightTable& weights = run.rootData->weights;
         if (channel.kind == Kind::Influence) {
             for (const std::uint32_t s : batch) out[s] = guideInfluence(weights, s, run.settings);
+            return;
+        }
+        if (channel.kind == Kind::Region) {
+            for (const std::uint32_t s : batch) out[s] = float(run.rootData->regions[s]);
             return;
         }
         if (channel.kind == Kind::Strand) {
@@ -382,23 +423,41 @@ private:
         }
     }
 
+    /// The regionMap, null for none. Throws GraphError for one that cannot be read.
+    NamedMapPtr regionMap(const EvalContext& context, const ScalpPtr& mesh,
+                          const GuidesPtr& guides) const {
+        const std::string& map = text("regionMap");
+        if (map.empty()) return nullptr;
+        const ColorMapLookup found = readColorMap(map, context, mesh, {.guides = guides});
+        if (found) return found.map;
+        throw GraphError("Interpolate: " +
+                         (found.kind == ColorMapLookup::Kind::Guides
+                              ? "no guide carries the layer '" + map + "' of regionMap"
+                              : colorMapFaultText(found, map, "Interpolate")));
+    }
+
     /// From the cache, or made and kept; with `cachedOnly` null where it would have to be made.
     std::shared_ptr<const RootData> rootData(const EvalContext& context, const NodeInputs& inputs,
-                                             const StrandSet& strands, const GuideSet& guides,
-                                             const ScalpPtr& connected, const ScalpMesh* mesh,
+                                             const StrandSet& strands, const GuidesPtr& guides,
+                                             const ScalpPtr& connected, const ScalpPtr& mesh,
                                              bool cachedOnly) {
-        const WeightSettings settings{.neighbors = whole("neighbors"),
-                                      .reach = float(number("reach")),
-                                      .power = float(number("power"))};
-        const PartLines* parts = boolean("respectParts") ? context.parts().get() : nullptr;
-        if (parts && parts->empty()) parts = nullptr;
-        const ScalpPtr surface = boolean("followSurface") ? connected : nullptr;
+        RootSource from{.strands = strands, .guides = *guides, .mesh = mesh.get()};
+        from.settings = {.neighbors = whole("neighbors"),
+                         .reach = float(number("reach")),
+                         .power = float(number("power"))};
+        from.parts = boolean("respectParts") ? context.parts().get() : nullptr;
+        if (from.parts && from.parts->empty()) from.parts = nullptr;
+        from.surface = boolean("followSurface") ? connected : nullptr;
+        const std::string& map = text("regionMap");
 
-        std::uint64_t reachKey = hashCombine(hashOf("guideReach"), guides.rootsHash());
-        reachKey = hashCombine(hashCombine(reachKey, settings.neighbors), settings.reach);
-        reachKey = hashCombine(reachKey, surface ? surface->contentHash() : 0);
-        std::uint64_t key =
-            hashCombine(hashCombine(reachKey, settings.power), parts ? parts->hash() : 0);
+        std::uint64_t reachKey = hashCombine(hashOf("guideReach"), guides->rootsHash());
+        reachKey = hashCombine(hashCombine(reachKey, from.settings.neighbors), from.settings.reach);
+        reachKey = hashCombine(reachKey, from.surface ? from.surface->contentHash() : 0);
+        if (!map.empty())
+            reachKey =
+                hashCombine(reachKey, colorMapHash(map, context.data(), mesh, {.guides = guides}));
+        std::uint64_t key = hashCombine(hashCombine(reachKey, from.settings.power),
+                                        from.parts ? from.parts->hash() : 0);
         key = hashCombine(key, mesh ? mesh->contentHash() : 0);
 
         RootCache held;
@@ -407,15 +466,16 @@ private:
             held = rootCache_;
         }
         const std::uint64_t inputName = inputs.hashes.empty() ? 0 : inputs.hashes[0];
-        const bool named = inputName != 0 && held.data && held.inputName == inputName;
-        const std::uint64_t places = named ? held.placesHash : strandPlacesHash(strands, mesh);
-        const bool usable = held.data && held.key == key && held.placesHash == places &&
-                            held.data->normals.size() == strands.strandCount();
+        const bool named =
+            inputName != 0 && held.data && held.key == key && held.inputName == inputName;
+        const std::uint64_t places =
+            named ? held.placesHash : strandPlacesHash(strands, mesh.get());
+        const bool usable = held.data && held.key == key && held.placesHash == places;
         if (!usable && cachedOnly) return nullptr;
         if (!usable) {
-            if (!held.reach || held.reachKey != reachKey)
-                held.reach = makeReach(guides, settings, surface);
-            held.data = makeRootData(strands, guides, *held.reach, settings, parts, mesh);
+            from.regions = regionMap(context, mesh, guides);
+            held.data = makeRootData(from, held.reachKey == reachKey ? held.reach : nullptr);
+            held.reach = held.data->reach;
         }
         held.reachKey = reachKey;
         held.key = key;
@@ -426,29 +486,43 @@ private:
         return held.data;
     }
 
-    static std::shared_ptr<const GuideReach> makeReach(const GuideSet& guides,
-                                                       const WeightSettings& settings,
-                                                       const ScalpPtr& surface) {
-        std::vector<Vec3f> positions(guides.size());
-        for (std::size_t g = 0; g < guides.size(); ++g) positions[g] = guides.pointsOf(g).front();
-        return std::make_shared<const GuideReach>(
-            GuideRoots{.roots = guides.roots(), .positions = positions}, settings,
-            surface ? SurfaceGraph::of(surface) : nullptr);
+    struct RootSource {
+        const StrandSet& strands;
+        const GuideSet& guides;
+        const ScalpMesh* mesh = nullptr;  ///< for normals
+        ScalpPtr surface;                 ///< to measure along; null: straight
+        const PartLines* parts = nullptr;
+        NamedMapPtr regions;
+        WeightSettings settings;
+    };
+
+    static std::vector<Vec3f> mapColors(const NamedMap& map, std::span<const StrandRoot> roots,
+                                        std::span<const Vec3f> positions) {
+        std::vector<Vec3f> colors(roots.size());
+        parallelRange(0, roots.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            std::vector<Color4f> read(end - begin);
+            map.colors(roots.subspan(begin, end - begin), positions.subspan(begin, end - begin),
+                       read);
+            for (std::size_t i = begin; i < end; ++i)
+                colors[i] = {read[i - begin].r, read[i - begin].g, read[i - begin].b};
+        });
+        return colors;
     }
 
-    static std::shared_ptr<const RootData> makeRootData(
-        const StrandSet& strands, const GuideSet& guides, const GuideReach& reach,
-        const WeightSettings& settings, const PartLines* parts, const ScalpMesh* mesh) {
+    static std::shared_ptr<const RootData> makeRootData(const RootSource& from,
+                                                        std::shared_ptr<const GuideReach> reach) {
+        const StrandSet& strands = from.strands;
+        const GuideSet& guides = from.guides;
         const std::size_t count = strands.strandCount();
         auto data = std::make_shared<RootData>();
         std::vector<Vec3f> positions(count);
         data->normals.resize(count);
-        if (mesh) mesh->normals();  // made before the loop asks for them
+        if (from.mesh) from.mesh->normals();  // made before the loop asks for them
         parallelRange(0, count, kStrandGrain, [&](std::size_t begin, std::size_t end) {
             for (std::size_t s = begin; s < end; ++s) {
                 const auto points = strands.pointsOf(s);
                 positions[s] = points.empty() ? Vec3f{} : points.front();
-                data->normals[s] = rootNormal(mesh, strands.roots()[s], points);
+                data->normals[s] = rootNormal(from.mesh, strands.roots()[s], points);
             }
         });
         std::set<std::size_t> counts;
@@ -457,8 +531,32 @@ private:
             if (const std::size_t m = strands.pointCountOf(s); m >= 2 && m != last)
                 counts.insert(last = m);
         data->counts.assign(counts.begin(), counts.end());
-        data->weights = interpolationWeights({.roots = strands.roots(), .positions = positions},
-                                             guides.size(), reach, settings, parts);
+
+        std::vector<Vec3f> guidePositions(guides.size());
+        for (std::size_t g = 0; g < guides.size(); ++g)
+            guidePositions[g] = guides.pointsOf(g).front();
+        std::vector<std::int32_t> guideRegions;
+        if (from.regions) {
+            const GuideRegions regions(mapColors(*from.regions, guides.roots(), guidePositions));
+            guideRegions = regions.ofGuides();
+            const std::vector<Vec3f> colors = mapColors(*from.regions, strands.roots(), positions);
+            data->regions.resize(count);
+            parallelRange(0, count, kStrandGrain, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t s = begin; s < end; ++s) {
+                    const bool repeats = s > begin && colors[s] == colors[s - 1];  // flat paint
+                    data->regions[s] = repeats ? data->regions[s - 1] : regions.of(colors[s]);
+                }
+            });
+        }
+        if (!reach)
+            reach = std::make_shared<const GuideReach>(
+                GuideRoots{
+                    .roots = guides.roots(), .positions = guidePositions, .regions = guideRegions},
+                from.settings, from.surface ? SurfaceGraph::of(from.surface) : nullptr);
+        data->weights = interpolationWeights(
+            {.roots = strands.roots(), .positions = positions, .regions = data->regions},
+            guides.size(), *reach, from.settings, from.parts);
+        data->reach = std::move(reach);
         return data;
     }
 
@@ -472,9 +570,17 @@ private:
     mutable std::mutex rootMutex_;
     RootCache rootCache_;
     GuideShapeCache shapeCache_;
+    ClearanceCache clearanceCache_;
+    mutable std::mutex detailMutex_;
+    std::string details_;  ///< how keepClearance went last
 };
 
 }  // namespace
+
+std::string interpolateDetails(const Operator& op) {
+    const auto* node = dynamic_cast<const Interpolate*>(&op);
+    return node ? node->details() : std::string();
+}
 
 void registerInterpolateOperator() {
     OperatorRegistry::instance().add("Interpolate", [] { return std::make_unique<Interpolate>(); });

@@ -5,7 +5,6 @@
 #include <cmath>
 
 #include "model/polyline.h"
-#include "model/simd4.h"
 
 namespace corvelle {
 
@@ -13,48 +12,99 @@ namespace {
 
 constexpr float kMostScale = 2.0f;     ///< preserveLength never lengthens a blend more than this
 constexpr float kLeastLength = 1e-8f;  ///< cm: below it a strand has no direction to scale along
-constexpr float kNearlyOpposite = -0.999f;
+constexpr float kNoMiddle = 2e-3f;     ///< |from + to|^2 below this: all but opposite
 
-/// The matrix that turns `from` to `to` by the shortest arc, times `weight`, by rows. The closed
-/// form of Moeller, Hughes, "Efficiently building a matrix to rotate one vector to another", JGT
-/// 4(4), 1999, where it is sound.
-void weightedTurn(Vec3f from, Vec3f to, float weight, float (&m)[9]) {
-    const float c = dot(from, to);
-    const Vec3f v = cross(from, to);
-    if (from == to || !(c > kNearlyOpposite) || !(c * c + dot(v, v) > 0.5f)) {  // or no directions
-        const Rotation r = from == to ? Rotation{} : Rotation::shortest(from, to);
-        const Vec3f rows[3] = {r.row0 * weight, r.row1 * weight, r.row2 * weight};
-        for (int i = 0; i < 3; ++i)
-            for (int k = 0; k < 3; ++k) m[3 * i + k] = rows[i][k];
-        return;
-    }
-    const float h = weight / (1.0f + c);
-    const Vec3f hv = v * h, wv = v * weight;
-    const float wc = weight * c;
-    m[0] = wc + hv.x * v.x;
-    m[1] = hv.x * v.y - wv.z;
-    m[2] = hv.x * v.z + wv.y;
-    m[3] = hv.x * v.y + wv.z;
-    m[4] = wc + hv.y * v.y;
-    m[5] = hv.y * v.z - wv.x;
-    m[6] = hv.x * v.z - wv.y;
-    m[7] = hv.y * v.z + wv.x;
-    m[8] = wc + hv.z * v.z;
+/// What takes the shape of a guide of normal `from`, kept half turned about it, to a strand of
+/// normal `to`, by the shortest arc and times `weight`: the half turn about the middle of both,
+/// 2 m m^T - I. By columns xx, xy, xz, yx, ... of a symmetric matrix.
+using Turn = float[9];
+
+void turnByHalves(Vec3f from, Vec3f to, float weight, Turn& t) {
+    const Rotation half{halfTurn(from, {1, 0, 0}), halfTurn(from, {0, 1, 0}),
+                        halfTurn(from, {0, 0, 1})};
+    const Rotation turn = Rotation::shortest(from, to).after(half);
+    const Vec3f rows[3] = {turn.row0 * weight, turn.row1 * weight, turn.row2 * weight};
+    for (int r = 0; r < 3; ++r)
+        for (int c = 0; c < 3; ++c) t[3 * r + c] = rows[r][c];
 }
 
-/// Adds a guide's turned and weighted points, `stride` a coordinate.
-void addTurned(const float (&m)[9], const float* guide, std::size_t stride, float* sum) {
-    const Float4 m0(m[0]), m1(m[1]), m2(m[2]), m3(m[3]), m4(m[4]), m5(m[5]), m6(m[6]), m7(m[7]),
-        m8(m[8]);
-    for (std::size_t j = 0; j < stride; j += 4) {
-        const Float4 x = Float4::loadUnaligned(guide + j);
-        const Float4 y = Float4::loadUnaligned(guide + stride + j);
-        const Float4 z = Float4::loadUnaligned(guide + 2 * stride + j);
-        (Float4::load(sum + j) + (m0 * x + m1 * y + m2 * z)).store(sum + j);
-        (Float4::load(sum + stride + j) + (m3 * x + m4 * y + m5 * z)).store(sum + stride + j);
-        (Float4::load(sum + 2 * stride + j) + (m6 * x + m7 * y + m8 * z))
-            .store(sum + 2 * stride + j);
+inline void weightedTurn(Vec3f from, Vec3f to, float weight, Turn& t) {
+    const Vec3f s = from + to;
+    const float square = lengthSquared(s);
+    if (!(square > kNoMiddle)) return turnByHalves(from, to, weight, t);
+    const Vec3f m = s * (2.0f * weight / square);
+    t[0] = m.x * s.x - weight;
+    t[1] = t[3] = m.x * s.y;
+    t[2] = t[6] = m.x * s.z;
+    t[4] = m.y * s.y - weight;
+    t[5] = t[7] = m.y * s.z;
+    t[8] = m.z * s.z - weight;
+}
+
+#if defined(__GNUC__)
+#define CORVELLE_INLINE inline __attribute__((always_inline))
+/// Eight floats side by side, in whatever registers the function's target has.
+using Lanes = float __attribute__((vector_size(32), aligned(4), may_alias));
+#else
+#define CORVELLE_INLINE __forceinline
+struct Lanes {
+    float lane[8];
+    friend Lanes operator+(Lanes a, const Lanes& b) {
+        for (int i = 0; i < 8; ++i) a.lane[i] += b.lane[i];
+        return a;
     }
+    friend Lanes operator*(float s, Lanes a) {
+        for (int i = 0; i < 8; ++i) a.lane[i] *= s;
+        return a;
+    }
+};
+#endif
+constexpr std::size_t kLanes = 8;
+
+/// Adds the turned and weighted points of all guides of a strand into `sum`, [3][stride].
+CORVELLE_INLINE void addTurnedBody(std::span<const GuideWeight> pairs, const GuideShapes& shapes,
+                                   Vec3f normal, float* sum) {
+    const std::size_t runs = shapes.stride / kLanes;
+    Lanes* const sx = reinterpret_cast<Lanes*>(sum);
+    Lanes* const sy = sx + runs;
+    Lanes* const sz = sy + runs;
+    for (const GuideWeight& pair : pairs) {
+        Turn t;
+        weightedTurn(shapes.normals[pair.guide], normal, pair.weight, t);
+        // Copies: stores into `sum` may not be known to leave an array alone.
+        const float xx = t[0], xy = t[1], xz = t[2], yx = t[3], yy = t[4], yz = t[5], zx = t[6],
+                    zy = t[7], zz = t[8];
+        const Lanes* const guide = reinterpret_cast<const Lanes*>(shapes.of(pair.guide));
+        for (std::size_t j = 0; j < runs; ++j) {
+            const Lanes x = guide[j], y = guide[runs + j], z = guide[2 * runs + j];
+            sx[j] = sx[j] + (xx * x + xy * y + xz * z);
+            sy[j] = sy[j] + (yx * x + yy * y + yz * z);
+            sz[j] = sz[j] + (zx * x + zy * y + zz * z);
+        }
+    }
+}
+
+using AddTurned = void (*)(std::span<const GuideWeight>, const GuideShapes&, Vec3f, float*);
+
+void addTurnedPlain(std::span<const GuideWeight> pairs, const GuideShapes& shapes, Vec3f normal,
+                    float* sum) {
+    addTurnedBody(pairs, shapes, normal, sum);
+}
+
+#if defined(__GNUC__) && defined(__x86_64__)
+/// Eight points at a time: the same operations a lane, none fused, so the same bits.
+__attribute__((target("avx2"))) void addTurnedWide(std::span<const GuideWeight> pairs,
+                                                   const GuideShapes& shapes, Vec3f normal,
+                                                   float* sum) {
+    addTurnedBody(pairs, shapes, normal, sum);
+}
+#endif
+
+AddTurned pickAddTurned() {
+#if defined(__GNUC__) && defined(__x86_64__)
+    if (__builtin_cpu_supports("avx2")) return addTurnedWide;
+#endif
+    return addTurnedPlain;
 }
 
 /// Arc length of `count` points, `stride` a coordinate. Four sums, joined in order.
@@ -99,10 +149,12 @@ float guideInfluence(const WeightTable& weights, std::size_t strand,
 
 void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
                   const BlendSource& source, const BlendSettings& settings, std::span<Vec3f> out) {
+    static const AddTurned addTurned = pickAddTurned();
     std::size_t widest = 0;
     for (const GuideShapesPtr& shapes : source.shapes) widest = std::max(widest, shapes->stride);
     Room room(widest);  // of 4 lanes: 3 coordinates and the segments
     float* sum = room.get();
+    std::vector<Vec3f> scratch;
     const GuideShapes* shapes = nullptr;
     for (const std::uint32_t s : strands) {
         const std::span<const Vec3f> from = in.pointsOf(s);
@@ -130,12 +182,7 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
         } else {
             const std::size_t stride = shapes->stride;
             std::fill_n(sum, 3 * stride, 0.0f);
-            const Vec3f normal = source.strandNormals[s];
-            for (const GuideWeight& pair : pairs) {
-                float turn[9];
-                weightedTurn(source.guideNormals[pair.guide], normal, pair.weight, turn);
-                addTurned(turn, shapes->of(pair.guide), stride, sum);
-            }
+            addTurned(pairs, *shapes, source.strandNormals[s], sum);
             float scale = 1.0f;
             if (settings.preserveLength) {
                 const float length = sumLength(sum, stride, m, sum + 3 * stride);
@@ -146,6 +193,8 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
             to[0] = root;
             for (std::size_t j = 1; j < m; ++j)
                 to[j] = Vec3f{root.x + x[j] * scale, root.y + y[j] * scale, root.z + z[j] * scale};
+            if (source.clearance)
+                keepClearance(*source.clearance, pairs, in.roots()[s], to, scratch);
         }
         if (influence < 1.0f)
             for (std::size_t j = 1; j < m; ++j) to[j] = mix(from[j], to[j], influence);

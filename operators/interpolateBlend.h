@@ -8,6 +8,7 @@
 
 #include "model/ramp.h"
 #include "model/strandSet.h"
+#include "operators/clearance.h"
 #include "operators/guideShapes.h"
 #include "operators/interpolateWeights.h"
 
@@ -25,8 +26,8 @@ struct BlendSettings {
 struct BlendSource {
     const WeightTable* weights = nullptr;
     std::span<const GuideShapesPtr> shapes;  ///< ascending by point count, one for each that occurs
-    std::span<const Vec3f> guideNormals;     ///< [guides], unit
     std::span<const Vec3f> strandNormals;    ///< [strands], unit
+    const ClearanceGoals* clearance = nullptr;  ///< null: strands may sink in
 };
 
 /// How much a strand follows its guides, 0 to 1.

@@ -48,16 +48,16 @@ void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares,
     const std::span<const float> used(weights.data(), std::size_t(settings.octaves));
     const std::uint64_t base = drawBase(settings.seed, "Noise.lattice");
     if (settings.world) {
-        for (std::size_t i = 0; i < out.size(); ++i)
-            out[i] = fbmVectorWeighted(points[i] * settings.frequency, base, settings.octaves, used);
+        for (std::size_t i = 0; i < out.size(); ++i) out[i] = points[i] * settings.frequency;
+        fbmVectorWeighted(out, base, settings.octaves, used, out);
         return;
     }
     const std::uint64_t own = hashCombine(base, id);
     SplitMix random(own);
     const Vec3f phase{random.nextFloat(), random.nextFloat(), random.nextFloat()};
     for (std::size_t i = 0; i < out.size(); ++i)
-        out[i] = fbmVectorWeighted(Vec3f{shares[i] * settings.frequency + phase.x, phase.y, phase.z}, own,
-                                   settings.octaves, used);
+        out[i] = {shares[i] * settings.frequency + phase.x, phase.y, phase.z};
+    fbmVectorWeighted(out, own, settings.octaves, used, out);
 }
 
 void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length, std::uint64_t id,

@@ -49,7 +49,7 @@ protected:
     const StrandSet tuft = makeTuft({.strands = 700, .pointsPerStrand = 9, .seed = 5});
 };
 INSTANTIATE_TEST_SUITE_P(All, StrandNodeTest, testing::ValuesIn(kCases),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& instance) { return std::string(instance.param.name); });
 
 TEST_P(StrandNodeTest, KeepsRootsAndIdsAndDoesSomething) {
     bench.feed(tuft);

@@ -52,8 +52,8 @@ def views_of(mesh: Mesh, head: bool) -> list:
     """Two looks at the whole of it."""
     lo, hi = mesh.points.min(axis=0), mesh.points.max(axis=0)
     if head:
-        center = np.array([0.0, 0.0, -0.03])
-        return [View((0.55, 1.0, -0.12), (0, 0, 1), center, 0.44), View((-1.0, 0.35, -0.1), (0, 0, 1), center, 0.44)]
+        center = np.array([0.0, 0.0, -0.05])
+        return [View((0.55, 1.0, -0.12), (0, 0, 1), center, 0.46), View((-1.0, 0.35, -0.1), (0, 0, 1), center, 0.46)]
     center = (lo + hi) / 2
     height = 1.35 * float((hi - lo).max())
     return [View((0.6, 1.0, -0.25), (0, 0, 1), center, height), View((-1.0, 0.3, -0.2), (0, 0, 1), center, height)]
@@ -70,11 +70,11 @@ def groom(helper_path: str, mesh: Mesh, guides: Tuple[np.ndarray, np.ndarray], s
         session.set_param("scatter", "density", {"colorSet": "scalp", "high": density} if mesh.colorSets else density)
         session.set_param("scatter", "randomness", 0.0)
         session.set_param("resample", "segments", SEGMENTS)
-        session.set_param("noise", "amplitude", 0.12 if short else 0.5)
+        session.set_param("noise", "amplitude", 0.12 if short else 0.9)
         session.set_param("noise", "frequency", 2.0)
         session.set_param("length", "trimMax", 0.25)
         # Lighter on the crown, and every strand a little its own.
-        session.set_param("color", "melanin", {"expression": "fit(ny, -0.4, 1, 0.62, 0.4) + 0.12 * (rand - 0.5)"})
+        session.set_param("color", "melanin", {"expression": "fit(ny, -0.4, 1, 0.5, 0.28) + 0.14 * (rand - 0.5) + 0.1 * noise(P * 0.4)"})
         session.set_param("color", "redness", 0.45)
         first = timed(f"evaluate, {SEGMENTS} segments", lambda: session.evaluate(mode="render", attributes=["color"]))
         for text in first["errors"]:

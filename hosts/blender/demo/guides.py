@@ -73,6 +73,13 @@ def head_guides(count: int = 60, points: int = 12) -> Tuple[np.ndarray, np.ndarr
         fall(roots[g : g + 1], normals[g : g + 1], 0.24 - 0.04 * shortness[g], points, 0.5, swirl[g : g + 1])
         for g in range(len(roots))
     ])
+    # Off the face: what falls in front of it goes to its side, behind the cheek.
+    share = np.linspace(0.0, 1.0, points)[None, :]
+    front = np.clip((-0.02 - curves[:, :, 1]) / 0.03, 0.0, 1.0) * np.clip((0.075 - curves[:, :, 2]) / 0.06, 0.0, 1.0)
+    away = np.where(curves[:, -1:, 0] > part, 1.0, -1.0) * 0.088 - curves[:, :, 0]
+    toward = np.clip(front * np.minimum(1.0, 3.0 * share), 0.0, 1.0)
+    curves[:, :, 0] += toward * away
+    curves[:, :, 1] += toward * 0.035
     return keep_outside(curves).reshape(-1, 3).astype(np.float32), np.full(len(curves), points, np.int32)
 
 

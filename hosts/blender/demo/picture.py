@@ -10,6 +10,10 @@ from typing import List, Optional, Tuple
 
 import numpy as np
 
+from .guides import vertex_normals
+
+STRANDS_AT_ONCE = 4000  # what fits the caches, more or less
+
 
 @dataclass
 class View:
@@ -73,18 +77,34 @@ class Canvas:
         return (np.clip(linear, 0.0, 1.0) ** (1.0 / 2.2) * 255.0 + 0.5).astype(np.uint8)
 
 
-def _light_depth(points: np.ndarray, toward: np.ndarray, center: np.ndarray, size: float) -> np.ndarray:
-    """How deep each point lies behind the first thing that the light meets, in scene units."""
-    axes = View(tuple(toward), (0.1, 0.2, 1.0), center, size).axes()
-    cells = 420
-    p = points - center
-    x = np.clip((p @ axes[0] / size + 0.5) * cells, 0, cells - 1).astype(np.int64)
-    y = np.clip((p @ axes[1] / size + 0.5) * cells, 0, cells - 1).astype(np.int64)
-    depth = p @ axes[2]
-    cell = y * cells + x
-    first = np.full(cells * cells, np.inf)
-    np.minimum.at(first, cell, depth)
-    return depth - first[cell]
+class LightMap:
+    """How deep points lie behind the first thing that the light meets: a shadow map."""
+
+    CELLS = 640
+
+    def __init__(self, toward: np.ndarray, center: np.ndarray, size: float) -> None:
+        self._axes = View(tuple(toward), (0.1, 0.2, 1.0), center, size).axes()
+        self._center, self._size = center, size
+        self.cell = size / self.CELLS
+        self._first = np.full(self.CELLS * self.CELLS, np.inf)
+
+    def _place(self, points: np.ndarray) -> Tuple[np.ndarray, np.ndarray]:
+        p = points - self._center
+        x, y = (np.clip((p @ axis / self._size + 0.5) * self.CELLS, 0, self.CELLS - 1).astype(np.int64)
+                for axis in self._axes[:2])
+        return y * self.CELLS + x, p @ self._axes[2]
+
+    def add(self, points: np.ndarray) -> None:
+        cell, depth = self._place(points)
+        order = np.argsort(-depth, kind="stable")  # nearest written last
+        cell, depth = cell[order], depth[order]
+        nearer = depth < self._first[cell]
+        self._first[cell[nearer]] = depth[nearer]
+
+    def depth(self, points: np.ndarray) -> np.ndarray:
+        """In scene units; 0 for what the light meets first."""
+        cell, depth = self._place(points)
+        return np.maximum(depth - np.minimum(self._first[cell], 1e9), 0.0)
 
 
 def _shade_hair(points: np.ndarray, tangents: np.ndarray, colors: np.ndarray, view: View, light: np.ndarray,
@@ -99,20 +119,33 @@ def _shade_hair(points: np.ndarray, tangents: np.ndarray, colors: np.ndarray, vi
     highlight = np.clip(sine_light * sine_eye - along_light * along_eye, 0.0, 1.0)
     lit = shadow * sine_light
     body = colors * (0.28 + 1.15 * lit)[:, None]
-    gloss = 0.10 * shadow * highlight**36
-    sheen = 0.28 * shadow * highlight**10
+    gloss = 0.07 * shadow * highlight**36
+    sheen = 0.45 * shadow * highlight**10
     return (body + gloss[:, None] + colors * sheen[:, None]).astype(np.float32)
+
+
+def _some_strands(hair: Hair, most: int) -> Hair:
+    """At most so many strands, evenly picked: more of them only hide one another."""
+    offsets = np.asarray(hair.offsets, np.int64)
+    count = len(offsets) - 1
+    if count <= most:
+        return hair
+    picked = (np.arange(most) * count) // most
+    lengths = np.diff(offsets)[picked]
+    start = np.repeat(offsets[picked] - (np.cumsum(lengths) - lengths), lengths)
+    return Hair(np.asarray(hair.positions)[start + np.arange(len(start))], np.concatenate([[0], np.cumsum(lengths)]),
+                np.asarray(hair.colors)[picked])
 
 
 def _hair_points(hair: Hair, spacing: float) -> Tuple[np.ndarray, np.ndarray, np.ndarray]:
     """Points along all strands no farther apart than `spacing`, their tangents and colours."""
-    positions = np.asarray(hair.positions, np.float64)
+    positions = np.asarray(hair.positions, np.float32)
     offsets = np.asarray(hair.offsets, np.int64)
     strand = np.repeat(np.arange(len(offsets) - 1), np.diff(offsets))
     start = np.flatnonzero(strand[1:] == strand[:-1])
     segment = positions[start + 1] - positions[start]
     length = np.linalg.norm(segment, axis=1)
-    pieces = np.clip(np.ceil(length / spacing), 1, 40).astype(np.int64)
+    pieces = np.clip(np.ceil(length / spacing), 1, 80).astype(np.int64)
     index = np.repeat(np.arange(len(start)), pieces)
     within = np.arange(len(index)) - np.repeat(np.cumsum(pieces) - pieces, pieces)
     share = (within + 0.5) / pieces[index]
@@ -133,8 +166,6 @@ def _mesh_points(points: np.ndarray, triangles: np.ndarray, spacing: float) -> T
     fold = u + v > 1.0
     u, v = np.where(fold, 1.0 - u, u), np.where(fold, 1.0 - v, v)
     places = a[index] + (b - a)[index] * u[:, None] + (c - a)[index] * v[:, None]
-    from .guides import vertex_normals
-
     smooth = vertex_normals(points, triangles)
     na, nb, nc = (smooth[triangles[:, j]] for j in range(3))
     n = na[index] * (1 - u - v)[:, None] + nb[index] * u[:, None] + nc[index] * v[:, None]
@@ -142,7 +173,8 @@ def _mesh_points(points: np.ndarray, triangles: np.ndarray, spacing: float) -> T
 
 
 def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[View], width: int = 720,
-         height: int = 860, samples: int = 2, skin: Tuple[float, float, float] = (0.62, 0.46, 0.38)) -> np.ndarray:
+         height: int = 860, samples: int = 2, skin: Tuple[float, float, float] = (0.62, 0.46, 0.38),
+         most: int = 40_000) -> np.ndarray:
     """One picture of all views side by side: (height, width * views, 3) bytes. `mesh` is (points, triangles)."""
     pictures = []
     for view in views:
@@ -151,19 +183,21 @@ def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[
         right, up, forward = view.axes()
         light = forward * 0.75 - up * 0.75 + right * 0.55
         light /= np.linalg.norm(light)
-        points, tangents, colors = _hair_points(hair, spacing)
-        shadow_points = points
-        if mesh is not None:
-            places, normals = _mesh_points(*mesh, spacing * 0.7)
-            shadow_points = np.concatenate([points, places])
-        behind = _light_depth(shadow_points, light, view.center, view.height * 1.6)
-        if mesh is not None:
-            facing = np.clip(normals @ -light, 0.0, 1.0)
-            open_to_light = np.exp(-behind[len(points):] / (0.03 * view.height))
-            lit = 0.30 + 0.75 * facing * open_to_light
-            canvas.splat(places, (lit[:, None] * np.asarray(skin)).astype(np.float32), view)
-        shadow = 0.25 + 0.75 * np.exp(-behind[: len(points)] / (0.035 * view.height))
-        canvas.splat(points, _shade_hair(points, tangents, colors, view, light, shadow), view)
+        drawn = _some_strands(hair, most)
+        shadows = LightMap(light, view.center, view.height * 1.6)
+        places, normals = _mesh_points(*mesh, 0.75 * spacing) if mesh is not None else (np.zeros((0, 3)), np.zeros((0, 3)))
+        shadows.add(places)
+        shadows.add(_hair_points(drawn, shadows.cell)[0])
+        facing = np.clip(normals @ -light, 0.0, 1.0)
+        lit = 0.30 + 0.75 * facing * np.exp(-shadows.depth(places) / (0.03 * view.height))
+        canvas.splat(places, (lit[:, None] * np.asarray(skin)).astype(np.float32), view)
+        for first in range(0, len(drawn.offsets) - 1, STRANDS_AT_ONCE):
+            offsets = np.asarray(drawn.offsets)[first : first + STRANDS_AT_ONCE + 1]
+            part = Hair(drawn.positions[offsets[0] : offsets[-1]], offsets - offsets[0],
+                        drawn.colors[first : first + STRANDS_AT_ONCE])
+            points, tangents, colors = _hair_points(part, 1.6 * spacing)
+            shadow = 0.25 + 0.75 * np.exp(-shadows.depth(points) / (0.035 * view.height))
+            canvas.splat(points, _shade_hair(points, tangents, colors, view, light, shadow), view)
         pictures.append(canvas.image())
     return np.concatenate(pictures, axis=1)
 
