@@ -16,8 +16,10 @@ namespace {
 constexpr int kPasses = 3;
 /// The band over the scalp, as a share of its size: 3 cm on a head of 20.
 constexpr float kBandOfSize = 0.15f;
-/// Lower by less than this share of a cell is the field's own error.
+/// Lower by less than this share of a cell is the field's own error, by less than this share of the
+/// height is nothing that an eye sees: a strand is not worked on for it.
 constexpr float kSlackOfCell = 0.05f;
+constexpr float kSlackOfHeight = 0.01f;
 
 float longestSide(const ScalpMesh& mesh) {
     const Vec3f size = mesh.boundsMax() - mesh.boundsMin();
@@ -61,9 +63,12 @@ bool keepClearance(const ClearanceGoals& goals, std::span<const GuideWeight> gui
     const ClearanceSpace& space = goals.space;
     const DistanceField& field = *space.field;
     std::array<float, kClearanceShares> heights{};
-    for (const GuideWeight& pair : guides)
-        for (std::size_t k = 0; k < kClearanceShares; ++k)
-            heights[k] += pair.weight * goals.heights[pair.guide][k];
+    for (const GuideWeight& pair : guides) {
+        const float weight = pair.weight;
+        const float* const own = goals.heights[pair.guide].data();
+        float* const sum = heights.data();
+        for (std::size_t k = 0; k < kClearanceShares; ++k) sum[k] += weight * own[k];
+    }
 
     const RootMotion there =
         space.rest ? rootMotion(root, *space.scalp, *space.rest) : RootMotion{};
@@ -72,11 +77,14 @@ bool keepClearance(const ClearanceGoals& goals, std::span<const GuideWeight> gui
     const auto wanted = [&](std::size_t j) {
         return std::min(wantedHeight(heights, float(j) * perPoint), space.band);
     };
+    const auto allowed = [&](float height) {
+        return height - slack - kSlackOfHeight * std::max(height, 0.0f);
+    };
     const auto tooLow = [&](Vec3f p, float least) {
         return !field.surelyOutside(p, -1e30f, least) && field.distance(p) < least;
     };
     std::size_t first = 1;
-    while (first < n && !tooLow(there(points[first]), wanted(first) - slack)) ++first;
+    while (first < n && !tooLow(there(points[first]), allowed(wanted(first)))) ++first;
     if (first == n) return false;
 
     scratch.resize(2 * n);
@@ -89,9 +97,10 @@ bool keepClearance(const ClearanceGoals& goals, std::span<const GuideWeight> gui
         bool pushed = false;
         for (std::size_t j = pass == 0 ? first : 1; j < n; ++j) {
             const float height = wanted(j);
-            if (field.surelyOutside(moved[j], -1e30f, height - slack)) continue;
+            const float least = allowed(height);
+            if (field.surelyOutside(moved[j], -1e30f, least)) continue;
             const DistanceSample sample = field.sample(moved[j]);
-            if (!(sample.distance < height - slack)) continue;
+            if (!(sample.distance < least)) continue;
             moved[j] += sample.gradient * (height - sample.distance);
             pushed = true;
         }

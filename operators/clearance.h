@@ -32,7 +32,7 @@ ClearanceSpace clearanceSpace(const ScalpPtr& scalp);
 
 /// How high guides are above the scalp, at kShares shares of their length: height[i] at
 /// i / (kShares - 1).
-inline constexpr std::size_t kClearanceShares = 9;
+inline constexpr std::size_t kClearanceShares = 32;
 struct ClearanceGoals {
     ClearanceSpace space;
     std::vector<std::array<float, kClearanceShares>> heights;  ///< [guides], cm, below 0 inside

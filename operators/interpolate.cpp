@@ -162,13 +162,22 @@ std::uint64_t strandPlacesHash(const StrandSet& strands, const ScalpMesh* mesh) 
     return h;
 }
 
+/// The point counts of 2 and more that occur, ascending.
+std::vector<std::size_t> pointCounts(const StrandSet& strands) {
+    std::set<std::size_t> counts;
+    std::size_t last = 0;
+    for (std::size_t s = 0; s < strands.strandCount(); ++s)
+        if (const std::size_t m = strands.pointCountOf(s); m >= 2 && m != last)
+            counts.insert(last = m);
+    return {counts.begin(), counts.end()};
+}
+
 /// The weights of a set of strands and what else hangs on the roots alone.
 struct RootData {
     WeightTable weights;
     std::vector<Vec3f> normals;         ///< [strands]
     std::vector<std::int32_t> regions;  ///< [strands], -1 for none; empty without a map
     std::shared_ptr<const GuideReach> reach;
-    std::vector<std::size_t> counts;  ///< the point counts of 2 and more that occur, ascending
 };
 
 /// One channel of the output that this node writes.
@@ -330,14 +339,15 @@ private:
         Run run{.strands = strands, .guides = guides, .settings = std::move(settings)};
         const ScalpPtr connected = inputs.mesh(2);
         const ScalpPtr mesh = connected ? connected : context.scalp();
-        run.rootData = rootData(context, inputs, *strands, guides, connected, mesh, cachedOnly);
+        std::vector<std::size_t> counts;
+        run.rootData =
+            rootData(context, inputs, *strands, guides, connected, mesh, cachedOnly, counts);
         if (!run.rootData) return run;
         run.channels = carriedChannels(*guides);
         std::vector<Vec3f> normals(guides->size());
         for (std::size_t g = 0; g < guides->size(); ++g)
             normals[g] = rootNormal(mesh.get(), guides->roots()[g], guides->pointsOf(g));
-        run.shapes =
-            shapeCache_.shapes(*guides, normals, run.rootData->counts, boolean("smoothGuides"));
+        run.shapes = shapeCache_.shapes(*guides, normals, counts, boolean("smoothGuides"));
         std::string details = "it does not keep clearance";
         if (boolean("keepClearance") && !run.settings.takeLength && connected)
             run.clearance =
@@ -440,7 +450,7 @@ private:
     std::shared_ptr<const RootData> rootData(const EvalContext& context, const NodeInputs& inputs,
                                              const StrandSet& strands, const GuidesPtr& guides,
                                              const ScalpPtr& connected, const ScalpPtr& mesh,
-                                             bool cachedOnly) {
+                                             bool cachedOnly, std::vector<std::size_t>& counts) {
         RootSource from{.strands = strands, .guides = *guides, .mesh = mesh.get()};
         from.settings = {.neighbors = whole("neighbors"),
                          .reach = float(number("reach")),
@@ -470,6 +480,9 @@ private:
             inputName != 0 && held.data && held.key == key && held.inputName == inputName;
         const std::uint64_t places =
             named ? held.placesHash : strandPlacesHash(strands, mesh.get());
+        // Roots may be as they were on strands of other point counts.
+        if (inputName == 0 || held.inputName != inputName) held.counts = pointCounts(strands);
+        counts = held.counts;
         const bool usable = held.data && held.key == key && held.placesHash == places;
         if (!usable && cachedOnly) return nullptr;
         if (!usable) {
@@ -525,13 +538,6 @@ private:
                 data->normals[s] = rootNormal(from.mesh, strands.roots()[s], points);
             }
         });
-        std::set<std::size_t> counts;
-        std::size_t last = 0;
-        for (std::size_t s = 0; s < count; ++s)
-            if (const std::size_t m = strands.pointCountOf(s); m >= 2 && m != last)
-                counts.insert(last = m);
-        data->counts.assign(counts.begin(), counts.end());
-
         std::vector<Vec3f> guidePositions(guides.size());
         for (std::size_t g = 0; g < guides.size(); ++g)
             guidePositions[g] = guides.pointsOf(g).front();
@@ -564,6 +570,7 @@ private:
         std::uint64_t reachKey = 0, key = 0;
         std::uint64_t placesHash = 0,
                       inputName = 0;  ///< of the strands: their roots; the graph's name
+        std::vector<std::size_t> counts;
         std::shared_ptr<const GuideReach> reach;
         std::shared_ptr<const RootData> data;
     };

@@ -25,10 +25,22 @@ StrandRoot randomRoot(const ScalpMesh& mesh, SplitMix& random) {
     return {triangle, 1.0f - a, a * (1.0f - b)};
 }
 
+/// A guide combed down the sphere: out of the skin, then along it.
+std::vector<Vec3f> combedGuide(const ScalpMesh& mesh, const StrandRoot& root) {
+    const Vec3f from = mesh.surfacePoint(root), normal = mesh.surfaceNormal(root);
+    const Vec3f down = normalized(Vec3f{0, -1, 0} + normal * normal.y);
+    std::vector<Vec3f> points;
+    for (int j = 0; j < 12; ++j) {
+        const float t = float(j) / 11.0f;
+        points.push_back(from + down * (6.0f * t * t) + normal * (1.5f * t * (2.0f - t)));
+    }
+    return points;
+}
+
 /// 2,000 guides of 12 points and 100,000 strands of 16 on a sphere of 200,000 triangles.
 struct Load {
     ScalpPtr scalp = std::make_shared<const ScalpMesh>(makeSphere(224, 448, 10.0f));
-    GuidesPtr guides;
+    GuidesPtr guides, combed;
     StrandsPtr strands;
     EvaluationData data;
     NodeInputs inputs;
@@ -42,6 +54,8 @@ struct Load {
                 {.id = g + 1, .root = root, .points = makeCurl(*scalp, root, 12, 8.0f, g)});
         }
         guides = std::make_shared<const GuideSet>(curves);
+        for (GuideCurve& curve : curves) curve.points = combedGuide(*scalp, curve.root);
+        combed = std::make_shared<const GuideSet>(curves);
         StrandSet set;
         set.allocateUniform(kStrands, kPoints);
         for (std::size_t s = 0; s < kStrands; ++s) {
@@ -181,16 +195,24 @@ void timeNode(benchmark::State& state) {
 }
 BENCHMARK(timeNode)->Name("interpolate/node")->UseRealTime();
 
-/// The same, lifting what would sink in: these guides curl every way, so that all strands are lower
-/// than their guides' mean somewhere.
+/// The same, lifting what would sink in: combed guides, and ones that curl every way, so that all
+/// strands are lower than their guides' mean somewhere.
 void timeClearance(benchmark::State& state) {
     Load& load = Load::get();
     const OperatorPtr op = load.node(true);
     const EvalContext context(load.data);
-    for (auto _ : state) benchmark::DoNotOptimize(op->evaluate(context, load.inputs));
+    NodeInputs inputs = load.inputs;
+    if (state.range(0) != 0) inputs.values[1] = load.combed;
+    StrandsPtr made = std::get<StrandsPtr>(op->evaluate(context, inputs));
+    for (auto _ : state) made = std::get<StrandsPtr>(op->evaluate(context, inputs));
     state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
 }
-BENCHMARK(timeClearance)->Name("interpolate/nodeKeepingClearance")->UseRealTime();
+BENCHMARK(timeClearance)
+    ->Name("interpolate/nodeKeepingClearance")
+    ->ArgName("combed")
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime();
 
 /// The first evaluation: fronts, weights, shapes and the blend.
 void timeFirst(benchmark::State& state) {

@@ -531,6 +531,22 @@ TEST(Interpolate, SaysWhyAScalpKeepsNoClearance) {
     EXPECT_EQ(interpolateDetails(*bump.op), "it does not keep clearance");
 }
 
+TEST(Interpolate, FollowsOtherPointCountsOnTheSameRoots) {
+    Salon salon(8);
+    salon.evaluate();
+    StrandSet finer;
+    for (std::size_t s = 0; s < salon.strands->strandCount(); ++s) {
+        std::vector<Vec3f> points(s % 3 == 0 ? 12 : 3 + s % 20);
+        resamplePolyline(salon.strands->pointsOf(s), points);
+        finer.addStrand(salon.strands->ids()[s], points, {}, salon.strands->roots()[s]);
+    }
+    salon.strands = std::make_shared<const StrandSet>(std::move(finer));
+    const StrandsPtr after = salon.evaluate();
+    Salon fresh(8);
+    fresh.strands = salon.strands;
+    EXPECT_EQ(after->contentHash(), fresh.evaluate()->contentHash());
+}
+
 TEST(Interpolate, KeepsItsCachesWhenAParamRebuildsIt) {
     Bump bump;
     const StrandsPtr made = bump.evaluate();

@@ -78,6 +78,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
+        if (!partError_.empty()) errors.push_back(partError_);
         guidesMoved = liveHierarchy_ != nullptr || activeHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
@@ -171,6 +172,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
         data_.hierarchy = liveHierarchy_ ? liveHierarchy_ : activeHierarchy();
         data_.flatGuides = document_.guides;
     }
+    data_.parts = partLines(data_.scalp);
     data_.maps = document_.maps;
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};

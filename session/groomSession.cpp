@@ -54,6 +54,7 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
             ++hierarchyRevision_;
         }
     }
+    readParts();
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -235,6 +236,29 @@ void GroomSession::setFramesPerSecond(double rate) {
 
 void GroomSession::setMaps(MapCatalogPtr maps) { document_.maps = std::move(maps); }
 
+void GroomSession::setPartsJson(const std::string& text) {
+    if (text == document_.parts) return;
+    document_.parts = text;
+    readParts();
+}
+
+void GroomSession::readParts() {
+    parts_ = {};
+    partError_.clear();
+    try {
+        parts_ = readPartData(document_.parts);
+    } catch (const std::exception& error) {
+        partError_ = std::string("partData: ") + error.what();
+    }
+}
+
+std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) {
+    if (parts_.lines.empty() || !scalp) return nullptr;
+    if (partLines_.scalp != scalp || partLines_.data != parts_)
+        partLines_ = {parts_, scalp, partLinesOn(parts_, scalp)};
+    return partLines_.lines;
+}
+
 void GroomSession::setControl(const std::string& name, float value) { document_.controls[name] = value; }
 
 void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
@@ -246,7 +270,7 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }

@@ -14,6 +14,7 @@
 #include "graph/graph.h"
 #include "io/groomFile.h"
 #include "model/guideHierarchy.h"
+#include "model/partData.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
 
@@ -81,6 +82,9 @@ public:
     void setFramesPerSecond(double rate);
     double framesPerSecond() const { return document_.framesPerSecond; }
     void setMaps(MapCatalogPtr maps);
+    /// The drawn parts as JSON; blank: none. A text that does not read stays in the document, and its
+    /// fault is shown on each evaluation.
+    void setPartsJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
@@ -138,6 +142,8 @@ private:
     void replaceHierarchy(std::shared_ptr<const GuideHierarchy> hierarchy);
 
     ScalpPtr assembled(const ScalpPtr& own);
+    void readParts();
+    std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -159,6 +165,14 @@ private:
     GuidesPtr restGuides_;
     std::shared_ptr<const GuideHierarchy> liveHierarchy_;
     bool stroking_ = false;
+
+    PartData parts_;
+    std::string partError_;
+    struct {
+        PartData data;
+        ScalpPtr scalp;
+        std::shared_ptr<const PartLines> lines;
+    } partLines_;
 
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();

@@ -79,7 +79,7 @@ def scalp_mask(directions: np.ndarray) -> np.ndarray:
     azimuth = np.abs(np.arctan2(d[:, 0], -d[:, 1]))  # 0 in front, pi behind
     line = np.interp(azimuth, [0.0, 0.5, 0.9, 1.25, 1.55, 1.9, 2.4, np.pi],
                      [0.58, 0.62, 0.50, 0.24, 0.22, -0.10, -0.34, -0.36])
-    ears = sum(_bump(d, (side, 0.10, -0.10), 0.24) for side in (1.0, -1.0))
+    ears = sum(_bump(d, (side, 0.10, -0.04), 0.34) for side in (1.0, -1.0))
     above = np.clip((d[:, 2] - line) / 0.09, 0.0, 1.0)
     return above * above * (3.0 - 2.0 * above) * np.clip(1.0 - 1.6 * ears, 0.0, 1.0)
 
