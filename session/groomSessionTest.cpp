@@ -321,26 +321,29 @@ TEST_F(GroomSessionTest, FailuresGoIntoTheListsInTheirOrder) {
     GroomFile file;
     file.graph = graphOf(1.0).dump();
     file.hierarchy = "{\"groups\": 5}";
+    file.parts = "[";
     file.framesPerSecond = 29.97;
     GroomSession broken(file);
     EXPECT_EQ(broken.framesPerSecond(), 30000.0 / 1001.0);
     broken.evaluate(kPreview);
     const EvaluationResult first = broken.result();
-    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), HasSubstr("scalp")));
+    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), StartsWith("partData: "), HasSubstr("scalp")));
     ASSERT_EQ(first.messages.size(), 2u);
     EXPECT_EQ(first.messages[0], (EvaluationMessage{first.errors[0], true}));
-    EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[1], true}));
+    EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[2], true}));
     EXPECT_FALSE(first.strands);
     EXPECT_EQ(first.serial, 0u);
     EXPECT_TRUE(broken.pendingException());
     EXPECT_EQ(broken.document().hierarchy, file.hierarchy) << "kept for the save";
-    EXPECT_THAT(broken.dataErrors(), ElementsAre(first.errors[0]));
+    EXPECT_EQ(broken.document().parts, file.parts);
+    EXPECT_THAT(broken.dataErrors(), ElementsAre(first.errors[0], first.errors[1]));
 
     broken.evaluate(kPreview);
     EXPECT_EQ(broken.result().errors, first.errors);
     EXPECT_EQ(broken.result().messages.size(), 1u) << "the text shows once, the node's each time";
 
     broken.setScalp(scalp);
+    broken.setPartsJson("");
     broken.setHierarchy(makeHierarchy(*scalp, {}));
     broken.evaluate(kPreview);
     EXPECT_THAT(broken.result().errors, IsEmpty());
