@@ -19,8 +19,7 @@ constexpr float kCellsPerSide = 192.0f;
 constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
 constexpr std::size_t kBlockCells = 8;
-constexpr int kSweepRounds = 2;
-constexpr std::size_t kFarStep = 4;
+constexpr std::size_t kFarStep = 2;
 constexpr std::size_t kKept = 4;
 /// A field's padding never grows past this share of the longest side: beyond the grid distances go
 /// on by the distance to its border.
@@ -134,15 +133,11 @@ std::string DistanceField::refusal(const ScalpMesh& mesh) {
     return why ? why : "";
 }
 
-/// The nodes while the field is made: the closest triangle known and its squared distance.
+/// The nodes while the field is made: the closest triangle where one is measured, or a guess at it.
 struct DistanceField::Build {
     const ScalpMesh& mesh;
-    const DistanceField& field;
+    DistanceField& field;
     std::vector<std::int32_t> triangles;
-    std::vector<float> distances;
-    std::vector<std::int8_t> signs;  ///< of the side: kExact times that where measured
-    static constexpr std::int8_t kExact = 2;
-    std::vector<Vec3f> closest;      ///< of the triangle, to this node or one that offered it
 
     Vec3f position(std::size_t x, std::size_t y, std::size_t z) const {
         return field.low_ + Vec3f{float(x), float(y), float(z)} * field.cell_;
@@ -210,111 +205,59 @@ struct DistanceField::Build {
         });
     }
 
-    /// Exact distance and side at every marked node, and at every kFarStep-th node of each axis: far
-    /// from the surface the regions of closest triangles are too narrow to be met by sweeps alone.
+    /// True for the coordinates that far nodes are measured at: every second one, and the last.
+    bool measuredAt(std::size_t coordinate, std::size_t axis) const {
+        return coordinate % kFarStep == 0 || coordinate + 1 == field.count_[axis];
+    }
+
+    /// The exact signed distance at every marked node, and at the far nodes between which `fill`
+    /// interpolates.
     void measure(const MeshSides& sides) {
         const auto& count = field.count_;
         parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row) {
                 const std::size_t y = row % count[1], z = row / count[1];
-                const bool far = y % kFarStep == 0 && z % kFarStep == 0;
+                const bool far = measuredAt(y, 1) && measuredAt(z, 2);
                 std::int32_t last = -1;
                 for (std::size_t x = 0; x < count[0]; ++x) {
                     const std::size_t n = row * count[0] + x;
                     const bool marked = triangles[n] >= 0;
-                    if (!marked && !(far && x % kFarStep == 0)) continue;
+                    if (!marked && !(far && measuredAt(x, 0))) continue;
                     const Vec3f p = position(x, y, z);
                     SurfaceHit hit;
-                    if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance,
-                                              marked ? triangles[n] : last, hit))
+                    if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, marked ? triangles[n] : last, hit))
                         triangles[n] = hit.triangle;
                     if (triangles[n] < 0) continue;
                     last = triangles[n];
                     const TrianglePoint at = closestOn(mesh, triangles[n], p);
-                    closest[n] = at.point;
-                    distances[n] = lengthSquared(p - at.point);
-                    signs[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -kExact : kExact;
+                    const float d = length(p - at.point);
+                    field.values_[n] = sides.side(triangles[n], at, p).sign < 0.0f ? -d : d;
                 }
             }
         });
     }
 
-    /// Takes over the neighbour's triangle at node n where the neighbour's closest point is nearer
-    /// than the node's own.
-    void offer(std::size_t from, std::size_t n, Vec3f p) {
-        if (triangles[from] < 0 || triangles[from] == triangles[n] || std::abs(signs[n]) == kExact)
-            return;
-        const float d = lengthSquared(p - closest[from]);
-        if (!(d < distances[n])) return;
-        distances[n] = d;
-        closest[n] = closest[from];
-        triangles[n] = triangles[from];
-        signs[n] = signs[from] < 0 ? -1 : 1;  // no surface lies on the way to an unmeasured node
-    }
-
-    /// Between sweeps: every unmeasured node's own closest point of its triangle.
-    void settle() {
+    /// The nodes left over, each the mean of the measured ones next to it along its odd axes: trilinear.
+    void fill() {
         const auto& count = field.count_;
+        const std::size_t stride[3] = {1, count[0], count[0] * count[1]};
         parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row)
                 for (std::size_t x = 0; x < count[0]; ++x) {
                     const std::size_t n = row * count[0] + x;
-                    if (std::abs(signs[n]) == kExact || triangles[n] < 0) continue;
-                    const Vec3f p = position(x, row % count[1], row / count[1]);
-                    closest[n] = closestOn(mesh, triangles[n], p).point;
-                    distances[n] = lengthSquared(p - closest[n]);
-                }
-        });
-    }
-
-    /// Offers every node of the row (toY, toZ) what the nearest three of another row hold: regions
-    /// of far triangles are too narrow to be met along the axes alone.
-    void offerRow(std::size_t fromY, std::size_t fromZ, std::size_t toY, std::size_t toZ) {
-        const std::size_t from = field.node(0, fromY, fromZ), to = field.node(0, toY, toZ);
-        const std::size_t n = field.count_[0];
-        for (std::size_t x = 0; x < n; ++x) {
-            const Vec3f p = position(x, toY, toZ);
-            offer(from + x, to + x, p);
-            if (x > 0) offer(from + x - 1, to + x, p);
-            if (x + 1 < n) offer(from + x + 1, to + x, p);
-        }
-    }
-
-    void sweep() {
-        const auto& count = field.count_;
-        parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
-            for (std::size_t row = b; row < e; ++row) {
-                const std::size_t y = row % count[1], z = row / count[1], n = row * count[0];
-                for (std::size_t x = 1; x < count[0]; ++x)
-                    offer(n + x - 1, n + x, position(x, y, z));
-                for (std::size_t x = count[0] - 1; x-- > 0;)
-                    offer(n + x + 1, n + x, position(x, y, z));
-            }
-        });
-        parallelRange(0, count[2], 1, [&](std::size_t b, std::size_t e) {
-            for (std::size_t z = b; z < e; ++z) {
-                for (std::size_t y = 1; y < count[1]; ++y) offerRow(y - 1, z, y, z);
-                for (std::size_t y = count[1] - 1; y-- > 0;) offerRow(y + 1, z, y, z);
-            }
-        });
-        parallelRange(0, count[1], 1, [&](std::size_t b, std::size_t e) {
-            for (std::size_t y = b; y < e; ++y) {
-                for (std::size_t z = 1; z < count[2]; ++z) offerRow(y, z - 1, y, z);
-                for (std::size_t z = count[2] - 1; z-- > 0;) offerRow(y, z + 1, y, z);
-            }
-        });
-    }
-
-    /// An open mesh has no inside that reaches far: each node judges by its own closest point.
-    void judgeSides(const MeshSides& sides) {
-        const auto& count = field.count_;
-        parallelRange(0, count[1] * count[2], 16, [&](std::size_t b, std::size_t e) {
-            for (std::size_t row = b; row < e; ++row)
-                for (std::size_t x = 0; x < count[0]; ++x) {
-                    const std::size_t n = row * count[0] + x;
-                    const Vec3f p = position(x, row % count[1], row / count[1]);
-                    signs[n] = std::int8_t(
-                        sides.side(triangles[n], closestOn(mesh, triangles[n], p), p).sign);
+                    if (triangles[n] >= 0) continue;
+                    const std::size_t at[3] = {x, row % count[1], row / count[1]};
+                    std::size_t odd[3], axes = 0;
+                    for (std::size_t axis = 0; axis < 3; ++axis)
+                        if (!measuredAt(at[axis], axis)) odd[axes++] = stride[axis];
+                    float sum = 0.0f;
+                    for (std::size_t corner = 0; corner < std::size_t(1) << axes; ++corner) {
+                        std::size_t from = n;
+                        for (std::size_t k = 0; k < axes; ++k)
+                            from = corner >> k & 1 ? from + odd[k] : from - odd[k];
+                        sum += field.values_[from];
+                    }
+                    field.values_[n] = sum / float(std::size_t(1) << axes);
                 }
         });
     }
@@ -334,23 +277,12 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
 
     const MeshSides sides(mesh);
     mesh.prepareQueries();
-    Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1),
-                std::vector<float>(nodes, std::numeric_limits<float>::infinity()),
-                std::vector<std::int8_t>(nodes, 1), std::vector<Vec3f>(nodes)};
+    values_.resize(nodes);
+    Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1)};
     build.seed();
     for (int axis = 0; axis < 3; ++axis) build.widen(axis);
     build.measure(sides);
-    for (int round = 0; round < kSweepRounds; ++round) {
-        build.sweep();
-        build.settle();
-    }
-    if (!sides.closed()) build.judgeSides(sides);
-
-    values_ = std::move(build.distances);
-    parallelRange(0, nodes, kChunkElements, [&](std::size_t b, std::size_t e) {
-        for (std::size_t n = b; n < e; ++n)
-            values_[n] = build.signs[n] < 0 ? -std::sqrt(values_[n]) : std::sqrt(values_[n]);
-    });
+    build.fill();
 
     for (std::size_t axis = 0; axis < 3; ++axis)
         blocks_[axis] = (count_[axis] - 1 + kBlockCells - 1) / kBlockCells;

@@ -40,13 +40,12 @@ private:
 /// The signed distance to a mesh on a grid of cubic cells round it, made once and read many times.
 ///
 /// Cells are half the mean edge long, at least a 192nd of the longest side. At nodes within two
-/// cells of the surface, and at every fourth one all over, distances are exact; the others are to the
-/// triangle that their neighbours found closest. Between nodes they are interpolated (trilinear); outside the grid the distance to
-/// the grid's border is added to the value there.
+/// cells of the surface, and at every second one all over, distances are exact; the others, and all
+/// between nodes, are interpolated (trilinear). Outside the grid the distance to the grid's border is
+/// added to the value there.
 /// Threads: the build is parallel and gives the same bits for any thread count; immutable after,
 ///          any thread may read it.
-/// Source:  the sweeps are those of Danielsson, "Euclidean distance mapping", CGIP 14(3), 1980, with
-///          triangles in place of points.
+/// Cost:    the far nodes are where a build spends its time: an eighth of them is measured.
 class DistanceField {
 public:
     /// Why a mesh cannot have one: "its scalp has no size", "its scalp is too big for the clearance
