@@ -321,26 +321,29 @@ TEST_F(GroomSessionTest, FailuresGoIntoTheListsInTheirOrder) {
     GroomFile file;
     file.graph = graphOf(1.0).dump();
     file.hierarchy = "{\"groups\": 5}";
+    file.parts = "[";
     file.framesPerSecond = 29.97;
     GroomSession broken(file);
     EXPECT_EQ(broken.framesPerSecond(), 30000.0 / 1001.0);
     broken.evaluate(kPreview);
     const EvaluationResult first = broken.result();
-    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), HasSubstr("scalp")));
+    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), StartsWith("partData: "), HasSubstr("scalp")));
     ASSERT_EQ(first.messages.size(), 2u);
     EXPECT_EQ(first.messages[0], (EvaluationMessage{first.errors[0], true}));
-    EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[1], true}));
+    EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[2], true}));
     EXPECT_FALSE(first.strands);
     EXPECT_EQ(first.serial, 0u);
     EXPECT_TRUE(broken.pendingException());
     EXPECT_EQ(broken.document().hierarchy, file.hierarchy) << "kept for the save";
-    EXPECT_THAT(broken.dataErrors(), ElementsAre(first.errors[0]));
+    EXPECT_EQ(broken.document().parts, file.parts);
+    EXPECT_THAT(broken.dataErrors(), ElementsAre(first.errors[0], first.errors[1]));
 
     broken.evaluate(kPreview);
     EXPECT_EQ(broken.result().errors, first.errors);
     EXPECT_EQ(broken.result().messages.size(), 1u) << "the text shows once, the node's each time";
 
     broken.setScalp(scalp);
+    broken.setPartsJson("");
     broken.setHierarchy(makeHierarchy(*scalp, {}));
     broken.evaluate(kPreview);
     EXPECT_THAT(broken.result().errors, IsEmpty());
@@ -732,6 +735,61 @@ TEST_F(GroomSessionTest, ADetachedEvaluationStartsOnlyWhereItCan) {
     EXPECT_THAT(errorOf([&] { groom.adoptDetached(behind); }), HasSubstr("noise"));
     groom.setGraphJson("");
     EXPECT_FALSE(groom.startDetachedEvaluation(kPreview));
+}
+
+// ---- what else nodes read ------------------------------------------------------------------------
+
+TEST_F(GroomSessionTest, ControlsAndCollidersReachTheNodesThatReadThem) {
+    json graph = json::parse(groom.document().graph);
+    graph["nodes"].push_back({{"name", "knob"}, {"type", "Control"}, {"params", {{"name", "wave"}, {"default", 0.5}}}});
+    graph["nodes"].push_back({{"name", "hat"}, {"type", "ColliderMesh"}, {"params", {{"name", "hat"}}}});
+    graph["nodes"].push_back({{"name", "collide"}, {"type", "Collide"}});
+    for (json& node : graph["nodes"])
+        if (node["name"] == "noise") node["paramInputs"] = {{"amplitude", {{"from", "knob"}, {"scale", 1}}}};
+    for (json& c : graph["connections"])
+        if (c["to"] == "output") c["from"] = "collide";
+    graph["connections"].push_back({{"from", "resample"}, {"to", "collide"}, {"input", "strands"}});
+    graph["connections"].push_back({{"from", "hat"}, {"to", "collide"}, {"input", "collider"}});
+    groom.setGraphJson(graph.dump());
+    groom.evaluate(kPreview);
+    EXPECT_THAT(groom.result().errors,
+                ElementsAre(HasSubstr("ColliderMesh: no collider named 'hat' on this groom")));
+    groom.setCollider("hat", std::make_shared<const ScalpMesh>(makeIcosphere(3, 12.0f)));
+    groom.evaluate(kPreview);
+    ASSERT_THAT(groom.result().errors, IsEmpty());
+    const StrandsPtr first = groom.result().strands;
+    groom.setControl("wave", 0.0f);
+    groom.evaluate(kPreview);
+    EXPECT_FALSE(groom.result().strands == first);
+    groom.setControl("wave", 0.5f);  // what the node says without one
+    groom.evaluate(kPreview);
+    EXPECT_EQ(contentOf(groom), first->contentHash());
+    groom.setControl("other", 3.0f);
+    EXPECT_EQ(evaluatedBy(groom), 0u) << "no one reads it";
+    groom.setCollider("hat", nullptr);
+    groom.evaluate(kPreview);
+    EXPECT_EQ(groom.result().errors.size(), 1u);
+}
+
+TEST_F(GroomSessionTest, RemembersTheScalpOfTheNewest49Frames) {
+    EvaluateOptions options = kPreview;
+    for (int frame = 0; frame < 60; ++frame) {
+        options.seconds = frame / 24.0;
+        groom.updateScalpPoints(shifted(scalp->points(), {float(frame), 0, 0}), std::nullopt);
+        groom.evaluate(options);
+    }
+    const auto history = groom.evaluationData().scalpHistory;
+    ASSERT_EQ(history->entries.size(), 49u);
+    EXPECT_EQ(history->entries.front().frame, 11);
+    EXPECT_EQ(history->entries.back().frame, 59);
+    EXPECT_EQ(history->entries.back().mesh, groom.scalp());
+    groom.evaluate(options);
+    EXPECT_EQ(groom.evaluationData().scalpHistory, history) << "the same frame, the same scalp";
+    groom.setScalp(scalp);
+    groom.evaluate(options);
+    EXPECT_EQ(groom.evaluationData().scalpHistory->entries.size(), 49u);
+    EXPECT_EQ(groom.evaluationData().scalpHistory->entries.back().mesh, scalp);
+    EXPECT_EQ(history->entries.back().mesh == scalp, false) << "published histories do not change";
 }
 
 // ---- more than one session, and reports ----------------------------------------------------------

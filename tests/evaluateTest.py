@@ -443,3 +443,18 @@ class EvaluateTest(unittest.TestCase):
         self.assertEqual(session.node_status()["errors"], answer["errors"])
         stats = session.stats()
         self.assertEqual((stats["view"], stats["strands"], stats["guides"]), ("output", 0, 40))
+
+    def test_time_reaches_expressions_and_going_back_is_free(self):
+        session = self.head()
+        session.set_param("noise", "amplitude", {"expression": "0.01 * frame + time"})
+        seen = {}
+        for frame in (0, 10, 0, 10):
+            session.set_time(frame=frame)
+            answer = session.evaluate()
+            self.assertEqual(answer["seconds"], frame / 24)
+            if frame in seen:
+                self.assertEqual(answer["nodesEvaluated"], 0)
+                self.assertEqual(bits(answer), seen[frame])
+            seen[frame] = bits(answer)
+        self.assertNotEqual(seen[0]["positions"], seen[10]["positions"])
+        self.assertEqual(seen[0]["ids"], seen[10]["ids"])
