@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 
@@ -51,6 +52,7 @@ struct Float4 {
     static Float4 load(const float* p) { return _mm_load_ps(p); }
     static Float4 loadUnaligned(const float* p) { return _mm_loadu_ps(p); }
     void store(float* p) const { _mm_store_ps(p, lanes); }
+    static constexpr std::size_t kLanes = 4;
     friend Float4 operator+(Float4 a, Float4 b) { return _mm_add_ps(a.lanes, b.lanes); }
     friend Float4 operator-(Float4 a, Float4 b) { return _mm_sub_ps(a.lanes, b.lanes); }
     friend Float4 operator*(Float4 a, Float4 b) { return _mm_mul_ps(a.lanes, b.lanes); }
@@ -63,6 +65,7 @@ struct Float4 {
     friend Float4 lower(Float4 a, Float4 b) { return _mm_min_ps(a.lanes, b.lanes); }
     /// a > b ? a : b, so b where either is NaN.
     friend Float4 upper(Float4 a, Float4 b) { return _mm_max_ps(a.lanes, b.lanes); }
+    friend Float4 squareRoot(Float4 a) { return _mm_sqrt_ps(a.lanes); }
     friend Float4 select(Mask4 m, Float4 a, Float4 b) {
         return _mm_or_ps(_mm_and_ps(m.bits, a.lanes), _mm_andnot_ps(m.bits, b.lanes));
     }
@@ -79,6 +82,7 @@ struct Float4 {
     void store(float* p) const {
         for (int i = 0; i < 4; ++i) p[i] = lanes[i];
     }
+    static constexpr std::size_t kLanes = 4;
     template <class F>
     static Float4 each(Float4 a, Float4 b, F f) {
         for (int i = 0; i < 4; ++i) a.lanes[i] = f(a.lanes[i], b.lanes[i]);
@@ -120,6 +124,9 @@ struct Float4 {
     friend Float4 upper(Float4 a, Float4 b) {
         return each(a, b, [](float x, float y) { return x > y ? x : y; });
     }
+    friend Float4 squareRoot(Float4 a) {
+        return each(a, a, [](float x, float) { return std::sqrt(x); });
+    }
     friend Float4 select(Mask4 m, Float4 a, Float4 b) {
         for (int i = 0; i < 4; ++i) a.lanes[i] = m.bits[i] ? a.lanes[i] : b.lanes[i];
         return a;
@@ -134,6 +141,36 @@ inline Float4 spread(Float4 a) {
     return _mm_shuffle_ps(a.lanes, a.lanes, _MM_SHUFFLE(i, i, i, i));
 #else
     return Float4(a.lanes[i]);
+#endif
+}
+
+/// Four arrays side by side: lane l of out[k] is from[l][k]; four elements of each are read.
+inline void loadAcross(const float* const* from, Float4* out) {
+#if CORVELLE_SSE2
+    __m128 r0 = _mm_loadu_ps(from[0]), r1 = _mm_loadu_ps(from[1]);
+    __m128 r2 = _mm_loadu_ps(from[2]), r3 = _mm_loadu_ps(from[3]);
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    out[0] = r0;
+    out[1] = r1;
+    out[2] = r2;
+    out[3] = r3;
+#else
+    for (int l = 0; l < 4; ++l)
+        for (int k = 0; k < 4; ++k) out[k].lanes[l] = from[l][k];
+#endif
+}
+/// The way back: to[l][k] is lane l of in[k].
+inline void storeAcross(const Float4* in, float* const* to) {
+#if CORVELLE_SSE2
+    __m128 r0 = in[0].lanes, r1 = in[1].lanes, r2 = in[2].lanes, r3 = in[3].lanes;
+    _MM_TRANSPOSE4_PS(r0, r1, r2, r3);
+    _mm_storeu_ps(to[0], r0);
+    _mm_storeu_ps(to[1], r1);
+    _mm_storeu_ps(to[2], r2);
+    _mm_storeu_ps(to[3], r3);
+#else
+    for (int l = 0; l < 4; ++l)
+        for (int k = 0; k < 4; ++k) to[l][k] = in[k].lanes[l];
 #endif
 }
 
@@ -171,5 +208,7 @@ inline void prefetch(const T* object) {
 inline float lower(float a, float b) { return a < b ? a : b; }
 inline float upper(float a, float b) { return a > b ? a : b; }
 inline float select(bool m, float a, float b) { return m ? a : b; }
+inline float squareRoot(float a) { return std::sqrt(a); }
+inline int laneBits(bool m) { return int(m); }
 
 }  // namespace corvelle

@@ -274,7 +274,9 @@ private:
         std::array<std::size_t, StrandPick::kBatch> starts;
         std::vector<float> strengths(batchOffsets(in, strands, starts));
         tipStrength->samplePoints(in, strands, strengths);
-        std::vector<float> shares(in.maxPointsPerStrand());
+        std::size_t most = 0;
+        for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
+        std::vector<float> shares(most);
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const std::size_t count = in.pointCountOf(s);

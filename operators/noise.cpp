@@ -167,8 +167,10 @@ public:
         std::array<std::size_t, StrandPick::kBatch> starts;
         const bool perPoint = amplitude->perPoint();
         const std::size_t total = batchOffsets(in, strands, starts);
-        std::vector<float> amplitudes(perPoint ? total : 0), scratch(2 * in.maxPointsPerStrand());
-        std::vector<Vec3f> offsets(in.maxPointsPerStrand());
+        std::size_t most = 0;  // of this batch: the set's own would be a walk over all strands a batch
+        for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
+        std::vector<float> amplitudes(perPoint ? total : 0), scratch(2 * most);
+        std::vector<Vec3f> offsets(most);
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
         if (perPoint)
             amplitude->samplePoints(in, strands, amplitudes);

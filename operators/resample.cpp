@@ -4,6 +4,7 @@
 #include <numbers>
 
 #include "operators/nodeFactories.h"
+#include "operators/splineResample.h"
 #include "operators/strandLoop.h"
 #include "operators/strandSpline.h"
 
@@ -69,7 +70,7 @@ public:
     void params(const StrandSpline& spline, std::span<float> out) {
         if (mode_ != Mode::Curvature) return spline.evenParams(out);
         measure(spline);
-        const float length = spline.length(), turning = turn_.back();
+        const float length = places_.back().length, turning = turn_.back();
         if (!(length > 0.0f) || !(turning > 0.0f)) return spline.evenParams(out);
         // Evenly along a measure of turning and length: dense where the strand bends, never empty.
         const auto measureAt = [&](std::size_t k) {
@@ -89,21 +90,23 @@ public:
     }
 
 private:
+    static constexpr std::size_t kPieces = 4;  ///< that a span between two points is walked in
     struct Place {
         float param = 0.0f, length = 0.0f;
     };
 
-    /// Walks the spline in fine steps and adds up how far its direction turns.
+    /// Walks the spline in fine steps and adds up how far it goes and its direction turns.
     void measure(const StrandSpline& spline) {
-        const std::size_t steps = (spline.pointCount() - 1) * std::size_t(StrandSpline::kPieces);
+        const std::size_t steps = (spline.pointCount() - 1) * kPieces;
         places_.resize(steps + 1);
         turn_.assign(steps + 1, 0.0f);
         Vec3f from = spline.at(0.0f), before;
         for (std::size_t k = 0; k <= steps; ++k) {
-            const float param = float(k) / float(StrandSpline::kPieces);
-            places_[k] = {param, spline.lengthAt(param)};
+            const float param = float(k) / float(kPieces);
+            places_[k] = {param, 0.0f};
             if (k == 0) continue;
             const Vec3f to = spline.at(param);
+            places_[k].length = places_[k - 1].length + distance(from, to);
             const Vec3f direction = normalized(to - from);
             const bool turns = lengthSquared(before) > 0.0f && lengthSquared(direction) > 0.0f;
             turn_[k] = turn_[k - 1] + (turns ? std::acos(std::clamp(dot(before, direction), -1.0f, 1.0f)) : 0.0f);
@@ -120,11 +123,7 @@ private:
 };
 
 /// One channel to carry to the new points.
-struct PointArray {
-    std::span<const float> from;
-    std::span<float> to;
-    bool discrete = false;
-};
+using PointArray = SplineJob::Array;
 
 class Resample final : public Operator {
 public:
@@ -253,10 +252,10 @@ private:
 
     static std::vector<PointArray> openArrays(const StrandSet& in, StrandSet& out) {
         std::vector<PointArray> arrays;
-        arrays.push_back({in.widths(), out.mutableWidths(), false});
+        arrays.push_back({in.widths().data(), out.mutableWidths().data(), false});
         for (const auto& [key, channel] : in.pointChannels()) {
-            arrays.push_back(
-                {channel.values.span(), out.mutablePointChannel(key, channel.defaultValue), channel.discrete});
+            arrays.push_back({channel.values.span().data(),
+                              out.mutablePointChannel(key, channel.defaultValue).data(), channel.discrete});
             out.setPointChannelDiscrete(key, channel.discrete);
         }
         return arrays;
@@ -265,34 +264,60 @@ private:
     void run(const StrandSet& in, StrandSet& out, std::span<const PointArray> arrays, Mode mode,
              const StrandPick& pick) const {
         const std::span<Vec3f> points = out.mutablePoints();
-        const auto outOffsets = out.offsets();
-        const auto inOffsets = in.offsets();
+        if (points.empty()) return;
+        const SplineJob job{.from = in.points().empty() ? nullptr : &in.points()[0].x,
+                            .to = &points[0].x,
+                            .fromOffsets = in.offsets().data(),
+                            .toOffsets = out.offsets().data(),
+                            .arrays = arrays.data(),
+                            .arrayCount = arrays.size()};
+        const Placer places = placer(mode);
         pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
-            Placer places = placer(mode);
-            StrandSpline spline;
-            std::vector<float> params;
+            std::array<std::uint32_t, StrandPick::kBatch> curves;  // what has two points or more
+            std::size_t count = 0;
             for (const std::uint32_t s : batch) {
-                const auto from = in.pointsOf(s);
-                const std::size_t count = std::size_t(outOffsets[s + 1] - outOffsets[s]);
-                Vec3f* to = points.data() + outOffsets[s];
-                params.assign(count, 0.0f);
-                if (from.size() >= 2) {
-                    spline.build(from);
-                    places.params(spline, params);
-                    to[0] = from.front();
-                    for (std::size_t j = 1; j + 1 < count; ++j) to[j] = spline.at(params[j]);
-                    to[count - 1] = from.back();
-                } else {
-                    std::fill_n(to, count, from.empty() ? Vec3f{} : from.front());
-                }
-                for (const PointArray& array : arrays) {
-                    const auto values = array.from.subspan(inOffsets[s], from.size());
-                    float* values_out = array.to.data() + outOffsets[s];
-                    for (std::size_t j = 0; j < count; ++j)
-                        values_out[j] = values.empty() ? 0.0f : valueAt(values, params[j], array.discrete);
-                }
+                if (in.pointCountOf(s) >= 2)
+                    curves[count++] = s;
+                else
+                    spreadPoint(in, s, job);
             }
+            const std::span<const std::uint32_t> list(curves.data(), count);
+            if (mode == Mode::Curvature)
+                placeByCurvature(in, list, job, places);
+            else
+                SplineResampler().run(job, list);
         });
+    }
+
+    /// A strand of one point, or of none, has it at all its new points.
+    static void spreadPoint(const StrandSet& in, std::uint32_t s, const SplineJob& job) {
+        const std::size_t from = job.fromOffsets[s], to = job.toOffsets[s], count = job.toOffsets[s + 1] - to;
+        const bool any = in.pointCountOf(s) > 0;
+        for (std::size_t j = 3 * to; j < 3 * (to + count); ++j) job.to[j] = any ? job.from[3 * from + j % 3] : 0.0f;
+        for (const PointArray& array : std::span(job.arrays, job.arrayCount))
+            std::fill_n(array.to + to, count, any ? array.from[from] : 0.0f);
+    }
+
+    static void placeByCurvature(const StrandSet& in, std::span<const std::uint32_t> strands, const SplineJob& job,
+                                 Placer places) {
+        StrandSpline spline;
+        std::vector<float> params;
+        for (const std::uint32_t s : strands) {
+            const auto from = in.pointsOf(s);
+            params.resize(job.toOffsets[s + 1] - job.toOffsets[s]);
+            spline.build(from);
+            places.params(spline, params);
+            float* to = job.to + 3 * job.toOffsets[s];
+            for (const float param : params) {
+                const Vec3f p = spline.at(param);
+                for (int axis = 0; axis < 3; ++axis) *to++ = p[axis];
+            }
+            for (const PointArray& array : std::span(job.arrays, job.arrayCount)) {
+                const std::span<const float> values(array.from + job.fromOffsets[s], from.size());
+                float* value = array.to + job.toOffsets[s];
+                for (const float param : params) *value++ = valueAt(values, param, array.discrete);
+            }
+        }
     }
 };
 

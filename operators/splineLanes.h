@@ -1,0 +1,249 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "operators/splineResample.h"
+
+// The kernels of splines, over F: one strand (float) or several side by side (Float4, Float8). Each
+// lane does the same correctly rounded operations whatever F is, so a strand's bits depend neither on
+// F nor on its neighbours. A source that compiles them for a wider instruction set defines
+// CORVELLE_LANES_TARGET first; nothing of the standard library is used here, lest code for that set
+// gets into functions shared with other sources.
+#ifndef CORVELLE_LANES_TARGET
+#define CORVELLE_LANES_TARGET
+#endif
+
+namespace corvelle {
+
+namespace {  // a copy of its own for every source: each has its own target
+
+/// The span from point a to the next: a + t (b + t (c + t d)), t from 0 to 1. `start` is the arc
+/// length before it. The share u of the span's own length is reached at t = u (1 + bias - bias u).
+template <class F>
+struct SplineSpan {
+    F b[3], c[3], d[3];
+    F start, perLength, bias;
+};
+
+template <class F>
+CORVELLE_LANES_TARGET inline F lengthAcross(const F v[3]) {
+    return squareRoot(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+}
+
+/// Centripetal Catmull-Rom (Yuksel, Schaefer, Keyser 2009; knots are the roots k of the chords).
+/// The slope at a joint of chords p, q with lengths k^2, l^2 is (p l^2 + q k^2) / (k l (k + l)): one
+/// division; times k it is the tangent of the span before, times l that of the span after. The ends,
+/// and joints of an empty or boundless chord, take the chord. The length of a span is that of its two
+/// halves, its middle lying at (a + a')/2 + (m0 - m1)/8; their ratio sets `bias` so that t follows the
+/// length to second order. points [3 n] flat, n >= 2; spans [n - 1]. Returns the arc length.
+template <class F>
+CORVELLE_LANES_TARGET inline F measureSpans(const F* points, std::size_t n, SplineSpan<F>* spans) {
+    const F zero(0.0f), one(1.0f), two(2.0f), half(0.5f), eighth(0.125f);
+    const F least(1e-30f), most(1e30f);
+    F chord[3], leaving[3];
+    for (int x = 0; x < 3; ++x) leaving[x] = chord[x] = points[3 + x] - points[x];
+    F chordLength = lengthAcross(chord), knot = squareRoot(chordLength);
+    F total = zero;
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        SplineSpan<F>& span = spans[i];
+        F after[3], reaching[3], leavingAfter[3];
+        F afterLength = chordLength, afterKnot = knot;
+        if (i + 2 < n) {
+            const F* const p = points + 3 * i;
+            for (int x = 0; x < 3; ++x) after[x] = p[6 + x] - p[3 + x];
+            afterLength = lengthAcross(after);
+            afterKnot = squareRoot(afterLength);
+            const F product = knot * afterKnot * (knot + afterKnot);
+            const auto usable = (product > least) & (product < most);
+            const F over = one / product;
+            const F before = over * knot, behind = over * afterKnot;
+            for (int x = 0; x < 3; ++x) {
+                const F slope = chord[x] * afterLength + after[x] * chordLength;
+                reaching[x] = select(usable, slope * before, chord[x]);
+                leavingAfter[x] = select(usable, slope * behind, after[x]);
+            }
+        } else {
+            for (int x = 0; x < 3; ++x) leavingAfter[x] = after[x] = reaching[x] = chord[x];
+        }
+        F first[3], second[3];
+        for (int x = 0; x < 3; ++x) {
+            const F d = leaving[x] + reaching[x] - two * chord[x];
+            span.b[x] = leaving[x];
+            span.c[x] = chord[x] - leaving[x] - d;
+            span.d[x] = d;
+            const F bulge = (leaving[x] - reaching[x]) * eighth, middle = chord[x] * half;
+            first[x] = middle + bulge;
+            second[x] = middle - bulge;
+        }
+        const F firstLength = lengthAcross(first);
+        const F length = firstLength + lengthAcross(second);
+        const F perLength = select(length > zero, one / length, zero);
+        const F bias = two - F(4.0f) * (firstLength * perLength);
+        span.start = total;
+        span.perLength = perLength;
+        span.bias = lower(upper(bias, F(-1.0f)), one);
+        total = total + length;
+        for (int x = 0; x < 3; ++x) {
+            chord[x] = after[x];
+            leaving[x] = leavingAfter[x];
+        }
+        chordLength = afterLength;
+        knot = afterKnot;
+    }
+    // A strand of no length, or of none that is a number, is read by index.
+    const auto measured = (total > zero) & (total < F(3e38f));
+    if (laneBits(measured) != laneBits(zero < one)) {
+        for (std::size_t i = 0; i + 1 < n; ++i) {
+            spans[i].start = select(measured, spans[i].start, F(float(i)));
+            spans[i].perLength = select(measured, spans[i].perLength, one);
+            spans[i].bias = select(measured, spans[i].bias, zero);
+        }
+        total = select(measured, total, F(float(n - 1)));
+    }
+    return total;
+}
+
+/// The place t in a span of an arc length from the root.
+template <class F>
+CORVELLE_LANES_TARGET inline F placeIn(const SplineSpan<F>& span, F arc) {
+    const F u = (arc - span.start) * span.perLength;
+    return u * (F(1.0f) + span.bias - span.bias * u);
+}
+
+/// Component x of the point at t of the span that begins at a.
+template <class F>
+CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x, F t) {
+    return a + t * (span.b[x] + t * (span.c[x] + t * span.d[x]));
+}
+
+/// `count` floats of each of F::kLanes arrays, side by side.
+template <class F>
+CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::size_t count, F* out) {
+    const float* at[F::kLanes];
+    for (std::size_t k = 0; k < count; k += 4) {
+        if (k + 4 > count) {
+            if (count < 4) {
+                alignas(F) float lanes[F::kLanes];
+                for (; k < count; ++k) {
+                    for (std::size_t l = 0; l < F::kLanes; ++l) lanes[l] = from[l][k];
+                    out[k] = F::load(lanes);
+                }
+                return;
+            }
+            k = count - 4;  // once more with some of the last ones
+        }
+        for (std::size_t l = 0; l < F::kLanes; ++l) at[l] = from[l] + k;
+        loadAcross(at, out + k);
+    }
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void scatterLanes(const F* in, std::size_t count, float* const* to) {
+    float* at[F::kLanes];
+    for (std::size_t k = 0; k < count; k += 4) {
+        if (k + 4 > count) {
+            if (count < 4) {
+                alignas(F) float lanes[F::kLanes];
+                for (; k < count; ++k) {
+                    in[k].store(lanes);
+                    for (std::size_t l = 0; l < F::kLanes; ++l) to[l][k] = lanes[l];
+                }
+                return;
+            }
+            k = count - 4;
+        }
+        for (std::size_t l = 0; l < F::kLanes; ++l) at[l] = to[l] + k;
+        storeAcross(in + k, at);
+    }
+}
+
+/// Floats of scratch per lane.
+inline std::size_t laneScratch(std::size_t n, std::size_t m, std::size_t arrays) {
+    return 3 * (n + m) + 12 * (n - 1) + arrays * (n + m);
+}
+
+/// F::kLanes strands of n points each to m points each. `scratch` is aligned for F.
+template <class F>
+CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std::uint32_t* strands, std::size_t n,
+                                                 std::size_t m, float* scratch) {
+    constexpr std::size_t kLanes = F::kLanes;
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const out = points + 3 * n;
+    F* const values = out + 3 * m;
+    F* const valuesOut = values + job.arrayCount * n;
+    auto* const spans = reinterpret_cast<SplineSpan<F>*>(valuesOut + job.arrayCount * m);
+
+    const float* from[kLanes];
+    float* to[kLanes];
+    for (std::size_t l = 0; l < kLanes; ++l) from[l] = job.from + 3 * job.fromOffsets[strands[l]];
+    gatherLanes(from, 3 * n, points);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) {
+        for (std::size_t l = 0; l < kLanes; ++l) from[l] = job.arrays[a].from + job.fromOffsets[strands[l]];
+        gatherLanes(from, n, values + a * n);
+    }
+
+    const F total = measureSpans(points, n, spans);
+    const std::size_t last = m - 1;
+    const F step = total * F(1.0f / float(last));
+    const int all = laneBits(F(0.0f) < F(1.0f));
+    for (int x = 0; x < 3; ++x) {
+        out[x] = points[x];
+        out[3 * last + x] = points[3 * (n - 1) + x];
+    }
+    for (std::size_t a = 0; a < job.arrayCount; ++a) {
+        valuesOut[a * m] = values[a * n];
+        valuesOut[a * m + last] = values[a * n + n - 1];
+    }
+    // Spans and new points walk on together. A point is written for all lanes by every span that one
+    // of the lanes has it in, and kept by the lanes that have left it behind: what stays is from its
+    // own span, or from none before it. The last span takes what rounding leaves over.
+    std::size_t begin = 1;
+    for (std::size_t i = 0; i + 1 < n && begin < last; ++i) {
+        const SplineSpan<F>& span = spans[i];
+        const bool final = i + 2 == n;
+        const F start = span.start, end = final ? start : spans[i + 1].start;
+        for (std::size_t j = begin; j < last; ++j) {
+            const F arc = step * F(float(j));
+            const int in = final ? all : laneBits(arc < end);
+            if (in == 0) break;
+            if (in == all) begin = j + 1;
+            const auto kept = arc < start;
+            const F t = placeIn(span, arc);
+            for (int x = 0; x < 3; ++x)
+                out[3 * j + x] = select(kept, out[3 * j + x], componentAt(span, points[3 * i + x], x, t));
+            for (std::size_t a = 0; a < job.arrayCount; ++a) {
+                const F v0 = values[a * n + i], v1 = values[a * n + i + 1];
+                F& value = valuesOut[a * m + j];
+                const F mixed = job.arrays[a].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
+                value = select(kept, value, mixed);
+            }
+        }
+    }
+
+    for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.to + 3 * job.toOffsets[strands[l]];
+    scatterLanes(out, 3 * m, to);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) {
+        for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.arrays[a].to + job.toOffsets[strands[l]];
+        scatterLanes(valuesOut + a * m, m, to);
+    }
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std::uint32_t* strands, std::size_t count,
+                                                std::size_t n, std::size_t m, float* scratch) {
+    std::uint32_t group[F::kLanes];
+    for (std::size_t k = 0; k < count; k += F::kLanes) {
+        if (k + F::kLanes <= count) {
+            resampleAcross<F>(job, strands + k, n, m, scratch);
+            continue;
+        }
+        for (std::size_t l = 0; l < F::kLanes; ++l)  // a last strand fills up the lanes left over
+            group[l] = strands[k + l < count ? k + l : count - 1];
+        resampleAcross<F>(job, group, n, m, scratch);
+    }
+}
+
+}  // namespace
+
+}  // namespace corvelle
