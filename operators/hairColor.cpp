@@ -122,8 +122,8 @@ ParamSpec scale(const char* name, const char* description) {
 
 std::vector<ParamSpec> makeParams() {
     std::vector<ParamSpec> params = {
-        level("melanin", kDefaultMelanin, "Pigment, 0 (blond, white) to 1 (black) (mappable)"),
-        level("redness", kDefaultRedness, "Pigment redness, 0 (brown) to 1 (red) (mappable)"),
+        level("melanin", 0.35, "Pigment, 0 (blond, white) to 1 (black) (mappable)"),
+        level("redness", 0.2, "Pigment redness, 0 (brown) to 1 (red) (mappable)"),
         {.name = "dye",
          .defaultValue = Vec3f{1.0f, 1.0f, 1.0f},
          .description = "Tint over the pigment, linear RGB (white: none); the hair shader's dye",
