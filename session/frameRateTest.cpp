@@ -1,9 +1,9 @@
-#include "session/frameRate.h"
+#include <cmath>
+#include <limits>
 
 #include <gtest/gtest.h>
 
-#include <cmath>
-#include <limits>
+#include "session/frameRate.h"
 
 namespace corvelle {
 namespace {
@@ -29,7 +29,8 @@ TEST(FrameRate, HoldsNtscRatesExactlyAndLeavesOthers) {
                  {std::nan(""), 24}};
     for (const auto& c : cases) {
         EXPECT_DOUBLE_EQ(effectiveRate(c.given), c.held) << c.given;
-        EXPECT_EQ(effectiveRate(effectiveRate(c.given)), effectiveRate(c.given)) << "settled at once";
+        EXPECT_EQ(effectiveRate(effectiveRate(c.given)), effectiveRate(c.given))
+            << "settled at once";
     }
 }
 

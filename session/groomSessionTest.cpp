@@ -1,18 +1,17 @@
-#include "session/groomSession.h"
-
-#include <gmock/gmock.h>
-
 #include <cmath>
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include "graph/graphError.h"
 #include "graph/graphJson.h"
 #include "model/testing/guides.h"
 #include "model/testing/meshes.h"
 #include "session/detachedEvaluation.h"
+#include "session/groomSession.h"
 
 namespace corvelle {
 namespace {
@@ -38,7 +37,8 @@ std::vector<Vec3f> shifted(std::span<const Vec3f> points, Vec3f by) {
 }
 
 /// Guides all over the mesh, along its normals; guide `bent` leans aside.
-GuidesPtr makeGuides(const ScalpMesh& scalp, std::size_t count, std::size_t bent = 0, float by = 0.0f) {
+GuidesPtr makeGuides(const ScalpMesh& scalp, std::size_t count, std::size_t bent = 0,
+                     float by = 0.0f) {
     std::vector<GuideCurve> curves(count);
     for (std::size_t g = 0; g < count; ++g) {
         curves[g].id = g + 1;
@@ -67,11 +67,13 @@ std::string chainOf(const std::vector<std::string>& names, double density) {
     for (const json& node : graph["nodes"])
         if (std::ranges::count(names, node["name"].get<std::string>())) nodes.push_back(node);
     for (std::size_t i = 1; i < names.size(); ++i)
-        connections.push_back({{"from", names[i - 1]}, {"to", names[i]}, {"input", i == 1 ? "scalp" : "strands"}});
+        connections.push_back(
+            {{"from", names[i - 1]}, {"to", names[i]}, {"input", i == 1 ? "scalp" : "strands"}});
     return json{{"nodes", nodes}, {"connections", connections}, {"output", names.back()}}.dump();
 }
 
-void setParam(GroomSession& groom, const std::string& node, const std::string& param, const json& value) {
+void setParam(GroomSession& groom, const std::string& node, const std::string& param,
+              const json& value) {
     json graph = json::parse(groom.document().graph);
     for (json& n : graph["nodes"])
         if (n["name"] == node) n["params"][param] = value;
@@ -100,7 +102,8 @@ std::uint64_t contentOf(const GroomSession& groom) {
 
 class GroomSessionTest : public testing::Test {
 protected:
-    explicit GroomSessionTest(double density = 1.0, bool withRest = false) : scalp(sphere(withRest)) {
+    explicit GroomSessionTest(double density = 1.0, bool withRest = false)
+        : scalp(sphere(withRest)) {
         groom.setScalp(scalp);
         groom.setGuides(makeGuides(*scalp, 40));
         groom.setGraphJson(graphOf(density).dump());
@@ -111,7 +114,8 @@ protected:
     GroomSession groom;
 };
 
-// ---- setters -------------------------------------------------------------------------------------
+// ---- setters
+// -------------------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, EqualDataChangesNothing) {
     groom.setHierarchy(makeHierarchy(*scalp, {}));
@@ -160,12 +164,14 @@ TEST_F(GroomSessionTest, AnyDatumOfTheScalpThatDiffersReplacesIt) {
     differs("polygons", [&](ScalpMesh& m) {
         m.setPolygons(std::vector<std::int32_t>(scalp->triangles().size(), 1));
     });
-    EXPECT_EQ(errorOf([&] { groom.updateScalpPoints(std::vector<Vec3f>(3), std::nullopt); }),
-              "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
-    EXPECT_EQ(errorOf([&] {
-                  groom.updateScalpPoints(shifted(scalp->points(), {1, 0, 0}), std::vector<Vec3f>(3));
-              }),
-              "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
+    EXPECT_EQ(
+        errorOf([&] { groom.updateScalpPoints(std::vector<Vec3f>(3), std::nullopt); }),
+        "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
+    EXPECT_EQ(
+        errorOf([&] {
+            groom.updateScalpPoints(shifted(scalp->points(), {1, 0, 0}), std::vector<Vec3f>(3));
+        }),
+        "updateScalpPoints: 3 points for a scalp of " + std::to_string(scalp->points().size()));
     EXPECT_EQ(groom.scalp(), scalp);
     GroomSession bare;
     EXPECT_EQ(errorOf([&] { bare.updateScalpPoints({}, std::nullopt); }),
@@ -183,7 +189,8 @@ TEST_F(GroomSessionTest, AGraphThatDoesNotReadLeavesTheOldOne) {
         {"5", "graph JSON must be an object"},
         {R"({"version": 99})", "graph version 99 is newer than this Corvelle supports"},
         {R"({"nodes": []})", "graph JSON has no 'output' node"},
-        {R"({"nodes": [{"name": "a", "type": "Beard"}], "output": "a"})", "unknown operator type 'Beard'"},
+        {R"({"nodes": [{"name": "a", "type": "Beard"}], "output": "a"})",
+         "unknown operator type 'Beard'"},
         {deep, "graph: nested deeper than 512 levels"},
     };
     for (const auto& [bad, message] : cases) {
@@ -202,7 +209,8 @@ TEST_F(GroomSessionTest, AGraphThatDoesNotReadLeavesTheOldOne) {
     }
 }
 
-// ---- serials and changes -------------------------------------------------------------------------
+// ---- serials and changes
+// -------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, ChangesNameEveryStrandThatDiffers) {
     groom.evaluate(kPreview);
@@ -217,12 +225,15 @@ TEST_F(GroomSessionTest, ChangesNameEveryStrandThatDiffers) {
         EXPECT_EQ(now.serial, before.serial + 1);
         EXPECT_EQ(now.changesBase, before.serial);
         ASSERT_TRUE(now.changes && !now.changes->all);
-        const std::set<std::uint32_t> named(now.changes->strands.begin(), now.changes->strands.end());
+        const std::set<std::uint32_t> named(now.changes->strands.begin(),
+                                            now.changes->strands.end());
         EXPECT_FALSE(named.empty());
         EXPECT_LT(named.size(), now.strands->strandCount()) << "too wide to prove anything";
         for (std::uint32_t s = 0; s < now.strands->strandCount(); ++s)
             if (!named.contains(s)) {
-                EXPECT_TRUE(std::ranges::equal(now.strands->pointsOf(s), before.strands->pointsOf(s))) << s;
+                EXPECT_TRUE(
+                    std::ranges::equal(now.strands->pointsOf(s), before.strands->pointsOf(s)))
+                    << s;
             }
 
         GroomSession fresh;
@@ -272,7 +283,8 @@ TEST_F(GroomSessionTest, ARenamedNodeKeepsEverything) {
     EXPECT_EQ(groom.result().serial, serial);
 }
 
-// ---- what is shown -------------------------------------------------------------------------------
+// ---- what is shown
+// -------------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, AViewNodeIsShownWhenItGivesStrands) {
     const auto view = [&](const std::string& name) {
@@ -297,7 +309,8 @@ TEST_F(GroomSessionTest, AViewNodeIsShownWhenItGivesStrands) {
 TEST_F(GroomSessionTest, BoundsHoldStrandsAndHierarchy) {
     groom.setHierarchy([&] {
         GuideHierarchy far;
-        far.addGuide(far.addGroup("g", 0), {0, 0.3f, 0.3f}, {{0, 10, 0}, {0, 99, 0}}, 0, scalp.get());
+        far.addGuide(far.addGroup("g", 0), {0, 0.3f, 0.3f}, {{0, 10, 0}, {0, 99, 0}}, 0,
+                     scalp.get());
         return far;
     }());
     groom.evaluate({.preview = true, .computeBounds = false});
@@ -315,7 +328,8 @@ TEST_F(GroomSessionTest, BoundsHoldStrandsAndHierarchy) {
     EXPECT_FALSE(groom.result().hasBounds);
 }
 
-// ---- failures ------------------------------------------------------------------------------------
+// ---- failures
+// ------------------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, FailuresGoIntoTheListsInTheirOrder) {
     GroomFile file;
@@ -327,7 +341,8 @@ TEST_F(GroomSessionTest, FailuresGoIntoTheListsInTheirOrder) {
     EXPECT_EQ(broken.framesPerSecond(), 30000.0 / 1001.0);
     broken.evaluate(kPreview);
     const EvaluationResult first = broken.result();
-    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), StartsWith("partData: "), HasSubstr("scalp")));
+    EXPECT_THAT(first.errors, ElementsAre(StartsWith("guideData: "), StartsWith("partData: "),
+                                          HasSubstr("scalp")));
     ASSERT_EQ(first.messages.size(), 2u);
     EXPECT_EQ(first.messages[0], (EvaluationMessage{first.errors[0], true}));
     EXPECT_EQ(first.messages[1], (EvaluationMessage{first.errors[2], true}));
@@ -386,7 +401,8 @@ TEST_F(GroomSessionTest, PointsThatAreNoNumbersAreFoundAndTheirMakerNamed) {
     EXPECT_TRUE(groom.result().hasBounds);
 }
 
-// ---- following -----------------------------------------------------------------------------------
+// ---- following
+// -----------------------------------------------------------------------------------
 
 class FollowingTest : public GroomSessionTest {
 protected:
@@ -462,7 +478,8 @@ TEST_F(FollowingTest, AScalpWithoutARestPoseIsToldOnce) {
     groom.setScalp(sphere(false));
     groom.updateScalpPoints(shifted(scalp->points(), {1, 0, 0}), std::nullopt);
     const EvaluationMessage told{
-        "followScalp: the scalp has no rest pose (give the groom a rest mesh); the groom evaluates on the "
+        "followScalp: the scalp has no rest pose (give the groom a rest mesh); the groom evaluates "
+        "on the "
         "scalp as it is",
         false};
     groom.evaluate(kPreview);
@@ -480,7 +497,8 @@ TEST_F(FollowingTest, AScalpWithoutARestPoseIsToldOnce) {
     EXPECT_THAT(groom.result().messages, ElementsAre(told)) << "a new loss is told again";
 }
 
-// ---- the hierarchy's pose ------------------------------------------------------------------------
+// ---- the hierarchy's pose
+// ------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, TheHierarchyRidesFromItsBindPoseAndComesHomeBitForBit) {
     groom.setHierarchy(makeHierarchy(*scalp, {.seed = 4}));
@@ -492,8 +510,8 @@ TEST_F(GroomSessionTest, TheHierarchyRidesFromItsBindPoseAndComesHomeBitForBit) 
     EXPECT_EQ(guidesToJson(*groom.hierarchy()), home) << "the document did not move";
     for (std::size_t g = 0; g < active->size(); ++g)
         for (std::size_t i = 0; i < active->guides()[g]->points.size(); ++i)
-            EXPECT_LT(length(active->guides()[g]->points[i] - groom.hierarchy()->guides()[g]->points[i] -
-                             Vec3f{0, 6, 0}),
+            EXPECT_LT(length(active->guides()[g]->points[i] -
+                             groom.hierarchy()->guides()[g]->points[i] - Vec3f{0, 6, 0}),
                       2e-3f);
     groom.evaluate(kPreview);
     const std::uint64_t revision = groom.result().guideRevision;
@@ -522,9 +540,12 @@ TEST_F(GroomSessionTest, WithRestPointsTheHierarchyIsInTheRestPose) {
     groom.updateScalpPoints({scalp->points().begin(), scalp->points().end()}, rest);
     EXPECT_TRUE(std::ranges::equal(groom.hierarchyPose()->points(), rest));
     for (std::size_t g = 0; g < before->size(); ++g) {
-        EXPECT_LT(length(groom.hierarchy()->guides()[g]->points[1] - before->guides()[g]->points[1] - Vec3f{0, 0, 8}),
+        EXPECT_LT(length(groom.hierarchy()->guides()[g]->points[1] -
+                         before->guides()[g]->points[1] - Vec3f{0, 0, 8}),
                   2e-3f);
-        EXPECT_LT(length(groom.activeHierarchy()->guides()[g]->points[1] - before->guides()[g]->points[1]), 4e-3f);
+        EXPECT_LT(length(groom.activeHierarchy()->guides()[g]->points[1] -
+                         before->guides()[g]->points[1]),
+                  4e-3f);
     }
 }
 
@@ -546,7 +567,8 @@ TEST_F(GroomSessionTest, OtherTrianglesRootTheHierarchyAgainAndSaySoOnce) {
         }
     }
     const EvaluationMessage told{
-        "the scalp's vertex order or triangles differ from the groom's: strands are rooted again by position",
+        "the scalp's vertex order or triangles differ from the groom's: strands are rooted again "
+        "by position",
         false};
     // A detached evaluation in between does not swallow what is to be told.
     ASSERT_TRUE(groom.startDetachedEvaluation(kPreview));
@@ -570,7 +592,8 @@ TEST_F(GroomSessionTest, ANonEmptyFlatListWinsAndTheHierarchyStepsIn) {
     EXPECT_EQ(contentOf(groom), flat);
 }
 
-// ---- several scalps ------------------------------------------------------------------------------
+// ---- several scalps
+// ------------------------------------------------------------------------------
 
 TEST(SeveralScalps, AreOneMeshOwnFirst) {
     GroomFile file;
@@ -601,22 +624,25 @@ TEST(SeveralScalps, AreOneMeshOwnFirst) {
     }
     setParam(groom, "scalp", "input", "tail");
     groom.evaluate(kPreview);
-    EXPECT_THAT(groom.result().errors,
-                ElementsAre(HasSubstr("Scalp: no scalp named 'tail' on this groom: nothing to grow on")));
+    EXPECT_THAT(
+        groom.result().errors,
+        ElementsAre(HasSubstr("Scalp: no scalp named 'tail' on this groom: nothing to grow on")));
 
     // Both poses of a following groom are assembled once, not anew each frame.
     setParam(groom, "scalp", "input", "scalp");
     groom.setFollowScalp(true);
     groom.updateScalpPoints(shifted(file.scalp->points(), {1, 0, 0}), std::nullopt);
     groom.evaluate(kPreview);
-    const ScalpPtr rest = groom.evaluationData().scalp, current = groom.evaluationData().currentScalp;
+    const ScalpPtr rest = groom.evaluationData().scalp,
+                   current = groom.evaluationData().currentScalp;
     EXPECT_NE(rest, current);
     groom.evaluate(kPreview);
     EXPECT_EQ(groom.evaluationData().scalp, rest);
     EXPECT_EQ(groom.evaluationData().currentScalp, current);
 }
 
-// ---- strokes -------------------------------------------------------------------------------------
+// ---- strokes
+// -------------------------------------------------------------------------------------
 
 class DenseTest : public GroomSessionTest {  // enough strands for a preview to thin
 protected:
@@ -635,7 +661,8 @@ TEST_F(DenseTest, AStrokeThinsAGraphOfItsOwn) {
     const StrandsPtr thin = groom.result().strands;
     EXPECT_NE(groom.lastGraph(), groom.graph());
     EXPECT_EQ(groom.result().density, 0.5f);
-    EXPECT_NEAR(double(thin->strandCount()), 0.5 * double(full->strandCount()), 0.02 * double(full->strandCount()));
+    EXPECT_NEAR(double(thin->strandCount()), 0.5 * double(full->strandCount()),
+                0.02 * double(full->strandCount()));
     const std::set<std::uint64_t> ids(full->ids().begin(), full->ids().end());
     for (const std::uint64_t id : thin->ids()) EXPECT_TRUE(ids.contains(id));
     EXPECT_GT(groom.result().serial, 1u);
@@ -673,7 +700,8 @@ TEST_F(DenseTest, RenderIsFullWhateverThePreviewWas) {
     EXPECT_GT(groom.result().serial, preview.serial + 1);
 }
 
-// ---- detached evaluations ------------------------------------------------------------------------
+// ---- detached evaluations
+// ------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, ADetachedEvaluationGivesWhatTheSessionWould) {
     const auto detached = groom.startDetachedEvaluation(kPreview);
@@ -737,15 +765,19 @@ TEST_F(GroomSessionTest, ADetachedEvaluationStartsOnlyWhereItCan) {
     EXPECT_FALSE(groom.startDetachedEvaluation(kPreview));
 }
 
-// ---- what else nodes read ------------------------------------------------------------------------
+// ---- what else nodes read
+// ------------------------------------------------------------------------
 
 TEST_F(GroomSessionTest, ControlsAndCollidersReachTheNodesThatReadThem) {
     json graph = json::parse(groom.document().graph);
-    graph["nodes"].push_back({{"name", "knob"}, {"type", "Control"}, {"params", {{"name", "wave"}, {"default", 0.5}}}});
-    graph["nodes"].push_back({{"name", "hat"}, {"type", "ColliderMesh"}, {"params", {{"name", "hat"}}}});
+    graph["nodes"].push_back(
+        {{"name", "knob"}, {"type", "Control"}, {"params", {{"name", "wave"}, {"default", 0.5}}}});
+    graph["nodes"].push_back(
+        {{"name", "hat"}, {"type", "ColliderMesh"}, {"params", {{"name", "hat"}}}});
     graph["nodes"].push_back({{"name", "collide"}, {"type", "Collide"}});
     for (json& node : graph["nodes"])
-        if (node["name"] == "noise") node["paramInputs"] = {{"amplitude", {{"from", "knob"}, {"scale", 1}}}};
+        if (node["name"] == "noise")
+            node["paramInputs"] = {{"amplitude", {{"from", "knob"}, {"scale", 1}}}};
     for (json& c : graph["connections"])
         if (c["to"] == "output") c["from"] = "collide";
     graph["connections"].push_back({{"from", "resample"}, {"to", "collide"}, {"input", "strands"}});
@@ -792,7 +824,8 @@ TEST_F(GroomSessionTest, RemembersTheScalpOfTheNewest49Frames) {
     EXPECT_EQ(history->entries.back().mesh == scalp, false) << "published histories do not change";
 }
 
-// ---- more than one session, and reports ----------------------------------------------------------
+// ---- more than one session, and reports
+// ----------------------------------------------------------
 
 TEST_F(GroomSessionTest, TwoSessionsDoNotTouchEachOther) {
     GroomSession other;
@@ -819,7 +852,8 @@ TEST_F(GroomSessionTest, TwoSessionsDoNotTouchEachOther) {
 TEST_F(GroomSessionTest, StatsAndLookTellWhatIsThere) {
     GroomSession empty;
     const json none = empty.stats();
-    for (const char* count : {"strands", "points", "guides", "hairColor", "renderData", "colorNodes", "frames"})
+    for (const char* count :
+         {"strands", "points", "guides", "hairColor", "renderData", "colorNodes", "frames"})
         EXPECT_EQ(none.at(count), 0) << count;
     EXPECT_EQ(none.at("view"), "");
     const json bare = empty.hairLook();

@@ -1,13 +1,12 @@
-#include "session/scalpFollow.h"
+#include <cmath>
 
 #include <gtest/gtest.h>
-
-#include <cmath>
 
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
+#include "session/scalpFollow.h"
 
 namespace corvelle {
 namespace {
@@ -23,7 +22,10 @@ Vec3f turnedAboutY(Vec3f p) { return {0.6f * p.x + 0.8f * p.z, p.y, -0.8f * p.x 
 class ScalpFollowTest : public testing::TestWithParam<std::uint64_t> {
 protected:
     ScalpFollowTest() {
-        StrandSet set = makeTuft({.strands = 900, .pointsPerStrand = 6, .seed = GetParam(), .uneven = true,
+        StrandSet set = makeTuft({.strands = 900,
+                                  .pointsPerStrand = 6,
+                                  .seed = GetParam(),
+                                  .uneven = true,
                                   .triangles = int(rest->triangles().size())});
         const char* names[] = {"vaneNormalX", "vaneNormalY", "vaneNormalZ"};
         for (int axis = 0; axis < 3; ++axis) {
@@ -42,9 +44,11 @@ protected:
 INSTANTIATE_TEST_SUITE_P(Seeds, ScalpFollowTest, testing::Range<std::uint64_t>(0, 5));
 
 TEST_P(ScalpFollowTest, AnUnmovedScalpKeepsEveryBit) {
-    const StrandsPtr out = deformToScalp(strands, *rest, *rest->withPoints({rest->points().begin(), rest->points().end()}));
+    const StrandsPtr out = deformToScalp(
+        strands, *rest, *rest->withPoints({rest->points().begin(), rest->points().end()}));
     EXPECT_EQ(out->contentHash(), strands->contentHash());
-    EXPECT_TRUE(out->sharesWidths(*strands) && out->sharesIds(*strands) && out->sharesOffsets(*strands));
+    EXPECT_TRUE(out->sharesWidths(*strands) && out->sharesIds(*strands) &&
+                out->sharesOffsets(*strands));
     EXPECT_EQ(deformToScalp(nullptr, *rest, *rest), nullptr);
     const auto none = std::make_shared<const StrandSet>();
     EXPECT_EQ(deformToScalp(none, *rest, *rest), none);
@@ -73,7 +77,8 @@ TEST_P(ScalpFollowTest, ARigidMotionMovesTheHairRigidly) {
 
 TEST_P(ScalpFollowTest, ThereAndBackIsWhereItWas) {
     const ScalpPtr now = rest->withPoints(jitteredPoints(*rest, 0.8f, GetParam()));
-    const StrandsPtr there = deformToScalp(strands, *rest, *now), back = deformToScalp(there, *now, *rest);
+    const StrandsPtr there = deformToScalp(strands, *rest, *now),
+                     back = deformToScalp(there, *now, *rest);
     float moved = 0.0f, off = 0.0f;
     for (std::size_t i = 0; i < strands->pointCount(); ++i) {
         moved = std::max(moved, length(there->points()[i] - strands->points()[i]));
@@ -106,8 +111,10 @@ TEST_P(ScalpFollowTest, KeepsTheFourNewestDeformations) {
         scalps.push_back(rest->withPoints(jitteredPoints(*rest, 0.3f, i)));
         results.push_back(follow.deformed(strands, scalps.back()));
     }
-    for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(follow.deformed(strands, scalps[i]), results[i]) << i;
-    follow.deformed(strands, rest->withPoints(jitteredPoints(*rest, 0.3f, 9)));  // the oldest goes: 0
+    for (std::size_t i = 0; i < 4; ++i)
+        EXPECT_EQ(follow.deformed(strands, scalps[i]), results[i]) << i;
+    follow.deformed(strands,
+                    rest->withPoints(jitteredPoints(*rest, 0.3f, 9)));  // the oldest goes: 0
     EXPECT_EQ(follow.deformed(strands, scalps[1]), results[1]);
     EXPECT_NE(follow.deformed(strands, scalps[0]), results[0]);
     follow.following = false;

@@ -1,13 +1,12 @@
-#include "session/sceneSpace.h"
-
-#include <gmock/gmock.h>
-
 #include <cmath>
 #include <functional>
 #include <limits>
 #include <stdexcept>
 
+#include <gmock/gmock.h>
+
 #include "model/hash.h"
+#include "session/sceneSpace.h"
 
 namespace corvelle {
 namespace {
@@ -23,11 +22,13 @@ std::string errorOf(const std::string& upAxis, double metersPerUnit) {
 
 TEST(SceneSpace, RefusesWhatIsNoSpace) {
     EXPECT_EQ(errorOf("X", 1.0), "space.upAxis is \"Y\" or \"Z\", not \"X\"");
-    EXPECT_EQ(errorOf("z", -1.0), "space.upAxis is \"Y\" or \"Z\", not \"z\"") << "the axis comes first";
+    EXPECT_EQ(errorOf("z", -1.0), "space.upAxis is \"Y\" or \"Z\", not \"z\"")
+        << "the axis comes first";
     for (const double scale : {0.0, -0.0, -1.0, 1e6 * 1.0000001, 1e300, std::nan(""),
                                std::numeric_limits<double>::infinity()})
         EXPECT_EQ(errorOf("Y", scale), "space.metersPerUnit must be above 0") << scale;
-    for (const double scale : {1e6, 1e-300, 0.01}) EXPECT_EQ(errorOf("Z", scale), "no error") << scale;
+    for (const double scale : {1e6, 1e-300, 0.01})
+        EXPECT_EQ(errorOf("Z", scale), "no error") << scale;
 }
 
 TEST(SceneSpace, TurnsZUpMetresIntoYUpCentimetres) {

@@ -389,6 +389,44 @@ class EvaluateTest(unittest.TestCase):
             self.assertEqual(bits(fresh.evaluate(attributes="all")), bits(now))
         self.assertGreater(incremental, 20)
 
+    def test_random_moves_and_edits_while_following_give_the_bits_of_a_fresh_session(self):
+        rng = random.Random(3)
+        mesh = demo_head.make_head(16, 24)
+        curves, counts = demo_guides.head_guides(20, 6)
+        graph = graph_of(self.helper.default_graph())
+        graph["nodes"][2]["params"]["density"] = 2
+
+        def following(points, curves):
+            session = self.helper.new_session()
+            self.addCleanup(session.close)
+            session.set_options(followScalp=True)
+            session.set_scalp(points, mesh.faceCounts, mesh.faceIndices, uvs=mesh.uvs, restPoints=mesh.points)
+            session.set_guides(curves, counts, ids=np.arange(1, 21), pose="rest")
+            session.set_graph(graph)
+            return session
+
+        points, incremental = mesh.points, 0
+        session = following(points, curves)
+        for _ in range(16):
+            pick = rng.randrange(4)
+            if pick < 2:  # the scalp moves
+                wave = np.sin(mesh.points * rng.uniform(5, 20) + rng.random())
+                points = (mesh.points + 0.02 * wave).astype("<f4")
+            elif pick == 2:  # back to rest
+                points = mesh.points
+            session.update_scalp(points)
+            if pick > 0:
+                guide = 6 * rng.randrange(20)
+                curves[guide : guide + 6] += np.linspace(0, 0.02, 6, dtype=np.float32)[:, None]
+                session.set_guides(curves, counts, ids=np.arange(1, 21), pose="rest")
+            now = session.evaluate(bounds=True, attributes="all")
+            self.assertEqual((now["errors"], now["following"]), ([], points is not mesh.points))
+            incremental += now["nodesIncremental"]
+            fresh = following(points, curves).evaluate(bounds=True, attributes="all")
+            self.assertEqual(bits(fresh), bits(now))
+            self.assertEqual(fresh["bounds"], now["bounds"])
+        self.assertGreater(incremental, 50)
+
     def test_random_edits_of_params_and_scalp_give_the_bits_of_a_fresh_session(self):
         rng = random.Random(12)
         session = self.head()

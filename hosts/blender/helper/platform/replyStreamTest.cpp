@@ -1,6 +1,7 @@
 #include "hosts/blender/helper/platform/replyStream.h"
 
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -32,6 +33,7 @@ template <class Body>
 Outputs inChild(bool withOut, bool withErr, const Body& body) {
     std::array<int, 2> out{}, err{};
     EXPECT_EQ(pipe(out.data()) | pipe(err.data()), 0);
+    std::fflush(nullptr);  // what is buffered is the parent's to write, not the child's
     const pid_t child = fork();
     if (child == 0) {
         withOut ? dup2(out[1], STDOUT_FILENO) : close(STDOUT_FILENO);
