@@ -1,13 +1,13 @@
 #include "model/guideHierarchy.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <stdexcept>
 
 #include "model/guideEdit.h"
 #include "model/guideFollow.h"
 #include "model/hash.h"
+#include "model/soleOwner.h"
 
 namespace corvelle {
 namespace {
@@ -60,11 +60,8 @@ const GuideIndex& GuideHierarchy::index() const {
 GuideIndex& GuideHierarchy::writableIndex() {
     if (!index_) {
         index_ = std::make_shared<GuideIndex>();
-    } else if (index_.use_count() != 1) {
+    } else if (!isSoleOwner(index_)) {
         index_ = std::make_shared<GuideIndex>(*index_);
-    } else {
-        // The last other owner may have let go on another thread: see all that it read done.
-        std::atomic_thread_fence(std::memory_order_acquire);
     }
     return *index_;
 }

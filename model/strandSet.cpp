@@ -44,11 +44,14 @@ std::vector<std::string> namesOf(const StrandSet::Channels& channels) {
 }
 
 std::span<float> writableChannel(StrandSet::Channels& channels, std::string_view name,
-                                 float defaultValue, std::size_t count, std::mutex& lock) {
+                                 float defaultValue, std::size_t count, bool overwrite,
+                                 std::mutex& lock) {
     const auto it = channels.find(name);
-    if (it != channels.end()) return it->second.values.writable(lock);
+    if (it != channels.end())
+        return overwrite ? it->second.values.reset(count, defaultValue, true, lock)
+                         : it->second.values.writable(lock);
     Channel channel{.defaultValue = defaultValue};
-    channel.values.reset(count, defaultValue, false, lock);
+    channel.values.reset(count, defaultValue, overwrite, lock);
     return channels.emplace(std::string(name), std::move(channel))
         .first->second.values.writable(lock);
 }
@@ -447,10 +450,16 @@ std::vector<std::string> StrandSet::strandChannelNames() const { return namesOf(
 std::vector<std::string> StrandSet::pointChannelNames() const { return namesOf(pointChannels_); }
 
 std::span<float> StrandSet::mutableStrandChannel(std::string_view name, float defaultValue) {
-    return writableChannel(strandChannels_, name, defaultValue, strandCount(), arrayLock_);
+    return writableChannel(strandChannels_, name, defaultValue, strandCount(), false, arrayLock_);
 }
 std::span<float> StrandSet::mutablePointChannel(std::string_view name, float defaultValue) {
-    return writableChannel(pointChannels_, name, defaultValue, pointCount(), arrayLock_);
+    return writableChannel(pointChannels_, name, defaultValue, pointCount(), false, arrayLock_);
+}
+std::span<float> StrandSet::overwriteStrandChannel(std::string_view name, float defaultValue) {
+    return writableChannel(strandChannels_, name, defaultValue, strandCount(), true, arrayLock_);
+}
+std::span<float> StrandSet::overwritePointChannel(std::string_view name, float defaultValue) {
+    return writableChannel(pointChannels_, name, defaultValue, pointCount(), true, arrayLock_);
 }
 void StrandSet::setStrandChannelDiscrete(std::string_view name, bool discrete) {
     setDiscrete(strandChannels_, name, discrete);

@@ -135,6 +135,9 @@ public:
     /// Made writable; a new channel is created filled with `defaultValue`.
     std::span<float> mutableStrandChannel(std::string_view name, float defaultValue);
     std::span<float> mutablePointChannel(std::string_view name, float defaultValue);
+    /// For a caller that writes all of it: neither copied nor filled, contents are stale.
+    std::span<float> overwriteStrandChannel(std::string_view name, float defaultValue);
+    std::span<float> overwritePointChannel(std::string_view name, float defaultValue);
     /// Marks a channel of ids or flags; no effect when there is no such channel.
     void setStrandChannelDiscrete(std::string_view name, bool discrete = true);
     void setPointChannelDiscrete(std::string_view name, bool discrete = true);

@@ -19,11 +19,8 @@ bool pushed(float d, const CollideSettings& settings) {
 /// The distance of one point where it calls for a push; false elsewhere.
 bool nearSurface(const CollideSurface& surface, Vec3f p, const CollideSettings& settings,
                  std::int32_t& nearTriangle, DistanceSample& out) {
-    if (surface.field) {
-        if (surface.field->surelyOutside(p, -settings.maxDepth, settings.offset)) return false;
-        out = surface.field->sample(p);
-        return pushed(out.distance, settings);
-    }
+    if (surface.field)
+        return surface.field->sampleWithin(p, -settings.maxDepth, settings.offset, out);
     // A little past what counts, so that a distance of exactly maxDepth is found.
     const float reach = std::max(settings.offset, settings.maxDepth) * 1.001f + 1e-6f;
     return surface.exact->sample(p, reach, nearTriangle, out) && pushed(out.distance, settings);

@@ -285,6 +285,7 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
             (std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + kCoarsest - 1) / kCoarsest *
                 kCoarsest +
             1;
+    last_ = {float(count_[0] - 1), float(count_[1] - 1), float(count_[2] - 1)};
     const std::size_t nodes = count_[0] * count_[1] * count_[2];
 
     const MeshSides sides(mesh);
@@ -337,16 +338,26 @@ struct DistanceField::Place {
     std::size_t first = 0;
     Vec3f share;
     Vec3f off;  ///< from the nearest place on the grid to the position; zero inside
+    bool outside = false;
 };
 
-DistanceField::Place DistanceField::place(Vec3f position) const {
+inline DistanceField::Place DistanceField::place(Vec3f position) const {
     Place out;
-    Vec3f at = (position - low_) * inverse_;
+    const Vec3f at = (position - low_) * inverse_;
+    if (at.x > 0.0f && at.y > 0.0f && at.z > 0.0f && at.x < last_.x && at.y < last_.y &&
+        at.z < last_.z) {  // nearly always; a cast to int is the cheap one
+        const int x = int(at.x), y = int(at.y), z = int(at.z);
+        out.share = {at.x - float(x), at.y - float(y), at.z - float(z)};
+        out.first = node(std::size_t(x), std::size_t(y), std::size_t(z));
+        return out;
+    }
     std::size_t cell[3];
     for (int axis = 0; axis < 3; ++axis) {
-        const float last = float(count_[std::size_t(axis)] - 1);
-        const float inside = at[axis] > 0.0f ? std::min(at[axis], last) : 0.0f;
-        if (inside != at[axis]) out.off[axis] = (at[axis] - inside) * cell_;
+        const float inside = at[axis] > 0.0f ? std::min(at[axis], last_[axis]) : 0.0f;
+        if (inside != at[axis]) {
+            out.off[axis] = (at[axis] - inside) * cell_;
+            out.outside = true;
+        }
         const std::size_t c = std::min(std::size_t(inside), count_[std::size_t(axis)] - 2);
         cell[axis] = c;
         out.share[axis] = inside - float(c);
@@ -355,7 +366,7 @@ DistanceField::Place DistanceField::place(Vec3f position) const {
     return out;
 }
 
-float DistanceField::blend(const Place& place, Vec3f& slope) const {
+inline float DistanceField::blend(const Place& place, Vec3f& slope) const {
     const std::size_t dy = count_[0], dz = count_[0] * count_[1];
     const float* v = values_.data() + place.first;
     const Vec3f s = place.share;
@@ -369,25 +380,41 @@ float DistanceField::blend(const Place& place, Vec3f& slope) const {
     return mix(v0, v1, s.z);
 }
 
+inline Vec3f DistanceField::direction(const Place& place, Vec3f slope, float off) const {
+    if (off > 0.0f) {  // out along some axes, and as the border's values slope along the others
+        slope *= inverse_;
+        for (int axis = 0; axis < 3; ++axis)
+            if (place.off[axis] != 0.0f) slope[axis] = place.off[axis] / off;
+    }
+    return normalized(slope);
+}
+
 float DistanceField::distance(Vec3f position) const {
     const Place at = place(position);
     Vec3f slope;
-    return blend(at, slope) + length(at.off);
+    const float inside = blend(at, slope);
+    return inside + (at.outside ? length(at.off) : 0.0f);
 }
 
 DistanceSample DistanceField::sample(Vec3f position) const {
     const Place at = place(position);
-    DistanceSample out;
-    out.distance = blend(at, out.gradient);
-    const float off = length(at.off);
-    out.distance += off;
-    if (off > 0.0f) {  // out along some axes, and as the border's values slope along the others
-        out.gradient *= inverse_;
-        for (int axis = 0; axis < 3; ++axis)
-            if (at.off[axis] != 0.0f) out.gradient[axis] = at.off[axis] / off;
-    }
-    out.gradient = normalized(out.gradient);
-    return out;
+    Vec3f slope;
+    const float inside = blend(at, slope);
+    const float off = at.outside ? length(at.off) : 0.0f;
+    return {inside + off, direction(at, slope, off)};
+}
+
+bool DistanceField::sampleWithin(Vec3f position, float least, float below,
+                                 DistanceSample& out) const {
+    if (surelyOutside(position, least, below)) return false;
+    const Place at = place(position);
+    Vec3f slope;
+    const float inside = blend(at, slope);
+    const float off = at.outside ? length(at.off) : 0.0f;
+    const float d = inside + off;
+    if (!(d < below && d >= least)) return false;
+    out = {d, direction(at, slope, off)};
+    return true;
 }
 
 void DistanceField::distances(std::span<const Vec3f> positions, std::span<float> out) const {
@@ -396,12 +423,11 @@ void DistanceField::distances(std::span<const Vec3f> positions, std::span<float>
 
 bool DistanceField::surelyOutside(Vec3f position, float below, float above) const {
     const Vec3f at = (position - low_) * inverse_;
-    if (!(at.x >= 0.0f && at.y >= 0.0f && at.z >= 0.0f && at.x < float(count_[0] - 1) &&
-          at.y < float(count_[1] - 1) && at.z < float(count_[2] - 1)))
+    if (!(at.x >= 0.0f && at.y >= 0.0f && at.z >= 0.0f && at.x < last_.x && at.y < last_.y &&
+          at.z < last_.z))
         return borderLeast_ >= above;
-    const std::size_t x = std::size_t(int(at.x)) / kBlockCells,
-                      y = std::size_t(int(at.y)) / kBlockCells,
-                      z = std::size_t(int(at.z)) / kBlockCells;
+    const std::size_t x = unsigned(int(at.x)) / kBlockCells, y = unsigned(int(at.y)) / kBlockCells,
+                      z = unsigned(int(at.z)) / kBlockCells;
     const Range& range = ranges_[(z * blocks_[1] + y) * blocks_[0] + x];
     return range.least >= above || range.most < below;
 }

@@ -58,6 +58,9 @@ public:
 
     float distance(Vec3f position) const;
     DistanceSample sample(Vec3f position) const;
+    /// The sample where its distance is from `least` up to, not including, `below`; else false, and
+    /// `out` stays. Faster than `sample` where few are.
+    bool sampleWithin(Vec3f position, float least, float below, DistanceSample& out) const;
     /// distances[i] at positions[i].
     void distances(std::span<const Vec3f> positions, std::span<float> distances) const;
     /// True when the distance at `position` is surely at or above `above`, or surely below `below`:
@@ -75,6 +78,7 @@ private:
     struct Place;
     Place place(Vec3f position) const;
     float blend(const Place& place, Vec3f& slope) const;
+    Vec3f direction(const Place& place, Vec3f slope, float off) const;
     std::size_t node(std::size_t x, std::size_t y, std::size_t z) const {
         return (z * count_[1] + y) * count_[0] + x;
     }
@@ -82,6 +86,7 @@ private:
     Vec3f low_;
     float cell_ = 0.0f, inverse_ = 0.0f;
     std::array<std::size_t, 3> count_{};   ///< nodes, 2 or more an axis
+    Vec3f last_;                           ///< the last node of each axis
     std::vector<float> values_;            ///< x fastest
     std::array<std::size_t, 3> blocks_{};  ///< of kBlockCells cells an axis
     struct Range {

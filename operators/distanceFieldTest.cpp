@@ -137,6 +137,14 @@ TEST(DistanceField, ItsQuickAnswersAreNeverWrong) {
         for (int i = 0; i < 20000; ++i) {
             const Vec3f p{random.nextRange(-7, 7), random.nextRange(-7, 7), random.nextRange(-7, 7)};
             places.push_back(p);
+            const DistanceSample whole = field.sample(p);
+            DistanceSample within;
+            EXPECT_EQ(field.sampleWithin(p, -0.5f, 0.1f, within),
+                      whole.distance >= -0.5f && whole.distance < 0.1f);
+            if (field.sampleWithin(p, -9.0f, 9.0f, within)) {
+                EXPECT_EQ(within.distance, whole.distance);
+                EXPECT_EQ(within.gradient, whole.gradient);
+            }
             if (!field.surelyOutside(p, -0.5f, 0.1f)) continue;
             ++quick;
             const float d = field.distance(p);

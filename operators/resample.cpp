@@ -2,6 +2,7 @@
 #include <array>
 #include <cmath>
 #include <numbers>
+#include <ranges>
 
 #include "operators/nodeFactories.h"
 #include "operators/splineResample.h"
@@ -143,7 +144,7 @@ public:
         if (segments == 0 || strands->strandCount() == 0) return strands;
         auto out = std::make_shared<StrandSet>();
         layOut(*strands, mode, segments, *out);
-        const std::vector<PointArray> arrays = openArrays(*strands, *out);
+        const std::vector<PointArray> arrays = openArrays(*strands, *out, true);
         run(*strands, *out, arrays, mode, StrandPick(strands->strandCount()));
         return StrandsPtr(std::move(out));
     }
@@ -169,7 +170,7 @@ public:
         if (!takeStrandData(*strands, *out)) return false;
         if (out->pointChannelNames() != strands->pointChannelNames()) return false;
         held->reset();  // let go: arrays no one else holds are written in place
-        const std::vector<PointArray> arrays = openArrays(*strands, *out);
+        const std::vector<PointArray> arrays = openArrays(*strands, *out, false);
         run(*strands, *out, arrays, Mode::Even, StrandPick(std::span<const std::uint32_t>(changes->strands)));
         result.outputs = {StrandsPtr(std::move(out))};
         result.changes = {changes};
@@ -204,6 +205,11 @@ private:
     void layOut(const StrandSet& in, Mode mode, int segments, StrandSet& out) const {
         const std::size_t count = in.strandCount();
         constexpr unsigned kFlags = StrandSet::kLeavePoints | StrandSet::kLeaveWidths;
+        const auto keepsCount = [&](std::size_t s) { return in.pointCountOf(s) == std::size_t(segments) + 1; };
+        if (mode == Mode::Even && std::ranges::all_of(std::views::iota(std::size_t(0), count), keepsCount)) {
+            out = in;  // the layout stays: what is not written is shared
+            return;
+        }
         if (mode == Mode::Even) {
             out.allocateUniform(count, std::size_t(segments) + 1, kFlags);
         } else {
@@ -250,12 +256,16 @@ private:
         return std::ranges::max(longest);
     }
 
-    static std::vector<PointArray> openArrays(const StrandSet& in, StrandSet& out) {
+    /// Takes write access. `overwrite`: every element will be written.
+    static std::vector<PointArray> openArrays(const StrandSet& in, StrandSet& out, bool overwrite) {
         std::vector<PointArray> arrays;
-        arrays.push_back({in.widths().data(), out.mutableWidths().data(), false});
+        if (overwrite) out.overwritePoints();
+        arrays.push_back(
+            {in.widths().data(), (overwrite ? out.overwriteWidths() : out.mutableWidths()).data(), false});
         for (const auto& [key, channel] : in.pointChannels()) {
-            arrays.push_back({channel.values.span().data(),
-                              out.mutablePointChannel(key, channel.defaultValue).data(), channel.discrete});
+            const std::span<float> to = overwrite ? out.overwritePointChannel(key, channel.defaultValue)
+                                                  : out.mutablePointChannel(key, channel.defaultValue);
+            arrays.push_back({channel.values.span().data(), to.data(), channel.discrete});
             out.setPointChannelDiscrete(key, channel.discrete);
         }
         return arrays;

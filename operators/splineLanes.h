@@ -3,11 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/simd4.h"
 #include "operators/splineResample.h"
 
 // The kernels of splines, over F: one strand (float) or several side by side (Float4, Float8). Each
-// lane does the same correctly rounded operations whatever F is, so a strand's bits depend neither on
-// F nor on its neighbours. A source that compiles them for a wider instruction set defines
+// lane does the same correctly rounded operations whatever F is, so a strand's bits depend neither
+// on F nor on its neighbours. A source that compiles them for a wider instruction set defines
 // CORVELLE_LANES_TARGET first; nothing of the standard library is used here, lest code for that set
 // gets into functions shared with other sources.
 #ifndef CORVELLE_LANES_TARGET
@@ -32,15 +33,17 @@ CORVELLE_LANES_TARGET inline F lengthAcross(const F v[3]) {
 }
 
 /// Centripetal Catmull-Rom (Yuksel, Schaefer, Keyser 2009; knots are the roots k of the chords).
-/// The slope at a joint of chords p, q with lengths k^2, l^2 is (p l^2 + q k^2) / (k l (k + l)): one
-/// division; times k it is the tangent of the span before, times l that of the span after. The ends,
-/// and joints of an empty or boundless chord, take the chord. The length of a span is that of its two
-/// halves, its middle lying at (a + a')/2 + (m0 - m1)/8; their ratio sets `bias` so that t follows the
-/// length to second order. points [3 n] flat, n >= 2; spans [n - 1]. Returns the arc length.
+/// The slope at a joint of chords p, q with lengths k^2, l^2 is (p l^2 + q k^2) / (k l (k + l)):
+/// one division; times k it is the tangent of the span before, times l that of the span after. The
+/// ends, and joints of an empty or boundless chord, take the chord. The length of a span is that of
+/// its two halves, its middle lying at (a + a')/2 + (m0 - m1)/8; their ratio sets `bias` so that t
+/// follows the length to second order. points [3 n] flat, n >= 2; spans [n - 1]. Returns the arc
+/// length.
 template <class F>
 CORVELLE_LANES_TARGET inline F measureSpans(const F* points, std::size_t n, SplineSpan<F>* spans) {
     const F zero(0.0f), one(1.0f), two(2.0f), half(0.5f), eighth(0.125f);
     const F least(1e-30f), most(1e30f);
+    const int all = laneBits(zero < one);
     F chord[3], leaving[3];
     for (int x = 0; x < 3; ++x) leaving[x] = chord[x] = points[3 + x] - points[x];
     F chordLength = lengthAcross(chord), knot = squareRoot(chordLength);
@@ -60,8 +63,14 @@ CORVELLE_LANES_TARGET inline F measureSpans(const F* points, std::size_t n, Spli
             const F before = over * knot, behind = over * afterKnot;
             for (int x = 0; x < 3; ++x) {
                 const F slope = chord[x] * afterLength + after[x] * chordLength;
-                reaching[x] = select(usable, slope * before, chord[x]);
-                leavingAfter[x] = select(usable, slope * behind, after[x]);
+                reaching[x] = slope * before;
+                leavingAfter[x] = slope * behind;
+            }
+            if (laneBits(usable) != all) {  // seldom
+                for (int x = 0; x < 3; ++x) {
+                    reaching[x] = select(usable, reaching[x], chord[x]);
+                    leavingAfter[x] = select(usable, leavingAfter[x], after[x]);
+                }
             }
         } else {
             for (int x = 0; x < 3; ++x) leavingAfter[x] = after[x] = reaching[x] = chord[x];
@@ -93,7 +102,7 @@ CORVELLE_LANES_TARGET inline F measureSpans(const F* points, std::size_t n, Spli
     }
     // A strand of no length, or of none that is a number, is read by index.
     const auto measured = (total > zero) & (total < F(3e38f));
-    if (laneBits(measured) != laneBits(zero < one)) {
+    if (laneBits(measured) != all) {
         for (std::size_t i = 0; i + 1 < n; ++i) {
             spans[i].start = select(measured, spans[i].start, F(float(i)));
             spans[i].perLength = select(measured, spans[i].perLength, one);
@@ -165,8 +174,8 @@ inline std::size_t laneScratch(std::size_t n, std::size_t m, std::size_t arrays)
 
 /// F::kLanes strands of n points each to m points each. `scratch` is aligned for F.
 template <class F>
-CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std::uint32_t* strands, std::size_t n,
-                                                 std::size_t m, float* scratch) {
+CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std::uint32_t* strands,
+                                                 std::size_t n, std::size_t m, float* scratch) {
     constexpr std::size_t kLanes = F::kLanes;
     F* const points = reinterpret_cast<F*>(scratch);
     F* const out = points + 3 * n;
@@ -179,7 +188,8 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
     for (std::size_t l = 0; l < kLanes; ++l) from[l] = job.from + 3 * job.fromOffsets[strands[l]];
     gatherLanes(from, 3 * n, points);
     for (std::size_t a = 0; a < job.arrayCount; ++a) {
-        for (std::size_t l = 0; l < kLanes; ++l) from[l] = job.arrays[a].from + job.fromOffsets[strands[l]];
+        for (std::size_t l = 0; l < kLanes; ++l)
+            from[l] = job.arrays[a].from + job.fromOffsets[strands[l]];
         gatherLanes(from, n, values + a * n);
     }
 
@@ -195,9 +205,9 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
         valuesOut[a * m] = values[a * n];
         valuesOut[a * m + last] = values[a * n + n - 1];
     }
-    // Spans and new points walk on together. A point is written for all lanes by every span that one
-    // of the lanes has it in, and kept by the lanes that have left it behind: what stays is from its
-    // own span, or from none before it. The last span takes what rounding leaves over.
+    // Spans and new points walk on together. A point is written for all lanes by every span that
+    // one of the lanes has it in, and kept by the lanes that have left it behind: what stays is
+    // from its own span, or from none before it. The last span takes what rounding leaves over.
     std::size_t begin = 1;
     for (std::size_t i = 0; i + 1 < n && begin < last; ++i) {
         const SplineSpan<F>& span = spans[i];
@@ -211,11 +221,13 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
             const auto kept = arc < start;
             const F t = placeIn(span, arc);
             for (int x = 0; x < 3; ++x)
-                out[3 * j + x] = select(kept, out[3 * j + x], componentAt(span, points[3 * i + x], x, t));
+                out[3 * j + x] =
+                    select(kept, out[3 * j + x], componentAt(span, points[3 * i + x], x, t));
             for (std::size_t a = 0; a < job.arrayCount; ++a) {
                 const F v0 = values[a * n + i], v1 = values[a * n + i + 1];
                 F& value = valuesOut[a * m + j];
-                const F mixed = job.arrays[a].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
+                const F mixed =
+                    job.arrays[a].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
                 value = select(kept, value, mixed);
             }
         }
@@ -224,14 +236,16 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
     for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.to + 3 * job.toOffsets[strands[l]];
     scatterLanes(out, 3 * m, to);
     for (std::size_t a = 0; a < job.arrayCount; ++a) {
-        for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.arrays[a].to + job.toOffsets[strands[l]];
+        for (std::size_t l = 0; l < kLanes; ++l)
+            to[l] = job.arrays[a].to + job.toOffsets[strands[l]];
         scatterLanes(valuesOut + a * m, m, to);
     }
 }
 
 template <class F>
-CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std::uint32_t* strands, std::size_t count,
-                                                std::size_t n, std::size_t m, float* scratch) {
+CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std::uint32_t* strands,
+                                                std::size_t count, std::size_t n, std::size_t m,
+                                                float* scratch) {
     std::uint32_t group[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         if (k + F::kLanes <= count) {

@@ -18,7 +18,9 @@ namespace {
 
 struct Mask8 {
     __m256 bits;
-    CORVELLE_AVX2 friend inline Mask8 operator&(Mask8 a, Mask8 b) { return {_mm256_and_ps(a.bits, b.bits)}; }
+    CORVELLE_AVX2 friend inline Mask8 operator&(Mask8 a, Mask8 b) {
+        return {_mm256_and_ps(a.bits, b.bits)};
+    }
     CORVELLE_AVX2 friend inline int laneBits(Mask8 a) { return _mm256_movemask_ps(a.bits); }
 };
 
@@ -27,7 +29,8 @@ struct Float8 {
     static constexpr std::size_t kLanes = 8;
     __m256 lanes;
     Float8() = default;
-    // Not left to the compiler: GCC 12 copies the default's in halves, which the next load waits for.
+    // Not left to the compiler: GCC 12 copies the default's in halves, which the next load waits
+    // for.
     CORVELLE_AVX2 inline Float8(const Float8& o) : lanes(o.lanes) {}
     CORVELLE_AVX2 inline Float8& operator=(const Float8& o) {
         lanes = o.lanes;
@@ -37,18 +40,30 @@ struct Float8 {
     CORVELLE_AVX2 inline explicit Float8(float v) : lanes(_mm256_set1_ps(v)) {}
     CORVELLE_AVX2 static inline Float8 load(const float* p) { return _mm256_load_ps(p); }
     CORVELLE_AVX2 inline void store(float* p) const { _mm256_store_ps(p, lanes); }
-    CORVELLE_AVX2 friend inline Float8 operator+(Float8 a, Float8 b) { return _mm256_add_ps(a.lanes, b.lanes); }
-    CORVELLE_AVX2 friend inline Float8 operator-(Float8 a, Float8 b) { return _mm256_sub_ps(a.lanes, b.lanes); }
-    CORVELLE_AVX2 friend inline Float8 operator*(Float8 a, Float8 b) { return _mm256_mul_ps(a.lanes, b.lanes); }
-    CORVELLE_AVX2 friend inline Float8 operator/(Float8 a, Float8 b) { return _mm256_div_ps(a.lanes, b.lanes); }
+    CORVELLE_AVX2 friend inline Float8 operator+(Float8 a, Float8 b) {
+        return _mm256_add_ps(a.lanes, b.lanes);
+    }
+    CORVELLE_AVX2 friend inline Float8 operator-(Float8 a, Float8 b) {
+        return _mm256_sub_ps(a.lanes, b.lanes);
+    }
+    CORVELLE_AVX2 friend inline Float8 operator*(Float8 a, Float8 b) {
+        return _mm256_mul_ps(a.lanes, b.lanes);
+    }
+    CORVELLE_AVX2 friend inline Float8 operator/(Float8 a, Float8 b) {
+        return _mm256_div_ps(a.lanes, b.lanes);
+    }
     CORVELLE_AVX2 friend inline Mask8 operator<(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LT_OQ)};
     }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
     }
-    CORVELLE_AVX2 friend inline Float8 lower(Float8 a, Float8 b) { return _mm256_min_ps(a.lanes, b.lanes); }
-    CORVELLE_AVX2 friend inline Float8 upper(Float8 a, Float8 b) { return _mm256_max_ps(a.lanes, b.lanes); }
+    CORVELLE_AVX2 friend inline Float8 lower(Float8 a, Float8 b) {
+        return _mm256_min_ps(a.lanes, b.lanes);
+    }
+    CORVELLE_AVX2 friend inline Float8 upper(Float8 a, Float8 b) {
+        return _mm256_max_ps(a.lanes, b.lanes);
+    }
     CORVELLE_AVX2 friend inline Float8 squareRoot(Float8 a) { return _mm256_sqrt_ps(a.lanes); }
     CORVELLE_AVX2 friend inline Float8 select(Mask8 m, Float8 a, Float8 b) {
         return _mm256_blendv_ps(b.lanes, a.lanes, m.bits);
@@ -68,7 +83,8 @@ CORVELLE_AVX2 inline void turn(__m256 r[4]) {
 CORVELLE_AVX2 inline void loadAcross(const float* const* from, Float8* out) {
     __m256 r[4];
     for (int l = 0; l < 4; ++l)
-        r[l] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(from[l])), _mm_loadu_ps(from[l + 4]), 1);
+        r[l] = _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(from[l])),
+                                    _mm_loadu_ps(from[l + 4]), 1);
     turn(r);
     for (int k = 0; k < 4; ++k) out[k] = r[k];
 }

@@ -32,7 +32,8 @@ void SplineResampler::run(const SplineJob& job, std::span<const std::uint32_t> s
     };
     if (strands.empty()) return;
     // Strands of the same counts are worked on together.
-    if (!std::ranges::all_of(strands, [&](std::uint32_t s) { return counts(s) == counts(strands[0]); })) {
+    if (!std::ranges::all_of(strands,
+                             [&](std::uint32_t s) { return counts(s) == counts(strands[0]); })) {
         order_.assign(strands.begin(), strands.end());
         std::ranges::sort(order_, {}, [&](std::uint32_t s) { return std::pair(counts(s), s); });
         strands = order_;

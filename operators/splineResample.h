@@ -30,7 +30,8 @@ enum class SplineLanes { Widest, Four, Eight };
 bool canResample(SplineLanes lanes);
 
 /// Resamples the strands listed, of any point counts from 2 up, both given and wanted; root and tip
-/// are exact. Strands of length 0 are read by index. Scratch for one thread, reused from call to call.
+/// are exact. Strands of length 0 are read by index. Scratch for one thread, reused from call to
+/// call.
 class SplineResampler {
 public:
     explicit SplineResampler(SplineLanes lanes = SplineLanes::Widest) : lanes_(lanes) {}

@@ -231,7 +231,7 @@ TEST_F(OneNodeTest, ResampleSpacesPointsEvenlyAlongTheSameCurve) {
         EXPECT_EQ(points.back(), tuft.pointsOf(s).back());
         const float step = lengthOf(points) / 16.0f;
         for (std::size_t i = 1; i < points.size(); ++i)
-            EXPECT_NEAR(distance(points[i], points[i - 1]), step, 0.06f * step);
+            EXPECT_NEAR(distance(points[i], points[i - 1]), step, 0.03f * step);
         EXPECT_NEAR(lengthOf(points), lengthOf(tuft.pointsOf(s)), 0.05f * lengthOf(points));
     }
     ASSERT_TRUE(out->pointChannel("share"));

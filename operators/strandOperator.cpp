@@ -12,11 +12,13 @@ OpenArrays openArrays(StrandSet& out, const WrittenArrays& writes, bool overwrit
     if (writes.points) open.points = overwrite ? out.overwritePoints() : out.mutablePoints();
     if (writes.widths) open.widths = overwrite ? out.overwriteWidths() : out.mutableWidths();
     for (const auto& channel : writes.strandChannels) {
-        open.strandChannels.push_back(out.mutableStrandChannel(channel.name, channel.defaultValue));
+        open.strandChannels.push_back(overwrite ? out.overwriteStrandChannel(channel.name, channel.defaultValue)
+                                                : out.mutableStrandChannel(channel.name, channel.defaultValue));
         if (channel.discrete) out.setStrandChannelDiscrete(channel.name);
     }
     for (const auto& channel : writes.pointChannels) {
-        open.pointChannels.push_back(out.mutablePointChannel(channel.name, channel.defaultValue));
+        open.pointChannels.push_back(overwrite ? out.overwritePointChannel(channel.name, channel.defaultValue)
+                                               : out.mutablePointChannel(channel.name, channel.defaultValue));
         if (channel.discrete) out.setPointChannelDiscrete(channel.name);
     }
     return open;

@@ -42,7 +42,8 @@ Vec3f StrandSpline::at(float param) const {
     if (t >= 1.0f) return points_[i + 1];
     const SplineSpan<float>& span = spans_->list[i];
     const Vec3f a = points_[i];
-    return {componentAt(span, a.x, 0, t), componentAt(span, a.y, 1, t), componentAt(span, a.z, 2, t)};
+    return {componentAt(span, a.x, 0, t), componentAt(span, a.y, 1, t),
+            componentAt(span, a.z, 2, t)};
 }
 
 float valueAt(std::span<const float> values, float param, bool discrete) {

@@ -16,13 +16,14 @@ class StrandSpline {
 public:
     StrandSpline();
     ~StrandSpline();
-    /// Takes a strand of 2 points or more; `points` must live while this is asked. A strand of length
-    /// 0 is read by index.
+    /// Takes a strand of 2 points or more; `points` must live while this is asked. A strand of
+    /// length 0 is read by index.
     void build(std::span<const Vec3f> points);
     std::size_t pointCount() const { return points_.size(); }
 
-    /// Params are point indices with a fraction: 2.25 is a quarter of the way from point 2 to point 3.
-    /// Fills params of out.size() (>= 2) places evenly spaced by arc length, root and tip exact.
+    /// Params are point indices with a fraction: 2.25 is a quarter of the way from point 2 to
+    /// point 3. Fills params of out.size() (>= 2) places evenly spaced by arc length, root and tip
+    /// exact.
     void evenParams(std::span<float> params) const;
     Vec3f at(float param) const;
 
