@@ -45,7 +45,7 @@ int main(int argumentCount, char** arguments) {
             return kDone;
         }
         if (std::strcmp(arguments[i], "--parent-pid") == 0 && i + 1 < argumentCount) {
-            parent = std::strtol(arguments[++i], nullptr, 10);
+            parent = std::strtoll(arguments[++i], nullptr, 10);
             continue;
         }
         std::fputs(kUsage, stderr);

@@ -6,11 +6,12 @@ that another process owns, and complains about those that outlive a process on p
 
 from __future__ import annotations
 
+import contextlib
 import mmap
 import os
 import sys
 import weakref
-from typing import Optional
+from typing import Iterator, Optional
 
 _WINDOWS = sys.platform == "win32"
 _SHM_DIRECTORY = "/dev/shm"
@@ -37,7 +38,9 @@ def _unlink_posix(name: str) -> None:
         pass
 
 
-def _exists_windows(name: str) -> bool:
+@contextlib.contextmanager
+def _held_windows(name: str) -> Iterator[bool]:
+    """Tells whether there is a region of that name. If so, it stays there meanwhile."""
     import ctypes
 
     kernel = ctypes.WinDLL("kernel32", use_last_error=True)  # type: ignore[attr-defined]
@@ -46,9 +49,14 @@ def _exists_windows(name: str) -> bool:
     kernel.CloseHandle.argtypes = [ctypes.c_void_p]
     handle = kernel.OpenFileMappingW(0x0004, 0, name)  # FILE_MAP_READ
     if not handle:
-        return False
-    kernel.CloseHandle(handle)
-    return True
+        error = ctypes.get_last_error()  # type: ignore[attr-defined]
+        if error != 2:  # ERROR_FILE_NOT_FOUND
+            raise ctypes.WinError(error)  # type: ignore[attr-defined]
+    try:
+        yield bool(handle)
+    finally:
+        if handle:
+            kernel.CloseHandle(handle)
 
 
 def open_view(name: str, size: int) -> mmap.mmap:
@@ -60,9 +68,13 @@ def open_view(name: str, size: int) -> mmap.mmap:
     Raises FileNotFoundError if there is no such region, ValueError if it is smaller.
     """
     if _WINDOWS:
-        if not _exists_windows(name):  # mmap would make it
-            raise FileNotFoundError("no shared memory named '%s'" % name)
-        return mmap.mmap(-1, max(size, 1), tagname=name, access=mmap.ACCESS_READ)
+        with _held_windows(name) as there_is:
+            if not there_is:  # mmap would make it
+                raise FileNotFoundError("no shared memory named '%s'" % name)
+            try:
+                return mmap.mmap(-1, max(size, 1), tagname=name, access=mmap.ACCESS_READ)
+            except PermissionError as error:  # what the system says of a view past the end
+                raise ValueError("shared memory '%s' has not %d bytes" % (name, size)) from error
     descriptor = _open_posix(name, os.O_RDONLY)
     try:
         there = os.fstat(descriptor).st_size
@@ -81,6 +93,9 @@ class OwnRegion:
         self.name = name
         self.size = max(size, 1)
         if _WINDOWS:
+            with _held_windows(name) as there_is:
+                if there_is:  # mmap would share it
+                    raise FileExistsError("shared memory '%s' exists already" % name)
             self._map: Optional[mmap.mmap] = mmap.mmap(-1, self.size, tagname=name)
             self._finish = weakref.finalize(self, lambda: None)
             return

@@ -1,5 +1,4 @@
 #if defined(_WIN32)
-#include <cstdlib>
 #include <thread>
 
 #include <windows.h>
@@ -14,7 +13,9 @@ void watchParent(std::int64_t parent) {
     if (!process) return;
     std::thread([process] {
         WaitForSingleObject(process, INFINITE);
-        std::_Exit(0);
+        // Not _Exit, which tells every library that the process ends: one that then waits for a
+        // lock of a thread that is gone already would keep us for good.
+        TerminateProcess(GetCurrentProcess(), 0);
     }).detach();
 }
 

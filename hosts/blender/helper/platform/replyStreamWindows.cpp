@@ -7,9 +7,11 @@
 
 namespace corvelle {
 
+// A process that was started without a stream has a negative descriptor for it. The C runtime takes
+// one for a programming error and ends the process, so none of its functions may be given it.
 std::FILE* takeStandardOutput() {
-    _setmode(_fileno(stdin), _O_BINARY);
-    const int reply = _dup(_fileno(stdout));
+    if (_fileno(stdin) >= 0) _setmode(_fileno(stdin), _O_BINARY);
+    const int reply = _fileno(stdout) >= 0 ? _dup(_fileno(stdout)) : -1;
     if (reply < 0) return nullptr;
     _setmode(reply, _O_BINARY);
     std::fflush(stdout);
@@ -19,7 +21,9 @@ std::FILE* takeStandardOutput() {
         std::FILE* reopened = nullptr;
         freopen_s(&reopened, "NUL", "w", stdout);
     }
-    return _fdopen(reply, "wb");
+    std::FILE* stream = _fdopen(reply, "wb");
+    if (!stream) _close(reply);
+    return stream;
 }
 
 }  // namespace corvelle

@@ -15,8 +15,8 @@ namespace {
 
 // Names are checked to be plain ASCII before they come here.
 std::wstring systemName(const std::string& name) {
-    const int size = MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()),
-                                         nullptr, 0);
+    const int size =
+        MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), nullptr, 0);
     std::wstring wide(static_cast<std::size_t>(size), L'\0');
     MultiByteToWideChar(CP_UTF8, 0, name.data(), static_cast<int>(name.size()), wide.data(), size);
     return wide;
@@ -29,9 +29,10 @@ HANDLE handleOf(const SharedMapping& mapping) { return reinterpret_cast<HANDLE>(
 std::string_view plainMappingName(std::string_view name) noexcept { return name; }
 
 SharedMapping makeMapping(const std::string& name, std::uint64_t size) {
-    const HANDLE object = CreateFileMappingW(
-        INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, static_cast<DWORD>(size >> 32),
-        static_cast<DWORD>(size & 0xffffffffu), systemName(name).c_str());
+    const std::wstring wide = systemName(name);  // freed after GetLastError, which it might change
+    const HANDLE object = CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE,
+                                             static_cast<DWORD>(size >> 32),
+                                             static_cast<DWORD>(size & 0xffffffffu), wide.c_str());
     const DWORD error = GetLastError();
     if (!object) fail("cannot make shared memory '" + name + "': ", error);
     if (error == ERROR_ALREADY_EXISTS) {
@@ -54,14 +55,19 @@ SharedMapping makeMapping(const std::string& name, std::uint64_t size) {
 }
 
 SharedMapping openMapping(const std::string& name) {
-    const HANDLE object = OpenFileMappingW(FILE_MAP_READ, FALSE, systemName(name).c_str());
-    if (!object)
+    const std::wstring wide = systemName(name);
+    const HANDLE object = OpenFileMappingW(FILE_MAP_READ, FALSE, wide.c_str());
+    if (!object) {
+        const DWORD error = GetLastError();
         throw std::runtime_error("no shared memory named '" + name + "' (Windows error " +
-                                 std::to_string(GetLastError()) + ")");
+                                 std::to_string(error) + ")");
+    }
     void* base = MapViewOfFile(object, FILE_MAP_READ, 0, 0, 0);
     MEMORY_BASIC_INFORMATION about{};
-    if (!base || VirtualQuery(base, &about, sizeof about) == 0) {
-        const DWORD error = GetLastError();
+    const bool known = base && VirtualQuery(base, &about, sizeof about) != 0;
+    // A mapping may be made with its pages only reserved (SEC_RESERVE): to read those is fatal.
+    if (!known || about.State != MEM_COMMIT) {
+        const DWORD error = known ? ERROR_INVALID_ADDRESS : GetLastError();
         if (base) UnmapViewOfFile(base);
         CloseHandle(object);
         fail("cannot map shared memory '" + name + "': ", error);
