@@ -5,7 +5,7 @@
 
 #include "graph/operator.h"
 #include "model/parallel.h"
-#include "operators/registerOperators.h"
+#include "operators/nodeFactories.h"
 
 namespace corvelle {
 
@@ -261,8 +261,6 @@ private:
 
 }  // namespace
 
-void registerDeformOperators() {
-    OperatorRegistry::instance().add("Collide", [] { return std::make_unique<Collide>(); });
-}
+OperatorPtr makeCollide() { return std::make_unique<Collide>(); }
 
 }  // namespace corvelle

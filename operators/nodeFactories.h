@@ -5,11 +5,16 @@
 namespace corvelle {
 
 // The node types whose source holds one type, made for the registry.
+OperatorPtr makeCollide();
+OperatorPtr makeComb();
+OperatorPtr makeDisplace();
 OperatorPtr makeHairColor();
 OperatorPtr makeLength();
 OperatorPtr makeNoise();
 OperatorPtr makeOutput();
 OperatorPtr makeResample();
+OperatorPtr makeSmooth();
+OperatorPtr makeStraighten();
 OperatorPtr makeWidth();
 
 }  // namespace corvelle

@@ -18,6 +18,19 @@ void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoi
 
 void registerColorOperators() { OperatorRegistry::instance().add("HairColor", makeHairColor); }
 
+void registerDeformOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Collide", makeCollide);
+    registry.add("Comb", makeComb);
+    registry.add("Displace", makeDisplace);
+}
+
+void registerExtraOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Smooth", makeSmooth);
+    registry.add("Straighten", makeStraighten);
+}
+
 void registerOperators() {
     static std::once_flag once;
     std::call_once(once, [] {
@@ -28,6 +41,7 @@ void registerOperators() {
         registerLookOperators();
         registerColorOperators();
         registerDeformOperators();
+        registerExtraOperators();
         registerFieldOperators();
     });
 }

@@ -9,7 +9,8 @@ void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
 void registerLookOperators();         // Noise
 void registerColorOperators();        // HairColor
-void registerDeformOperators();       // Collide
+void registerDeformOperators();       // Collide, Comb, Displace
+void registerExtraOperators();        // Smooth, Straighten
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.

@@ -1,0 +1,129 @@
+#include "operators/segmentTurn.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstddef>
+#include <numbers>
+
+namespace corvelle {
+
+namespace {
+
+constexpr std::size_t kBlock = 32;
+/// Below this cosine two directions no longer span a plane that floats can tell.
+constexpr float kOpposite = -0.9999f;
+
+/// acos for -1 to 1, within 1e-7.
+inline float arcCosine(float c) {
+    const float x = std::min(std::abs(c), 1.0f);
+    float p = -0.0012624911f;
+    p = p * x + 0.0066700901f;
+    p = p * x - 0.0170881256f;
+    p = p * x + 0.0308918810f;
+    p = p * x - 0.0501743046f;
+    p = p * x + 0.0889789874f;
+    p = p * x - 0.2145988016f;
+    p = p * x + 1.5707963050f;
+    const float angle = std::sqrt(1.0f - x) * p;
+    return c < 0.0f ? std::numbers::pi_v<float> - angle : angle;
+}
+
+/// sin(x) / x for 0 to pi, within 1e-6.
+inline float sineRatio(float x) {
+    const float q = x * x;
+    float p = -1.0f / 1307674368000.0f;
+    p = p * q + 1.0f / 6227020800.0f;
+    p = p * q - 1.0f / 39916800.0f;
+    p = p * q + 1.0f / 362880.0f;
+    p = p * q - 1.0f / 5040.0f;
+    p = p * q + 1.0f / 120.0f;
+    p = p * q - 1.0f / 6.0f;
+    return p * q + 1.0f;
+}
+
+/// From the unit `a` to the unit `b`, which are not opposite.
+Vec3f turned(Vec3f a, Vec3f b, float share) {
+    const float angle = arcCosine(dot(a, b));
+    const float keep = 1.0f - share;
+    return normalized(a * (keep * sineRatio(keep * angle)) +
+                      b * (share * sineRatio(share * angle)));
+}
+
+/// The same for directions that are opposite, or nearly: by way of a direction square to `a`.
+Vec3f turnedAround(Vec3f a, Vec3f b, float share) {
+    const Vec3f across = b - a * dot(a, b);
+    const Vec3f over = length(across) > 1e-4f ? normalized(across) : anyPerpendicular(a);
+    return share < 0.5f ? turned(a, over, 2.0f * share) : turned(over, b, 2.0f * share - 1.0f);
+}
+
+/// A block of segments, an array a component, as the lanes want them.
+struct Segments {
+    std::array<float, kBlock> x, y, z, share, cosine;
+};
+
+void turnBlock(Segments& s, std::size_t count, Vec3f b) {
+    for (std::size_t i = 0; i < count; ++i) {
+        const float size = std::sqrt(s.x[i] * s.x[i] + s.y[i] * s.y[i] + s.z[i] * s.z[i]);
+        const float inverse = size > 0.0f ? 1.0f / size : 0.0f;
+        const float ax = s.x[i] * inverse, ay = s.y[i] * inverse, az = s.z[i] * inverse;
+        const float cosine = ax * b.x + ay * b.y + az * b.z;
+        const float angle = arcCosine(cosine);
+        const float share = s.share[i], keep = 1.0f - share;
+        const float wa = keep * sineRatio(keep * angle);
+        const float wb = share * sineRatio(share * angle);
+        const float x = ax * wa + b.x * wb, y = ay * wa + b.y * wb, z = az * wa + b.z * wb;
+        const float is = std::sqrt(x * x + y * y + z * z);
+        const float scale = is > 0.0f ? size / is : 0.0f;
+        s.x[i] = x * scale;
+        s.y[i] = y * scale;
+        s.z[i] = z * scale;
+        s.cosine[i] = cosine;
+    }
+}
+
+}  // namespace
+
+void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const float> shares,
+                  std::span<Vec3f> out) {
+    const std::size_t n = points.size();
+    const Vec3f b = normalized(toward);
+    if (n == 0) return;
+    if (b == Vec3f{} || (shares.size() == 1 && shares[0] <= 0.0f)) {
+        std::copy(points.begin(), points.end(), out.begin());
+        return;
+    }
+    out[0] = points[0];
+    bool anyTurned = false;
+    Segments s;
+    if (shares.size() == 1) s.share.fill(shares[0]);
+    for (std::size_t begin = 1; begin < n; begin += kBlock) {
+        const std::size_t count = std::min(kBlock, n - begin);
+        for (std::size_t i = 0; i < count; ++i) {
+            const Vec3f segment = points[begin + i] - points[begin + i - 1];
+            s.x[i] = segment.x;
+            s.y[i] = segment.y;
+            s.z[i] = segment.z;
+        }
+        if (shares.size() > 1)
+            std::copy_n(shares.begin() + std::ptrdiff_t(begin), count, s.share.begin());
+        turnBlock(s, count, b);
+        for (std::size_t i = 0; i < count; ++i) {
+            const std::size_t at = begin + i;
+            const bool turns = s.share[i] > 0.0f;
+            anyTurned = anyTurned || turns;
+            if (!anyTurned) {
+                out[at] = points[at];
+            } else if (!turns || s.cosine[i] < kOpposite) {
+                const Vec3f segment = points[at] - points[at - 1];
+                const float size = length(segment);
+                out[at] = out[at - 1] +
+                          (turns ? turnedAround(segment / size, b, s.share[i]) * size : segment);
+            } else {
+                out[at] = out[at - 1] + Vec3f{s.x[i], s.y[i], s.z[i]};
+            }
+        }
+    }
+}
+
+}  // namespace corvelle
