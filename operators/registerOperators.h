@@ -8,6 +8,7 @@ void registerShapeOperators();        // Length, Width, Resample, Output
 void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
 void registerLookOperators();         // Noise
+void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
