@@ -19,6 +19,24 @@ constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
 constexpr float kSharpest =
     1e-5f;  ///< share of the length that a kink takes: above the shares' rounding
 
+/// `v` turned by `angle` (-pi to pi) about a unit axis: Rodrigues' formula, with the sine and
+/// cosine of half the angle by their series, to within a float's rounding. A library's would be
+/// most of the node's time, a point at a time.
+Vec3f turned(Vec3f v, Vec3f axis, float angle) {
+    const float h = 0.5f * angle, q = h * h;
+    const float sine =
+        h * (1.0f +
+             q * (-1.0f / 6 +
+                  q * (1.0f / 120 + q * (-1.0f / 5040 + q * (1.0f / 362880 - q / 39916800.0f)))));
+    const float cosine =
+        1.0f +
+        q * (-0.5f +
+             q * (1.0f / 24 + q * (-1.0f / 720 +
+                                   q * (1.0f / 40320 + q * (-1.0f / 3628800 + q / 479001600.0f)))));
+    const Vec3f once = cross(axis, v);
+    return v + once * (2.0f * sine * cosine) + cross(axis, once) * (2.0f * sine * sine);
+}
+
 }  // namespace
 
 Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares, float start) {
@@ -40,18 +58,12 @@ float limitedToScalp(float angle, float toNormal) {
 void bendStrand(std::span<const Vec3f> points, std::span<const float> shares, BendSpan span,
                 Vec3f axis, float angle, std::span<Vec3f> out) {
     const float perShare = 1.0f / std::max(span.end - span.start, kSharpest);
-    float held = 0.0f;  // the turn that `rotation` makes
-    Rotation rotation;
-    bool turned = false;
+    bool moved = false;
     out[0] = points[0];
     for (std::size_t i = 1; i < points.size(); ++i) {
         const float turn = angle * std::clamp((shares[i] - span.start) * perShare, 0.0f, 1.0f);
-        if (turn != held) {
-            rotation = Rotation::about(axis, turn);
-            held = turn;
-            turned = true;
-        }
-        out[i] = turned ? out[i - 1] + rotation(points[i] - points[i - 1]) : points[i];
+        moved = moved || turn != 0.0f;
+        out[i] = moved ? out[i - 1] + turned(points[i] - points[i - 1], axis, turn) : points[i];
     }
 }
 

@@ -22,7 +22,7 @@ float limitedToScalp(float angle, float toNormal);
 
 /// Turns each segment about the unit `axis`, right-handed, by the share of `angle` (radians)
 /// reached at its tip end: none up to the start, all of it from the end on. Segments keep their
-/// lengths, and the points up to the start their places. out [n].
+/// lengths, and the points up to the start their places. `angle` -pi to pi. out [n].
 void bendStrand(std::span<const Vec3f> points, std::span<const float> shares, BendSpan span,
                 Vec3f axis, float angle, std::span<Vec3f> out);
 

@@ -18,13 +18,17 @@ Vec3f leanDirection(Vec3f normal, Vec3f rollZero, float inclination, float roll)
 
 void turnStrand(std::span<const Vec3f> points, Vec3f target, float share, std::span<Vec3f> out) {
     const Vec3f first = firstDirection(points);
-    const ShortestArc arc = shortestArc(first, target);
-    const float turn = arc.angle * share;
-    if (first == Vec3f{} || turn == 0.0f) {
+    if (first == Vec3f{} || share == 0.0f) {
         std::copy(points.begin(), points.end(), out.begin());
         return;
     }
-    const Rotation rotation = Rotation::about(arc.axis, turn);
+    Rotation rotation;
+    if (share == 1.0f) {
+        rotation = Rotation::shortest(first, target);  // without any trigonometry
+    } else {
+        const ShortestArc arc = shortestArc(first, target);
+        rotation = Rotation::about(arc.axis, arc.angle * share);
+    }
     const Vec3f root = points[0];
     out[0] = root;
     for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + rotation(points[i] - root);

@@ -161,6 +161,17 @@ TEST_F(TransformNodesTest, BendAndDirectionKeepSegmentLengthsAndRoots) {
     }
 }
 
+TEST_F(TransformNodesTest, BendTurnsByAnyAngleToAFloatsRounding) {
+    const std::vector<Vec3f> points = {{0, 0, 0}, {0.6f, 0, 0.8f}};
+    const std::vector<float> shares = {0.0f, 1.0f};
+    const Vec3f axis = normalized(Vec3f{1, 2, -3});
+    for (int degrees = -180; degrees <= 180; ++degrees) {
+        std::vector<Vec3f> out(2);
+        bendStrand(points, shares, {}, axis, float(degrees) * kRadians, out);
+        expectNear(out[1], Rotation::about(axis, float(degrees) * kRadians)(points[1]), 5e-7f);
+    }
+}
+
 TEST_F(TransformNodesTest, BendWithStartAndEndZeroStandsStrandsUp) {
     const StrandsPtr out = run("Bend", {{"angle", 180.0}, {"end", 0.0}}, hair);
     for (std::size_t s = 0; s < hair.strandCount(); ++s)
