@@ -5,8 +5,10 @@
 namespace corvelle {
 
 // The node types whose source holds one type, made for the registry.
+OperatorPtr makeBend();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
+OperatorPtr makeDirection();
 OperatorPtr makeDisplace();
 OperatorPtr makeHairColor();
 OperatorPtr makeLength();
@@ -15,6 +17,7 @@ OperatorPtr makeOutput();
 OperatorPtr makeResample();
 OperatorPtr makeSmooth();
 OperatorPtr makeStraighten();
+OperatorPtr makeTransform();
 OperatorPtr makeWidth();
 
 }  // namespace corvelle

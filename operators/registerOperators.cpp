@@ -16,6 +16,13 @@ void registerShapeOperators() {
 
 void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoise); }
 
+void registerTransformOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Bend", makeBend);
+    registry.add("Direction", makeDirection);
+    registry.add("Transform", makeTransform);
+}
+
 void registerColorOperators() { OperatorRegistry::instance().add("HairColor", makeHairColor); }
 
 void registerDeformOperators() {
@@ -39,6 +46,7 @@ void registerOperators() {
         registerScatterOperator();
         registerInterpolateOperator();
         registerLookOperators();
+        registerTransformOperators();
         registerColorOperators();
         registerDeformOperators();
         registerExtraOperators();

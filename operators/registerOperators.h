@@ -8,6 +8,7 @@ void registerShapeOperators();        // Length, Width, Resample, Output
 void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
 void registerLookOperators();         // Noise
+void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide, Comb, Displace
 void registerExtraOperators();        // Smooth, Straighten

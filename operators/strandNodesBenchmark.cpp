@@ -56,6 +56,18 @@ void timeNode(benchmark::State& state, const char* type, Setup&& setup) {
 void length(benchmark::State& state) {
     timeNode(state, "Length", [](Operator& op) { op.set("trimMax", 0.5); });
 }
+void bend(benchmark::State& state) {
+    timeNode(state, "Bend", [](Operator& op) {
+        op.set("along", std::string("direction"));
+        op.set("randomness", 0.5);
+    });
+}
+void direction(benchmark::State& state) {
+    timeNode(state, "Direction", [](Operator& op) { op.set("rollRandom", 90.0); });
+}
+void transform(benchmark::State& state) {
+    timeNode(state, "Transform", [](Operator& op) { op.set("rotateRandom", Vec3f{10, 20, 10}); });
+}
 void width(benchmark::State& state) {
     timeNode(state, "Width", [](Operator&) {});
 }
@@ -69,6 +81,9 @@ void hairColor(benchmark::State& state) {
     timeNode(state, "HairColor", [](Operator&) {});
 }
 BENCHMARK(length)->Name("nodes/Length")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(bend)->Name("nodes/Bend")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(direction)->Name("nodes/Direction")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(transform)->Name("nodes/Transform")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(width)->Name("nodes/Width")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(resample)->Name("nodes/Resample")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(hairColor)->Name("nodes/HairColor")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);

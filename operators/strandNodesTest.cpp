@@ -6,6 +6,7 @@
 
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
 #include "operators/registerOperators.h"
 #include "operators/testing/nodeBench.h"
@@ -18,6 +19,7 @@ struct NodeCase {
     const char* type;
     std::vector<std::pair<std::string, ParamValue>> params;
     bool keepsLayout = true;
+    bool keepsRoots = true;
 };
 
 MapSource expression(const char* text) { return {.kind = MapKind::Expression, .source = text}; }
@@ -45,6 +47,29 @@ const std::vector<NodeCase> kCases = {
     {"DisplacePlain", "Displace", {{"distance", -0.7}}},
     {"DisplacePerPoint", "Displace",
      {{"along", std::string("direction")}, {"direction", expression("[rand, 1, 0]")}, {"distance", expression("t * rand")}}},
+    {"BendNormal", "Bend", {{"angle", -60.0}, {"start", 0.2}, {"end", 0.7}, {"randomness", 0.5}}},
+    {"BendTangent", "Bend", {{"along", std::string("tangent")}, {"angle", expression("fit(rand, 0, 1, -90, 90)")}}},
+    {"BendDirection", "Bend", {{"along", std::string("direction")}, {"start", 0.4}, {"end", 0.4}}},
+    {"DirectionPlain", "Direction", {{"inclinationRandom", 20.0}, {"rollRandom", 90.0}, {"strength", 0.7}}},
+    {"DirectionMapped",
+     "Direction",
+     {{"along", std::string("direction")},
+      {"inclination", expression("rand * 90")},
+      {"roll", expression("reach * 20")},
+      {"strength", expression("rand")}}},
+    {"TransformAboutRoots",
+     "Transform",
+     {{"rotate", Vec3f{20, 30, 40}}, {"scale", expression("0.5 + rand")}, {"scaleRandom", 0.3}, {"rotateRandom", Vec3f{9, 9, 9}}}},
+    {"TransformMoves", "Transform", {{"translate", Vec3f{1, 2, 3}}, {"translateRandom", Vec3f{1, 0, 2}}}, true, false},
+    {"TransformWorld",
+     "Transform",
+     {{"space", std::string("world")},
+      {"rotate", Vec3f{10, 200, -50}},
+      {"pivot", Vec3f{3, 4, 5}},
+      {"scale", 1.5},
+      {"rotateRandom", Vec3f{30, 0, 30}}},
+     true,
+     false},
     {"ResampleEven", "Resample", {{"segments", 11.0}}, false},
     {"ResampleFewer", "Resample", {{"segments", 3.0}}, false},
 };
@@ -53,6 +78,7 @@ class StrandNodeTest : public testing::TestWithParam<NodeCase> {
 protected:
     StrandNodeTest() {
         setVerifyIncremental(true);
+        bench.data.scalp = std::make_shared<const ScalpMesh>(makeSphere(8, 8, 10.0f));  // the tuft's 64 triangles, and UVs
         for (const auto& [name, value] : GetParam().params) bench.op().set(name, value);
     }
     ~StrandNodeTest() override { setVerifyIncremental(false); }
@@ -68,7 +94,9 @@ TEST_P(StrandNodeTest, KeepsRootsAndIdsAndDoesSomething) {
     ASSERT_TRUE(out->validate());
     EXPECT_TRUE(std::ranges::equal(out->ids(), tuft.ids()));
     EXPECT_EQ(GetParam().keepsLayout, out->sameLayout(tuft));
-    for (std::size_t s = 0; s < tuft.strandCount(); ++s) EXPECT_EQ(out->pointsOf(s).front(), tuft.pointsOf(s).front());
+    for (std::size_t s = 0; s < tuft.strandCount() && GetParam().keepsRoots; ++s)
+        EXPECT_EQ(out->pointsOf(s).front(), tuft.pointsOf(s).front());
+    EXPECT_TRUE(std::ranges::equal(out->roots(), tuft.roots()));
     EXPECT_NE(out->contentHash(), tuft.contentHash()) << "a node that does nothing proves nothing";
     EXPECT_TRUE(out->extent().finite);
 }
@@ -300,7 +328,8 @@ TEST_F(OneNodeTest, HairColorGreysItsFractionAndTellsOfAForgottenTip) {
 }
 
 TEST_F(OneNodeTest, AnUnconnectedInputSaysSo) {
-    for (const char* type : {"Length", "Width", "Noise", "Resample", "HairColor", "Output"}) {
+    for (const char* type :
+         {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform"}) {
         registerOperators();
         const OperatorPtr op = OperatorRegistry::instance().create(type);
         EvaluationData data;

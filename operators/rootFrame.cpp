@@ -1,0 +1,54 @@
+#include "operators/rootFrame.h"
+
+#include <cmath>
+
+namespace corvelle {
+
+Vec3f firstDirection(std::span<const Vec3f> points) {
+    for (std::size_t i = 1; i < points.size(); ++i)
+        if (const Vec3f d = normalized(points[i] - points[i - 1]); !(d == Vec3f{})) return d;
+    return {};
+}
+
+Vec3f laidOnto(Vec3f v, Vec3f normal) {
+    constexpr float kParallel = 1e-4f;  // sine of the angle below which v says nothing
+    const Vec3f unit = normalized(v);
+    const Vec3f laid = unit - normal * dot(unit, normal);
+    if (!(lengthSquared(laid) > kParallel * kParallel)) return {};
+    const Vec3f once = normalized(laid);  // a second pass takes what rounding left along the normal
+    return normalized(once - normal * dot(once, normal));
+}
+
+Vec3f rootNormal(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first) {
+    if (scalp && scalp->validRoot(root))
+        if (const Vec3f normal = scalp->surfaceNormal(root); !(normal == Vec3f{})) return normal;
+    return first == Vec3f{} ? Vec3f{0.0f, 1.0f, 0.0f} : first;
+}
+
+Vec3f rootTangent(const ScalpMesh* scalp, const StrandRoot& root) {
+    return scalp ? scalp->surfaceTangentU(root) : Vec3f{};
+}
+
+RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first) {
+    RootFrame frame;
+    frame.y = rootNormal(scalp, root, first);
+    frame.x = rootTangent(scalp, root);
+    if (frame.x == Vec3f{}) frame.x = laidOnto({1.0f, 0.0f, 0.0f}, frame.y);
+    if (frame.x == Vec3f{}) frame.x = laidOnto({0.0f, 0.0f, 1.0f}, frame.y);
+    frame.z = cross(frame.x, frame.y);
+    return frame;
+}
+
+ShortestArc shortestArc(Vec3f from, Vec3f to) {
+    // In double: near the half turn a float cross product is mostly rounding.
+    const double x = double(from.y) * to.z - double(from.z) * to.y;
+    const double y = double(from.z) * to.x - double(from.x) * to.z;
+    const double z = double(from.x) * to.y - double(from.y) * to.x;
+    const double sine = std::sqrt(x * x + y * y + z * z);
+    const double cosine = double(from.x) * to.x + double(from.y) * to.y + double(from.z) * to.z;
+    const float angle = float(std::atan2(sine, cosine));
+    if (!(sine > 1e-6)) return {anyPerpendicular(from), angle};
+    return {{float(x / sine), float(y / sine), float(z / sine)}, angle};
+}
+
+}  // namespace corvelle

@@ -1,0 +1,189 @@
+#include "operators/transform.h"
+
+#include <algorithm>
+#include <array>
+#include <numbers>
+
+#include "model/hash.h"
+#include "operators/nodeFactories.h"
+#include "operators/strandOperator.h"
+
+namespace corvelle {
+
+namespace {
+
+constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
+
+}  // namespace
+
+Rotation turnInFrame(Vec3f degrees, const RootFrame& frame) {
+    const Rotation x = Rotation::about(frame.x, degrees.x * kRadians);
+    const Rotation y = Rotation::about(frame.y, degrees.y * kRadians);
+    return Rotation::about(frame.z, degrees.z * kRadians).after(y.after(x));
+}
+
+void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& turn, Vec3f root,
+                 std::span<Vec3f> out) {
+    if (points.empty()) return;
+    const Rotation scaled{turn.row0 * scale, turn.row1 * scale, turn.row2 * scale};
+    const Vec3f from = points[0];
+    out[0] = root;
+    for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + scaled(points[i] - from);
+}
+
+namespace {
+
+const std::vector<ParamSpec> kParams = {
+    {.name = "space",
+     .defaultValue = std::string("strand"),
+     .description = "strand: each strand about its own root, in its root's frame (x along the "
+                    "scalp's U, y its normal, "
+                    "z across); world: the whole set about the pivot, in world axes",
+     .choices = {"strand", "world"}},
+    {.name = "translate",
+     .defaultValue = Vec3f{},
+     .description = "Move, scene units: along the root's frame (strand) or world axes (world)",
+     .unit = "length"},
+    {.name = "rotate",
+     .defaultValue = Vec3f{},
+     .description = "Turn, degrees about x, then y, then z: the root's frame's axes (strand) or "
+                    "the world's through "
+                    "the pivot (world)",
+     .unit = "angle"},
+    {.name = "scale",
+     .defaultValue = 1.0,
+     .description = "Uniform scale about the root (strand) or the pivot (world) (mappable)",
+     .softMin = 0.0,
+     .softMax = 2.0,
+     .min = 0.0},
+    {.name = "pivot",
+     .defaultValue = Vec3f{},
+     .description = "World: the point the set turns and scales about",
+     .unit = "length",
+     .worldDirection = true,
+     .showWhen = {{.param = "space", .values = {"world"}}}},
+    {.name = "translateRandom",
+     .defaultValue = Vec3f{},
+     .description = "Up to this much more or less move per strand, per axis, scene units",
+     .unit = "length",
+     .group = "Random"},
+    {.name = "rotateRandom",
+     .defaultValue = Vec3f{},
+     .description = "Up to this many degrees more or less turn per strand, per axis",
+     .unit = "angle",
+     .group = "Random"},
+    {.name = "scaleRandom",
+     .defaultValue = 0.0,
+     .description = "Each strand's scale up to this share more or less, at random",
+     .unit = "fraction",
+     .group = "Random",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
+};
+
+/// Three draws in -1 to 1 for a strand, one per axis.
+struct AxisDraws {
+    std::array<std::uint64_t, 3> bases{};
+    Vec3f operator()(std::uint64_t id) const {
+        return {drawSigned(bases[0], id), drawSigned(bases[1], id), drawSigned(bases[2], id)};
+    }
+};
+
+class TransformWork final : public StrandWork {
+public:
+    FieldPtr scale;
+    bool world = false;
+    Vec3f translate, rotate, pivot, translateRandom, rotateRandom;
+    float scaleRandom = 0.0f;
+    AxisDraws translateDraws, rotateDraws;
+    std::uint64_t scaleBase = 0;
+    ScalpPtr scalp;
+
+    WrittenArrays writes() const override { return {.points = true}; }
+    bool readsWholeSet() const override { return scale->readsWholeSet(); }
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
+        std::array<float, StrandPick::kBatch> scales;
+        scale->sampleStrands(in, strands, std::span(scales).first(strands.size()));
+        const bool ownTurn = !(rotateRandom == Vec3f{});
+        const Rotation setTurn = world ? turnInFrame(rotate, {}) : Rotation{};
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const std::size_t s = strands[k];
+            const auto points = in.pointsOf(s);
+            if (points.empty()) continue;
+            const std::uint64_t id = in.ids()[s];
+            const float size = std::max(scales[k], 0.0f);
+            const float ownSize = size * (1.0f + scaleRandom * drawSigned(scaleBase, id));
+            const Vec3f ownMove = translateRandom * translateDraws(id);
+            const Vec3f ownRotate = ownTurn ? rotate + rotateRandom * rotateDraws(id) : rotate;
+            // The set's root goes with the set; what is the strand's own happens about that root.
+            Rotation turn = setTurn;
+            Vec3f root;
+            if (world) {
+                if (ownTurn) turn = turnInFrame(ownRotate, {});
+                root = movedRoot(points[0], size, setTurn) + ownMove;
+            } else {
+                const RootFrame frame =
+                    rootFrame(scalp.get(), in.roots()[s], firstDirection(points));
+                if (!(ownRotate == Vec3f{})) turn = turnInFrame(ownRotate, frame);
+                root = points[0] + frame.toWorld(translate + ownMove);
+            }
+            placeStrand(points, ownSize, turn, root,
+                        out.points.subspan(in.offsets()[s], points.size()));
+        }
+    }
+
+private:
+    Vec3f movedRoot(Vec3f root, float size, const Rotation& setTurn) const {
+        const bool still = size == 1.0f && rotate == Vec3f{};  // no rounding about a pivot then
+        return (still ? root : pivot + setTurn(root - pivot) * size) + translate;
+    }
+};
+
+class Transform final : public StrandOperator {
+public:
+    std::string type() const override { return "Transform"; }
+    std::string category() const override { return "shape"; }
+    std::string description() const override {
+        return "Moves, turns and scales strands about their roots (or the whole set), with "
+               "randomness.";
+    }
+    std::vector<ParamSpec> spec() const override { return kParams; }
+    std::uint32_t contextReads() const override { return reads::kScalp; }
+
+protected:
+    std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs&,
+                                        const StrandSet& strands) override {
+        auto work = std::make_unique<TransformWork>();
+        work->world = choice("space") == "world";
+        work->scale = fieldFromParam(*this, "scale", context, strands);
+        work->translate = vec3("translate");
+        work->rotate = vec3("rotate");
+        work->translateRandom = vec3("translateRandom");
+        work->rotateRandom = vec3("rotateRandom");
+        work->scaleRandom = float(number("scaleRandom"));
+        const Vec3f none;
+        if (work->translate == none && work->rotate == none && work->translateRandom == none &&
+            work->rotateRandom == none && work->scaleRandom == 0.0f &&
+            work->scale->constant() == 1.0f)
+            return nullptr;
+        work->pivot = vec3("pivot");
+        const auto base = [&](const char* use) { return drawBase(seed(), use); };
+        work->translateDraws.bases = {base("Transform.translateX"), base("Transform.translateY"),
+                                      base("Transform.translateZ")};
+        work->rotateDraws.bases = {base("Transform.rotateX"), base("Transform.rotateY"),
+                                   base("Transform.rotateZ")};
+        work->scaleBase = base("Transform.scale");
+        work->scalp = context.scalp();
+        return work;
+    }
+};
+
+}  // namespace
+
+OperatorPtr makeTransform() { return std::make_unique<Transform>(); }
+
+}  // namespace corvelle
