@@ -18,7 +18,7 @@ namespace {
 constexpr float kCellsPerSide = 192.0f;
 constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
-constexpr std::size_t kBlockCells = 8;
+constexpr std::size_t kBlockCells = 2;
 constexpr std::size_t kCoarsest = 8;   ///< step, in nodes, of the coarsest nodes measured
 /// A node between coarser ones is measured when it is nearer than so many of their steps: beyond, the
 /// distance is smooth enough to be interpolated.

@@ -77,9 +77,14 @@ Welded weld(const ScalpMesh& mesh) {
                                 std::uint8_t(c)});
         }
     }
-    std::sort(out.uses.begin(), out.uses.end(), [](const auto& a, const auto& b) {
-        return std::tie(a.low, a.high, a.triangle, a.corner) <
-               std::tie(b.low, b.high, b.triangle, b.corner);
+    // Two numbers to compare: the ends, then triangle and corner.
+    const auto ends = [](const Welded::Use& u) {
+        return std::uint64_t(std::uint32_t(u.low)) << 32 | std::uint32_t(u.high);
+    };
+    std::sort(out.uses.begin(), out.uses.end(), [&](const auto& a, const auto& b) {
+        const std::uint64_t ka = ends(a), kb = ends(b);
+        if (ka != kb) return ka < kb;
+        return a.triangle != b.triangle ? a.triangle < b.triangle : a.corner < b.corner;
     });
     return out;
 }

@@ -38,6 +38,12 @@ public:
         }
         keys_[count_++] = key;
     }
+    /// Whether `more` keys fit without looking; then `put` them: kept when `keep`, no branch.
+    bool hasRoom(std::size_t more) const { return count_ + more <= keys_.size(); }
+    void put(std::uint64_t key, bool keep) {
+        keys_[count_] = key;
+        count_ += keep;
+    }
     std::size_t count() const { return count_; }
     void clear() { count_ = 0; }
     /// The least, ascending; returns how many.
@@ -53,7 +59,7 @@ public:
     std::uint32_t rank(std::size_t i) const { return std::uint32_t(keys_[i]); }
 
 private:
-    std::array<std::uint64_t, 64> keys_;
+    std::array<std::uint64_t, 96> keys_;
     std::size_t count_ = 0;
 };
 
@@ -174,8 +180,17 @@ void SampleIndex::nearest(std::uint32_t i, const SampleNeighbors* known,
             for (int y = y0; y <= y1; ++y) {
                 const std::size_t row = (std::size_t(z) * std::size_t(cells_[1]) + std::size_t(y)) *
                                         std::size_t(cells_[0]);
+                const std::uint32_t begin = starts_[row + std::size_t(x0)];
                 const std::uint32_t end = starts_[row + std::size_t(x1) + 1];
-                for (std::uint32_t k = starts_[row + std::size_t(x0)]; k < end; ++k) {
+                if (keys.hasRoom(end - begin + 1)) {
+                    for (std::uint32_t k = begin; k < end; ++k) {
+                        const float d2 = lengthSquared(byCell_[k].position - p);
+                        const std::uint32_t other = std::bit_cast<std::uint32_t>(byCell_[k].radius);
+                        keys.put(keyOf(d2, other), (d2 <= bound) & (other != rank));
+                    }
+                    continue;
+                }
+                for (std::uint32_t k = begin; k < end; ++k) {
                     const float d2 = lengthSquared(byCell_[k].position - p);
                     if (!(d2 <= bound)) continue;
                     const std::uint32_t other = std::bit_cast<std::uint32_t>(byCell_[k].radius);
