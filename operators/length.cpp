@@ -19,6 +19,10 @@ float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings
     return share * (1.0f - loss);
 }
 
+namespace {
+constexpr std::size_t kScratchPoints = 128;  ///< floats kept on the stack
+}
+
 void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
     const std::size_t n = in.size();
     if (share >= 1.0f || n < 2) {
@@ -26,20 +30,21 @@ void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
         return;
     }
     // Every point slides back along the strand to `share` of its own arc length. Both walk forward.
+    std::array<float, kScratchPoints> onStack;
+    std::vector<float> onHeap;
+    if (2 * n > onStack.size()) onHeap.resize(2 * n);
+    float* const segment = onHeap.empty() ? onStack.data() : onHeap.data();
+    float* const arc = segment + n;  // arc length at in[i]
+    for (std::size_t i = 1; i < n; ++i) segment[i - 1] = distance(in[i], in[i - 1]);
+    arc[0] = 0.0f;
+    for (std::size_t i = 1; i < n; ++i) arc[i] = arc[i - 1] + segment[i - 1];
     out[0] = in[0];
-    float segmentStart = 0.0f;  // arc length at in[k]
     std::size_t k = 0;
-    float segment = distance(in[1], in[0]);
-    float arc = 0.0f;  // arc length at in[i]
     for (std::size_t i = 1; i < n; ++i) {
-        arc += distance(in[i], in[i - 1]);
-        const float target = arc * share;
-        while (k + 2 < n && segmentStart + segment < target) {
-            segmentStart += segment;
-            ++k;
-            segment = distance(in[k + 1], in[k]);
-        }
-        const float along = segment > 0.0f ? std::min((target - segmentStart) / segment, 1.0f) : 0.0f;
+        const float target = arc[i] * share;
+        k += std::size_t((k + 2 < n) & (arc[k + 1] < target));  // nearly always enough, and no branch
+        while (k + 2 < n && arc[k + 1] < target) ++k;
+        const float along = segment[k] > 0.0f ? std::min((target - arc[k]) / segment[k], 1.0f) : 0.0f;
         out[i] = mix(in[k], in[k + 1], along);
     }
 }
