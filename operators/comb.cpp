@@ -5,7 +5,7 @@
 
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
-#include "operators/rootNormal.h"
+#include "operators/rootFrame.h"
 #include "operators/segmentTurn.h"
 #include "operators/strandOperator.h"
 
@@ -70,7 +70,7 @@ public:
             const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
             const float strong = clampShare(strengths[k]);
             const Vec3f toward =
-                laidOnSurface(directions[k], rootNormal(surface.get(), in.roots()[s]));
+                laidOnSurface(directions[k], scalpNormal(surface.get(), in.roots()[s]));
             if (flat) {
                 turnSegments(points, toward, std::span(&strong, 1), to);
                 continue;

@@ -3,7 +3,7 @@
 
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
-#include "operators/rootNormal.h"
+#include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
@@ -67,7 +67,7 @@ public:
             if (n == 0) continue;
             const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], n);
             const std::span<float> amounts = std::span(scratch).first(n);
-            const Vec3f normal = rootNormal(scalp.get(), in.roots()[s]);
+            const Vec3f normal = scalpNormal(scalp.get(), in.roots()[s]);
             const Vec3f way = normal == Vec3f{} ? normalized(directions[k]) : normal;
             polylineShares(points, amounts);
             profile.sample(amounts, amounts);

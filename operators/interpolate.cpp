@@ -12,6 +12,7 @@
 #include "operators/guideRegions.h"
 #include "operators/interpolateBlend.h"
 #include "operators/registerOperators.h"
+#include "operators/rootFrame.h"
 #include "operators/strandLoop.h"
 
 namespace corvelle {
@@ -122,17 +123,6 @@ std::uint64_t hashVec(std::uint64_t h, Vec3f v) {
     h = hashCombine(h, (std::uint64_t(std::bit_cast<std::uint32_t>(v.x)) << 32) |
                            std::bit_cast<std::uint32_t>(v.y));
     return hashCombine(h, v.z);
-}
-
-/// The unit direction that a curve stands on: the surface's normal at its root; off the scalp, its
-/// own first segment's; up where neither has a direction.
-Vec3f rootNormal(const ScalpMesh* mesh, const StrandRoot& root, std::span<const Vec3f> points) {
-    Vec3f normal;
-    if (mesh && mesh->validRoot(root))
-        normal = mesh->surfaceNormal(root);
-    else if (points.size() > 1)
-        normal = normalized(points[1] - points[0]);
-    return lengthSquared(normal) > 0.5f ? normal : Vec3f{0.0f, 1.0f, 0.0f};
 }
 
 /// All of the strands that weights are made from.
@@ -346,7 +336,7 @@ private:
         run.channels = carriedChannels(*guides);
         std::vector<Vec3f> normals(guides->size());
         for (std::size_t g = 0; g < guides->size(); ++g)
-            normals[g] = rootNormal(mesh.get(), guides->roots()[g], guides->pointsOf(g));
+            normals[g] = rootNormal(mesh.get(), guides->roots()[g], firstDirection(guides->pointsOf(g)));
         run.shapes = shapeCache_.shapes(*guides, normals, counts, boolean("smoothGuides"));
         std::string details = "it does not keep clearance";
         if (boolean("keepClearance") && !run.settings.takeLength && connected)
@@ -535,7 +525,7 @@ private:
             for (std::size_t s = begin; s < end; ++s) {
                 const auto points = strands.pointsOf(s);
                 positions[s] = points.empty() ? Vec3f{} : points.front();
-                data->normals[s] = rootNormal(from.mesh, strands.roots()[s], points);
+                data->normals[s] = rootNormal(from.mesh, strands.roots()[s], firstDirection(points));
             }
         });
         std::vector<Vec3f> guidePositions(guides.size());

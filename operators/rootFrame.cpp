@@ -19,9 +19,12 @@ Vec3f laidOnto(Vec3f v, Vec3f normal) {
     return normalized(once - normal * dot(once, normal));
 }
 
+Vec3f scalpNormal(const ScalpMesh* scalp, const StrandRoot& root) {
+    return scalp && scalp->validRoot(root) ? scalp->surfaceNormal(root) : Vec3f{};
+}
+
 Vec3f rootNormal(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first) {
-    if (scalp && scalp->validRoot(root))
-        if (const Vec3f normal = scalp->surfaceNormal(root); !(normal == Vec3f{})) return normal;
+    if (const Vec3f normal = scalpNormal(scalp, root); !(normal == Vec3f{})) return normal;
     return first == Vec3f{} ? Vec3f{0.0f, 1.0f, 0.0f} : first;
 }
 

@@ -24,6 +24,9 @@ Vec3f firstDirection(std::span<const Vec3f> points);
 /// `v` less its share along the unit `normal`, unit; zero where the two are parallel.
 Vec3f laidOnto(Vec3f v, Vec3f normal);
 
+/// The scalp's unit normal at the root; zero when unrooted.
+Vec3f scalpNormal(const ScalpMesh* scalp, const StrandRoot& root);
+
 /// Unit normal at the root; unrooted: `first`, or +Y where that is zero too.
 Vec3f rootNormal(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first);
 

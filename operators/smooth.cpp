@@ -6,7 +6,6 @@
 
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
-#include "operators/rootNormal.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {

@@ -5,7 +5,6 @@
 
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
-#include "operators/rootNormal.h"
 #include "operators/segmentTurn.h"
 #include "operators/strandOperator.h"
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <span>
 #include <string>
@@ -61,6 +62,9 @@ protected:
     virtual std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs& inputs,
                                                 const StrandSet& strands) = 0;
 };
+
+/// A strength as a field gave it, held to 0..1; what is no number is 0.
+inline float clampShare(float x) { return x > 0.0f ? std::min(x, 1.0f) : 0.0f; }
 
 /// The strands of a set in a flat list of the points of the listed strands: offsets into the list.
 /// out[k] is where the points of strands[k] begin; returns the total.
