@@ -75,6 +75,8 @@ constexpr float unitHash(std::uint64_t x) {
 constexpr std::uint64_t drawBase(std::uint64_t seed, std::string_view use) {
     return mix64(seed ^ hashOf(use));
 }
+/// The same with the word hashed beforehand: in a loop, make `use` a constant, constexpr hashOf("...").
+constexpr std::uint64_t drawBase(std::uint64_t seed, std::uint64_t use) { return mix64(seed ^ use); }
 /// Uniform in [0, 1) for one stable id.
 constexpr float draw(std::uint64_t base, std::uint64_t id) {
     return unitHash(hashCombine(base, id));

@@ -43,13 +43,21 @@ Vec3f adjustHsv(Vec3f rgb, float hueTurns, float saturationScale, float valueSca
 
 namespace {
 
+// Hashed once: every strand draws from them.
+constexpr std::uint64_t kGrey = hashOf("HairColor.grey");
+constexpr std::uint64_t kMelaninUse = hashOf("HairColor.melanin");
+constexpr std::uint64_t kRednessUse = hashOf("HairColor.redness");
+constexpr std::uint64_t kValueUse = hashOf("HairColor.value");
+constexpr std::uint64_t kHueUse = hashOf("HairColor.hue");
+constexpr std::uint64_t kSaturationUse = hashOf("HairColor.saturation");
+
 /// One signed draw of a strand, partly its clump's.
 class StrandRandom {
 public:
     StrandRandom(const HairColorInput& strand, const HairColorSettings& settings)
         : id_(strand.id), seed_(settings.seed), share_(strand.clump < 0.0f ? 0.0f : settings.clumpShare),
           clump_(std::bit_cast<std::uint32_t>(strand.clump)) {}
-    float operator()(std::string_view use) const {
+    float operator()(std::uint64_t use) const {
         const std::uint64_t base = drawBase(seed_, use);
         const float own = drawSigned(base, id_);
         return share_ > 0.0f ? mix(own, drawSigned(mix64(base), clump_), share_) : own;
@@ -66,17 +74,17 @@ private:
 HairColorResult hairColor(const HairColorInput& strand, const HairColorSettings& settings) {
     const StrandRandom random(strand, settings);
     HairColorResult out;
-    if (draw(drawBase(settings.seed, "HairColor.grey"), strand.id) < strand.grey) {
+    if (draw(drawBase(settings.seed, kGrey), strand.id) < strand.grey) {
         out.melanin = kGreyMelanin;
     } else {
-        const auto varied = [&](float value, float amount, std::string_view use) {
+        const auto varied = [&](float value, float amount, std::uint64_t use) {
             return std::clamp(amount > 0.0f ? value + amount * random(use) : value, 0.0f, 1.0f);
         };
-        out.melanin = varied(strand.melanin, settings.melaninRandom, "HairColor.melanin");
-        out.redness = varied(strand.redness, settings.rednessRandom, "HairColor.redness");
+        out.melanin = varied(strand.melanin, settings.melaninRandom, kMelaninUse);
+        out.redness = varied(strand.redness, settings.rednessRandom, kRednessUse);
     }
     const bool byMap = strand.map && !settings.multiplyMap;
-    const float value = settings.valueRandom > 0.0f ? 1.0f + settings.valueRandom * random("HairColor.value") : 1.0f;
+    const float value = settings.valueRandom > 0.0f ? 1.0f + settings.valueRandom * random(kValueUse) : 1.0f;
     if (!byMap && value != 1.0f) {
         // Lighter or darker as less or more pigment, so that the look stays a pigment's.
         const float green = pigmentColor(out.melanin, out.redness).y * value;
@@ -86,10 +94,10 @@ HairColorResult hairColor(const HairColorInput& strand, const HairColorSettings&
     if (strand.map && settings.multiplyMap) rgb = rgb * *strand.map;
     rgb = rgb * settings.dye;
     const float hue = settings.hueShift +
-                      (settings.hueRandom > 0.0f ? 0.5f * settings.hueRandom * random("HairColor.hue") : 0.0f);
+                      (settings.hueRandom > 0.0f ? 0.5f * settings.hueRandom * random(kHueUse) : 0.0f);
     const float saturation =
         settings.saturationScale *
-        (settings.saturationRandom > 0.0f ? 1.0f + settings.saturationRandom * random("HairColor.saturation") : 1.0f);
+        (settings.saturationRandom > 0.0f ? 1.0f + settings.saturationRandom * random(kSaturationUse) : 1.0f);
     if (hue != 0.0f || saturation != 1.0f || settings.valueScale != 1.0f)
         rgb = adjustHsv(rgb, hue, saturation, settings.valueScale);
     out.rgb = rgb;

@@ -10,17 +10,20 @@
 
 namespace corvelle {
 
+namespace {
+// Hashed once: a strand draws from each.
+constexpr std::uint64_t kFraction = hashOf("Length.fraction");
+constexpr std::uint64_t kTrim = hashOf("Length.trim");
+constexpr std::size_t kScratchPoints = 128;  ///< floats kept on the stack
+}  // namespace
+
 float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings& settings) {
     const float share = std::clamp(keep, 0.0f, 1.0f);
-    if (!(draw(drawBase(settings.seed, "Length.fraction"), id) < fraction)) return share;
+    if (!(draw(drawBase(settings.seed, kFraction), id) < fraction)) return share;
     const float lo = std::min(settings.trimMin, settings.trimMax);
     const float hi = std::max(settings.trimMin, settings.trimMax);
-    const float loss = lo + (hi - lo) * draw(drawBase(settings.seed, "Length.trim"), id);
+    const float loss = lo + (hi - lo) * draw(drawBase(settings.seed, kTrim), id);
     return share * (1.0f - loss);
-}
-
-namespace {
-constexpr std::size_t kScratchPoints = 128;  ///< floats kept on the stack
 }
 
 void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {

@@ -18,6 +18,8 @@ float octaveWeight(float segmentsPerFeature) { return std::clamp((segmentsPerFea
 
 namespace {
 
+constexpr std::uint64_t kLattice = hashOf("Noise.lattice");
+constexpr std::uint64_t kKink = hashOf("Noise.kink");
 constexpr float kRootFade = 0.2f;  ///< share of the length over which the noise fades in
 
 float rootFade(float share) {
@@ -46,7 +48,7 @@ void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares,
     float perFeature = segmentsPerFeature(points.size(), length, settings);
     for (int k = 0; k < settings.octaves; ++k, perFeature *= 0.5f) weights[k] = octaveWeight(perFeature);
     const std::span<const float> used(weights.data(), std::size_t(settings.octaves));
-    const std::uint64_t base = drawBase(settings.seed, "Noise.lattice");
+    const std::uint64_t base = drawBase(settings.seed, kLattice);
     if (settings.world) {
         for (std::size_t i = 0; i < out.size(); ++i) out[i] = points[i] * settings.frequency;
         fbmVectorWeighted(out, base, settings.octaves, used, out);
@@ -63,7 +65,7 @@ void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares,
 void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length, std::uint64_t id,
                   const NoiseSettings& settings, std::span<Vec3f> out) {
     const float weight = octaveWeight(segmentsPerFeature(points.size(), length, settings));
-    const std::uint64_t base = drawBase(settings.seed, "Noise.kink");
+    const std::uint64_t base = drawBase(settings.seed, kKink);
     const std::uint64_t own = hashCombine(base, id);
     // Knots stand 1 / frequency apart along the strand, from the root.
     const float perShare = settings.world ? settings.frequency * length : settings.frequency;

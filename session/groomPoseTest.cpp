@@ -5,6 +5,7 @@
 namespace corvelle {
 namespace {
 
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
