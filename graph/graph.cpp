@@ -138,10 +138,10 @@ NodeId Graph::nodeOnCycle() const {
     std::unordered_map<NodeId, std::vector<NodeId>> readers;
     for (const auto& [id, n] : nodes_) {
         std::size_t& count = waiting[id];
-        const auto reads = [&](NodeId up) {
+        const auto reads = [&, reader = id](NodeId up) {
             if (up == 0) return;
             ++count;
-            readers[up].push_back(id);
+            readers[up].push_back(reader);
         };
         for (const NodeId up : n.inputNodes) reads(up);
         for (const auto& [param, input] : n.paramInputs) reads(input.from);

@@ -63,7 +63,9 @@ void fail(Node& node, const std::string& message) {
 void Graph::applyControls(const EvaluationData& data) {
     for (auto& [id, node] : nodes_) {
         node.op->clearDriven();
-        for (const auto& [param, names] : node.paramControls) {
+        for (const auto& driven : node.paramControls) {
+            const std::string& param = driven.first;
+            const std::vector<std::string>& names = driven.second;
             const auto control = [&](std::size_t i) -> const double* {
                 if (i >= names.size()) return nullptr;
                 const auto found = data.controls.find(names[i]);

@@ -46,11 +46,11 @@ struct Operator::ParamTable {
         std::sort(byName.begin(), byName.end(),
                   [&](std::uint32_t a, std::uint32_t b) { return specs[a].name < specs[b].name; });
     }
-    const ParamSpec* find(std::string_view name) const {
+    const ParamSpec* find(std::string_view wantedName) const {
         const auto at = std::lower_bound(
-            byName.begin(), byName.end(), name,
+            byName.begin(), byName.end(), wantedName,
             [&](std::uint32_t i, std::string_view wanted) { return specs[i].name < wanted; });
-        return at != byName.end() && specs[*at].name == name ? &specs[*at] : nullptr;
+        return at != byName.end() && specs[*at].name == wantedName ? &specs[*at] : nullptr;
     }
 };
 

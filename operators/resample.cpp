@@ -2,7 +2,6 @@
 #include <array>
 #include <cmath>
 #include <numbers>
-#include <ranges>
 
 #include "operators/nodeFactories.h"
 #include "operators/splineResample.h"
@@ -205,8 +204,9 @@ private:
     void layOut(const StrandSet& in, Mode mode, int segments, StrandSet& out) const {
         const std::size_t count = in.strandCount();
         constexpr unsigned kFlags = StrandSet::kLeavePoints | StrandSet::kLeaveWidths;
-        const auto keepsCount = [&](std::size_t s) { return in.pointCountOf(s) == std::size_t(segments) + 1; };
-        if (mode == Mode::Even && std::ranges::all_of(std::views::iota(std::size_t(0), count), keepsCount)) {
+        std::size_t kept = 0;
+        while (kept < count && in.pointCountOf(kept) == std::size_t(segments) + 1) ++kept;
+        if (mode == Mode::Even && kept == count) {
             out = in;  // the layout stays: what is not written is shared
             return;
         }

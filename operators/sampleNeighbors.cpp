@@ -11,7 +11,6 @@ namespace corvelle {
 
 namespace {
 
-constexpr std::size_t kBlock = 256;
 constexpr std::size_t kCellsPerSample = 16;  ///< memory: 4 bytes each
 constexpr int kMaxCellsPerAxis = 4096;
 /// Slack, in cells, for the rounding of a coordinate up to kMaxCellsPerAxis cells.
