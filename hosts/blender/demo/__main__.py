@@ -1,6 +1,7 @@
 """Grows hair on a head, or on any .obj, through corvelle-helper, and draws it.
 
     scripts/demo [--scalp FILE.obj] [--strands N] [--picture FILE.png]
+    scripts/demo --look NAME [--picture FILE.png]
 """
 
 from __future__ import annotations
@@ -16,6 +17,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "client"))
 
 from .guides import head_guides, mesh_guides  # noqa: E402  (the client stands beside the demo)
 from .head import Mesh, make_head, read_obj  # noqa: E402
+from .looks import LOOKS, dress  # noqa: E402
 from .picture import Hair, draw, write_png  # noqa: E402
 from .stage import Guides, grown_area, stage, take_hair, timed, views_of  # noqa: E402
 
@@ -50,13 +52,30 @@ def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: boo
         return take_hair(session)
 
 
+def show_look(helper_path: str, name: str, picture: str) -> int:
+    """One graph of docs/looks on the head. Fails when a node has something to complain of."""
+    print(f"  {name}: {LOOKS[name].about}")
+    mesh = make_head()
+    with stage(helper_path, mesh, head_guides()) as session:
+        timed("set_graph and what it reads", lambda: dress(session, name))
+        hair, answer = timed("evaluate", lambda: take_hair(session))
+    print(f"  {answer['strandCount']} strands, {answer['pointCount']} points")
+    image = timed("draw the picture", lambda: draw(hair, (mesh.points, mesh.triangles()), views_of(mesh, True)))
+    write_png(picture, image)
+    print(f"  {picture}")
+    return 1 if answer["errors"] or not answer["strandCount"] else 0
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(prog="demo", description=__doc__.split("\n")[0])
     parser.add_argument("--helper", required=True, help="the program corvelle-helper")
     parser.add_argument("--scalp", help="an .obj to grow on, instead of the head")
     parser.add_argument("--strands", type=int, default=100_000)
     parser.add_argument("--picture", default="hair.png")
+    parser.add_argument("--look", choices=sorted(LOOKS), help="a graph of docs/looks, on the head")
     options = parser.parse_args()
+    if options.look:
+        return show_look(options.helper, options.look, options.picture)
 
     mesh = timed("make the mesh", lambda: read_obj(options.scalp) if options.scalp else make_head())
     guides = timed("make the guides", lambda: mesh_guides(mesh) if options.scalp else head_guides())
