@@ -17,15 +17,16 @@ namespace {
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::array<std::uint8_t, 8> kSignature = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
-constexpr std::size_t kBlock = 65535;           ///< bytes of a stored DEFLATE block, at most
-constexpr std::size_t kBlockHeader = 5;         ///< last flag, length, its complement
+constexpr std::size_t kBlock = 65535;              ///< bytes of a stored DEFLATE block, at most
+constexpr std::size_t kBlockHeader = 5;            ///< last flag, length, its complement
+constexpr std::size_t kChunk = 12;                 ///< bytes of a chunk beside its data
 constexpr std::size_t kLongestChunk = 0x7fffffff;  ///< PNG's own limit
 constexpr std::uint32_t kAdlerBase = 65521;
 constexpr std::size_t kAdlerRun = 5552;  ///< bytes whose sums still fit 32 bits
 
-/// Eight tables: table k gives the remainder of a byte that k further bytes follow (Kounavis, Berry,
-/// "Novel table lookup-based algorithms for high-performance CRC generation", IEEE Trans. Comput.
-/// 57(11), 2008).
+/// Eight tables: table k gives the remainder of a byte that k further bytes follow (Kounavis,
+/// Berry, "Novel table lookup-based algorithms for high-performance CRC generation", IEEE Trans.
+/// Comput. 57(11), 2008).
 using CrcTables = std::array<std::array<std::uint32_t, 256>, 8>;
 constexpr CrcTables kCrc = [] {
     CrcTables t{};
@@ -71,35 +72,43 @@ struct Adler {
     std::uint32_t value() const { return b << 16 | a; }
 };
 
-void putBig32(Bytes& out, std::uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) out.push_back(std::uint8_t(value >> shift));
-}
-
-/// A chunk under way: its length and CRC are filled in at the end.
-class Chunk {
+/// Writes forward through a buffer of the right size.
+class Cursor {
 public:
-    Chunk(Bytes& out, std::string_view type, std::size_t length) : out_(out) {
-        putBig32(out_, std::uint32_t(length));
-        start_ = out_.size();
-        out_.insert(out_.end(), type.begin(), type.end());
+    explicit Cursor(Bytes& out) : at_(out.data()) {}
+    std::uint8_t* at() const { return at_; }
+    void byte(unsigned value) { *at_++ = std::uint8_t(value); }
+    void big32(std::uint32_t value) {
+        for (int shift = 24; shift >= 0; shift -= 8) byte(value >> shift);
     }
-    void close() { putBig32(out_, crcOf(std::span(out_).subspan(start_))); }
+    void bytes(const void* from, std::size_t count) {
+        std::memcpy(at_, from, count);
+        at_ += count;
+    }
 
 private:
-    Bytes& out_;
-    std::size_t start_ = 0;
+    std::uint8_t* at_;
 };
 
-/// Cuts a stream of `total` bytes into stored blocks behind `out`.
+/// Begins a chunk; returns where the part that its CRC covers starts.
+const std::uint8_t* openChunk(Cursor& out, const char (&type)[5], std::size_t length) {
+    out.big32(std::uint32_t(length));
+    const std::uint8_t* start = out.at();
+    out.bytes(type, 4);
+    return start;
+}
+void closeChunk(Cursor& out, const std::uint8_t* start) { out.big32(crcOf({start, out.at()})); }
+
+/// Cuts a stream of `total` bytes into stored blocks.
 class StoredBlocks {
 public:
-    StoredBlocks(Bytes& out, std::size_t total) : out_(out), left_(total) {}
+    StoredBlocks(Cursor& out, std::size_t total) : out_(out), left_(total) {}
     void add(std::span<const std::uint8_t> bytes) {
         adler_.add(bytes);
         while (!bytes.empty()) {
             if (room_ == 0) open();
             const std::size_t n = std::min(room_, bytes.size());
-            out_.insert(out_.end(), bytes.begin(), bytes.begin() + std::ptrdiff_t(n));
+            out_.bytes(bytes.data(), n);
             bytes = bytes.subspan(n);
             room_ -= n;
             left_ -= n;
@@ -110,12 +119,12 @@ public:
 private:
     void open() {
         room_ = std::min(kBlock, left_);
-        const std::uint16_t size = std::uint16_t(room_), complement = std::uint16_t(~size);
-        for (const unsigned v : {unsigned(room_ == left_), unsigned(size), unsigned(size) >> 8,
-                                 unsigned(complement), unsigned(complement) >> 8})
-            out_.push_back(std::uint8_t(v));
+        const unsigned size = unsigned(room_), complement = ~size;
+        out_.byte(room_ == left_);
+        for (const unsigned v : {size, size >> 8, complement, complement >> 8})
+            out_.byte(v & 0xffu);
     }
-    Bytes& out_;
+    Cursor& out_;
     std::size_t left_;
     std::size_t room_ = 0;
     Adler adler_;
@@ -124,10 +133,14 @@ private:
 /// The PNG colour type of a channel count; -1 for none.
 int colorType(int channels) {
     switch (channels) {
-        case 1: return 0;
-        case 3: return 2;
-        case 4: return 6;
-        default: return -1;
+        case 1:
+            return 0;
+        case 3:
+            return 2;
+        case 4:
+            return 6;
+        default:
+            return -1;
     }
 }
 
@@ -154,36 +167,36 @@ template <class Row>
 Bytes encode(int width, int height, int channels, int bytesPerValue, Row&& row) {
     const std::size_t idat = idatSize(width, height, channels, bytesPerValue);
     const std::size_t stride = std::size_t(width) * std::size_t(channels * bytesPerValue);
-    Bytes out;
-    out.reserve(kSignature.size() + 25 + 12 + idat + 12);
-    out.insert(out.end(), kSignature.begin(), kSignature.end());
+    Bytes file(kSignature.size() + (kChunk + 13) + (kChunk + idat) + kChunk);
+    Cursor out(file);
+    out.bytes(kSignature.data(), kSignature.size());
 
-    Chunk header(out, "IHDR", 13);
-    putBig32(out, std::uint32_t(width));
-    putBig32(out, std::uint32_t(height));
-    for (const int v : {8 * bytesPerValue, colorType(channels), 0, 0, 0})
-        out.push_back(std::uint8_t(v));
-    header.close();
+    const std::uint8_t* header = openChunk(out, "IHDR", 13);
+    out.big32(std::uint32_t(width));
+    out.big32(std::uint32_t(height));
+    for (const int v : {8 * bytesPerValue, colorType(channels), 0, 0, 0}) out.byte(unsigned(v));
+    closeChunk(out, header);
 
-    Chunk data(out, "IDAT", idat);
-    out.push_back(0x78);  // DEFLATE, a window of 32 KiB
-    out.push_back(0x01);  // the check of that byte
+    const std::uint8_t* data = openChunk(out, "IDAT", idat);
+    out.byte(0x78);  // DEFLATE, a window of 32 KiB
+    out.byte(0x01);  // the check of that byte
     StoredBlocks blocks(out, std::size_t(height) * (stride + 1));
     Bytes line(stride + 1);  // the first byte: no filter
     for (int y = 0; y < height; ++y) {
         row(y, std::span(line).subspan(1));
         blocks.add(line);
     }
-    putBig32(out, blocks.adler());
-    data.close();
+    out.big32(blocks.adler());
+    closeChunk(out, data);
 
-    Chunk(out, "IEND", 0).close();
-    return out;
+    closeChunk(out, openChunk(out, "IEND", 0));
+    return file;
 }
 
 Bytes encode8(const char* function, std::span<const std::uint8_t> pixels, int width, int height,
               int channels) {
-    check(function, idatSize(width, height, channels, 1) > 0, pixels.size(), width, height, channels);
+    check(function, idatSize(width, height, channels, 1) > 0, pixels.size(), width, height,
+          channels);
     return encode(width, height, channels, 1, [&](int y, std::span<std::uint8_t> line) {
         std::memcpy(line.data(), pixels.data() + std::size_t(y) * line.size(), line.size());
     });
@@ -222,9 +235,24 @@ Bytes encodeTga(std::span<const std::uint8_t> pixels, int width, int height, int
     const auto high = [](int v) { return std::uint8_t(v >> 8); };
     const std::uint8_t kind = channels == 1 ? 3 : 2;
     const std::uint8_t topLeft = 0x20, alphaBits = channels == 4 ? 8 : 0;
-    const std::array<std::uint8_t, 18> header = {
-        0, 0, kind, 0, 0, 0, 0, 0, 0, 0, 0, 0, low(width), high(width), low(height), high(height),
-        std::uint8_t(8 * channels), std::uint8_t(topLeft | alphaBits)};
+    const std::array<std::uint8_t, 18> header = {0,
+                                                 0,
+                                                 kind,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 0,
+                                                 low(width),
+                                                 high(width),
+                                                 low(height),
+                                                 high(height),
+                                                 std::uint8_t(8 * channels),
+                                                 std::uint8_t(topLeft | alphaBits)};
     Bytes out(header.size() + pixels.size());
     std::ranges::copy(header, out.begin());
     std::uint8_t* to = out.data() + header.size();
@@ -249,7 +277,8 @@ void writePng(const std::string& path, std::span<const std::uint8_t> pixels, int
 
 void writePictureFile(const std::string& path, std::span<const std::uint8_t> bytes) {
     try {
-        replaceFile(path, std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
+        replaceFile(path,
+                    std::string_view(reinterpret_cast<const char*>(bytes.data()), bytes.size()));
     } catch (const FileError&) {
         throw std::runtime_error("can't write " + path);
     }
