@@ -102,8 +102,13 @@ public:
     const StrokeDocument& strokeDocument() const { return document_; }
 
 private:
+    StrokeResult finish(StrokeHost& host, StrokeDocument document, const std::string& label);
+    StrokeResult endClick(StrokeHost& host, const ToolView& view);
+
     std::unique_ptr<StrokeState> stroke_;
     StrokeDocument document_;
+    bool edited_ = false;    ///< by the last stroke
+    unsigned scripted_ = 0;  ///< flags of the scripted stroke under way
 };
 
 /// The document of the tool's last stroke.
