@@ -8,7 +8,7 @@
 #include <optional>
 
 #include "expr/searchPaths.h"
-#include "io/ogawaCheck.h"
+#include "io/alembicCheck.h"
 #include "model/hash.h"
 
 namespace corvelle {
@@ -68,6 +68,7 @@ struct AlembicCurves::Archive {
 
     void open();
     void collect();
+    void checkXform(const Alembic::Abc::IObject& object) const;
     const Entry& entry(const std::string& object) const;
     std::vector<const Entry*> entriesUnder(const std::string& object) const;
     [[noreturn]] void noCurves(const std::string& object) const;
@@ -126,7 +127,7 @@ struct AlembicCurves::Archive {
 };
 
 void AlembicCurves::Archive::open() {
-    if (const std::string fault = ogawaFault(*stream); !fault.empty())
+    if (const std::string fault = alembicFault(*stream); !fault.empty())
         throw AlembicError(name + ": " + fault);
     stream->clear();
     stream->seekg(0, std::ios::end);
@@ -141,6 +142,52 @@ void AlembicCurves::Archive::open() {
         throw;
     } catch (const std::exception& error) {
         throw AlembicError(name + ": " + error.what());
+    }
+}
+
+/// The library takes the values of an Xform's operations from where they should be.
+void AlembicCurves::Archive::checkXform(const Alembic::Abc::IObject& object) const {
+    constexpr std::size_t kChannels[] = {3, 3, 4, 16, 1, 1, 1};  // scale, translate, rotate, matrix, x, y, z
+    const auto fail = [&] { throw AlembicError(name + ": broken transform"); };
+    const Alembic::Abc::ICompoundProperty all = object.getProperties();
+    const auto* header = all.getPropertyHeader(".xform");
+    if (!header || !header->isCompound()) fail();
+    const Alembic::Abc::ICompoundProperty xform(all, ".xform");
+    const auto* ops = xform.getPropertyHeader(".ops");
+    const auto* vals = xform.getPropertyHeader(".vals");
+    const auto* inherits = xform.getPropertyHeader(".inherits");
+    if (inherits && !(inherits->isScalar() && inherits->getDataType() == Alembic::Abc::DataType(Alembic::Util::kBooleanPOD)))
+        fail();
+    if (!ops) return;
+    if (!vals || vals->isCompound() || !ops->isScalar() ||
+        ops->getDataType().getPod() != Alembic::Util::kUint8POD ||
+        vals->getDataType().getPod() != Alembic::Util::kFloat64POD)
+        fail();
+    const Alembic::Abc::IScalarProperty codes(xform, ".ops");
+    std::vector<std::uint8_t> opBytes(ops->getDataType().getExtent());
+    if (codes.getNumSamples() == 0) fail();
+    codes.get(opBytes.data(), at(0));
+    std::size_t channels = 0;
+    for (const std::uint8_t code : opBytes) {
+        if (code >> 4 >= int(std::size(kChannels))) fail();
+        channels += kChannels[code >> 4];
+    }
+    if (vals->isScalar()) {
+        if (vals->getDataType().getExtent() != channels) fail();
+    } else {
+        const Alembic::Abc::IArrayProperty values(xform, ".vals");
+        for (std::size_t i = 0; i < values.getNumSamples(); ++i) {
+            Alembic::Util::Dimensions size;
+            values.getDimensions(size, at(i));
+            if (size.numPoints() * vals->getDataType().getExtent() != channels) fail();
+        }
+    }
+    if (const auto* animated = xform.getPropertyHeader(".animChans")) {
+        if (!animated->isArray() || animated->getDataType() != Alembic::Abc::DataType(Alembic::Util::kUint32POD)) fail();
+        const Alembic::Abc::IUInt32ArrayProperty numbers(xform, ".animChans");
+        if (const auto first = array(numbers, 0))
+            for (std::size_t i = 0; i < first->size(); ++i)
+                if ((*first)[i] >= channels) fail();
     }
 }
 
@@ -166,6 +213,7 @@ void AlembicCurves::Archive::collect() {
         Step below{top.object.getChild(i), top.path + "/" + header.getName(), top.xforms};
         if (!below.object.valid()) continue;
         if (AbcG::IXform::matches(header)) {
+            checkXform(below.object);
             below.xforms.push_back(
                 AbcG::IXform(top.object, header.getName()).getSchema());
         } else if (AbcG::ICurves::matches(header)) {
@@ -339,7 +387,7 @@ CurveSet AlembicCurves::readUnder(const std::string& object, double seconds) con
     return joined;
 }
 
-std::uint64_t AlembicCurves::samplesAt(const std::string& object, double seconds) const {
+std::uint64_t AlembicCurves::samplesAt(const std::string& object, double seconds) const try {
     std::uint64_t h = hashOf("alembicSamples");
     for (const Archive::Entry* entry : archive_->entriesUnder(object)) {
         h = hashCombine(h, std::uint64_t(archive_->indexOf(*entry, seconds)));
@@ -349,6 +397,10 @@ std::uint64_t AlembicCurves::samplesAt(const std::string& object, double seconds
                                                              xform.getNumSamples(), seconds)));
     }
     return h;
+} catch (const AlembicError&) {
+    throw;
+} catch (const std::exception& error) {
+    throw AlembicError(archive_->name + ": " + error.what());
 }
 
 AlembicCurves::Range AlembicCurves::range(const std::string& object) const {
