@@ -14,7 +14,11 @@ void registerShapeOperators() {
     registry.add("Width", makeWidth);
 }
 
-void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoise); }
+void registerLookOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Clump", makeClump);
+    registry.add("Noise", makeNoise);
+}
 
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
