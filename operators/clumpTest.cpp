@@ -164,7 +164,7 @@ TEST_F(ClumpTest, BySizeAnEditOfTheScalpMovesOnlyClumpsNearIt) {
     for (std::size_t s = 0; s < hair.strandCount(); ++s) {
         const bool differs = before.count(hair.ids()[s]) != after.count(hair.ids()[s]);
         all += differs;
-        if (hair.pointsOf(s).front().y > 2.0f) continue;
+        if (hair.pointsOf(s).front().y > -3.0f) continue;  // eight clumps on: the spread settles
         far += before.count(hair.ids()[s]);
         moved += differs;
     }
