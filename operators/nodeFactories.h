@@ -6,18 +6,25 @@ namespace corvelle {
 
 // The node types whose source holds one type, made for the registry.
 OperatorPtr makeBend();
+OperatorPtr makeBlendNeighbors();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
 OperatorPtr makeDirection();
 OperatorPtr makeDisplace();
+OperatorPtr makeFlow();
+OperatorPtr makeFlyaway();
+OperatorPtr makeGravity();
 OperatorPtr makeHairColor();
 OperatorPtr makeLength();
 OperatorPtr makeNoise();
 OperatorPtr makeOutput();
+OperatorPtr makePart();
 OperatorPtr makeResample();
 OperatorPtr makeSmooth();
 OperatorPtr makeStraighten();
+OperatorPtr makeTangle();
 OperatorPtr makeTransform();
+OperatorPtr makeTwist();
 OperatorPtr makeWidth();
 
 }  // namespace corvelle

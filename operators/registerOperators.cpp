@@ -30,12 +30,26 @@ void registerDeformOperators() {
     registry.add("Collide", makeCollide);
     registry.add("Comb", makeComb);
     registry.add("Displace", makeDisplace);
+    registry.add("Gravity", makeGravity);
+    registry.add("Part", makePart);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry::instance().add("BlendNeighbors", makeBlendNeighbors);
+}
+
+void registerCinematicOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Flow", makeFlow);
+    registry.add("Flyaway", makeFlyaway);
+    registry.add("Tangle", makeTangle);
 }
 
 void registerExtraOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
+    registry.add("Twist", makeTwist);
 }
 
 void registerOperators() {
@@ -49,6 +63,8 @@ void registerOperators() {
         registerTransformOperators();
         registerColorOperators();
         registerDeformOperators();
+        registerNeighborOperators();
+        registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();
     });

@@ -10,8 +10,10 @@ void registerInterpolateOperator();   // Interpolate
 void registerLookOperators();         // Noise
 void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
-void registerDeformOperators();       // Collide, Comb, Displace
-void registerExtraOperators();        // Smooth, Straighten
+void registerDeformOperators();       // Collide, Comb, Displace, Gravity, Part
+void registerNeighborOperators();     // BlendNeighbors
+void registerCinematicOperators();    // Flow, Flyaway, Tangle
+void registerExtraOperators();        // Smooth, Straighten, Twist
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.

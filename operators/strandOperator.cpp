@@ -40,6 +40,7 @@ NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs&
     const StrandsPtr strands = requireStrands(*this, inputs);
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
     if (!work) return strands;
+    work->beginFull(*strands);
     auto out = std::make_shared<StrandSet>(*strands);  // shares every array until written
     for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
     const OpenArrays open = openArrays(*out, work->writes(), true);
@@ -61,13 +62,15 @@ bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs
     const SlotChanges& slot = request.inputs[0];
     if (slot.kind == SlotChanges::Kind::Unknown) return false;
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
-    const StrandChangesPtr changes = slot.changes ? slot.changes : std::make_shared<const StrandChanges>();
+    StrandChangesPtr changes = slot.changes ? slot.changes : std::make_shared<const StrandChanges>();
     if (!work) {
         result.outputs = {strands};
         result.changes = {changes};
         return true;
     }
     if (work->readsWholeSet()) return false;
+    changes = work->beginSome(*strands, changes);
+    if (!changes) return false;
 
     auto out = std::make_shared<StrandSet>(*strands);
     const WrittenArrays writes = work->writes();

@@ -79,6 +79,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
         if (!partError_.empty()) errors.push_back(partError_);
+        if (!flowError_.empty()) errors.push_back(flowError_);
         guidesMoved = liveHierarchy_ != nullptr || activeHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
@@ -173,6 +174,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
         data_.flatGuides = document_.guides;
     }
     data_.parts = partLines(data_.scalp);
+    data_.flow = flowField(data_.scalp);
     data_.maps = document_.maps;
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};

@@ -13,6 +13,7 @@
 
 #include "graph/graph.h"
 #include "io/groomFile.h"
+#include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
 #include "session/evaluationResult.h"
@@ -85,6 +86,8 @@ public:
     /// The drawn parts as JSON; blank: none. A text that does not read stays in the document, and its
     /// fault is shown on each evaluation.
     void setPartsJson(const std::string& text);
+    /// The same for the flow's pins and sinks.
+    void setFlowJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
@@ -144,6 +147,9 @@ private:
     ScalpPtr assembled(const ScalpPtr& own);
     void readParts();
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
+    void readFlow();
+    void moveDrawn(const ScalpMesh& old);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -173,6 +179,13 @@ private:
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
+    FlowData flow_;
+    std::string flowError_;
+    struct {
+        FlowData data;
+        ScalpPtr scalp;
+        std::shared_ptr<const FlowField> field;
+    } flowField_;
 
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
