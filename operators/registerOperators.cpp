@@ -21,10 +21,6 @@ void registerLookOperators() {
     registry.add("ToGuides", makeToGuides);
 }
 
-void registerNeighborOperators() {
-    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
-}
-
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Bend", makeBend);
@@ -39,6 +35,21 @@ void registerDeformOperators() {
     registry.add("Collide", makeCollide);
     registry.add("Comb", makeComb);
     registry.add("Displace", makeDisplace);
+    registry.add("Gravity", makeGravity);
+    registry.add("Part", makePart);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("BlendNeighbors", makeBlendNeighbors);
+    registry.add("RestoreLength", makeRestoreLength);
+}
+
+void registerCinematicOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Flow", makeFlow);
+    registry.add("Flyaway", makeFlyaway);
+    registry.add("Tangle", makeTangle);
 }
 
 void registerExtraOperators() {
@@ -47,6 +58,7 @@ void registerExtraOperators() {
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
     registry.add("ToStrands", makeToStrands);
+    registry.add("Twist", makeTwist);
 }
 
 void registerOperators() {
@@ -58,11 +70,12 @@ void registerOperators() {
         registerInterpolateOperator();
         registerLookOperators();
         registerTransformOperators();
-        registerNeighborOperators();
         registerMirrorOperator();
         registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
+        registerNeighborOperators();
+        registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();
     });
