@@ -15,6 +15,7 @@ void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide, Comb, Displace
 void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands
+void registerCompoundOperators();     // Compound, Input
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.
