@@ -78,6 +78,7 @@ void registerOperators() {
         registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();
+        registerCompoundOperators();
     });
 }
 

@@ -16,6 +16,7 @@ void registerDeformOperators();       // Collide, Comb, Displace, Gravity, Part
 void registerNeighborOperators();     // BlendNeighbors, RestoreLength
 void registerCinematicOperators();    // Flow, Flyaway, Tangle
 void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands, Twist
+void registerCompoundOperators();     // Compound, Input
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.
