@@ -173,9 +173,10 @@ ScalpPtr readMesh(const Section& section, const std::string& name, bool scalp) {
             meshStep(name, "uvs",
                      [&] { mesh->setUvs(readTuples<Vec2f>(scan, uvs, name + ".uvs")); });
         if (const Span sets = section.find("colorSets"); JsonScan::isObject(sets))
-            for (const auto& [set, colors] : scan.members(sets))
+            for (const auto& set : scan.members(sets))
                 meshStep(name, "colorSets", [&] {
-                    mesh->addColorSet(set, readTuples<Color4f>(scan, colors, name + ".colorSets"));
+                    mesh->addColorSet(set.first,
+                                      readTuples<Color4f>(scan, set.second, name + ".colorSets"));
                 });
     }
     if (const Span rest = section.findValue("restPoints"); !rest.empty())
