@@ -12,7 +12,9 @@
 
 namespace corvelle {
 
+class AlembicGuideCache;
 class GroomSession;
+class SimulationBake;
 struct EvaluationResult;
 struct GroomFile;
 
@@ -35,6 +37,8 @@ struct HelperSession {
     StrandAnswerCache strandAnswer;  ///< what lies in strandPool
     std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
+    std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
+    std::map<std::string, std::shared_ptr<SimulationBake>> simulationBakes;  ///< by Simulate node
     /// The groom as it was last opened or saved; null: neither.
     std::shared_ptr<const GroomFile> file;
     std::vector<std::string> inputErrors;  ///< what failed while it was opened

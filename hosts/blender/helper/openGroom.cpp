@@ -1,7 +1,6 @@
 #include "hosts/blender/helper/openGroom.h"
 
 #include "hosts/blender/helper/scalpCommands.h"
-#include "io/groomReader.h"
 #include "session/groomSession.h"
 #include "session/scalpFollow.h"
 
@@ -9,6 +8,7 @@ namespace corvelle {
 
 OpenedGroom::OpenedGroom(GroomFile groomFile)
     : file(std::move(groomFile)), groom(std::make_shared<GroomSession>(file)) {
+    caches = openCaches(file, errors);
     if (!file.scalpCache.file.empty())
         errors.push_back(
             "the scalp cache is the host's to play: the helper evaluates the scalp it is "
@@ -19,33 +19,16 @@ void installGroom(HelperSession& session, OpenedGroom opened) {
     session.groom = std::move(opened.groom);
     session.file = std::make_shared<const GroomFile>(std::move(opened.file));
     session.inputErrors = std::move(opened.errors);
+    session.guideCache = std::move(opened.caches.guides);
+    session.simulationBakes = std::move(opened.caches.bakes);
     session.lastEvaluation = nullptr;
     session.lastNodesEvaluated = session.lastNodesIncremental = 0;
     session.strandAnswer = {};
 }
 
-namespace {
-
-/// Maps of a groom that was kept without its scalp start on the one it is given.
-void startMaps(GroomSession& groom) {
-    const MapCatalogPtr& held = groom.document().maps;
-    if (!held || !groom.scalp()) return;
-    MapCatalogValue maps = *held;
-    bool started = false;
-    for (auto& [name, map] : maps.maps) {
-        if (map.kind != PaintedMap::Kind::Vertices || map.values) continue;
-        map = startVertexMap(std::move(map), name, *groom.scalp());
-        started = true;
-    }
-    if (started) groom.setMaps(std::make_shared<const MapCatalogValue>(std::move(maps)));
-}
-
-}  // namespace
-
 std::size_t changeScalp(GroomSession& groom, ScalpPtr given) {
     const ScalpPtr old = groom.scalp();
     groom.setScalp(std::move(given));
-    startMaps(groom);
     const ScalpPtr& scalp = groom.scalp();
     const bool topologyChanged = old && scalp && old->topologyHash() != scalp->topologyHash();
     const bool canRoot = topologyChanged && !scalp->triangles().empty();

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "hosts/blender/helper/helperSession.h"
+#include "io/curveCaches.h"
 #include "io/groomFile.h"
 #include "model/scalpMesh.h"
 
@@ -16,6 +17,7 @@ struct OpenedGroom {
 
     GroomFile file;
     std::shared_ptr<GroomSession> groom;
+    GroomCaches caches;
     std::vector<std::string> errors;
 };
 

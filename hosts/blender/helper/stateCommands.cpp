@@ -4,6 +4,7 @@
 #include <optional>
 #include <vector>
 
+#include "expr/mapCatalogJson.h"
 #include "expr/searchPaths.h"
 #include "expr/texture.h"
 #include "hosts/blender/helper/base64.h"
@@ -37,8 +38,7 @@ MapCatalogPtr stateMaps(const GroomFile& file, ScalpShare share) {
     if (!file.maps) return nullptr;
     MapCatalogValue maps = *file.maps;
     for (auto& [name, map] : maps.maps) {
-        if (map.file.find_first_of("$%") == std::string::npos)
-            map.file = resolveGroomPath(map.file, file.directory);
+        map.file = resolveCachePath(map.file, file.directory);
         if (share == ScalpShare::None && map.kind == PaintedMap::Kind::Vertices) {
             map.values = nullptr;
             map.vertices = 0;
@@ -153,7 +153,8 @@ Json textsJson(const GroomFile& file) {
     return {{"guideData", file.hierarchy},
             {"partData", file.parts},
             {"flowData", file.flow},
-            {"correctiveData", file.correctives}};
+            {"correctiveData", file.correctives},
+            {"scalpMaps", file.maps ? scalpMapsJson(*file.maps) : std::string()}};
 }
 
 }  // namespace
