@@ -18,6 +18,13 @@ void registerLookOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Clump", makeClump);
     registry.add("Noise", makeNoise);
+    registry.add("ToGuides", makeToGuides);
+}
+
+void registerCurlOperator() { OperatorRegistry::instance().add("Curl", makeCurl); }
+
+void registerNeighborOperators() {
+    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
 }
 
 void registerTransformOperators() {
@@ -38,8 +45,10 @@ void registerDeformOperators() {
 
 void registerExtraOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Cull", makeCull);
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
+    registry.add("ToStrands", makeToStrands);
 }
 
 void registerOperators() {
@@ -49,8 +58,12 @@ void registerOperators() {
         registerShapeOperators();
         registerScatterOperator();
         registerInterpolateOperator();
+        registerCurlOperator();
         registerLookOperators();
         registerTransformOperators();
+        registerNeighborOperators();
+        registerMirrorOperator();
+        registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
         registerExtraOperators();
