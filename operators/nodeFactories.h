@@ -11,6 +11,7 @@ OperatorPtr makeBlendNeighbors();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
 OperatorPtr makeCull();
+OperatorPtr makeCurl();
 OperatorPtr makeDirection();
 OperatorPtr makeDisplace();
 OperatorPtr makeFlow();

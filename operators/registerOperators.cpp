@@ -21,6 +21,11 @@ void registerLookOperators() {
     registry.add("ToGuides", makeToGuides);
 }
 
+void registerCurlOperator() { OperatorRegistry::instance().add("Curl", makeCurl); }
+void registerNeighborOperators() {
+    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
+}
+
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Bend", makeBend);
@@ -68,6 +73,7 @@ void registerOperators() {
         registerShapeOperators();
         registerScatterOperator();
         registerInterpolateOperator();
+        registerCurlOperator();
         registerLookOperators();
         registerTransformOperators();
         registerMirrorOperator();
