@@ -22,9 +22,6 @@ void registerLookOperators() {
 }
 
 void registerCurlOperator() { OperatorRegistry::instance().add("Curl", makeCurl); }
-void registerNeighborOperators() {
-    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
-}
 
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
