@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "model/correctiveApply.h"
 #include "tools/brushMode.h"
-#include "tools/correctiveStroke.h"
 #include "tools/selection.h"
 #include "tools/strokeState.h"
 
@@ -101,6 +101,17 @@ const char* refusedInLayer(const BrushToolSettings& settings) {
     return nullptr;
 }
 
+/// The layer strokes go into. Throws when there is none, or its weight on the frame is next to
+/// nothing.
+CorrectiveLayer activeLayer(StrokeHost& host) {
+    const std::shared_ptr<const Correctives> layers = host.correctives();
+    if (!layers || host.activeCorrective() >= layers->layers.size())
+        throw std::invalid_argument("the corrective layer to sculpt in is gone");
+    const CorrectiveLayer& layer = layers->layers[host.activeCorrective()];
+    checkCorrectiveWeight(layer, host.frame());
+    return layer;
+}
+
 std::unique_ptr<ToolStroke> makeStroke(StrokeState& state, StrokeHost& host) {
     switch (state.settings.kind) {
         case ToolKind::Place:
@@ -172,6 +183,7 @@ bool BrushTool::begin(StrokeHost& host, const ToolView& view, float x, float y, 
         host.addWarning(why);
         return false;
     }
+    if (state->isCorrective) activeLayer(host);  // throws when it can take nothing
     state->press = point;
     state->scalp = scalp;
     scalp->prepareQueries();
@@ -182,7 +194,8 @@ bool BrushTool::begin(StrokeHost& host, const ToolView& view, float x, float y, 
             host.addWarning("the scalp's left and right do not match: the stroke is not mirrored");
         }
     }
-    state->hierarchyBefore = orEmpty(host.editHierarchy());
+    state->hierarchyBefore =
+        orEmpty(state->isCorrective ? host.correctedHierarchy() : host.editHierarchy());
     state->hierarchy = *state->hierarchyBefore;
     state->partsBefore = orEmpty(host.parts());
     state->parts = *state->partsBefore;
@@ -353,9 +366,21 @@ void BrushTool::commitFlow(StrokeHost&, const ToolView&) {
 
 bool BrushTool::commitShot(StrokeHost& host) {
     if (!stroke_ || !stroke_->isCorrective) return false;
-    stroke_->tool->settle(*stroke_);
+    StrokeState& state = *stroke_;
+    state.tool->settle(state);
     document_ = {};
-    return commitCorrective(*stroke_, host, document_);
+    const std::vector<std::uint64_t> touched(state.touched.begin(), state.touched.end());
+    const std::shared_ptr<const GuideHierarchy> bare = host.editHierarchy();
+    const CorrectiveLayer before = activeLayer(host);
+    if (touched.empty() || !bare) return false;
+    const std::size_t at = host.activeCorrective();
+    Correctives layers = *host.correctives();
+    layers.layers[at] =
+        correctedLayer(layers, at, host.frame(), bare, state.hierarchy, touched, state.scalp.get());
+    if (layers.layers[at] == before) return false;
+    document_.set(DocumentSlot::Correctives, correctivesJson(layers));
+    document_.set(DocumentSlot::ShotLayer, correctivesJson({{layers.layers[at]}}));
+    return true;
 }
 
 bool BrushTool::scriptedStroke(StrokeHost& host, const BrushToolSettings& scripted,
