@@ -22,6 +22,7 @@ void registerLookOperators() {
 
 void registerNeighborOperators() {
     OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
+    registry.add("Clump", makeClump);
 }
 
 void registerTransformOperators() {
