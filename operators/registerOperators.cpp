@@ -16,13 +16,13 @@ void registerShapeOperators() {
 
 void registerLookOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Clump", makeClump);
     registry.add("Noise", makeNoise);
     registry.add("ToGuides", makeToGuides);
 }
 
 void registerNeighborOperators() {
     OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
-    registry.add("Clump", makeClump);
 }
 
 void registerTransformOperators() {
