@@ -736,6 +736,19 @@ TEST(BrushTool, SculptsIntoACorrectiveLayer) {
     for (const auto& [id, offsets] : stored.layers[0].offsets)
         for (std::size_t i = 0; i < offsets.size(); ++i)
             EXPECT_LT(distance(shown->guide(id)->points[i], live->guide(id)->points[i]), 1e-3f);
+    // A second stroke adds to what is there.
+    host.layers = std::make_shared<const Correctives>(stored);
+    ASSERT_TRUE(tool.begin(host, frontView(), kAcross[0].x, kAcross[0].y, 1.0f));
+    for (const Vec2f p : kAcross) tool.drag(host, frontView(), p.x, p.y, 1.0f);
+    const auto further = host.live;
+    ASSERT_TRUE(tool.end(host, frontView()).committed);
+    const Correctives twice = readCorrectives(*host.commits.back().at(DocumentSlot::Correctives));
+    const auto both =
+        applyCorrectives(before, twice, correctiveWeights(twice, host.atFrame), host.mesh.get());
+    for (const auto& [id, offsets] : twice.layers[0].offsets)
+        EXPECT_LT(distance(both->guide(id)->points.back(), further->guide(id)->points.back()),
+                  1e-3f);
+    EXPECT_NE(twice, stored);
     host.atFrame = 100.0;
     try {
         tool.begin(host, frontView(), 400, 300, 1.0f);

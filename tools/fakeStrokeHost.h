@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "model/correctiveApply.h"
 #include "model/hash.h"
 #include "model/testing/guides.h"
 #include "model/testing/meshes.h"
@@ -41,7 +42,11 @@ public:
     bool hasGroom() const override { return isGroom; }
     ScalpPtr scalp() override { return mesh; }
     std::shared_ptr<const GuideHierarchy> hierarchy() override { return guides; }
-    std::shared_ptr<const GuideHierarchy> editHierarchy() override { return guides; }
+    std::shared_ptr<const GuideHierarchy> editHierarchy() override {
+        if (!inLayer) return guides;
+        return applyCorrectives(guides, *layers, correctiveWeights(*layers, atFrame), mesh.get());
+    }
+    std::shared_ptr<const GuideHierarchy> bareHierarchy() override { return guides; }
     std::shared_ptr<const PartData> parts() override { return partLines; }
     std::shared_ptr<const FlowData> flow() override { return flowLines; }
     MapCatalogPtr maps() override { return nullptr; }
