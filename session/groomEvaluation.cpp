@@ -78,7 +78,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        for (const std::string* text : {&correctiveError_, &partError_, &flowError_})
+        for (const std::string* text : {&correctiveError_, &flowError_, &partError_})
             if (!text->empty()) errors.push_back(*text);
         guidesMoved = liveHierarchy_ != nullptr || correctedHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);

@@ -329,7 +329,8 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &flowError_, &correctiveError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &flowError_, &partError_,
+                                    &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }
