@@ -88,14 +88,17 @@ public:
         shares_.resize(points.size());
         const float length = polylineShares(points, shares_);
         float start = 0.0f;
+        const auto tooMany = [&](float turns) { return !(2.0f * turns < float(run_.maxSegments)); };
         if (group >= 0) {
             const std::size_t g = std::size_t(group);
+            if (tooMany(run_.lines.turns(g))) return false;
             start = run_.lines.draws(g).start;
             layCells(run_.lines.turns(g));
             for (std::size_t i = 0; i < cells_.size(); ++i)
                 turns_[i] = run_.lines.turnsAt(g, cells_[i]);
         } else {
             const CurlDraws draws = curlDraws(run_.settings, load.strands.ids()[s]);
+            if (tooMany(draws.frequency * length)) return false;
             start = draws.start;
             layCells(draws.frequency * length);
             integrateTurns(cells_, length, draws, run_.settings, scratch_, turns_);

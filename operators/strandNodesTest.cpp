@@ -71,6 +71,11 @@ const std::vector<NodeCase> kCases = {
      true,
      false},
     {"RestoreEvenly", "RestoreLength", {{"mode", std::string("even")}}},
+    {"CurlHelix", "Curl", {{"tolerance", 0.0}, {"radius", expression("t * rand")}, {"frequencyProfile", Ramp({{0.0f, 0.3f}, {1.0f, 1.0f}})}}},
+    {"CurlWave", "Curl", {{"tolerance", 0.0}, {"shape", std::string("wave")}, {"spacingRandom", 0.5}}},
+    {"CurlZigzag", "Curl", {{"tolerance", 0.0}, {"shape", std::string("zigzag")}, {"frequency", 0.8}}},
+    {"CurlCoil", "Curl", {{"tolerance", 0.0}, {"shape", std::string("coil")}, {"coilWidths", 20.0}}},
+    {"CurlAddsPoints", "Curl", {{"frequency", 5.0}, {"maxSegments", 12.0}}, false},
     {"ResampleEven", "Resample", {{"segments", 11.0}}, false},
     {"ResampleFewer", "Resample", {{"segments", 3.0}}, false},
 };
@@ -330,7 +335,7 @@ TEST_F(OneNodeTest, HairColorGreysItsFractionAndTellsOfAForgottenTip) {
 
 TEST_F(OneNodeTest, AnUnconnectedInputSaysSo) {
     for (const char* type :
-         {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform"}) {
+         {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform", "Clump", "Curl"}) {
         registerOperators();
         const OperatorPtr op = OperatorRegistry::instance().create(type);
         EvaluationData data;
