@@ -23,10 +23,6 @@ void registerLookOperators() {
 
 void registerCurlOperator() { OperatorRegistry::instance().add("Curl", makeCurl); }
 
-void registerNeighborOperators() {
-    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
-}
-
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Bend", makeBend);
@@ -41,6 +37,21 @@ void registerDeformOperators() {
     registry.add("Collide", makeCollide);
     registry.add("Comb", makeComb);
     registry.add("Displace", makeDisplace);
+    registry.add("Gravity", makeGravity);
+    registry.add("Part", makePart);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("BlendNeighbors", makeBlendNeighbors);
+    registry.add("RestoreLength", makeRestoreLength);
+}
+
+void registerCinematicOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Flow", makeFlow);
+    registry.add("Flyaway", makeFlyaway);
+    registry.add("Tangle", makeTangle);
 }
 
 void registerExtraOperators() {
@@ -49,6 +60,7 @@ void registerExtraOperators() {
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
     registry.add("ToStrands", makeToStrands);
+    registry.add("Twist", makeTwist);
 }
 
 void registerOperators() {
@@ -61,13 +73,15 @@ void registerOperators() {
         registerCurlOperator();
         registerLookOperators();
         registerTransformOperators();
-        registerNeighborOperators();
         registerMirrorOperator();
         registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
+        registerNeighborOperators();
+        registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();
+        registerCompoundOperators();
     });
 }
 

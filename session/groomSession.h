@@ -13,6 +13,8 @@
 
 #include "graph/graph.h"
 #include "io/groomFile.h"
+#include "model/correctives.h"
+#include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
 #include "session/evaluationResult.h"
@@ -85,6 +87,19 @@ public:
     /// The drawn parts as JSON; blank: none. A text that does not read stays in the document, and its
     /// fault is shown on each evaluation.
     void setPartsJson(const std::string& text);
+    /// The corrective layers as JSON; blank: none. A text that does not read is kept likewise.
+    void setCorrectivesJson(const std::string& text);
+    /// Never null.
+    const std::shared_ptr<const Correctives>& correctives() const { return correctives_; }
+    /// The layer that strokes go into, by its number; none: strokes shape the guides themselves. While
+    /// a stroke in a layer is under way its live guides are shown as they are, layers and all. Throws
+    /// std::out_of_range for a layer that is not there.
+    void setActiveCorrective(std::optional<std::size_t> layer);
+    const std::optional<std::size_t>& activeCorrective() const { return activeCorrective_; }
+    /// `activeHierarchy` with every layer at the frame of the session: what a stroke in a layer edits.
+    std::shared_ptr<const GuideHierarchy> correctedHierarchy();
+    /// The same for the flow's pins and sinks.
+    void setFlowJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
@@ -144,6 +159,9 @@ private:
     ScalpPtr assembled(const ScalpPtr& own);
     void readParts();
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
+    void readFlow();
+    void moveDrawn(const ScalpMesh& old);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -166,6 +184,23 @@ private:
     std::shared_ptr<const GuideHierarchy> liveHierarchy_;
     bool stroking_ = false;
 
+    void readCorrectiveLayers();
+    /// Guides in a pose with the corrective layers at this frame.
+    std::shared_ptr<const GuideHierarchy> corrected(const std::shared_ptr<const GuideHierarchy>& guides,
+                                                    const ScalpPtr& pose);
+    /// The live guides of a stroke in a layer hold all layers already.
+    bool liveIsCorrected() const { return liveHierarchy_ && activeCorrective_; }
+    std::shared_ptr<const Correctives> correctives_ = std::make_shared<const Correctives>();
+    std::string correctiveError_;
+    std::optional<std::size_t> activeCorrective_;
+    struct Corrected {
+        std::shared_ptr<const GuideHierarchy> from, result;
+        std::shared_ptr<const Correctives> layers;
+        ScalpPtr pose;
+        std::vector<float> weights;
+    };
+    std::array<Corrected, 2> corrected_;  ///< newest first: the evaluated and the shown pose
+
     PartData parts_;
     std::string partError_;
     struct {
@@ -173,6 +208,13 @@ private:
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
+    FlowData flow_;
+    std::string flowError_;
+    struct {
+        FlowData data;
+        ScalpPtr scalp;
+        std::shared_ptr<const FlowField> field;
+    } flowField_;
 
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();

@@ -35,6 +35,9 @@ public:
     virtual std::shared_ptr<const PaintImage> image(
         const std::string& map) = 0;  ///< throws when it does not read
 
+    /// Where the image of a new texture map will lie.
+    virtual std::string newMapFile(const std::string& map) { return map + ".png"; }
+
     // Who takes part.
     virtual std::shared_ptr<const std::map<std::uint64_t, float>> selectionWeights() {
         return nullptr;
@@ -47,6 +50,8 @@ public:
     virtual std::shared_ptr<const Correctives> correctives() { return nullptr; }
     virtual bool isCorrectiveActive() { return false; }
     virtual std::size_t activeCorrective() { return 0; }  ///< the layer strokes go into
+    /// `editHierarchy` with every layer at the frame: what a stroke in a layer works on.
+    virtual std::shared_ptr<const GuideHierarchy> correctedHierarchy() { return editHierarchy(); }
     virtual double frame() { return 0.0; }
 
     // The stroke under way. Live values are published as shared snapshots, never serialised.
