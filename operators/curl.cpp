@@ -293,10 +293,12 @@ private:
     /// The strands with the points they want, wound.
     StrandSet refinedAndWound(const CurlRun& run, const EvalContext& context, const CurlLoad& load,
                               std::span<const std::uint64_t> counts) const {
-        const StrandSet line =
-            refinedStrands(load.strands, counts, [&](std::uint32_t s, std::vector<float>& params) {
-                return CurlPlanner(run).places(load, s, params);
-            });
+        const StrandSet line = refinedStrands(load.strands, counts, [&]() -> PlacePoints {
+            const auto planner = std::make_shared<CurlPlanner>(run);
+            return [planner, &load](std::uint32_t s, std::vector<float>& params) {
+                return planner->places(load, s, params);
+            };
+        });
         StrandSet out = line;
         windStrands(run, {line, radiusOf(run, context, line), load.groups},
                     StrandPick(line.strandCount()), out.overwritePoints());

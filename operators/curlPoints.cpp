@@ -84,7 +84,7 @@ void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, f
 }
 
 StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> counts,
-                         const PlacePoints& place) {
+                         const std::function<PlacePoints()>& makePlacer) {
     StrandSet out;
     out.allocate(counts, StrandSet::kLeavePoints | StrandSet::kLeaveWidths);
     takeStrandData(in, out);
@@ -101,6 +101,7 @@ StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> cou
         std::array<std::uint32_t, StrandPick::kBatch> even;
         std::size_t count = 0;
         std::vector<float> params;
+        const PlacePoints place = makePlacer();
         for (const std::uint32_t s : batch) {
             if (counts[s] == in.pointCountOf(s))
                 copyPoints(job, s);

@@ -29,6 +29,6 @@ void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, f
 /// interpolation; a strand that keeps its count keeps its bits.
 using PlacePoints = std::function<bool(std::uint32_t strand, std::vector<float>& params)>;
 StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> counts,
-                         const PlacePoints& place);
+                         const std::function<PlacePoints()>& makePlacer);
 
 }  // namespace corvelle
