@@ -7,8 +7,10 @@ namespace corvelle {
 // The node types whose source holds one type, made for the registry.
 OperatorPtr makeBend();
 OperatorPtr makeBlendNeighbors();
+OperatorPtr makeClump();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
+OperatorPtr makeCull();
 OperatorPtr makeDirection();
 OperatorPtr makeDisplace();
 OperatorPtr makeFlow();
@@ -20,9 +22,12 @@ OperatorPtr makeNoise();
 OperatorPtr makeOutput();
 OperatorPtr makePart();
 OperatorPtr makeResample();
+OperatorPtr makeRestoreLength();
 OperatorPtr makeSmooth();
 OperatorPtr makeStraighten();
 OperatorPtr makeTangle();
+OperatorPtr makeToGuides();
+OperatorPtr makeToStrands();
 OperatorPtr makeTransform();
 OperatorPtr makeTwist();
 OperatorPtr makeWidth();

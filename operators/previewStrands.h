@@ -7,8 +7,9 @@
 
 namespace corvelle {
 
-/// The strands that every preview holds, ascending: those marked in "_preview", or all where none
-/// is. What a node takes from these alone comes out the same in a thinned view.
+/// The strands that every preview of a groom holds, ascending: those that the channel "_preview"
+/// marks with 0.5 or more, or all when none is marked. What is worked out from these strands alone
+/// is the same in a thinned set and in the full one.
 std::vector<std::uint32_t> previewStrands(const StrandSet& strands);
 
 }  // namespace corvelle

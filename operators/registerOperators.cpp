@@ -14,7 +14,18 @@ void registerShapeOperators() {
     registry.add("Width", makeWidth);
 }
 
-void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoise); }
+void registerLookOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Clump", makeClump);
+    registry.add("Noise", makeNoise);
+    registry.add("ToGuides", makeToGuides);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("BlendNeighbors", makeBlendNeighbors);
+    registry.add("RestoreLength", makeRestoreLength);
+}
 
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
@@ -34,10 +45,6 @@ void registerDeformOperators() {
     registry.add("Part", makePart);
 }
 
-void registerNeighborOperators() {
-    OperatorRegistry::instance().add("BlendNeighbors", makeBlendNeighbors);
-}
-
 void registerCinematicOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
     registry.add("Flow", makeFlow);
@@ -47,9 +54,11 @@ void registerCinematicOperators() {
 
 void registerExtraOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Cull", makeCull);
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
     registry.add("Twist", makeTwist);
+    registry.add("ToStrands", makeToStrands);
 }
 
 void registerOperators() {
@@ -61,9 +70,11 @@ void registerOperators() {
         registerInterpolateOperator();
         registerLookOperators();
         registerTransformOperators();
+        registerNeighborOperators();
+        registerMirrorOperator();
+        registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
-        registerNeighborOperators();
         registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();

@@ -7,13 +7,15 @@ void registerSourceOperators();       // Scalp, Guides, ColliderMesh
 void registerShapeOperators();        // Length, Width, Resample, Output
 void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
-void registerLookOperators();         // Noise
+void registerLookOperators();         // Noise, ToGuides
+void registerNeighborOperators();     // BlendNeighbors, RestoreLength
+void registerMirrorOperator();        // Mirror
+void registerMeshCutOperator();       // MeshCut
 void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide, Comb, Displace, Gravity, Part
-void registerNeighborOperators();     // BlendNeighbors
 void registerCinematicOperators();    // Flow, Flyaway, Tangle
-void registerExtraOperators();        // Smooth, Straighten, Twist
+void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands, Twist
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.

@@ -87,6 +87,7 @@ const std::vector<NodeCase> kCases = {
     {"FlyawayMapped",
      "Flyaway",
      {{"fraction", expression("step(0.4, rand)")}, {"stray", expression("rand * 2")}, {"start", 0.0}}},
+    {"RestoreEvenly", "RestoreLength", {{"mode", std::string("even")}}},
     {"ResampleEven", "Resample", {{"segments", 11.0}}, false},
     {"ResampleFewer", "Resample", {{"segments", 3.0}}, false},
 };

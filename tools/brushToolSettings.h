@@ -42,6 +42,7 @@ struct BrushTargets {
 /// The settings of a stroke: one plain record, copied freely. Lengths are groom centimetres,
 /// `radius` is pixels.
 struct BrushToolSettings {
+    std::string label = "brush";  ///< of the undo step
     ToolKind kind = ToolKind::Brush;
     BrushMode mode = BrushMode::Comb;
     float worldRadius = 0.25f;                    ///< for callers without a view
