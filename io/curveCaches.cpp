@@ -89,10 +89,10 @@ AlembicGuideCache::AlembicGuideCache(const std::string& path, std::string object
     file_.range(object_);
 }
 
-GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held) {
+GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held,
+                                       const ScalpMesh* scalp) {
     const std::uint64_t sample = file_.samplesAt(object_, seconds);
-    if (last_.guides && last_.sample == sample && (last_.held == held || last_.guides == held))
-        return last_.guides;
+    if (last_.guides && last_.sample == sample && last_.guides == held) return last_.guides;
     const CurveSet read = file_.read(object_, seconds);
     const bool named = goodIds(read.ids);
     std::vector<GuideCurve> curves;
@@ -108,9 +108,13 @@ GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held) {
             curve.root = held->roots()[like];
             curve.detail = std::make_shared<const GuideDetail>(held->detail(like));
         }
+        SurfaceHit hit;
+        if (!curve.root.rooted() && scalp &&
+            scalp->closestPoint(curve.points.front(), ScalpMesh::kAnyDistance, hit))
+            curve.root = hit.root();
         curves.push_back(std::move(curve));
     }
-    last_ = {sample, held, std::make_shared<const GuideSet>(curves)};
+    last_ = {sample, std::make_shared<const GuideSet>(curves)};
     return last_.guides;
 }
 

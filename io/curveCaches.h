@@ -49,15 +49,16 @@ public:
     /// Opens the file and finds the object (the first curves object for none). Throws AlembicError.
     AlembicGuideCache(const std::string& path, std::string object);
     /// The guides at a time. Roots and details are those of the guides of the same id in `held` (may
-    /// be null); others have no root. The same object is given while the sample stays.
-    GuidesPtr guidesAt(double seconds, const GuidesPtr& held);
+    /// be null); others are rooted where `scalp` (may be null) is closest. Given what it gave last, it
+    /// gives the same object while the sample stays.
+    GuidesPtr guidesAt(double seconds, const GuidesPtr& held, const ScalpMesh* scalp = nullptr);
 
 private:
     AlembicCurves file_;
     std::string object_;
     struct {
         std::uint64_t sample = 0;
-        GuidesPtr held, guides;
+        GuidesPtr guides;
     } last_;
 };
 

@@ -64,6 +64,7 @@ void registerOperators() {
         registerDeformOperators();
         registerExtraOperators();
         registerFieldOperators();
+        registerAlembicOperators();
     });
 }
 

@@ -16,6 +16,7 @@ void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide, Comb, Displace
 void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
+void registerAlembicOperators();    // ImportCurves
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.
 void registerOperators();

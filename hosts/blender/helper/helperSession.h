@@ -11,6 +11,8 @@
 
 namespace corvelle {
 
+class AlembicGuideCache;
+class GroomExport;
 class GroomSession;
 struct EvaluationResult;
 
@@ -33,6 +35,9 @@ struct HelperSession {
     StrandAnswerCache strandAnswer;  ///< what lies in strandPool
     std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
+    std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
+    std::map<std::int32_t, std::shared_ptr<GroomExport>> exports;  ///< open ones, by number
+    std::int32_t nextExport = 1;
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
 
 private:
