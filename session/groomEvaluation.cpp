@@ -78,8 +78,9 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        if (!partError_.empty()) errors.push_back(partError_);
-        guidesMoved = liveHierarchy_ != nullptr || activeHierarchy() != lastSeen_.hierarchy;
+        for (const std::string* text : {&correctiveError_, &partError_})
+            if (!text->empty()) errors.push_back(*text);
+        guidesMoved = liveHierarchy_ != nullptr || correctedHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
@@ -89,7 +90,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
     try {
         countRevisions(*before, guidesMoved, *next);
         measureBounds(options, *before, *next);
-        lastSeen_ = {document_.scalp, activeHierarchy(), data_.flatGuides};
+        lastSeen_ = {document_.scalp, correctedHierarchy(), data_.flatGuides};
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
     }
@@ -172,6 +173,8 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
         data_.hierarchy = liveHierarchy_ ? liveHierarchy_ : activeHierarchy();
         data_.flatGuides = document_.guides;
     }
+    if (!liveIsCorrected())
+        data_.hierarchy = corrected(data_.hierarchy, follow_.following ? follow_.restScalp : current);
     data_.parts = partLines(data_.scalp);
     data_.maps = document_.maps;
     data_.colliders.clear();
@@ -251,7 +254,9 @@ void GroomSession::measureBounds(const EvaluateOptions& options, const Evaluatio
     boundsPending_ = false;
     StrandSet::Extent box;
     if (next.strands && extent.finite) box = extent;
-    const auto hierarchy = liveHierarchy_ ? liveHierarchy_ : activeHierarchy();
+    const auto hierarchy = !liveHierarchy_     ? correctedHierarchy()
+                           : liveIsCorrected() ? liveHierarchy_
+                                               : corrected(liveHierarchy_, document_.scalp);
     for (const GuidePtr& guide : hierarchy->guides())
         for (const Vec3f& p : guide->points) {
             box.min = componentMin(box.min, p);
