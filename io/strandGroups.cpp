@@ -21,7 +21,8 @@ std::vector<T> picked(std::span<const T> values, const std::vector<std::uint32_t
 std::string nameOf(const StrandSet& strands, std::int32_t id, const std::string& name) {
     if (id == 0) return name;
     for (const auto& layer : strands.featherLayers)
-        if (layer && layer->groupId() == id && !layer->groupName().empty()) return layer->groupName();
+        if (layer && layer->groupId() == id && !layer->groupName().empty())
+            return layer->groupName();
     return "group_" + std::to_string(id);
 }
 
@@ -60,9 +61,11 @@ GroupedFrame::GroupedFrame(const StrandFrame& frame, const std::string& name) {
                                                             strands.pointCountOf(s));
                 part.pointColors.insert(part.pointColors.end(), from.begin(), from.end());
             }
-        groups_.push_back({id, nameOf(strands, id, name),
-                           {&part.strands, part.rootUvs, part.colors, part.pointColors, part.shares},
-                           false});
+        groups_.push_back(
+            {id,
+             nameOf(strands, id, name),
+             {&part.strands, part.rootUvs, part.colors, part.pointColors, part.shares},
+             false});
     }
 }
 

@@ -11,8 +11,8 @@ namespace corvelle {
 /// A frame taken apart into its export groups, holding what the views of `groups` show.
 class GroupedFrame {
 public:
-    /// Groups by the strand channel `groupId`, ascending: the number is the group's id. Group 0 is named
-    /// `name`, others as the feather layer with that number names them, else "group_<id>".
+    /// Groups by the strand channel `groupId`, ascending: the number is the group's id. Group 0 is
+    /// named `name`, others as the feather layer with that number names them, else "group_<id>".
     GroupedFrame(const StrandFrame& frame, const std::string& name);
     ~GroupedFrame();
     GroupedFrame(const GroupedFrame&) = delete;

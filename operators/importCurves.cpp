@@ -14,7 +14,9 @@ namespace corvelle {
 namespace {
 
 const std::vector<ParamSpec> kParams = {
-    {.name = "path", .defaultValue = std::string(), .description = "Alembic file with guide curves"},
+    {.name = "path",
+     .defaultValue = std::string(),
+     .description = "Alembic file with guide curves"},
     {.name = "object",
      .defaultValue = std::string(),
      .description = "Only curves under this object name (empty: all)"},
@@ -36,9 +38,9 @@ const std::vector<ParamSpec> kParams = {
 
 /// The curves of a file that can be strands, with ids.
 struct Picked {
-    std::vector<std::uint32_t> curves;    ///< of the file, those of 2 points and more
-    std::vector<std::uint64_t> ids;       ///< one each, distinct, not 0
-    std::vector<std::uint64_t> offsets;   ///< where each curve of the file begins, and the end
+    std::vector<std::uint32_t> curves;   ///< of the file, those of 2 points and more
+    std::vector<std::uint64_t> ids;      ///< one each, distinct, not 0
+    std::vector<std::uint64_t> offsets;  ///< where each curve of the file begins, and the end
 };
 
 Picked pick(const CurveSet& read) {
@@ -86,7 +88,8 @@ StrandSet strandsOf(const CurveSet& read, int samples, const ScalpPtr& scalp) {
         }
     });
     if (samples == 0 || count == 0) return out;
-    // The resampler takes curves that lie one behind the other: those of fewer points are passed by.
+    // The resampler takes curves that lie one behind the other: those of fewer points are passed
+    // by.
     std::vector<std::uint64_t> toOffsets(read.counts.size() + 1);
     for (std::size_t c = 0, s = 0; c < read.counts.size(); ++c) {
         toOffsets[c] = s < count ? offsets[s] : offsets[count];
@@ -126,13 +129,14 @@ public:
     PortSpec output() const override { return {"out", PortType::Curves}; }
     std::vector<ParamSpec> spec() const override { return kParams; }
     std::uint32_t contextReads() const override { return reads::kSearchPaths; }
-    /// The file may move with time, but only a new sample of it asks for a new run: the time goes into
-    /// `contextHash` by the samples it falls on.
+    /// The file may move with time, but only a new sample of it asks for a new run: the time goes
+    /// into `contextHash` by the samples it falls on.
     bool readsTime() const override { return true; }
     std::uint64_t contextHash(const EvalContext& context) const override {
         const EvaluationData& data = context.data();
         if (text("path").empty() || !data.curves) return 0;
-        return data.curves->stamp(context.pathResolver()(text("path")), text("object"), data.seconds);
+        return data.curves->stamp(context.pathResolver()(text("path")), text("object"),
+                                  data.seconds);
     }
 
     NodeValue evaluate(const EvalContext& context, const NodeInputs& inputs) override {
@@ -141,13 +145,15 @@ public:
         if (!data.curves) throw GraphError("ImportCurves: curve files cannot be read here");
         CurveSetPtr read;
         try {
-            read = data.curves->curves(context.pathResolver()(text("path")), text("object"), data.seconds);
+            read = data.curves->curves(context.pathResolver()(text("path")), text("object"),
+                                       data.seconds);
         } catch (const std::bad_alloc&) {
             throw;
         } catch (const std::exception& error) {
             throw GraphError(std::string("ImportCurves: ") + error.what());
         }
-        auto strands = std::make_shared<StrandSet>(strandsOf(*read, whole("samples"), inputs.mesh(0)));
+        auto strands =
+            std::make_shared<StrandSet>(strandsOf(*read, whole("samples"), inputs.mesh(0)));
         if (const std::size_t left = read->counts.size() - strands->strandCount(); left > 0)
             warn(std::to_string(left) + " curves of fewer than 2 points are left out");
         if (choice("as") == "guides") return guidesOf(*strands);
@@ -158,7 +164,8 @@ public:
 }  // namespace
 
 void registerAlembicOperators() {
-    OperatorRegistry::instance().add("ImportCurves", [] { return std::make_unique<ImportCurves>(); });
+    OperatorRegistry::instance().add("ImportCurves",
+                                     [] { return std::make_unique<ImportCurves>(); });
 }
 
 }  // namespace corvelle

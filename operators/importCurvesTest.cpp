@@ -1,7 +1,7 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <set>
+
+#include <gmock/gmock.h>
 
 #include "graph/curveReader.h"
 #include "graph/graph.h"
@@ -15,15 +15,18 @@ namespace {
 /// A file of two samples a second, held in memory; counts how often it is read.
 class FakeReader final : public CurveReader {
 public:
-    CurveSetPtr curves(const std::string& path, const std::string& object, double seconds) override {
+    CurveSetPtr curves(const std::string& path, const std::string& object,
+                       double seconds) override {
         ++readings;
         if (path != "curves.abc") throw std::runtime_error("cannot open '" + path + "'");
-        if (!object.empty() && object != "hair") throw std::runtime_error("no curves named '" + object + "'");
+        if (!object.empty() && object != "hair")
+            throw std::runtime_error("no curves named '" + object + "'");
         auto out = std::make_shared<CurveSet>(set);
         for (Vec3f& p : out->points) p.x += float(int(seconds * 2));
         return out;
     }
-    std::uint64_t stamp(const std::string& path, const std::string& object, double seconds) noexcept override {
+    std::uint64_t stamp(const std::string& path, const std::string& object,
+                        double seconds) noexcept override {
         return 1 + std::uint64_t(seconds * 2) + 100 * object.size() + 10000 * path.size();
     }
     CurveSet set{.points = {{0, 0, 0}, {0, 1, 0}, {0, 3, 0}, {9, 9, 9}, {5, 0, 0}, {5, 2, 0}},
@@ -70,9 +73,11 @@ TEST_F(ImportCurvesTest, KeepsCurvesAsReadOrResamplesThemToRootAndTip) {
     const StrandsPtr kept = strands();
     ASSERT_EQ(kept->strandCount(), 2u);
     EXPECT_THAT(std::vector(kept->ids().begin(), kept->ids().end()), testing::ElementsAre(70, 90));
-    EXPECT_THAT(std::vector(kept->widths().begin(), kept->widths().end()), testing::ElementsAre(3, 2, 0, 4, 2));
+    EXPECT_THAT(std::vector(kept->widths().begin(), kept->widths().end()),
+                testing::ElementsAre(3, 2, 0, 4, 2));
     EXPECT_EQ(kept->pointsOf(1)[1], (Vec3f{5, 2, 0}));
-    EXPECT_THAT(graph.warnings().at(node), testing::HasSubstr("1 curves of fewer than 2 points are left out"));
+    EXPECT_THAT(graph.warnings().at(node),
+                testing::HasSubstr("1 curves of fewer than 2 points are left out"));
 
     graph.setParam(node, "samples", 7.0);
     const StrandsPtr even = strands();
@@ -96,7 +101,8 @@ TEST_F(ImportCurvesTest, KeepsCurvesAsReadOrResamplesThemToRootAndTip) {
     EXPECT_EQ(asGuides->ids()[1], 90u);
     reader->set.ids = {70, 8, 70};  // not good as names: by order
     graph.setParam(node, "object", std::string("hair"));
-    EXPECT_THAT(std::vector(guides()->ids().begin(), guides()->ids().end()), testing::ElementsAre(1, 3));
+    EXPECT_THAT(std::vector(guides()->ids().begin(), guides()->ids().end()),
+                testing::ElementsAre(1, 3));
 }
 
 TEST_F(ImportCurvesTest, RunsAgainOnlyForAnotherSampleOfTheFile) {
@@ -141,7 +147,8 @@ TEST_F(ImportCurvesTest, GivesTheSameBitsOnOneThreadAndOnMany) {
     reader->set = {};
     for (std::uint32_t c = 0; c < 3000; ++c) {
         reader->set.counts.push_back(std::int32_t(c % 7));
-        for (std::uint32_t i = 0; i < c % 7; ++i) reader->set.points.push_back({float(c), float(i * i), float(c % (i + 2))});
+        for (std::uint32_t i = 0; i < c % 7; ++i)
+            reader->set.points.push_back({float(c), float(i * i), float(c % (i + 2))});
     }
     std::set<std::uint64_t> hashes;
     for (const unsigned threads : {1u, 2u, 8u}) {

@@ -1,8 +1,9 @@
 #include "session/groomExport.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <unordered_map>
+
+#include <nlohmann/json.hpp>
 
 #include "io/alembicWriter.h"
 #include "io/strandGroups.h"
@@ -20,7 +21,8 @@ namespace {
 constexpr std::size_t kLongestCurve = 255;  ///< points that some importers count in a byte
 constexpr float kGuideWidth = 0.02f;        ///< of exported guides: they are drawn, not rendered
 
-/// The guides that shape the strands, in the scalp's present pose, and each strand's shares in them.
+/// The guides that shape the strands, in the scalp's present pose, and each strand's shares in
+/// them.
 struct ExportedGuides {
     StrandSet guides;
     std::vector<GuideShares> shares;  ///< [strands]; empty when no node shares guides out
@@ -150,18 +152,18 @@ void GroomExport::noteWarnings(const StrandSet& strands, double frame) {
 std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float density) {
     if (frames_ > 0 && !(frame > lastFrame_))
         throw std::invalid_argument("export frames must increase");
-    const EvaluateOptions options{
-        .density = density,
-        .seconds = secondsFromFrames(frame, groom.framesPerSecond()),
-        .preview = false,
-        .computeBounds = false};
+    const EvaluateOptions options{.density = density,
+                                  .seconds = secondsFromFrames(frame, groom.framesPerSecond()),
+                                  .preview = false,
+                                  .computeBounds = false};
     const EvaluationResult& result = groom.evaluate(options);
     const StrandsPtr strands = result.strands;
     if (groom.pendingException() || !strands)
         throw ExportEvaluationError(result.errors.empty() ? "the groom gave no strands"
                                                           : result.errors.front());
     const RenderColors colors = renderColors(*strands, groom.evaluationData().currentScalp.get());
-    StrandFrame out{.strands = strands.get(), .rootUvs = colors.rootUV, .pointColors = colors.pointColor};
+    StrandFrame out{
+        .strands = strands.get(), .rootUvs = colors.rootUV, .pointColors = colors.pointColor};
     std::vector<Vec3f> rootColors;
     if (strands->strandChannel("colorR")) {
         out.colors = colors.color;
@@ -191,9 +193,7 @@ std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float den
     return strands->strandCount();
 }
 
-void GroomExport::close() try {
-    sink_->close();
-} catch (const AlembicError& error) {
+void GroomExport::close() try { sink_->close(); } catch (const AlembicError& error) {
     throw ExportFileError(error.what());
 } catch (const UsdError& error) {
     throw ExportFileError(error.what());

@@ -32,8 +32,8 @@ struct ExportSettings {
     bool guides = false;      ///< Alembic: the guides go along, and each strand's shares in them
 };
 
-/// A run of frames of a groom on its way to a file: Alembic in the groom layout, or a USD layer. Groom
-/// space: Y up, centimetres. Dropped without `close`, it leaves no file that a reader takes.
+/// A run of frames of a groom on its way to a file: Alembic in the groom layout, or a USD layer.
+/// Groom space: Y up, centimetres. Dropped without `close`, it leaves no file that a reader takes.
 class GroomExport {
 public:
     /// `framesPerSecond` is the groom's. Throws ExportFileError.
@@ -42,10 +42,10 @@ public:
     GroomExport(const GroomExport&) = delete;
     GroomExport& operator=(const GroomExport&) = delete;
 
-    /// Evaluates the groom for rendering at a frame, with a share of its strands (0 to 1), and writes
-    /// it. Answers how many strands there were. Throws std::invalid_argument "export frames must
-    /// increase", ExportEvaluationError with the evaluation's first error or "the groom gave no
-    /// strands", ExportFileError. After a failure the next frame may be tried.
+    /// Evaluates the groom for rendering at a frame, with a share of its strands (0 to 1), and
+    /// writes it. Answers how many strands there were. Throws std::invalid_argument "export frames
+    /// must increase", ExportEvaluationError with the evaluation's first error or "the groom gave
+    /// no strands", ExportFileError. After a failure the next frame may be tried.
     std::size_t writeFrame(GroomSession& groom, double frame, float density);
     /// Throws ExportFileError.
     void close();

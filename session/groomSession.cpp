@@ -185,7 +185,11 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     if (scalp == old) return;
     if (scalp && old && scalp->fullHash() == old->fullHash()) return;
 
-    const bool otherTriangles = scalp && old && scalp->topologyHash() != old->topologyHash();
+    // A document that came without its scalp knows the triangles from what is bound to them.
+    const bool boundToOthers = scalp && !old && !hierarchy_->empty() && hierarchy_->scalpTopology() != 0 &&
+                               hierarchy_->scalpTopology() != scalp->topologyHash();
+    const bool otherTriangles =
+        boundToOthers || (scalp && old && scalp->topologyHash() != old->topologyHash());
     const ScalpPtr oldBind = hierarchyPose();
     document_.scalp = std::move(scalp);
     if (!document_.scalp) return;

@@ -2,10 +2,12 @@
 #include "hosts/blender/helper/evaluateCommands.h"
 #include "hosts/blender/helper/exportCommands.h"
 #include "hosts/blender/helper/graphCommands.h"
+#include "hosts/blender/helper/groomCommands.h"
 #include "hosts/blender/helper/guideCommands.h"
 #include "hosts/blender/helper/processCommands.h"
 #include "hosts/blender/helper/scalpCommands.h"
 #include "hosts/blender/helper/sessionCommands.h"
+#include "hosts/blender/helper/stateCommands.h"
 
 namespace corvelle {
 namespace {
@@ -20,9 +22,9 @@ constexpr Command kCommands[] = {
     {"close_session", kSession, closeSessionCommand},
     {"set_options", kSession, setOptionsCommand},
     {"set_space", kSession, setSpaceCommand},
-    {"load_groom", kSession},
-    {"save_groom", kSession},
-    {"groom_info", kSession},
+    {"load_groom", kSession, loadGroomCommand},
+    {"save_groom", kSession, saveGroomCommand},
+    {"groom_info", kSession, groomInfoCommand},
     {"set_scalp", kSession, setScalpCommand},
     {"update_scalp", kSession, updateScalpCommand},
     {"get_scalp", kSession, getScalpCommand},
@@ -48,9 +50,9 @@ constexpr Command kCommands[] = {
     {"export_frame", kSession, exportFrameCommand},
     {"export_close", kSession, exportCloseCommand},
     {"export", kSession, exportCommand},
-    {"new_groom", kSession},
-    {"get_state", kSession},
-    {"set_state", kSession},
+    {"new_groom", kSession, newGroomCommand},
+    {"get_state", kSession, getStateCommand},
+    {"set_state", kSession, setStateCommand},
     {"tool_catalog"},
     // The tools.
     {"tool_set", kSession},

@@ -2,10 +2,10 @@
 
 #include <cmath>
 
-#include "expr/searchPaths.h"
 #include "hosts/blender/helper/processCommands.h"
 #include "hosts/blender/helper/requestError.h"
 #include "io/curveCaches.h"
+#include "model/utf8Path.h"
 #include "session/frameRate.h"
 #include "session/groomExport.h"
 #include "session/groomSession.h"
@@ -38,7 +38,8 @@ auto withCodes(const Step& step) {
 /// What `startFrame` and `step` say, checked; frames themselves come one by one.
 void checkSteps(const Json& request) {
     optionalNumber(request, "startFrame", 1.0);
-    if (!(optionalNumber(request, "step", 1.0) > 0.0)) failRequest("bad_request", "step must be above 0");
+    if (!(optionalNumber(request, "step", 1.0) > 0.0))
+        failRequest("bad_request", "step must be above 0");
 }
 
 std::unique_ptr<GroomExport> exportStart(const HelperSession& session, const Json& request) {

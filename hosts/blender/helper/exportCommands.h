@@ -11,7 +11,8 @@ Json exportFrameCommand(const CommandContext& context);
 Json exportCloseCommand(const CommandContext& context);
 Json exportCommand(const CommandContext& context);
 
-/// Gives the groom the guides of the session's guide cache at a time; without a cache nothing happens.
+/// Gives the groom the guides of the session's guide cache at a time; without a cache nothing
+/// happens.
 void playGuideCache(HelperSession& session, double seconds);
 
 }  // namespace corvelle

@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "hosts/blender/helper/answerPool.h"
 #include "hosts/blender/helper/strandArrays.h"
@@ -14,7 +15,9 @@ namespace corvelle {
 class AlembicGuideCache;
 class GroomExport;
 class GroomSession;
+class SimulationBake;
 struct EvaluationResult;
+struct GroomFile;
 
 /// One groom that a host works on: the engine's document, and what this process keeps around it.
 /// Touched on the main thread only.
@@ -38,6 +41,11 @@ struct HelperSession {
     std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
     std::map<std::int32_t, std::shared_ptr<GroomExport>> exports;  ///< open ones, by number
     std::int32_t nextExport = 1;
+    std::map<std::string, std::shared_ptr<SimulationBake>> simulationBakes;  ///< by Simulate node
+    /// The groom as it was last opened or saved; null: neither.
+    std::shared_ptr<const GroomFile> file;
+    std::vector<std::string> inputErrors;  ///< what failed while it was opened
+    bool mapsFolderMade = false;           ///< the session's own folder for maps is there, and clean
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
 
 private:
