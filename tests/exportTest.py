@@ -65,7 +65,7 @@ class ExportTest(unittest.TestCase):
             self.assertEqual(session.export_close(number), {"path": path, "frames": 3, "warnings": []})
             for frame in range(3):
                 reader.set_time(frame=10 + frame)
-                read = self.imported(reader, path, object="hair")
+                read = self.imported(reader, path, object="hairShape")
                 for name in ("positions", "offsets", "ids", "widths"):
                     self.assertEqual(read[name].tobytes(), written[frame][name].tobytes(), name)
                 self.assertEqual(len(self.imported(reader, path, object="guides_0")["ids"]), 4)
@@ -75,7 +75,8 @@ class ExportTest(unittest.TestCase):
             self.assertEqual(reader.evaluate()["errors"], ["node 'f': ImportCurves: no curves named 'fur'"])
 
     def test_whole_runs_write_the_frames_asked_for(self):
-        with client.Helper(HELPER) as helper, patch(helper) as session:
+        with client.Helper(HELPER) as helper, patch(helper, high=200.0) as session:  # small grooms are not thinned
+            session.set_param("resample", "segments", 3)
             whole = session.evaluate(mode="render")["strandCount"]
             for way in WAYS:
                 path = self.file("run." + way)
@@ -85,8 +86,7 @@ class ExportTest(unittest.TestCase):
                 session.set_time(frame=7)
                 self.assertEqual(session.export(path, format=way)["frames"], 1)
                 fewer = session.export(path, format=way, density=0.5)["strands"]
-                self.assertTrue(0.3 * whole < fewer < 0.7 * whole, fewer)
-                self.assertEqual(session.export(path, format=way, density=0)["strands"], 0)
+                self.assertTrue(0.45 * whole < fewer < 0.55 * whole, fewer)
             text = open(self.file("run.usd")).read()
             self.assertIn('doc = "Corvelle 0.2.1: Corvelle for Blender"', text)
             session.export(self.file("run.usd"), format="usd", first=1, last=2, step=0.5)
@@ -149,7 +149,8 @@ class ExportTest(unittest.TestCase):
                     self.assertEqual(failure(groom.ask(cmd, **fields)), expected)
 
     def test_a_failed_frame_leaves_the_job_open(self):
-        with client.Helper(HELPER) as helper, patch(helper) as session:
+        with client.Helper(HELPER) as helper:
+            session = patch(helper)
             for way in WAYS:
                 number = session.export_open(self.file("a." + way), format=way)
                 session.export_frame(number, frame=1)
