@@ -148,7 +148,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     data_.frame = framesFromSeconds(options.seconds, document_.framesPerSecond);
     data_.viewport = options.preview;
     data_.deferTools = options.deferTools;
-    data_.density = options.preview ? density : 1.0f;
+    data_.density = density;
     data_.pointBudget = options.preview ? options.pointBudget : 0.0;
     data_.growSegments = 0;
     data_.currentScalp = assembled(current);
@@ -268,6 +268,35 @@ void GroomSession::measureBounds(const EvaluateOptions& options, const Evaluatio
         next.boundsMin = box.min;
         next.boundsMax = box.max;
     }
+}
+
+std::vector<GuideSharing> GroomSession::guideSharings() {
+    std::vector<GuideSharing> sharings;
+    if (!graph_ || graph_->output() == 0) return sharings;
+    std::vector<NodeId> nodes;
+    graph_->forEachActiveUpstream(graph_->output(), !data_.viewport, [&](const Node& node) {
+        const auto own = graph_->nodes().find(node.id);  // the walk goes on into compounds
+        if (own != graph_->nodes().end() && &own->second == &node && node.op->type() == "Interpolate")
+            nodes.push_back(node.id);
+        return true;
+    });
+    for (const NodeId id : nodes) {
+        const std::vector<NodeId> from = graph_->node(id).inputNodes;
+        const std::vector<std::size_t> outputs = graph_->node(id).inputOutputs;
+        NodeInputs inputs;
+        inputs.values.resize(from.size());
+        inputs.connected.resize(from.size());
+        for (std::size_t slot = 0; slot < from.size(); ++slot) {
+            if (from[slot] == 0) continue;
+            graph_->evaluate(from[slot], data_);  // as a rule kept from the evaluation itself
+            const std::vector<NodeValue>& values = graph_->node(from[slot]).outputs;
+            if (outputs[slot] < values.size()) inputs.values[slot] = values[outputs[slot]];
+            inputs.connected[slot] = true;
+        }
+        GuideSharing sharing = guideSharing(*graph_->node(id).op, EvalContext(data_), inputs);
+        if (sharing.strands) sharings.push_back(std::move(sharing));
+    }
+    return sharings;
 }
 
 std::string GroomSession::nonFiniteText() const {

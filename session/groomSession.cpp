@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "graph/graphJson.h"
+#include "io/curveCaches.h"
 #include "model/carry.h"
 #include "operators/registerOperators.h"
 #include "session/frameRate.h"
@@ -43,6 +44,7 @@ bool samePose(const ScalpPtr& a, const ScalpPtr& b) {
 
 GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
     registerOperators();
+    data_.curves = std::make_shared<AlembicCurveReader>();
     document_.framesPerSecond = effectiveRate(document_.framesPerSecond);
     graph_ = readGraph(document_.graph);
     if (graph_) graph_->setFramesPerSecond(document_.framesPerSecond);

@@ -17,6 +17,7 @@
 #include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
+#include "operators/interpolate.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
 
@@ -122,6 +123,9 @@ public:
     ScalpPtr evaluationScalp() { return assembled(document_.scalp); }
     /// What nodes are given, as the last evaluation gave it.
     const EvaluationData& evaluationData() const { return data_; }
+    /// Which guides shaped which strands in the last evaluation: of each Interpolate node of the graph's
+    /// own that was in use, the one nearest the output first. Throws GraphError as an evaluation does.
+    std::vector<GuideSharing> guideSharings();
 
     // Evaluation on another thread while the session goes on. Null when one cannot start: no graph, a
     // stroke under way, a view node, or `after` belongs to another graph revision.
