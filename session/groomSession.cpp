@@ -271,7 +271,7 @@ void GroomSession::readParts() {
 std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) {
     if (parts_.lines.empty() || !scalp) return nullptr;
     if (partLines_.scalp != scalp || partLines_.data != parts_)
-        partLines_ = {parts_, scalp, partLinesOn(parts_, scalp)};
+        partLines_ = {parts_, scalp, partLinesOn(refinement_.parts(parts_), scalp)};
     return partLines_.lines;
 }
 
@@ -296,13 +296,14 @@ void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) 
 }
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {
-    if (document_.scalps.empty()) return own;
+    if (document_.scalps.empty()) return refinement_.mesh(own);
     auto found = std::ranges::find_if(assembled_, [&](const Assembled& made) {
         return made.result && made.own == own && made.named == document_.scalps;
     });
     if (found == assembled_.end()) {
         found = assembled_.end() - 1;
-        *found = {own, assembleScalps(own, document_.scalps), document_.scalps};
+        *found = {own, assembleScalps(refinement_.mesh(own), refinement_.meshes(document_.scalps)),
+                  document_.scalps};
     }
     std::rotate(assembled_.begin(), found, found + 1);
     return assembled_.front().result;

@@ -18,6 +18,7 @@
 #include "model/partData.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
+#include "session/scalpRefinement.h"
 
 namespace corvelle {
 
@@ -203,6 +204,7 @@ private:
         std::shared_ptr<const PartLines> lines;
     } partLines_;
 
+    ScalpRefinement refinement_;
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
     struct Assembled {
