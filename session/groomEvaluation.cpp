@@ -113,11 +113,12 @@ void GroomSession::recordScalp() {
     const auto frame = std::llround(framesFromSeconds(seconds_, document_.framesPerSecond));
     const auto& entries = scalpHistory_->entries;
     const auto found = std::ranges::find(entries, frame, &ScalpHistory::Entry::frame);
-    if (found != entries.end() && found->mesh == document_.scalp) return;
+    const ScalpPtr mesh = refinement_.mesh(document_.scalp);
+    if (found != entries.end() && found->mesh == mesh) return;
     // Published histories are shared with evaluations: a new one takes the old one's place.
     auto next = std::make_shared<ScalpHistory>(*scalpHistory_);
     std::erase_if(next->entries, [&](const ScalpHistory::Entry& entry) { return entry.frame == frame; });
-    next->entries.push_back({frame, document_.scalp});
+    next->entries.push_back({frame, mesh});
     if (next->entries.size() > kHistoryFrames) next->entries.erase(next->entries.begin());
     scalpHistory_ = std::move(next);
 }
@@ -175,9 +176,13 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     }
     if (!liveIsCorrected())
         data_.hierarchy = corrected(data_.hierarchy, follow_.following ? follow_.restScalp : current);
+    // Where renders draw another surface than the mesh, nodes work on that one.
+    refinement_.setCages(current, document_.scalps);
+    data_.hierarchy = refinement_.hierarchy(data_.hierarchy);
+    data_.flatGuides = refinement_.guides(data_.flatGuides);
     data_.parts = partLines(data_.scalp);
-    data_.flow = flowField(data_.scalp);
-    data_.maps = document_.maps;
+    data_.flow = flowField(data_.scalp, follow_.following ? follow_.restScalp : current);
+    data_.maps = refinement_.maps(document_.maps);
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};
     data_.controls.clear();
@@ -192,7 +197,8 @@ void GroomSession::runGraph(const EvaluateOptions& options, EvaluationResult& ne
     const StrandsPtr strands = strandsOf(graph.evaluate(node, data_));
     next.strands = strands;
     if (follow_.following && strands) {
-        next.strands = follow_.deformed(strands, document_.scalp);
+        next.strands = follow_.deformed(strands, refinement_.mesh(follow_.restScalp),
+                                         refinement_.mesh(document_.scalp));
         next.rawStrands = strands;
     }
     numberResult(graph, node, strands, next);

@@ -275,7 +275,7 @@ void GroomSession::readParts() {
 std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) {
     if (parts_.lines.empty() || !scalp) return nullptr;
     if (partLines_.scalp != scalp || partLines_.data != parts_)
-        partLines_ = {parts_, scalp, partLinesOn(parts_, scalp)};
+        partLines_ = {parts_, scalp, partLinesOn(refinement_.parts(parts_), scalp)};
     return partLines_.lines;
 }
 
@@ -295,10 +295,10 @@ void GroomSession::readFlow() {
     }
 }
 
-std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) {
-    if (flow_.empty() || !scalp) return nullptr;
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp, const ScalpPtr& cage) {
+    if (flow_.empty() || !scalp || !cage) return nullptr;
     if (flowField_.scalp != scalp || flowField_.data != flow_)
-        flowField_ = {flow_, scalp, flowFieldOn(flow_, scalp)};
+        flowField_ = {flow_, scalp, flowFieldOn(refinement_.flow(flow_, *cage, *scalp), scalp)};
     return flowField_.field;
 }
 
@@ -342,13 +342,14 @@ void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) 
 }
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {
-    if (document_.scalps.empty()) return own;
+    if (document_.scalps.empty()) return refinement_.mesh(own);
     auto found = std::ranges::find_if(assembled_, [&](const Assembled& made) {
         return made.result && made.own == own && made.named == document_.scalps;
     });
     if (found == assembled_.end()) {
         found = assembled_.end() - 1;
-        *found = {own, assembleScalps(own, document_.scalps), document_.scalps};
+        *found = {own, assembleScalps(refinement_.mesh(own), refinement_.meshes(document_.scalps)),
+                  document_.scalps};
     }
     std::rotate(assembled_.begin(), found, found + 1);
     return assembled_.front().result;

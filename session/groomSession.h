@@ -20,6 +20,7 @@
 #include "operators/interpolate.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
+#include "session/scalpRefinement.h"
 
 namespace corvelle {
 
@@ -165,7 +166,7 @@ private:
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
     void readFlow();
     void moveDrawn(const ScalpMesh& old);
-    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp, const ScalpPtr& cage);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -220,6 +221,7 @@ private:
         std::shared_ptr<const FlowField> field;
     } flowField_;
 
+    ScalpRefinement refinement_;
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
     struct Assembled {
