@@ -181,6 +181,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     const ScalpPtr& held = document_.scalp;
 
     if (otherTriangles) {
+        undo_.clear();  // roots on triangles that are there no more
         if (document_.topology != held->topologyHash())
             pendingMessages_.push_back({"the scalp's vertex order or triangles differ from the groom's: "
                                         "strands are rooted again by position",
@@ -243,19 +244,22 @@ void GroomSession::setPartsJson(const std::string& text) {
 }
 
 void GroomSession::readParts() {
-    parts_ = {};
+    PartData parts;
     partError_.clear();
     try {
-        parts_ = readPartData(document_.parts);
+        parts = readPartData(document_.parts);
     } catch (const std::exception& error) {
         partError_ = std::string("partData: ") + error.what();
     }
+    parts_ = std::make_shared<const PartData>(std::move(parts));
 }
 
 std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) {
-    if (parts_.lines.empty() || !scalp) return nullptr;
-    if (partLines_.scalp != scalp || partLines_.data != parts_)
-        partLines_ = {parts_, scalp, partLinesOn(parts_, scalp)};
+    const std::shared_ptr<const PartData> parts = shownParts();
+    if (parts->lines.empty() || !scalp) return nullptr;
+    auto& held = partLines_;
+    if (held.scalp != scalp || !held.data || (held.data != parts && !(*held.data == *parts)))
+        held = {parts, scalp, partLinesOn(*parts, scalp)};
     return partLines_.lines;
 }
 
@@ -273,10 +277,6 @@ std::vector<std::string> GroomSession::dataErrors() const {
     for (const std::string* text : {&hierarchyError_, &graphError_, &partError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
-}
-
-void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) {
-    liveHierarchy_ = std::move(live);
 }
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {
