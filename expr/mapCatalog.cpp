@@ -1,6 +1,7 @@
 #include "expr/mapCatalog.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <mutex>
 
@@ -93,6 +94,56 @@ std::string vertexCountText(const std::string& name, std::uint64_t painted, std:
     return "'" + name + "' was painted on a scalp with " + std::to_string(painted) +
            " vertices; this one has " + std::to_string(now) +
            " (convert it to a texture or guide layer on the old scalp, or fill it anew)";
+}
+
+PaintedMap startedVertexMap(const ScalpMesh& scalp, int channels) {
+    PaintedMap map{.kind = PaintedMap::Kind::Vertices, .channels = channels};
+    map.vertices = scalp.points().size();
+    map.values = std::make_shared<const std::vector<float>>(
+        scalp.points().size() * std::size_t(channels), 1.0f);
+    return map;
+}
+
+namespace {
+
+PaintedMap vertexMapOfColors(const ScalpMesh& scalp, std::span<const Color4f> corners, int channels) {
+    const std::size_t step = std::size_t(channels);
+    std::vector<float> values(scalp.points().size() * step, 0.0f);
+    std::vector<bool> known(scalp.points().size());
+    for (std::size_t c = 0; c < corners.size(); ++c) {
+        const std::size_t vertex = std::size_t(scalp.triangles()[c / 3][c % 3]);
+        if (known[vertex]) continue;
+        known[vertex] = true;
+        const Color4f& color = corners[c];
+        const std::array<float, 4> all = {color.r, color.g, color.b, color.a};
+        if (channels == 1)
+            values[vertex] = luminance(color.r, color.g, color.b);
+        else
+            std::ranges::copy(all, values.begin() + std::ptrdiff_t(vertex * step));
+    }
+    PaintedMap map{.kind = PaintedMap::Kind::Vertices, .channels = channels};
+    map.vertices = scalp.points().size();
+    map.values = std::make_shared<const std::vector<float>>(std::move(values));
+    return map;
+}
+
+}  // namespace
+
+MapCatalogPtr withVertexValues(MapCatalogPtr maps, const ScalpPtr& scalp) {
+    const auto lacks = [](const auto& entry) {
+        return entry.second.kind == PaintedMap::Kind::Vertices && !entry.second.values;
+    };
+    if (!maps || !scalp || std::ranges::none_of(maps->maps, lacks)) return maps;
+    auto filled = std::make_shared<MapCatalogValue>(*maps);
+    for (auto& entry : filled->maps) {
+        if (!lacks(entry)) continue;
+        const int channels = entry.second.channels;
+        const auto set = scalp->colorSets().find(entry.first);
+        entry.second = set == scalp->colorSets().end()
+                           ? startedVertexMap(*scalp, channels)
+                           : vertexMapOfColors(*scalp, set->second, channels);
+    }
+    return filled;
 }
 
 MapLookup readMap(const MapCatalogValue* catalog, const std::string& name, const ScalpPtr& scalp,

@@ -45,6 +45,13 @@ struct MapLookup {
     MapFault fault{};         ///< when found and map is null
     std::string detail;       ///< Unreadable: what the image reader said; WrongScalp: the two vertex counts
 };
+/// A vertex map that starts anew on a scalp: 1 everywhere.
+PaintedMap startedVertexMap(const ScalpMesh& scalp, int channels);
+/// The catalogue with values for the vertex maps that come without, as grooms of old hold them: those
+/// of the scalp's colour set of the map's name (a vertex's first corner), else 1 everywhere. The very
+/// catalogue when there are none, or no scalp.
+MapCatalogPtr withVertexValues(MapCatalogPtr maps, const ScalpPtr& scalp);
+
 /// Makes a catalogue entry readable on a scalp. `guides` may be null (maps of kind guides then fault
 /// with NoGuides).
 MapLookup readMap(const MapCatalogValue* catalog, const std::string& name, const ScalpPtr& scalp,

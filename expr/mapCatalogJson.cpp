@@ -1,9 +1,10 @@
 #include "expr/mapCatalogJson.h"
 
 #include <cmath>
-
 #include <nlohmann/json.hpp>
 #include <stdexcept>
+
+#include "model/floatText.h"
 
 namespace corvelle {
 
@@ -22,13 +23,17 @@ std::string textOf(const std::string& map, const nlohmann::json& json, const cha
     return at->get<std::string>();
 }
 
+void readChannels(const std::string& name, const nlohmann::json& json, PaintedMap& map) {
+    const auto at = json.find("channels");
+    if (at == json.end() || at->is_null()) return;
+    if (!at->is_number()) throwFor(name, "needs a number as its channels (1 or 4)");
+    const double channels = at->get<double>();
+    if (channels != 1.0 && channels != 4.0)
+        throwFor(name, "has " + at->dump() + " channels (1 or 4)");
+    map.channels = int(channels);
+}
+
 void readVertices(const std::string& name, const nlohmann::json& json, PaintedMap& map) {
-    if (const auto at = json.find("channels"); at != json.end() && !at->is_null()) {
-        if (!at->is_number()) throwFor(name, "needs a number as its channels (1 or 4)");
-        const double channels = at->get<double>();
-        if (channels != 1.0 && channels != 4.0) throwFor(name, "has " + at->dump() + " channels (1 or 4)");
-        map.channels = int(channels);
-    }
     auto values = std::make_shared<std::vector<float>>();
     if (const auto at = json.find("values"); at != json.end() && !at->is_null()) {
         if (!at->is_array()) throwFor(name, "needs its values as a flat list of numbers");
@@ -46,11 +51,45 @@ void readVertices(const std::string& name, const nlohmann::json& json, PaintedMa
                            " values, give one per scalp vertex and channel");
     map.vertices = values->size() / channels;
     if (const auto at = json.find("vertices"); at != json.end() && !at->is_null()) {
-        if (!at->is_number_unsigned() || at->get<std::uint64_t>() != map.vertices)
-            throwFor(name, "has " + std::to_string(values->size()) + " values for " + at->dump() +
+        const bool count = at->is_number_unsigned();
+        if (!count || (!values->empty() && at->get<std::uint64_t>() != map.vertices))
+            throwFor(name, "has " + std::to_string(values->size()) + " values for " +
+                               (at->is_number() ? at->dump() : std::string("no number of")) +
                                " vertices, give one per scalp vertex and channel");
+        map.vertices = at->get<std::uint64_t>();
     }
-    map.values = std::move(values);
+    if (!values->empty()) map.values = std::move(values);
+}
+
+void appendText(std::string& out, const std::string& text) {
+    out += nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+/// One map, keys ascending.
+void appendMap(std::string& out, const PaintedMap& map) {
+    const std::string channels = "\"channels\":" + std::to_string(map.channels);
+    switch (map.kind) {
+        case PaintedMap::Kind::Texture:
+            out += '{' + channels + ",\"kind\":\"texture\",\"texture\":";
+            appendText(out, map.file);
+            break;
+        case PaintedMap::Kind::Guides:
+            out += "{\"kind\":\"guides\",\"layer\":";
+            appendText(out, map.layer);
+            break;
+        case PaintedMap::Kind::Vertices:
+            out += '{' + channels + ",\"kind\":\"vertices\",\"values\":[";
+            if (map.values) {
+                out.reserve(out.size() + 4 * map.values->size());
+                for (const float value : *map.values) {
+                    if (out.back() != '[') out += ',';
+                    appendFloat32(out, value);
+                }
+            }
+            out += "],\"vertices\":" + std::to_string(map.vertices);
+            break;
+    }
+    out += '}';
 }
 
 }  // namespace
@@ -63,6 +102,7 @@ MapCatalogValue mapCatalogFromJson(const nlohmann::json& json) {
         if (!entry.is_object()) throwFor(name, "is not an object");
         const std::string kind = textOf(name, entry, "kind", "vertices");
         PaintedMap map;
+        readChannels(name, entry, map);
         if (kind == "vertices") {
             map.kind = PaintedMap::Kind::Vertices;
             readVertices(name, entry, map);
@@ -78,6 +118,29 @@ MapCatalogValue mapCatalogFromJson(const nlohmann::json& json) {
         catalog.maps.emplace(name, std::move(map));
     }
     return catalog;
+}
+
+MapCatalogValue readScalpMaps(std::string_view text) {
+    if (text.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
+    nlohmann::json json;
+    try {
+        json = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception& error) {
+        throw std::invalid_argument(std::string("scalpMaps: invalid JSON: ") + error.what());
+    }
+    return mapCatalogFromJson(json);
+}
+
+std::string scalpMapsJson(const MapCatalogValue& maps) {
+    if (maps.maps.empty()) return {};
+    std::string out = "{";
+    for (const auto& [name, map] : maps.maps) {
+        if (out.size() > 1) out += ',';
+        appendText(out, name);
+        out += ':';
+        appendMap(out, map);
+    }
+    return out + '}';
 }
 
 }  // namespace corvelle

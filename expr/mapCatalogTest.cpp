@@ -387,6 +387,57 @@ TEST(MapCatalogJson, SaysWhatIsWrong) {
     for (const auto& [text, message] : kCases) EXPECT_EQ(jsonError(text), message) << text;
 }
 
+TEST(MapCatalogJson, TextReadsBackAsTheSameMapsAndTheSameText) {
+    const std::string text =
+        R"({"a\"b":{"channels":4,"kind":"vertices","values":[0,0.1,1,-0.0,5,6,7,1e+20],"vertices":2},)"
+        R"("image":{"channels":4,"kind":"texture","texture":"image.png"},)"
+        R"("layer":{"kind":"guides","layer":"mask"},)"
+        R"("old":{"channels":1,"kind":"vertices","values":[],"vertices":7}})";
+    const MapCatalogValue maps = readScalpMaps(text);
+    EXPECT_EQ(maps.find("a\"b")->values->at(1), 0.1f);
+    EXPECT_TRUE(std::signbit(maps.find("a\"b")->values->at(3)));
+    EXPECT_EQ(maps.find("image")->channels, 4);
+    EXPECT_EQ(maps.find("old")->vertices, 7u);
+    EXPECT_EQ(scalpMapsJson(maps), text);
+    EXPECT_EQ(readScalpMaps(text).hash(), maps.hash());
+    EXPECT_EQ(scalpMapsJson({}), "");
+    EXPECT_TRUE(readScalpMaps(" \n").maps.empty());
+}
+
+TEST(MapCatalogJson, HostileTextIsAnErrorOfItsOwn) {
+    const std::string deep = std::string(200000, '[') + std::string(200000, ']');
+    for (const std::string& text :
+         {std::string("{"), std::string("\xff"), std::string("[]"), deep,
+          std::string(R"({"a":{"values":[1e999]}})"), std::string(R"({"a":{"vertices":-1}})"),
+          std::string(R"({"a":{"vertices":"many"}})"), std::string(R"({"a":{"vertices":1.5}})")})
+        EXPECT_THROW(readScalpMaps(text), std::invalid_argument) << text.substr(0, 40);
+}
+
+TEST(MapCatalogJson, VertexMapsWithoutValuesTakeAColorSetOfTheirNameElseStartAtOne) {
+    ScalpMesh mesh = makePlane(2, 2, 1.0f);
+    std::vector<Color4f> corners;
+    for (const Triangle& triangle : mesh.triangles())
+        for (const std::int32_t vertex : triangle)
+            corners.push_back({float(vertex), 0.0f, 1.0f, 0.25f});
+    mesh.addColorSet("tint", corners);
+    mesh.addColorSet("gray", corners);
+    const ScalpPtr scalp = std::make_shared<const ScalpMesh>(std::move(mesh));
+    const auto maps = std::make_shared<const MapCatalogValue>(readScalpMaps(
+        R"({"tint":{"channels":4},"gray":{},"new":{"channels":4},"kept":{"values":[1,2]},"i":{"kind":"texture"}})"));
+    const MapCatalogPtr filled = withVertexValues(maps, scalp);
+    ASSERT_NE(filled, maps);
+    for (std::size_t v = 0; v < scalp->points().size(); ++v) {
+        EXPECT_THAT(std::span(*filled->find("tint")->values).subspan(4 * v, 4),
+                    testing::ElementsAre(float(v), 0.0f, 1.0f, 0.25f));
+        EXPECT_EQ(filled->find("gray")->values->at(v), luminance(float(v), 0.0f, 1.0f));
+        EXPECT_EQ(filled->find("new")->values->at(4 * v + 3), 1.0f);
+    }
+    EXPECT_EQ(filled->find("new")->vertices, scalp->points().size());
+    EXPECT_EQ(filled->find("kept")->values, maps->find("kept")->values);
+    EXPECT_EQ(withVertexValues(filled, scalp), filled);
+    EXPECT_EQ(withVertexValues(maps, nullptr), maps);
+}
+
 TEST(MapSource, WordsAndHashTellEveryPartApart) {
     EXPECT_STREQ(mapKindKey(MapKind::Texture), "texture");
     EXPECT_STREQ(mapKindKey(MapKind::ColorSet), "colorSet");

@@ -33,15 +33,6 @@ bool isFile(const std::filesystem::path& path) {
 
 }  // namespace
 
-std::filesystem::path utf8Path(std::string_view text) {
-    return std::filesystem::path(std::u8string(text.begin(), text.end()));
-}
-
-std::string utf8Text(const std::filesystem::path& path) {
-    const std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
-}
-
 std::string expandVariables(std::string_view text) {
     std::string out;
     std::size_t i = 0;

@@ -1,19 +1,18 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <string_view>
 
+#include "model/utf8Path.h"
+
 namespace corvelle {
 
-// Paths of pictures. Text is UTF-8 everywhere; only here it becomes the system's own form.
-
-std::filesystem::path utf8Path(std::string_view text);
-std::string utf8Text(const std::filesystem::path& path);
+// Paths of pictures, as UTF-8 text.
 
 /// $NAME, ${NAME} and %NAME% replaced by the environment's values; a variable that is not set stays
-/// as written. Names are letters, digits and _, not starting with a digit: "%(UDIM)d" is left alone.
+/// as written. Names are letters, digits and _, not starting with a digit: "%(UDIM)d" is left
+/// alone.
 std::string expandVariables(std::string_view text);
 
 /// UDIM tiles: 1001 + column + 10 * row, 10 columns and 10 rows.

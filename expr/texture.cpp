@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <type_traits>
 
 #include "expr/image.h"
 #include "expr/searchPaths.h"
@@ -15,6 +16,7 @@ namespace corvelle {
 struct Texture::Data {
     std::vector<ImagePtr> tiles;  ///< 1, or kTileCount by tile number, null for a missing one
     bool udim = false;
+    TiledPixels grid;  ///< in place of `tiles` when it has any
     bool eightBit = false;
     std::uint64_t hash = 0;
 };
@@ -30,9 +32,35 @@ constexpr std::array<float, 256> kUnit = [] {
 inline float texel(const std::uint8_t* p) { return kUnit[*p]; }
 inline float texel(const float* p) { return *p; }
 
-/// The four pixels round a place, as offsets of their first channel, and the shares between them.
+// The forms that pixels are held in: where pixel (x, y) starts, and how many channels it has.
+template <class P>
+struct FlatPixels {
+    static constexpr int kChannels = 4;
+    const P* pixels;
+    int width, height;
+    const P* at(int x, int y) const {
+        return pixels + (std::size_t(y) * std::size_t(width) + std::size_t(x)) * 4;
+    }
+};
+template <int channels>
+struct GridPixels {
+    static constexpr int kChannels = channels;
+    explicit GridPixels(const TiledPixels& held)
+        : grid(held), width(held.width), height(held.height), columns(held.columns()) {}
+    const TiledPixels& grid;
+    int width, height, columns;
+    const std::uint8_t* at(int x, int y) const {
+        const std::size_t tile = std::size_t(y / PixelTile::kSide) * std::size_t(columns) +
+                                 std::size_t(x / PixelTile::kSide);
+        return grid.tiles[tile]->bytes.data() +
+               TiledPixels::placeIn(x, y) * std::size_t(channels);
+    }
+};
+
+/// The four pixels round a place, and the shares between them.
+template <class P>
 struct Taps {
-    std::size_t i00, i10, i01, i11;
+    const P *p00, *p10, *p01, *p11;
     float fx, fy;
 };
 
@@ -45,39 +73,46 @@ inline void tapAxis(float place, int size, int& low, int& high, float& share) {
     high = std::clamp(int(down) + 1, 0, size - 1);
 }
 
-inline Taps tapsAt(const Image& image, float u, float v) {
+template <class Pixels>
+inline auto tapsAt(const Pixels& pixels, float u, float v) {
     int x0, x1, y0, y1;
-    Taps t;
-    tapAxis(u, image.width, x0, x1, t.fx);
-    tapAxis(1.0f - v, image.height, y0, y1, t.fy);  // row 0 is v = 1
-    const std::size_t row0 = std::size_t(y0) * std::size_t(image.width);
-    const std::size_t row1 = std::size_t(y1) * std::size_t(image.width);
-    t.i00 = (row0 + std::size_t(x0)) * 4;
-    t.i10 = (row0 + std::size_t(x1)) * 4;
-    t.i01 = (row1 + std::size_t(x0)) * 4;
-    t.i11 = (row1 + std::size_t(x1)) * 4;
-    return t;
+    float fx, fy;
+    tapAxis(u, pixels.width, x0, x1, fx);
+    tapAxis(1.0f - v, pixels.height, y0, y1, fy);  // row 0 is v = 1
+    using Texel = std::remove_cvref_t<decltype(*pixels.at(0, 0))>;
+    return Taps<Texel>{pixels.at(x0, y0), pixels.at(x1, y0), pixels.at(x0, y1), pixels.at(x1, y1),
+                       fx, fy};
 }
 
 template <class P>
-inline float bilinear(const P* pixels, const Taps& t, int channel) {
-    const P* p = pixels + channel;
-    return mix(mix(texel(p + t.i00), texel(p + t.i10), t.fx),
-               mix(texel(p + t.i01), texel(p + t.i11), t.fx), t.fy);
+inline float bilinear(const Taps<P>& t, int channel) {
+    return mix(mix(texel(t.p00 + channel), texel(t.p10 + channel), t.fx),
+               mix(texel(t.p01 + channel), texel(t.p11 + channel), t.fx), t.fy);
 }
 
-template <MapComponent C, class P>
-inline float component(const P* pixels, const Taps& t) {
-    if constexpr (C == MapComponent::Luminance)
-        return luminance(bilinear(pixels, t, 0), bilinear(pixels, t, 1), bilinear(pixels, t, 2));
-    else
-        return bilinear(pixels, t, int(C));
+template <MapComponent C, class Pixels>
+inline float component(const Pixels& pixels, float u, float v) {
+    const auto t = tapsAt(pixels, u, v);
+    if constexpr (Pixels::kChannels == 1) {
+        if (C == MapComponent::A) return 1.0f;
+        const float gray = bilinear(t, 0);
+        return C == MapComponent::Luminance ? luminance(gray, gray, gray) : gray;
+    } else if constexpr (C == MapComponent::Luminance) {
+        return luminance(bilinear(t, 0), bilinear(t, 1), bilinear(t, 2));
+    } else {
+        return bilinear(t, int(C));
+    }
 }
 
-template <class P>
-inline Color4f color(const P* pixels, const Taps& t) {
-    return {bilinear(pixels, t, 0), bilinear(pixels, t, 1), bilinear(pixels, t, 2),
-            bilinear(pixels, t, 3)};
+template <class Pixels>
+inline Color4f color(const Pixels& pixels, float u, float v) {
+    const auto t = tapsAt(pixels, u, v);
+    if constexpr (Pixels::kChannels == 1) {
+        const float gray = bilinear(t, 0);
+        return {gray, gray, gray, 1.0f};
+    } else {
+        return {bilinear(t, 0), bilinear(t, 1), bilinear(t, 2), bilinear(t, 3)};
+    }
 }
 
 /// Repeats outside 0..1; 1 itself is the last column.
@@ -103,16 +138,18 @@ const Image* tileAt(const std::vector<ImagePtr>& tiles, float& u, float& v) {
     return nullptr;
 }
 
-/// Calls read(i, image, taps) for each place that has pixels, missing(i) for the others.
+inline bool finite(Vec2f uv) { return std::isfinite(uv.x) && std::isfinite(uv.y); }
+
+/// Calls read(i, pixels, u, v) for each place that has pixels, missing(i) for the others.
 template <class Read, class Missing>
 inline void forEachPlace(const std::vector<ImagePtr>& tiles, bool udim, std::span<const Vec2f> uvs,
                          Read&& read, Missing&& missing) {
     for (std::size_t i = 0; i < uvs.size(); ++i) {
-        float u = uvs[i].x, v = uvs[i].y;
-        if (!(std::isfinite(u) && std::isfinite(v))) {
+        if (!finite(uvs[i])) {
             missing(i);
             continue;
         }
+        float u = uvs[i].x, v = uvs[i].y;
         const Image* image = tiles[0].get();
         if (udim) {
             image = tileAt(tiles, u, v);
@@ -120,21 +157,44 @@ inline void forEachPlace(const std::vector<ImagePtr>& tiles, bool udim, std::spa
             u = wrapped(u);
             v = wrapped(v);
         }
-        if (image)
-            read(i, *image, tapsAt(*image, u, v));
+        if (!image)
+            missing(i);
+        else if (image->eightBit())
+            read(i, FlatPixels<std::uint8_t>{image->bytes.data(), image->width, image->height}, u, v);
+        else
+            read(i, FlatPixels<float>{image->floats.data(), image->width, image->height}, u, v);
+    }
+}
+
+template <class Pixels, class Read, class Missing>
+inline void forEachPlace(const Pixels& pixels, std::span<const Vec2f> uvs, Read&& read,
+                         Missing&& missing) {
+    for (std::size_t i = 0; i < uvs.size(); ++i) {
+        if (finite(uvs[i]))
+            read(i, pixels, wrapped(uvs[i].x), wrapped(uvs[i].y));
         else
             missing(i);
     }
 }
 
-template <MapComponent C>
-void sampleComponent(const std::vector<ImagePtr>& tiles, bool udim, std::span<const Vec2f> uvs,
-                     std::span<float> out) {
-    forEachPlace(
-        tiles, udim, uvs,
-        [&](std::size_t i, const Image& image, const Taps& t) {
-            out[i] = image.eightBit() ? component<C>(image.bytes.data(), t)
-                                      : component<C>(image.floats.data(), t);
+/// The same over whatever a texture holds.
+template <class Data, class Read, class Missing>
+inline void forEachPlaceOf(const Data& data, std::span<const Vec2f> uvs, Read&& read,
+                           Missing&& missing) {
+    if (data.grid.tiles.empty())
+        forEachPlace(data.tiles, data.udim, uvs, read, missing);
+    else if (data.grid.channels == 1)
+        forEachPlace(GridPixels<1>(data.grid), uvs, read, missing);
+    else
+        forEachPlace(GridPixels<4>(data.grid), uvs, read, missing);
+}
+
+template <MapComponent C, class Data>
+void sampleComponent(const Data& data, std::span<const Vec2f> uvs, std::span<float> out) {
+    forEachPlaceOf(
+        data, uvs,
+        [&](std::size_t i, const auto& pixels, float u, float v) {
+            out[i] = component<C>(pixels, u, v);
         },
         [&](std::size_t i) { out[i] = 0.0f; });
 }
@@ -235,6 +295,24 @@ std::shared_ptr<const Texture> Texture::fromPixels(int width, int height, int ch
     return make(std::move(data));
 }
 
+std::shared_ptr<const Texture> Texture::fromTiles(TiledPixels pixels) {
+    const bool sized = pixels.width > 0 && pixels.height > 0 &&
+                       (pixels.channels == 1 || pixels.channels == 4) &&
+                       pixels.tiles.size() ==
+                           std::size_t(pixels.columns()) * std::size_t(pixels.rows());
+    const std::size_t bytes = PixelTile::kPixels * std::size_t(pixels.channels);
+    if (!sized || !std::ranges::all_of(pixels.tiles, [&](const PixelTilePtr& tile) {
+            return tile && tile->bytes.size() == bytes;
+        }))
+        throw TextureError("textureFromPixels: size does not match its pixels");
+    Data data;
+    data.hash = hashCombine(
+        hashCombine(hashCombine(hashOf("tiles"), pixels.width), pixels.height), pixels.channels);
+    for (const PixelTilePtr& tile : pixels.tiles) data.hash = hashCombine(data.hash, tile->hash);
+    data.grid = std::move(pixels);
+    return make(std::move(data));
+}
+
 bool Texture::isUdim(const std::string& path) { return hasUdimMarker(path); }
 
 std::uint64_t Texture::signature(const std::string& path, const PathResolver& resolver) {
@@ -258,22 +336,21 @@ float Texture::sample(float u, float v, MapComponent component) const {
 
 void Texture::sample(std::span<const Vec2f> uvs, MapComponent component,
                      std::span<float> out) const {
-    const Data& d = *data_;
     switch (component) {
-        case MapComponent::R: return sampleComponent<MapComponent::R>(d.tiles, d.udim, uvs, out);
-        case MapComponent::G: return sampleComponent<MapComponent::G>(d.tiles, d.udim, uvs, out);
-        case MapComponent::B: return sampleComponent<MapComponent::B>(d.tiles, d.udim, uvs, out);
-        case MapComponent::A: return sampleComponent<MapComponent::A>(d.tiles, d.udim, uvs, out);
+        case MapComponent::R: return sampleComponent<MapComponent::R>(*data_, uvs, out);
+        case MapComponent::G: return sampleComponent<MapComponent::G>(*data_, uvs, out);
+        case MapComponent::B: return sampleComponent<MapComponent::B>(*data_, uvs, out);
+        case MapComponent::A: return sampleComponent<MapComponent::A>(*data_, uvs, out);
         case MapComponent::Luminance:
-            return sampleComponent<MapComponent::Luminance>(d.tiles, d.udim, uvs, out);
+            return sampleComponent<MapComponent::Luminance>(*data_, uvs, out);
     }
 }
 
 void Texture::sampleColors(std::span<const Vec2f> uvs, std::span<Color4f> out) const {
-    forEachPlace(
-        data_->tiles, data_->udim, uvs,
-        [&](std::size_t i, const Image& image, const Taps& t) {
-            out[i] = image.eightBit() ? color(image.bytes.data(), t) : color(image.floats.data(), t);
+    forEachPlaceOf(
+        *data_, uvs,
+        [&](std::size_t i, const auto& pixels, float u, float v) {
+            out[i] = color(pixels, u, v);
         },
         [&](std::size_t i) { out[i] = {0.0f, 0.0f, 0.0f, 0.0f}; });
 }

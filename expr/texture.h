@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "expr/mapSource.h"
+#include "expr/pixelTiles.h"
 #include "model/vec3f.h"
 
 namespace corvelle {
@@ -39,6 +40,9 @@ public:
     /// "textureFromPixels: size does not match its pixels".
     static std::shared_ptr<const Texture> fromPixels(int width, int height, int channels,
                                                      std::span<const std::uint8_t> pixels);
+    /// From tiles, which are shared: nothing is copied. Gray pixels read as three like channels and
+    /// alpha 1. Throws as fromPixels does.
+    static std::shared_ptr<const Texture> fromTiles(TiledPixels pixels);
     static bool isUdim(const std::string& path);
     /// Changes when the file (or any tile) changes: resolved path, size, modification time; 0: no file.
     static std::uint64_t signature(const std::string& path, const PathResolver& resolver);

@@ -40,6 +40,19 @@ ImagePtr TextureCache::find(const std::string& path, std::uint64_t signature) {
     return at->second->image;
 }
 
+void TextureCache::erase(const std::string& path) {
+    const auto old = byPath_.find(path);
+    if (old == byPath_.end()) return;
+    usedBytes_ -= old->second->image->byteCount();
+    entries_.erase(old->second);
+    byPath_.erase(old);
+}
+
+void TextureCache::forget(const std::string& path) {
+    const std::lock_guard lock(mutex_);
+    erase(path);
+}
+
 ImagePtr TextureCache::load(const std::string& path) {
     const std::uint64_t signature = fileSignature(path);
     if (signature != 0) {
@@ -50,11 +63,7 @@ ImagePtr TextureCache::load(const std::string& path) {
 
     const std::lock_guard lock(mutex_);
     if (ImagePtr held = find(path, signature)) return held;  // another thread was faster
-    if (const auto old = byPath_.find(path); old != byPath_.end()) {
-        usedBytes_ -= old->second->image->byteCount();
-        entries_.erase(old->second);
-        byPath_.erase(old);
-    }
+    erase(path);
     entries_.push_front({path, signature, image});
     byPath_[path] = entries_.begin();
     usedBytes_ += image->byteCount();

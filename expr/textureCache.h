@@ -27,6 +27,8 @@ public:
 
     /// The image of a resolved path. Throws TextureError.
     ImagePtr load(const std::string& path);
+    /// Drops the image of a path: its file has just been written.
+    void forget(const std::string& path);
 
     std::size_t budgetBytes() const { return budgetBytes_; }
     std::size_t usedBytes() const;
@@ -40,6 +42,8 @@ private:
     };
     /// With the lock held: the entry of this very file moved to the front, or null.
     ImagePtr find(const std::string& path, std::uint64_t signature);
+
+    void erase(const std::string& path);  ///< with the lock held
 
     const std::size_t budgetBytes_;
     mutable std::mutex mutex_;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <random>
 
 #include <gmock/gmock.h>
 
@@ -276,6 +277,59 @@ TEST_F(TextureTest, ReadsTheSameOnOneThreadAndOnMany) {
             });
         });
     EXPECT_EQ(results[0], results[1]);
+}
+
+/// The tiles of a picture given row after row.
+TiledPixels tiled(int width, int height, int channels, const std::vector<std::uint8_t>& pixels) {
+    TiledPixels grid{.width = width, .height = height, .channels = channels};
+    const std::size_t step = std::size_t(channels);
+    std::vector<std::vector<std::uint8_t>> tiles(
+        std::size_t(grid.columns() * grid.rows()),
+        std::vector<std::uint8_t>(PixelTile::kPixels * step, 99));
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (std::size_t c = 0; c < step; ++c)
+                tiles[grid.tileOf(x, y)][TiledPixels::placeIn(x, y) * step + c] =
+                    pixels[std::size_t(y * width + x) * step + c];
+    for (auto& tile : tiles) grid.tiles.push_back(std::make_shared<const PixelTile>(std::move(tile)));
+    return grid;
+}
+
+TEST_F(TextureTest, TilesReadAsTheirPixelsDo) {
+    std::mt19937 random{3};
+    for (const int channels : {1, 4})
+        for (const auto& [width, height] : {std::pair{1, 1}, {256, 256}, {257, 300}, {700, 5}}) {
+            std::vector<std::uint8_t> pixels(std::size_t(width * height * channels));
+            for (std::uint8_t& p : pixels) p = std::uint8_t(random());
+            const TexturePtr flat = Texture::fromPixels(width, height, channels, pixels);
+            const TiledPixels grid = tiled(width, height, channels, pixels);
+            const TexturePtr tiles = Texture::fromTiles(grid);
+            EXPECT_TRUE(tiles->eightBit());
+            std::vector<Vec2f> uvs = {{0, 0}, {1, 1}, {-0.25f, 2.75f}, {NAN, 0}, {0.5f, INFINITY}};
+            for (int i = 0; i < 500; ++i)
+                uvs.push_back({float(random()) * 0x1p-32f, float(random()) * 0x1p-32f});
+            std::vector<float> a(uvs.size()), b(uvs.size());
+            for (const MapComponent component : kComponents) {
+                flat->sample(uvs, component, a);
+                tiles->sample(uvs, component, b);
+                EXPECT_EQ(a, b);
+            }
+            std::vector<Color4f> c(uvs.size()), d(uvs.size());
+            flat->sampleColors(uvs, c);
+            tiles->sampleColors(uvs, d);
+            EXPECT_EQ(c, d);
+
+            TiledPixels other = grid;
+            EXPECT_EQ(Texture::fromTiles(other)->hash(), tiles->hash());
+            std::vector<std::uint8_t> bytes = other.tiles.back()->bytes;
+            bytes[0] ^= 1;
+            other.tiles.back() = std::make_shared<const PixelTile>(bytes);
+            EXPECT_NE(Texture::fromTiles(other)->hash(), tiles->hash());
+            other.tiles.back() = nullptr;
+            EXPECT_THROW(Texture::fromTiles(other), TextureError);
+            other.tiles.pop_back();
+            EXPECT_THROW(Texture::fromTiles(other), TextureError);
+        }
 }
 
 }  // namespace

@@ -32,11 +32,17 @@ struct Correctives {
     friend bool operator==(const Correctives&, const Correctives&) = default;
 };
 
-/// What the layer counts for at a frame; 0 when it is off.
+/// What the layer counts for at a frame; 0 when it is off. `weight` within the hold before or after
+/// `time`, from there eased down to 0 over the fade of that side; or the value of `weightCurve` there,
+/// its keys joined smoothly.
 double correctiveWeight(const CorrectiveLayer& layer, double frame);
 
-/// Blank text, or {"layers": [...]}.
+/// Blank text, or {"layers": [{"name": ..., ...}]}: every key of a layer but its name may be left out.
+/// Throws std::invalid_argument naming the layer and what is wrong; "invalid stoull argument" for a
+/// guide id in `offsets` that is no decimal number, std::out_of_range "stoull argument out of range"
+/// for one above 64 bits; for text that is no JSON what the JSON library says.
 Correctives readCorrectives(std::string_view text);
-std::string correctivesJson(const Correctives& correctives);  ///< empty for no layers
+/// The text of all layers, keys ascending, offsets in their shortest form; empty for no layers.
+std::string correctivesJson(const Correctives& correctives);
 
 }  // namespace corvelle
