@@ -3,10 +3,11 @@
 
 #include <algorithm>
 
+#include "expr/mapCatalogJson.h"
+#include "graph/graphError.h"
 #include "graph/graphJson.h"
 #include "session/graphMerge.h"
 #include "session/groomSession.h"
-#include "tools/scalpMaps.h"
 
 namespace corvelle {
 namespace {

@@ -55,6 +55,7 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
         }
     }
     readParts();
+    readFlow();
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -263,6 +264,32 @@ std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) 
     return partLines_.lines;
 }
 
+void GroomSession::setFlowJson(const std::string& text) {
+    if (text == document_.flow) return;
+    document_.flow = text;
+    readFlow();
+}
+
+void GroomSession::readFlow() {
+    FlowData flow;
+    flowError_.clear();
+    try {
+        flow = readFlowData(document_.flow);
+    } catch (const std::exception& error) {
+        flowError_ = std::string("flowData: ") + error.what();
+    }
+    flow_ = std::make_shared<const FlowData>(std::move(flow));
+}
+
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) {
+    const std::shared_ptr<const FlowData> flow = shownFlow();
+    if (flow->empty() || !scalp) return nullptr;
+    auto& held = flowField_;
+    if (held.scalp != scalp || !held.data || (held.data != flow && !(*held.data == *flow)))
+        held = {flow, scalp, flowFieldOn(*flow, scalp)};
+    return held.field;
+}
+
 void GroomSession::setControl(const std::string& name, float value) { document_.controls[name] = value; }
 
 void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
@@ -274,7 +301,7 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &flowError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }

@@ -87,11 +87,14 @@ public:
     /// The drawn parts as JSON; blank: none. A text that does not read stays in the document, and its
     /// fault is shown on each evaluation.
     void setPartsJson(const std::string& text);
+    /// The flow arrows as JSON, likewise.
+    void setFlowJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
     /// The parts and flow of the document, read; never null.
     const std::shared_ptr<const PartData>& parts() const { return parts_; }
+    const std::shared_ptr<const FlowData>& flow() const { return flow_; }
     /// Pixels of texture maps, held while they are painted; null: not held.
     std::shared_ptr<const PaintImage> paintImage(const std::string& map) const;
     /// Holds the pixels of a map as read from its file: no edit.
@@ -133,6 +136,7 @@ public:
     void setLiveGraph(const std::string& text);
     std::shared_ptr<const GuideHierarchy> shownHierarchy();  ///< the live one, else the active one
     std::shared_ptr<const PartData> shownParts() const { return live_.parts ? live_.parts : parts_; }
+    std::shared_ptr<const FlowData> shownFlow() const { return live_.flow ? live_.flow : flow_; }
     MapCatalogPtr shownMaps() const { return live_.maps ? live_.maps : document_.maps; }
     /// Guides edited on the scalp as it is now, in the document's pose. Guides that are the very ones
     /// of `activeHierarchy` stay the very ones of `hierarchy`: nothing else moves by a bit.
@@ -196,6 +200,8 @@ private:
     DocumentState::Text graphToPut(const DocumentState& from, const DocumentState& to);
     UndoOutcome walk(const UndoStep& step, bool back);
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
+    void readFlow();
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -238,6 +244,14 @@ private:
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
+
+    std::shared_ptr<const FlowData> flow_ = std::make_shared<const FlowData>();
+    std::string flowError_;
+    struct {
+        std::shared_ptr<const FlowData> data;
+        ScalpPtr scalp;
+        std::shared_ptr<const FlowField> field;
+    } flowField_;
 
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();

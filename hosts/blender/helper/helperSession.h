@@ -6,6 +6,7 @@
 #include <string>
 
 #include "hosts/blender/helper/answerPool.h"
+#include "hosts/blender/helper/mapsDirectory.h"
 #include "hosts/blender/helper/strandArrays.h"
 #include "session/sceneSpace.h"
 
@@ -13,6 +14,7 @@ namespace corvelle {
 
 class GroomSession;
 struct EvaluationResult;
+struct ToolState;
 
 /// One groom that a host works on: the engine's document, and what this process keeps around it.
 /// Touched on the main thread only.
@@ -33,7 +35,9 @@ struct HelperSession {
     StrandAnswerCache strandAnswer;  ///< what lies in strandPool
     std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
+    std::shared_ptr<ToolState> tools;  ///< this session's alone; null until first used
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
+    MapsDirectory ownMaps;
 
 private:
     std::string poolBase(const char* kind) const {

@@ -101,7 +101,7 @@ MapRequest readMapRequest(const Json& request, const BrushToolSettings& settings
     map.value = std::clamp(float(optionalNumber(request, "value", 1.0)), 0.0f, 1.0f);
     if (const Json* fill = findField(request, "fill")) {
         readFill(*fill, map.fill);
-        map.value = luminance({map.fill[0], map.fill[1], map.fill[2]});
+        map.value = luminance(map.fill[0], map.fill[1], map.fill[2]);
     }
     map.resolution = int(std::clamp(optionalNumber(request, "resolution", settings.paintResolution),
                                     kLeastResolution, kMostResolution));
@@ -109,19 +109,11 @@ MapRequest readMapRequest(const Json& request, const BrushToolSettings& settings
     return map;
 }
 
-/// One tile serves all of an even image.
 std::shared_ptr<const PaintImage> evenImage(const MapRequest& map) {
-    auto tile = std::make_shared<PaintImage::Tile>();
-    const int channels = map.channels();
     std::array<std::uint8_t, 4> pixel{};
-    for (int c = 0; c < channels; ++c)
-        pixel[std::size_t(c)] =
-            std::uint8_t(std::lround((map.color ? map.fill[std::size_t(c)] : map.value) * 255.0f));
-    const std::size_t bytes = std::size_t(PaintImage::kTile) * PaintImage::kTile * std::size_t(channels);
-    for (std::size_t i = 0; i < bytes; ++i) (*tile)[i] = pixel[i % std::size_t(channels)];
-    const std::size_t across = std::size_t((map.resolution + PaintImage::kTile - 1) / PaintImage::kTile);
-    return std::make_shared<const PaintImage>(map.resolution, map.resolution, channels,
-                                              std::vector<PaintImage::TilePtr>(across * across, tile));
+    for (std::size_t c = 0; c < 4; ++c)
+        pixel[c] = std::uint8_t(std::lround((map.color ? map.fill[c] : map.value) * 255.0f));
+    return PaintImage::filled(map.resolution, map.resolution, map.channels(), pixel);
 }
 
 std::shared_ptr<MapCatalogValue> catalogOf(const GroomSession& groom) {
