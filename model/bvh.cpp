@@ -591,7 +591,7 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
     return true;
 }
 
-bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const {
+bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit, float maxT) const {
     if (order_->root == BvhOrder::kNone || !isFinite(origin) || !isFinite(direction) ||
         direction == Vec3f{})
         return false;
@@ -599,7 +599,7 @@ bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const {
     // The triangle test rounds by ulps of the distance from the origin; the boxes give that way.
     const Vec3f far = componentMax(componentMax(high_ - origin, origin - low_), Vec3f{});
     const float pad = 4e-6f * std::max({far.x, far.y, far.z});
-    float best = kInfinity;
+    float best = std::nextafter(maxT, kInfinity);  // a hit at maxT counts
     std::int32_t bestTriangle = -1;
     Stack stack;
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -79,7 +80,9 @@ public:
     /// -1, or one that is not in the tree) only makes it faster: the search climbs from there.
     bool closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t nearTriangle,
                       BvhHit& hit) const;
-    bool rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit) const;
+    /// The nearest hit at a ray parameter above 0, up to and including `maxT`.
+    bool rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit,
+                      float maxT = std::numeric_limits<float>::infinity()) const;
 
 private:
     /// The boxes of a node's four children; empty ones have their min above their max.

@@ -148,6 +148,12 @@ TEST_P(BvhTest, FindsTheHitThatAskingEveryTriangleFinds) {
         ASSERT_EQ(mesh.rayIntersect(origin, direction, hit), plain.triangle >= 0);
         expectSame(hit, plain);
         found += plain.triangle >= 0;
+        if (plain.triangle < 0) continue;
+        SurfaceHit within;
+        ASSERT_TRUE(mesh.rayIntersect(origin, direction, within, plain.distance));
+        expectSame(within, plain);
+        EXPECT_FALSE(mesh.rayIntersect(origin, direction, within,
+                                       std::nextafter(plain.distance, 0.0f)));
     }
     EXPECT_GT(found, 20u);
 }

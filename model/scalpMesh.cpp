@@ -475,9 +475,9 @@ bool ScalpMesh::closestPointFrom(Vec3f position, float maxDistance, std::int32_t
     return true;
 }
 
-bool ScalpMesh::rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out) const {
+bool ScalpMesh::rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out, float maxT) const {
     BvhHit hit;
-    if (!bvh().rayIntersect(origin, direction, hit)) return false;
+    if (!bvh().rayIntersect(origin, direction, hit, maxT)) return false;
     out.triangle = hit.triangle;
     out.u = hit.weight0;
     out.v = hit.weight1;

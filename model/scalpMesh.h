@@ -139,7 +139,9 @@ public:
                           SurfaceHit& out) const;
     /// The nearest hit at a ray parameter above 0, both sides (ties: the lower triangle index).
     /// Watertight: no ray slips through between triangles that share an edge.
-    bool rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out) const;
+    /// Past `maxT` nothing is found, and sooner.
+    bool rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out,
+                      float maxT = kAnyDistance) const;
 
     static constexpr float kAnyDistance = std::numeric_limits<float>::infinity();
 

@@ -8,6 +8,7 @@ namespace corvelle {
 OperatorPtr makeBend();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
+OperatorPtr makeCull();
 OperatorPtr makeDirection();
 OperatorPtr makeDisplace();
 OperatorPtr makeHairColor();
@@ -15,8 +16,11 @@ OperatorPtr makeLength();
 OperatorPtr makeNoise();
 OperatorPtr makeOutput();
 OperatorPtr makeResample();
+OperatorPtr makeRestoreLength();
 OperatorPtr makeSmooth();
 OperatorPtr makeStraighten();
+OperatorPtr makeToGuides();
+OperatorPtr makeToStrands();
 OperatorPtr makeTransform();
 OperatorPtr makeWidth();
 

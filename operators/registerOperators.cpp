@@ -14,7 +14,15 @@ void registerShapeOperators() {
     registry.add("Width", makeWidth);
 }
 
-void registerLookOperators() { OperatorRegistry::instance().add("Noise", makeNoise); }
+void registerLookOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Noise", makeNoise);
+    registry.add("ToGuides", makeToGuides);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
+}
 
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
@@ -34,8 +42,10 @@ void registerDeformOperators() {
 
 void registerExtraOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Cull", makeCull);
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
+    registry.add("ToStrands", makeToStrands);
 }
 
 void registerOperators() {
@@ -47,6 +57,9 @@ void registerOperators() {
         registerInterpolateOperator();
         registerLookOperators();
         registerTransformOperators();
+        registerNeighborOperators();
+        registerMirrorOperator();
+        registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
         registerExtraOperators();

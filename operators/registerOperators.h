@@ -7,11 +7,14 @@ void registerSourceOperators();       // Scalp, Guides, ColliderMesh
 void registerShapeOperators();        // Length, Width, Resample, Output
 void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
-void registerLookOperators();         // Noise
+void registerLookOperators();         // Noise, ToGuides
+void registerNeighborOperators();     // RestoreLength
+void registerMirrorOperator();        // Mirror
+void registerMeshCutOperator();       // MeshCut
 void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
 void registerDeformOperators();       // Collide, Comb, Displace
-void registerExtraOperators();        // Smooth, Straighten
+void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.

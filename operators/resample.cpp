@@ -148,7 +148,7 @@ public:
         return StrandsPtr(std::move(out));
     }
 
-    /// Strand by strand where every strand keeps its count: in even mode.
+    /// Strand by strand where every strand keeps its count. By length all hang on the longest.
     bool update(const EvalContext& context, const NodeInputs& inputs, const UpdateRequest& request,
                 UpdateResult& result) override {
         if (request.ownChanged || request.inputs[0].kind == SlotChanges::Kind::Unknown) return false;
@@ -163,14 +163,21 @@ public:
             result.changes = {changes};
             return true;
         }
-        if (modeFor(context) != Mode::Even || (*held)->strandCount() != strands->strandCount()) return false;
+        const Mode mode = modeFor(context);
+        if (mode == Mode::Length || (*held)->strandCount() != strands->strandCount()) return false;
         if (!std::ranges::equal((*held)->ids(), strands->ids())) return false;
+        const StrandPick pick{std::span<const std::uint32_t>(changes->strands)};
+        if (mode == Mode::Curvature) {
+            const std::vector<std::uint64_t> counts = pointCounts(*strands, mode, segments, pick);
+            for (std::size_t k = 0; k < counts.size(); ++k)
+                if ((*held)->pointCountOf(changes->strands[k]) != counts[k]) return false;
+        }
         auto out = std::make_shared<StrandSet>(**held);
         if (!takeStrandData(*strands, *out)) return false;
         if (out->pointChannelNames() != strands->pointChannelNames()) return false;
         held->reset();  // let go: arrays no one else holds are written in place
         const std::vector<PointArray> arrays = openArrays(*strands, *out, false);
-        run(*strands, *out, arrays, Mode::Even, StrandPick(std::span<const std::uint32_t>(changes->strands)));
+        run(*strands, *out, arrays, mode, pick);
         result.outputs = {StrandsPtr(std::move(out))};
         result.changes = {changes};
         return true;
@@ -201,6 +208,29 @@ private:
                                    [&](const std::string& channel) { return out.copyStrandChannel(channel, in); });
     }
 
+    /// How many points each strand of the pick gets, by curvature or by length.
+    std::vector<std::uint64_t> pointCounts(const StrandSet& in, Mode mode, int segments, const StrandPick& pick) const {
+        std::vector<std::uint64_t> counts(pick.size());
+        const float longest = mode == Mode::Length ? longestInPreview(in) : 0.0f;
+        pick.forEachBatchAt([&](std::size_t first, std::span<const std::uint32_t> batch) {
+            Placer places = placer(mode);
+            StrandSpline spline;
+            for (std::size_t k = 0; k < batch.size(); ++k) {
+                const auto points = in.pointsOf(batch[k]);
+                int wanted = std::min(whole("minSegments"), segments);
+                if (points.size() >= 2 && mode == Mode::Length) {
+                    const float share = longest > 0.0f ? lengthOf(points) / longest : 1.0f;
+                    wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))), wanted, segments);
+                } else if (points.size() >= 2) {
+                    spline.build(points);
+                    wanted = places.segmentsFor(spline);
+                }
+                counts[first + k] = std::uint64_t(wanted) + 1;
+            }
+        });
+        return counts;
+    }
+
     void layOut(const StrandSet& in, Mode mode, int segments, StrandSet& out) const {
         const std::size_t count = in.strandCount();
         constexpr unsigned kFlags = StrandSet::kLeavePoints | StrandSet::kLeaveWidths;
@@ -213,25 +243,7 @@ private:
         if (mode == Mode::Even) {
             out.allocateUniform(count, std::size_t(segments) + 1, kFlags);
         } else {
-            std::vector<std::uint64_t> counts(count);
-            const float longest = mode == Mode::Length ? longestInPreview(in) : 0.0f;
-            StrandPick(count).forEachBatch([&](std::span<const std::uint32_t> batch) {
-                Placer places = placer(mode);
-                StrandSpline spline;
-                for (const std::uint32_t s : batch) {
-                    const auto points = in.pointsOf(s);
-                    int wanted = std::min(whole("minSegments"), segments);
-                    if (points.size() >= 2 && mode == Mode::Length) {
-                        const float share = longest > 0.0f ? lengthOf(points) / longest : 1.0f;
-                        wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))), wanted, segments);
-                    } else if (points.size() >= 2) {
-                        spline.build(points);
-                        wanted = places.segmentsFor(spline);
-                    }
-                    counts[s] = std::uint64_t(wanted) + 1;
-                }
-            });
-            out.allocate(counts, kFlags);
+            out.allocate(pointCounts(in, mode, segments, StrandPick(count)), kFlags);
         }
         takeStrandData(in, out);
     }

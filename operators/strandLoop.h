@@ -22,15 +22,20 @@ public:
     /// Calls body(indices) in parallel, at most kBatch strand indices at a time, ascending in a batch.
     template <class Body>
     void forEachBatch(Body&& body) const {
+        forEachBatchAt([&](std::size_t, std::span<const std::uint32_t> batch) { body(batch); });
+    }
+    /// The same with the place of the batch's first strand in the pick: body(first, indices).
+    template <class Body>
+    void forEachBatchAt(Body&& body) const {
         parallelRange(0, count_, kBatch, [&](std::size_t begin, std::size_t end) {
             std::array<std::uint32_t, kBatch> run;
             for (std::size_t b = begin; b < end; b += kBatch) {
                 const std::size_t n = std::min(kBatch, end - b);
                 if (listed_) {
-                    body(list_.subspan(b, n));
+                    body(b, list_.subspan(b, n));
                 } else {
                     for (std::size_t i = 0; i < n; ++i) run[i] = std::uint32_t(b + i);
-                    body(std::span<const std::uint32_t>(run.data(), n));
+                    body(b, std::span<const std::uint32_t>(run.data(), n));
                 }
             }
         });

@@ -70,6 +70,7 @@ const std::vector<NodeCase> kCases = {
       {"rotateRandom", Vec3f{30, 0, 30}}},
      true,
      false},
+    {"RestoreEvenly", "RestoreLength", {{"mode", std::string("even")}}},
     {"ResampleEven", "Resample", {{"segments", 11.0}}, false},
     {"ResampleFewer", "Resample", {{"segments", 3.0}}, false},
 };

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "graph/strandDiff.h"
+
 namespace corvelle {
 
 namespace {
@@ -50,18 +52,34 @@ NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs&
     return StrandsPtr(std::move(out));
 }
 
+StrandChangesPtr StrandOperator::changedStrands(const NodeInputs& inputs, const UpdateRequest& request) const {
+    const SlotChanges& first = request.inputs[0];
+    StrandChangesPtr changes = first.changes ? first.changes : noChanges();
+    std::vector<std::uint32_t> readers;
+    for (std::size_t slot = 1; slot < request.inputs.size(); ++slot) {
+        const SlotChanges& other = request.inputs[slot];
+        if (other.kind == SlotChanges::Kind::None) continue;
+        if (!isList(other.changes) || !addReaders(inputs, slot, other.changes->strands, readers)) return nullptr;
+    }
+    if (readers.empty()) return changes;
+    std::ranges::sort(readers);
+    readers.erase(std::unique(readers.begin(), readers.end()), readers.end());
+    auto more = std::make_shared<StrandChanges>();
+    more->strands = std::move(readers);
+    return unite(changes, more);
+}
+
 bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs, const UpdateRequest& request,
                             UpdateResult& result) {
     if (request.ownChanged) return false;
-    for (std::size_t slot = 1; slot < request.inputs.size(); ++slot)
-        if (request.inputs[slot].kind != SlotChanges::Kind::None) return false;
+    for (const SlotChanges& other : request.inputs)
+        if (other.kind == SlotChanges::Kind::Unknown) return false;
     const StrandsPtr strands = requireStrands(*this, inputs);
     StrandsPtr* held = std::get_if<StrandsPtr>(&request.previous[0]);
     if (!held || !*held || !(*held)->sameLayout(*strands)) return false;
-    const SlotChanges& slot = request.inputs[0];
-    if (slot.kind == SlotChanges::Kind::Unknown) return false;
+    const StrandChangesPtr changes = changedStrands(inputs, request);
+    if (!changes) return false;
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
-    const StrandChangesPtr changes = slot.changes ? slot.changes : std::make_shared<const StrandChanges>();
     if (!work) {
         result.outputs = {strands};
         result.changes = {changes};

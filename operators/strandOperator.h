@@ -61,6 +61,17 @@ protected:
     /// params, context and the set's layout, never on what the strands hold.
     virtual std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs& inputs,
                                                 const StrandSet& strands) = 0;
+    /// Adds the strands that read one of the `changed` strands of another input, in any order and
+    /// as often as it comes; false when all may.
+    virtual bool addReaders(const NodeInputs& /*inputs*/, std::size_t /*slot*/,
+                            std::span<const std::uint32_t> /*changed*/,
+                            std::vector<std::uint32_t>& /*strands*/) const {
+        return false;
+    }
+
+private:
+    /// The strands to run again; null when that cannot be told.
+    StrandChangesPtr changedStrands(const NodeInputs& inputs, const UpdateRequest& request) const;
 };
 
 /// A strength as a field gave it, held to 0..1; what is no number is 0.

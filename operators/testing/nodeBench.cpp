@@ -16,7 +16,8 @@ public:
     std::uint64_t sourceHash() const override { return stamp; }
     bool updatesOwnChanges() const override { return true; }
     NodeValue evaluate(const EvalContext&, const NodeInputs&) override { return strands; }
-    bool update(const EvalContext&, const NodeInputs&, const UpdateRequest&, UpdateResult& result) override {
+    bool update(const EvalContext&, const NodeInputs&, const UpdateRequest&,
+                UpdateResult& result) override {
         if (!changes) return false;
         result.outputs = {strands};
         result.changes = {changes};
@@ -28,7 +29,9 @@ public:
     std::uint64_t stamp = 0;
 };
 
-FedStrands& fed(Graph& graph, NodeId id) { return dynamic_cast<FedStrands&>(*graph.node(id).op); }
+FedStrands& sourceOf(Graph& graph, NodeId id) {
+    return dynamic_cast<FedStrands&>(*graph.node(id).op);
+}
 
 }  // namespace
 
@@ -37,30 +40,57 @@ NodeBench::NodeBench(const std::string& type) {
     OperatorRegistry& registry = OperatorRegistry::instance();
     if (!registry.has("FedStrands"))
         registry.add("FedStrands", [] { return std::make_unique<FedStrands>(); });
-    source_ = graph_.addNode(registry.create("FedStrands"));
     node_ = graph_.addNode(registry.create(type));
-    graph_.node(source_).op->name = "fed";
     graph_.node(node_).op->name = "node";
-    graph_.connect(source_, 0, node_, 0);
     graph_.setOutput(node_);
+    sources_.resize(op().inputPorts().size());
     data.growSegments = 8;
 }
 
-void NodeBench::feed(StrandSet strands) {
-    FedStrands& source = fed(graph_, source_);
-    source.strands = std::make_shared<const StrandSet>(std::move(strands));
-    source.changes = nullptr;
-    ++source.stamp;
+NodeId NodeBench::source(std::size_t slot) {
+    if (sources_.at(slot) == 0) {
+        sources_[slot] = graph_.addNode(OperatorRegistry::instance().create("FedStrands"));
+        graph_.node(sources_[slot]).op->name = "fed" + std::to_string(slot);
+        sourceOf(graph_, sources_[slot]).stamp = slot << 32;  // equal ones would count as one
+        graph_.connect(sources_[slot], 0, node_, slot);
+    }
+    return sources_[slot];
 }
 
-void NodeBench::feedChanged(StrandSet strands, std::vector<std::uint32_t> changed) {
-    feed(std::move(strands));
+void NodeBench::feed(StrandSet strands, std::size_t slot) {
+    FedStrands& fresh = sourceOf(graph_, source(slot));
+    fresh.strands = std::make_shared<const StrandSet>(std::move(strands));
+    fresh.changes = nullptr;
+    ++fresh.stamp;
+}
+
+void NodeBench::feedChanged(StrandSet strands, std::vector<std::uint32_t> changed,
+                            std::size_t slot) {
+    feed(std::move(strands), slot);
     auto changes = std::make_shared<StrandChanges>();
     changes->strands = std::move(changed);
-    fed(graph_, source_).changes = std::move(changes);
+    sourceOf(graph_, source(slot)).changes = std::move(changes);
 }
 
-StrandsPtr NodeBench::evaluate() { return std::get<StrandsPtr>(graph_.evaluate(node_, data)); }
+Operator& NodeBench::connect(std::size_t slot, const std::string& type) {
+    const NodeId id = graph_.addNode(OperatorRegistry::instance().create(type));
+    graph_.node(id).op->name = type;
+    graph_.connect(id, 0, node_, slot);
+    return *graph_.node(id).op;
+}
+
+StrandsPtr NodeBench::fed(std::size_t slot) { return sourceOf(graph_, source(slot)).strands; }
+
+NodeValue NodeBench::value() { return graph_.evaluate(node_, data); }
+
+std::string NodeBench::error() {
+    try {
+        value();
+    } catch (const GraphError& failed) {
+        return failed.what();
+    }
+    return {};
+}
 
 std::string NodeBench::warning() const {
     const auto found = graph_.warnings().find(node_);

@@ -10,7 +10,7 @@ namespace corvelle {
 
 /// One real node fed with strands of the test's own: what a graph does with it, and nothing else.
 /// Feeding again with `changed` runs the node's incremental path, checked against a full run when
-/// the verify switch is on.
+/// the verify switch is on. Inputs are fed by their slot.
 class NodeBench {
 public:
     explicit NodeBench(const std::string& type);
@@ -18,17 +18,28 @@ public:
     EvaluationData data;
 
     /// Another set in place of the last one.
-    void feed(StrandSet strands);
+    void feed(StrandSet strands, std::size_t slot = 0);
     /// The last set with some strands changed.
-    void feedChanged(StrandSet strands, std::vector<std::uint32_t> changed);
-    StrandsPtr evaluate();
+    void feedChanged(StrandSet strands, std::vector<std::uint32_t> changed, std::size_t slot = 0);
+    /// A node of a type that reads the session, on an input.
+    Operator& connect(std::size_t slot, const std::string& type);
+    /// What was fed last.
+    StrandsPtr fed(std::size_t slot = 0);
+    StrandsPtr evaluate() { return std::get<StrandsPtr>(value()); }
+    NodeValue value();
     /// How the last evaluation went: "full", "incremental 3", ...
     std::string status() const { return graph_.status().at(node_); }
     std::string warning() const;
 
+    /// What the node says to an evaluation that fails; empty when it does not.
+    std::string error();
+    Graph& graph() { return graph_; }
+
 private:
+    NodeId source(std::size_t slot);
     Graph graph_;
-    NodeId source_ = 0, node_ = 0;
+    NodeId node_ = 0;
+    std::vector<NodeId> sources_;  ///< by slot; 0 none
 };
 
 }  // namespace corvelle

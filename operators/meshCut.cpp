@@ -1,0 +1,204 @@
+#include "operators/meshCut.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "graph/operator.h"
+#include "model/parallel.h"
+#include "operators/distanceField.h"
+#include "operators/registerOperators.h"
+#include "operators/strandLoop.h"
+#include "operators/strandSpline.h"
+
+namespace corvelle {
+
+namespace {
+
+constexpr float kLeast = 1e-6f;    ///< cm: less of a strand is nothing
+constexpr float kPastEnd = 1e-5f;  ///< of a segment: no strand slips through between two of them
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+/// False when the boxes of the points and of the mesh are apart.
+bool mayCross(std::span<const Vec3f> points, const ScalpMesh& mesh) {
+    Vec3f low = points[0], high = low;
+    for (const Vec3f p : points) {
+        low = componentMin(low, p);
+        high = componentMax(high, p);
+    }
+    const Vec3f meshLow = mesh.boundsMin(), meshHigh = mesh.boundsMax();
+    for (int axis = 0; axis < 3; ++axis) {
+        const float slack = kPastEnd * (high[axis] - low[axis]);
+        if (low[axis] - slack > meshHigh[axis] || high[axis] + slack < meshLow[axis]) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh) {
+    if (points.size() < 2 || !mayCross(points, mesh)) return kInfinity;
+    float walked = 0.0f;
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+        const Vec3f along = points[i + 1] - points[i];
+        const float segment = length(along);
+        SurfaceHit hit;
+        if (mesh.rayIntersect(points[i], along, hit, 1.0f + kPastEnd))
+            return walked + segment * std::min(hit.distance, 1.0f);
+        walked += segment;
+    }
+    return kInfinity;
+}
+
+StrandCut cutAt(std::span<const Vec3f> points, float length) {
+    if (!(length > kLeast)) return {.points = 0, .whole = false};
+    float walked = 0.0f;
+    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+        const float segment = distance(points[i], points[i + 1]);
+        if (walked + segment >= length) {
+            // A piece that is nothing is left to the segment before it.
+            const float rest = length - walked;
+            if (i > 0 && !(rest > kLeast))
+                return {.points = std::uint32_t(i + 1), .share = 1.0f, .whole = false};
+            return {.points = std::uint32_t(i + 2), .share = rest / segment, .whole = false};
+        }
+        walked += segment;
+    }
+    return {.points = std::uint32_t(points.size())};
+}
+
+StrandSet cutStrands(const StrandSet& in, std::span<const StrandCut> cuts) {
+    std::vector<std::uint32_t> kept;
+    std::vector<std::uint64_t> counts;
+    kept.reserve(in.strandCount());
+    counts.reserve(in.strandCount());
+    for (std::size_t s = 0; s < in.strandCount(); ++s) {
+        const StrandCut& cut = cuts[s];
+        if (!cut.whole && cut.points == 0) continue;
+        kept.push_back(std::uint32_t(s));
+        counts.push_back(cut.whole ? in.pointCountOf(s) : cut.points);
+    }
+
+    StrandSet out;
+    out.allocate(counts, StrandSet::kLeavePoints | StrandSet::kLeaveWidths);
+    struct Copied {
+        const float* from;
+        float* to;
+        bool discrete;
+    };
+    std::vector<Copied> perStrand,
+        perPoint{{in.widths().data(), out.mutableWidths().data(), false}};
+    for (const auto& [name, channel] : in.strandChannels()) {
+        perStrand.push_back({channel.values.span().data(),
+                             out.overwriteStrandChannel(name, channel.defaultValue).data(),
+                             channel.discrete});
+        out.setStrandChannelDiscrete(name, channel.discrete);
+    }
+    for (const auto& [name, channel] : in.pointChannels()) {
+        perPoint.push_back({channel.values.span().data(),
+                            out.overwritePointChannel(name, channel.defaultValue).data(),
+                            channel.discrete});
+        out.setPointChannelDiscrete(name, channel.discrete);
+    }
+    out.instances = in.instances;
+    out.cards = in.cards;
+    out.featherLayers = in.featherLayers;
+    const auto ids = out.mutableIds();
+    const auto roots = out.mutableRoots();
+    const auto points = out.mutablePoints();
+    const auto offsets = std::as_const(out).offsets();
+
+    parallelRange(0, kept.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t k = begin; k < end; ++k) {
+            const std::size_t s = kept[k];
+            const std::size_t from = std::size_t(in.offsets()[s]), to = std::size_t(offsets[k]);
+            const std::size_t count = std::size_t(counts[k]);
+            ids[k] = in.ids()[s];
+            roots[k] = in.roots()[s];
+            for (const Copied& c : perStrand) c.to[k] = c.from[s];
+            std::ranges::copy(in.points().subspan(from, count),
+                              points.begin() + std::ptrdiff_t(to));
+            for (const Copied& c : perPoint) std::copy_n(c.from + from, count, c.to + to);
+            const float share = cuts[s].share;
+            if (cuts[s].whole || share >= 1.0f) continue;
+            const std::size_t last = count - 1;
+            const float place = float(last - 1) + share;
+            points[to + last] = mix(in.points()[from + last - 1], in.points()[from + last], share);
+            for (const Copied& c : perPoint)
+                c.to[to + last] = valueAt({c.from + from, count}, place, c.discrete);
+        }
+    });
+    return out;
+}
+
+namespace {
+
+const std::vector<ParamSpec> kParams = {
+    {.name = "mode",
+     .defaultValue = std::string("obstacle"),
+     .description = "obstacle: each strand ends where it first crosses the mesh; inside: the mesh "
+                    "is a haircut's hull, and what leaves it is cut off (a strand rooted outside "
+                    "goes)",
+     .choices = {"obstacle", "inside"}},
+    {.name = "offset",
+     .defaultValue = 0.0,
+     .description = "Cut this much shorter than the crossing, along the strand",
+     .unit = "length",
+     .softMin = 0.0,
+     .softMax = 5.0,
+     .min = 0.0},
+};
+
+class MeshCut final : public Operator {
+public:
+    std::string type() const override { return "MeshCut"; }
+    std::string category() const override { return "shape"; }
+    std::string description() const override {
+        return "Cuts strands where they cross a mesh: an obstacle, or a haircut's hull.";
+    }
+    std::vector<PortSpec> inputs() const override {
+        return {{"strands", PortType::Strands}, {"mesh", PortType::Mesh}};
+    }
+    std::vector<ParamSpec> spec() const override { return kParams; }
+
+    NodeValue evaluate(const EvalContext&, const NodeInputs& inputs) override {
+        const StrandsPtr strands = requireStrands(*this, inputs);
+        const ScalpPtr mesh = requireMesh(*this, inputs, 1);
+        const bool inside = choice("mode") == "inside";
+        const float offset = float(number("offset"));
+        const auto [first, end] = mesh->activeTriangles();
+        if (first == end && !inside) return strands;
+        mesh->prepareQueries();
+        const auto sides = inside && first != end ? sharedExactDistance(mesh) : nullptr;
+
+        std::vector<StrandCut> cuts(strands->strandCount());
+        StrandPick(cuts.size()).forEachBatch([&](std::span<const std::uint32_t> batch) {
+            for (const std::uint32_t s : batch) {
+                const auto points = strands->pointsOf(s);
+                if (inside && (points.empty() || !sides || !isInside(*sides, points[0]))) {
+                    cuts[s] = {.points = 0, .whole = false};
+                    continue;
+                }
+                const float crossing = firstCrossing(points, *mesh);
+                if (crossing < kInfinity) cuts[s] = cutAt(points, crossing - offset);
+            }
+        });
+        if (std::ranges::all_of(cuts, &StrandCut::whole)) return strands;
+        return std::make_shared<const StrandSet>(cutStrands(*strands, cuts));
+    }
+
+private:
+    static bool isInside(const ExactDistance& mesh, Vec3f root) {
+        DistanceSample sample;
+        std::int32_t nearTriangle = -1;
+        return mesh.sample(root, ScalpMesh::kAnyDistance, nearTriangle, sample) &&
+               sample.distance < 0.0f;
+    }
+};
+
+}  // namespace
+
+void registerMeshCutOperator() {
+    OperatorRegistry::instance().add("MeshCut", [] { return std::make_unique<MeshCut>(); });
+}
+
+}  // namespace corvelle

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "model/scalpMesh.h"
+#include "model/strandSet.h"
+
+namespace corvelle {
+
+/// Where one strand ends.
+struct StrandCut {
+    std::uint32_t points = 0;  ///< that stay, the end among them; 0: the strand goes
+    float share = 1.0f;        ///< of the last segment that stays: the end lies there
+    bool whole = true;         ///< nothing is cut off
+};
+
+/// Arc length from the root, in cm, at which a strand first crosses the mesh; infinite when it does
+/// not. A root on the mesh itself is no crossing. Pure; call `mesh.prepareQueries()` before a loop.
+float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh);
+
+/// The cut `length` cm along a strand. What would be left of a millionth of a cm or less goes.
+StrandCut cutAt(std::span<const Vec3f> points, float length);
+
+/// The strands as the cuts say, one cut a strand: points beyond go, the last is moved to the end
+/// (its values mixed, ids and flags taken from the nearer point); other strands are dropped.
+StrandSet cutStrands(const StrandSet& in, std::span<const StrandCut> cuts);
+
+}  // namespace corvelle
