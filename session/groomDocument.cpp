@@ -226,7 +226,8 @@ void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) 
 }
 
 std::shared_ptr<const GuideHierarchy> GroomSession::shownHierarchy() {
-    return live_.hierarchy ? live_.hierarchy : activeHierarchy();
+    if (!live_.hierarchy) return correctedHierarchy();
+    return liveIsCorrected() ? live_.hierarchy : corrected(live_.hierarchy, document_.scalp);
 }
 
 void GroomSession::setLiveGraph(const std::string& text) {

@@ -78,7 +78,8 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        if (!partError_.empty()) errors.push_back(partError_);
+        for (const std::string* text : {&correctiveError_, &partError_, &flowError_})
+            if (!text->empty()) errors.push_back(*text);
         guidesMoved = shownHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
@@ -167,10 +168,13 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
         }
     } else {
         data_.scalp = data_.currentScalp;
-        data_.hierarchy = shownHierarchy();
+        data_.hierarchy = live_.hierarchy ? live_.hierarchy : activeHierarchy();
         data_.flatGuides = document_.guides;
     }
+    if (!liveIsCorrected())
+        data_.hierarchy = corrected(data_.hierarchy, follow_.following ? follow_.restScalp : current);
     data_.parts = partLines(data_.scalp);
+    data_.flow = flowField(data_.scalp);
     data_.maps = shownMaps();
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};

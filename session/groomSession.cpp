@@ -56,6 +56,15 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
     }
     readParts();
     readFlow();
+    readCorrectiveLayers();
+    document_.maps = withVertexValues(document_.maps, document_.scalp);
+    if (document_.maps && document_.scalp)
+        for (const auto& [name, map] : document_.maps->maps)
+            if (map.kind == PaintedMap::Kind::Vertices &&
+                map.vertices != document_.scalp->points().size())
+                pendingMessages_.push_back(
+                    {"map " + vertexCountText(name, map.vertices, document_.scalp->points().size()),
+                     false});
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -180,6 +189,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     document_.scalp = std::move(scalp);
     if (!document_.scalp) return;
     const ScalpPtr& held = document_.scalp;
+    document_.maps = withVertexValues(document_.maps, held);
 
     if (otherTriangles) {
         undo_.clear();  // roots on triangles that are there no more
@@ -236,7 +246,9 @@ void GroomSession::setFramesPerSecond(double rate) {
     if (sculptGraph_) sculptGraph_->setFramesPerSecond(rate);
 }
 
-void GroomSession::setMaps(MapCatalogPtr maps) { document_.maps = std::move(maps); }
+void GroomSession::setMaps(MapCatalogPtr maps) {
+    document_.maps = withVertexValues(std::move(maps), document_.scalp);
+}
 
 void GroomSession::setPartsJson(const std::string& text) {
     if (text == document_.parts) return;
@@ -301,7 +313,8 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &flowError_})
+    for (const std::string* text :
+         {&hierarchyError_, &graphError_, &partError_, &flowError_, &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }

@@ -13,6 +13,7 @@
 
 #include "graph/graph.h"
 #include "io/groomFile.h"
+#include "model/correctives.h"
 #include "model/guideHierarchy.h"
 #include "model/flowData.h"
 #include "model/partData.h"
@@ -89,6 +90,17 @@ public:
     void setPartsJson(const std::string& text);
     /// The flow arrows as JSON, likewise.
     void setFlowJson(const std::string& text);
+    /// The corrective layers as JSON; blank: none. A text that does not read is kept likewise.
+    void setCorrectivesJson(const std::string& text);
+    /// Never null.
+    const std::shared_ptr<const Correctives>& correctives() const { return correctives_; }
+    /// The layer that strokes go into, by its number; none: strokes shape the guides themselves. While
+    /// a stroke in a layer is under way its live guides are shown as they are, layers and all. Throws
+    /// std::out_of_range for a layer that is not there.
+    void setActiveCorrective(std::optional<std::size_t> layer);
+    const std::optional<std::size_t>& activeCorrective() const { return activeCorrective_; }
+    /// `activeHierarchy` with every layer at the frame of the session: what a stroke in a layer edits.
+    std::shared_ptr<const GuideHierarchy> correctedHierarchy();
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
@@ -236,6 +248,23 @@ private:
     UndoStack undo_;
     std::array<StrokeDocument::Text, kDocumentSlots> sharedTexts_;
     DocumentState::Images images_;
+
+    void readCorrectiveLayers();
+    /// Guides in a pose with the corrective layers at this frame.
+    std::shared_ptr<const GuideHierarchy> corrected(const std::shared_ptr<const GuideHierarchy>& guides,
+                                                    const ScalpPtr& pose);
+    /// The live guides of a stroke in a layer hold all layers already.
+    bool liveIsCorrected() const { return live_.hierarchy && activeCorrective_; }
+    std::shared_ptr<const Correctives> correctives_ = std::make_shared<const Correctives>();
+    std::string correctiveError_;
+    std::optional<std::size_t> activeCorrective_;
+    struct Corrected {
+        std::shared_ptr<const GuideHierarchy> from, result;
+        std::shared_ptr<const Correctives> layers;
+        ScalpPtr pose;
+        std::vector<float> weights;
+    };
+    std::array<Corrected, 2> corrected_;  ///< newest first: the evaluated and the shown pose
 
     std::shared_ptr<const PartData> parts_ = std::make_shared<const PartData>();
     std::string partError_;

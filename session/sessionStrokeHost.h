@@ -17,13 +17,18 @@ public:
     ScalpPtr scalp() override { return groom_->scalp(); }
     ScalpPtr restScalp() override { return groom_->restScalp(); }
     std::shared_ptr<const GuideHierarchy> hierarchy() override { return groom_->hierarchy(); }
-    std::shared_ptr<const GuideHierarchy> editHierarchy() override { return groom_->activeHierarchy(); }
+    std::shared_ptr<const GuideHierarchy> editHierarchy() override {
+        return isCorrectiveActive() ? groom_->correctedHierarchy() : groom_->activeHierarchy();
+    }
     std::shared_ptr<const PartData> parts() override { return groom_->parts(); }
     std::shared_ptr<const FlowData> flow() override { return groom_->flow(); }
     MapCatalogPtr maps() override { return groom_->document().maps; }
     std::string graphText() override { return groom_->document().graph; }
     /// Read from its file once, then held by the session.
     std::shared_ptr<const PaintImage> image(const std::string& map) override;
+    std::shared_ptr<const Correctives> correctives() override { return groom_->correctives(); }
+    bool isCorrectiveActive() override { return groom_->activeCorrective().has_value(); }
+    std::size_t activeCorrective() override { return groom_->activeCorrective().value_or(0); }
     double frame() override;
 
     void setStrokeActive(bool active) override;

@@ -96,11 +96,11 @@ void PaintImage::writePng(const std::string& path) const {
 
 std::size_t PaintImage::bytesBeside(const PaintImage* other) const {
     const auto held = [](const PaintImage& image) {
-        std::vector<const Tile*> held;
-        for (const TilePtr& tile : image.tiles()) held.push_back(tile.get());
-        std::ranges::sort(held, std::less<>());
-        held.erase(std::unique(held.begin(), held.end()), held.end());
-        return held;
+        std::vector<const Tile*> list;
+        for (const TilePtr& tile : image.tiles()) list.push_back(tile.get());
+        std::ranges::sort(list, std::less<>());
+        list.erase(std::unique(list.begin(), list.end()), list.end());
+        return list;
     };
     const std::vector<const Tile*> theirs = other ? held(*other) : std::vector<const Tile*>();
     std::size_t bytes = 0;
