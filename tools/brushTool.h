@@ -88,8 +88,9 @@ public:
 
     /// Lays what a flow drag has gathered. Called by `end`.
     void commitFlow(StrokeHost& host, const ToolView& view);
-    /// Turns what the stroke changed into offsets of the active corrective layer: false, with a
-    /// warning at the host, when the layer cannot take them. Called by `end`.
+    /// Turns what the stroke changed into offsets of the active corrective layer, and puts all
+    /// layers and that one alone into the document: false when nothing changed. Throws when the
+    /// layer has no weight on this frame, as `begin` does. Called by `end`.
     bool commitShot(StrokeHost& host);
 
     /// A whole stroke: `begin` at the first point, `drag` to each other one, `end`. The settings
@@ -102,8 +103,13 @@ public:
     const StrokeDocument& strokeDocument() const { return document_; }
 
 private:
+    StrokeResult finish(StrokeHost& host, StrokeDocument document, const std::string& label);
+    StrokeResult endClick(StrokeHost& host, const ToolView& view);
+
     std::unique_ptr<StrokeState> stroke_;
     StrokeDocument document_;
+    bool edited_ = false;    ///< by the last stroke
+    unsigned scripted_ = 0;  ///< flags of the scripted stroke under way
 };
 
 /// The document of the tool's last stroke.

@@ -54,6 +54,8 @@ PointWeight screenBrushWeight(const ToolView& view, double x, double y, float ra
                               std::shared_ptr<const ScreenOcclusionCache> occlusion);
 /// False for a box of which a corner lies behind the camera.
 BoxReach screenBrushReach(const ToolView& view, double x, double y, float radiusPixels);
+/// The same for a box round other boxes: true when a corner lies behind the camera.
+BoxReach screenBrushMayReach(const ToolView& view, double x, double y, float radiusPixels);
 
 /// The weight of the place's mirror image across the plane `axis` = `center`.
 PointWeight mirroredWeight(PointWeight weight, int axis, float center);
@@ -77,6 +79,7 @@ struct BrushStamp {
     float radius = 0.0f;         ///< cm
     PointWeight weightFunction;  ///< replaces the sphere
     BoxReach reach;              ///< goes with `weightFunction`; empty: everything may be reached
+    BoxReach mayReach;           ///< of a box round boxes: false only where `reach` is for them all
     float hardness = 0.0f;
     std::shared_ptr<const Ramp> falloffProfile;
     float scale = 1.0f;  ///< of one guide: its selection weight, less its share of the freeze mask
@@ -87,6 +90,11 @@ struct BrushStamp {
     bool threadSafe() const { return !weightFunction || weightFunction.threadSafe; }
     /// False where no place of the box has a weight.
     bool reaches(Vec3f low, Vec3f high) const;
+    /// False only where `reaches` is false for every box inside.
+    bool mayReachWithin(Vec3f low, Vec3f high) const;
+
+private:
+    bool sphereReaches(Vec3f low, Vec3f high) const;
 };
 
 }  // namespace corvelle
