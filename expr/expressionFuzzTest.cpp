@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "model/hash.h"
+#include "model/testing/brokenText.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -25,26 +25,8 @@ TEST(ExpressionFuzz, LivesThroughBrokenTexts) {
     int runs = 0;
     for (std::uint64_t seed = 0; seed < 4000; ++seed) {
         SplitMix random(seed);
-        const auto below = [&](std::size_t n) { return std::size_t(random.nextU64() % n); };
-        std::string text = seeds[below(seeds.size())];
-        for (std::size_t k = below(6); k > 0 && !text.empty(); --k) {
-            const std::size_t at = below(text.size());
-            switch (below(4)) {
-                case 0:
-                    text.erase(at, 1 + below(5));
-                    break;
-                case 1:
-                    text.insert(at, 1, letters[below(letters.size())]);
-                    break;
-                case 2:
-                    text[at] = letters[below(letters.size())];
-                    break;
-                default:
-                    text.insert(at, seeds[below(seeds.size())]);
-                    break;
-            }
-        }
-        text.insert(text.begin(), char(below(4)));
+        std::string text = brokenText(seeds, letters, random);
+        text.insert(text.begin(), char(random.nextU64() % 4));
         runs += LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(text.data()),
                                        text.size()) == 0;
     }

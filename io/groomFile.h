@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,19 @@ struct GroomFileSimCache {
     friend bool operator==(const GroomFileSimCache&, const GroomFileSimCache&) = default;
 };
 
+/// A mesh that instances are made of, kept in the file. Shapes: points [n]; triangles [m]; normals
+/// and uvs [n] or empty.
+struct GroomFilePrototype {
+    std::vector<Vec3f> points;
+    std::vector<Vec3f> normals;
+    std::vector<Triangle> triangles;
+    std::vector<Vec2f> uvs;
+    // Set by the reader, never saved.
+    std::uint64_t hash = 0;      ///< of all of the above
+    std::uint64_t topology = 0;  ///< of the triangles, as ScalpMesh::topologyHash
+};
+using PrototypePtr = std::shared_ptr<const GroomFilePrototype>;
+
 /// Everything that makes a groom, as one plain record: what a `.groom` file holds and a session's
 /// document is. Texts are JSON, blank for none. Groom space: Y up, centimetres. Copies are cheap:
 /// meshes, guides and maps are shared.
@@ -47,6 +61,9 @@ struct GroomFile {
     GroomFileCache scalpCache;
     GroomFileCache guideCache;
     std::map<std::string, GroomFileSimCache> simCaches;
+    std::string cardBakePrefix;   ///< of the files of the last bake of a card atlas; empty: none
+    std::string cardBakeStrands;  ///< what strands it was made of
+    std::map<std::string, PrototypePtr> prototypes;
     double framesPerSecond = 24.0;
     std::string units = "cm";
     std::string upAxis = "Y";

@@ -1,0 +1,32 @@
+#include "io/groomPaths.h"
+
+#include "model/utf8Path.h"
+
+namespace corvelle {
+
+namespace {
+
+std::string genericText(const std::filesystem::path& path) {
+    const std::u8string text = path.generic_u8string();
+    return std::string(text.begin(), text.end());
+}
+
+}  // namespace
+
+std::string resolveGroomPath(const std::string& path, const std::string& directory) {
+    if (path.empty() || directory.empty() || utf8Path(path).is_absolute()) return path;
+    return genericText((utf8Path(directory) / utf8Path(path)).lexically_normal());
+}
+
+std::string rebaseGroomPath(const std::string& path, const std::string& from,
+                            const std::string& to) {
+    if (from.empty() || path.empty() || path.find_first_of("$%") != std::string::npos ||
+        utf8Path(path).is_absolute())
+        return path;
+    const std::filesystem::path there = (utf8Path(from) / utf8Path(path)).lexically_normal();
+    const std::filesystem::path relative =
+        there.lexically_relative(utf8Path(to.empty() ? "." : to).lexically_normal());
+    return genericText(relative.empty() ? there : relative);  // empty: on another drive
+}
+
+}  // namespace corvelle
