@@ -6,6 +6,7 @@ namespace corvelle {
 
 // The node types whose source holds one type, made for the registry.
 OperatorPtr makeBend();
+OperatorPtr makeClump();
 OperatorPtr makeCollide();
 OperatorPtr makeComb();
 OperatorPtr makeCull();

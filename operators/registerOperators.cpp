@@ -16,6 +16,7 @@ void registerShapeOperators() {
 
 void registerLookOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Clump", makeClump);
     registry.add("Noise", makeNoise);
     registry.add("ToGuides", makeToGuides);
 }

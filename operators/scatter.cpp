@@ -12,6 +12,7 @@
 #include "model/parallel.h"
 #include "model/pointIndex.h"
 #include "operators/blueNoise.h"
+#include "operators/paramIdentity.h"
 #include "operators/previewShare.h"
 #include "operators/registerOperators.h"
 #include "operators/scatterGrid.h"
@@ -205,25 +206,6 @@ const std::vector<ParamSpec> kParams = {
      .softMax = 10.0,
      .min = 0.0},
 };
-
-/// What a param reads, to tell whether it reads the same again. A field that drives it is immutable,
-/// so that the very same one gives the same values; it is held so that no other takes its place.
-struct ParamIdentity {
-    std::uint64_t hash = 0;
-    FieldPtr driver;
-    friend bool operator==(const ParamIdentity&, const ParamIdentity&) = default;
-};
-
-ParamIdentity identityOf(const Operator& op, const char* param, const EvalContext& context,
-                         const GuidesPtr& guides) {
-    if (const Operator::DrivenField* driven = op.drivenField(param))
-        return {hashCombine(mix64(1), driven->scale), driven->field};
-    const ParamValue& value = op.value(param);
-    std::uint64_t hash = paramHash(value);
-    if (const MapSource* map = std::get_if<MapSource>(&value))
-        hash = hashCombine(hash, mapReadsHash(*map, context.data(), guides));
-    return {hash, nullptr};
-}
 
 /// Roots before guides and previews take any away.
 struct RootSet {

@@ -17,6 +17,8 @@ public:
     explicit StrandPick(std::span<const std::uint32_t> list) : list_(list), count_(list.size()), listed_(true) {}
     std::size_t size() const { return count_; }
     bool listed() const { return listed_; }
+    /// The listed ones; empty for all.
+    std::span<const std::uint32_t> list() const { return list_; }
 
     static constexpr std::size_t kBatch = kStrandGrain;
     /// Calls body(indices) in parallel, at most kBatch strand indices at a time, ascending in a batch.
