@@ -7,6 +7,7 @@
 #include "hosts/blender/helper/guideEditCommands.h"
 #include "hosts/blender/helper/mapsDirectory.h"
 #include "hosts/blender/helper/requestError.h"
+#include "hosts/blender/helper/sessionCommands.h"
 #include "hosts/blender/helper/toolState.h"
 
 namespace corvelle {

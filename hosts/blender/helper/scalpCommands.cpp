@@ -4,6 +4,7 @@
 #include <numeric>
 
 #include "hosts/blender/helper/requestError.h"
+#include "hosts/blender/helper/toolState.h"
 #include "session/groomSession.h"
 
 namespace corvelle {
@@ -181,7 +182,10 @@ void applyHostGuides(GroomSession& groom) {
 Json setScalpCommand(const CommandContext& context) {
     GroomSession& groom = *context.session().groom;
     const ScalpPtr old = groom.scalp();
-    groom.setScalp(readScalp(context));
+    ScalpPtr next = readScalp(context);
+    // A stroke stands on triangles: it cannot go on over others.
+    if (!old || next->topologyHash() != old->topologyHash()) cancelStroke(context.session());
+    groom.setScalp(std::move(next));
     const ScalpPtr& scalp = groom.scalp();
     const std::uint64_t topology = scalp->topologyHash();
     const bool topologyChanged = old && old->topologyHash() != topology;

@@ -76,6 +76,10 @@ std::shared_ptr<const std::set<std::uint64_t>> HelperStrokeHost::frozenGuides() 
 
 std::set<std::string> HelperStrokeHost::hiddenGroups() { return tools_.hiddenGroups; }
 
+std::string HelperStrokeHost::newMapFile(const std::string& map) {
+    return ensureMapsDirectory(session_) + "/" + map + ".png";
+}
+
 void HelperStrokeHost::notify(const std::string& text) {
     groom().addMessage(text);
     warnings_.push_back(text);

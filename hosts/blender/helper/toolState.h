@@ -57,6 +57,7 @@ public:
     std::shared_ptr<const std::map<std::uint64_t, float>> selectionWeights() override;
     std::shared_ptr<const std::set<std::uint64_t>> frozenGuides() override;
     std::set<std::string> hiddenGroups() override;
+    std::string newMapFile(const std::string& map) override;
     void notify(const std::string& text) override;
     void addWarning(const std::string& text) override;
 
