@@ -360,7 +360,7 @@ TEST_F(GroomFileTest, ReadsWhatOtherProgramsWriteLoosely) {
     EXPECT_EQ(file.topology, file.scalp->topologyHash()) << "17 digits are not known";
     EXPECT_EQ(file.maps->find("m")->channels, 1);
     EXPECT_EQ(file.maps->find("m")->vertices, 2u);
-    EXPECT_EQ(*file.maps->find("n")->values, (std::vector<float>{0.0f, 0.0f})) << "started anew";
+    EXPECT_EQ(file.maps->find("n")->values, nullptr) << "left to the session";
     EXPECT_EQ(file.graph, "{}");
     EXPECT_EQ(file.guides, nullptr);
 }
@@ -375,14 +375,6 @@ TEST_F(GroomFileTest, KeepsDataTextsThatMeanNothing) {
     const json written = json::parse(groomFileText(file)), before = json::parse(text);
     for (const char* key : {"correctives", "flow", "graph", "hierarchy", "parts"})
         EXPECT_EQ(written[key], before[key]) << key;
-}
-
-TEST_F(GroomFileTest, StartsAVertexMapFromTheColorSetOfItsName) {
-    const GroomFile file = readGroomFileText(
-        fileText(R"("scalp":{"points":[0,0,0,1,0,0,0,1,0,9,9,9],"triangles":[0,1,2],)"
-                 R"("colorSets":{"m":[1,0.5,0,1,0,0,0,0,0.25,0,0,1]}},"maps":{"m":{}})"),
-        "");
-    EXPECT_EQ(*file.maps->find("m")->values, (std::vector<float>{1.0f, 0.0f, 0.25f, 0.0f}));
 }
 
 TEST(GroomStamp, ReadsHexadecimalDigitsAndNothingElse) {
@@ -400,6 +392,8 @@ TEST(GroomPaths, AreResolvedAndRebased) {
     EXPECT_EQ(resolveGroomPath("/x/../b.abc", "/grooms"), "/x/../b.abc");
     EXPECT_EQ(resolveGroomPath("", "/grooms"), "");
     EXPECT_EQ(resolveGroomPath("b.abc", ""), "b.abc");
+    EXPECT_EQ(resolveCachePath("$SHOW/b.abc", "/grooms"), "$SHOW/b.abc");
+    EXPECT_EQ(resolveCachePath("b.abc", "/grooms"), "/grooms/b.abc");
     EXPECT_EQ(rebaseGroomPath("c/b.abc", "/a/x", "/a/y"), "../x/c/b.abc");
     EXPECT_EQ(rebaseGroomPath("c/b.abc", "/a", "/a"), "c/b.abc");
     EXPECT_EQ(rebaseGroomPath("$SHOW/b.abc", "/a", "/b"), "$SHOW/b.abc");

@@ -11,6 +11,10 @@ std::string genericText(const std::filesystem::path& path) {
     return std::string(text.begin(), text.end());
 }
 
+bool holdsVariable(const std::string& path) {
+    return path.find_first_of("$%") != std::string::npos;
+}
+
 }  // namespace
 
 std::string resolveGroomPath(const std::string& path, const std::string& directory) {
@@ -18,10 +22,13 @@ std::string resolveGroomPath(const std::string& path, const std::string& directo
     return genericText((utf8Path(directory) / utf8Path(path)).lexically_normal());
 }
 
+std::string resolveCachePath(const std::string& path, const std::string& directory) {
+    return holdsVariable(path) ? path : resolveGroomPath(path, directory);
+}
+
 std::string rebaseGroomPath(const std::string& path, const std::string& from,
                             const std::string& to) {
-    if (from.empty() || path.empty() || path.find_first_of("$%") != std::string::npos ||
-        utf8Path(path).is_absolute())
+    if (from.empty() || path.empty() || holdsVariable(path) || utf8Path(path).is_absolute())
         return path;
     const std::filesystem::path there = (utf8Path(from) / utf8Path(path)).lexically_normal();
     const std::filesystem::path relative =

@@ -173,9 +173,10 @@ ScalpPtr readMesh(const Section& section, const std::string& name, bool scalp) {
             meshStep(name, "uvs",
                      [&] { mesh->setUvs(readTuples<Vec2f>(scan, uvs, name + ".uvs")); });
         if (const Span sets = section.find("colorSets"); JsonScan::isObject(sets))
-            for (const auto& [set, colors] : scan.members(sets))
+            for (const auto& set : scan.members(sets))
                 meshStep(name, "colorSets", [&] {
-                    mesh->addColorSet(set, readTuples<Color4f>(scan, colors, name + ".colorSets"));
+                    mesh->addColorSet(set.first,
+                                      readTuples<Color4f>(scan, set.second, name + ".colorSets"));
                 });
     }
     if (const Span rest = section.findValue("restPoints"); !rest.empty())
@@ -250,7 +251,7 @@ GroomFileCache readCache(const Section& file, const char* key, const std::string
     const Span value = file.findValue(key);
     if (value.empty()) return {};
     const Section cache = sectionOf(file.scan(), value, "file");
-    return {resolveGroomPath(json::parse(cache.need("file")).get<std::string>(), directory),
+    return {resolveCachePath(json::parse(cache.need("file")).get<std::string>(), directory),
             cache.text("object")};
 }
 
@@ -265,7 +266,7 @@ std::map<std::string, GroomFileSimCache> readSimCaches(const JsonScan& scan, Spa
         const Section bake(scan, entry);
         try {
             out[node] = {
-                resolveGroomPath(json::parse(bake.need("file")).get<std::string>(), directory),
+                resolveCachePath(json::parse(bake.need("file")).get<std::string>(), directory),
                 bake.text("object"), stampFromText(bake.text("stamp"))};
         } catch (const std::exception& error) {
             throw GroomFileError(std::string("simCaches: ") + error.what());
@@ -300,15 +301,11 @@ PaintedMap readMap(const Section& section, const std::string& name) {
     return map;
 }
 
-MapCatalogPtr readMaps(const JsonScan& scan, Span value, const ScalpPtr& scalp) {
+MapCatalogPtr readMaps(const JsonScan& scan, Span value) {
     if (!JsonScan::isObject(value)) return nullptr;
     auto catalog = std::make_shared<MapCatalogValue>();
-    for (const auto& [name, entry] : scan.members(value)) {
-        PaintedMap map = readMap(sectionOf(scan, entry, "kind"), name);
-        if (map.kind == PaintedMap::Kind::Vertices && !map.values && scalp)
-            map = startVertexMap(std::move(map), name, *scalp);
-        catalog->maps.emplace(name, std::move(map));
-    }
+    for (const auto& [name, entry] : scan.members(value))
+        catalog->maps.emplace(name, readMap(sectionOf(scan, entry, "kind"), name));
     return catalog->maps.empty() ? nullptr : catalog;
 }
 
@@ -415,7 +412,7 @@ GroomFile readSections(const JsonScan& scan, const std::string& directory) {
         file.topology = stampFromText(mesh.text("topology"));
         if (file.topology == 0) file.topology = file.scalp->topologyHash();
     }
-    file.maps = readMaps(scan, section.find("maps"), file.scalp);
+    file.maps = readMaps(scan, section.find("maps"));
     file.guides = readGuides(scan, section.find("guides"));
     file.scalpCache = readCache(section, "scalpCache", directory);
     file.guideCache = readCache(section, "guideCache", directory);
@@ -424,7 +421,7 @@ GroomFile readSections(const JsonScan& scan, const std::string& directory) {
     file.simCaches = readSimCaches(scan, section.findValue("simCaches"), directory);
     if (const Span bake = section.find("cardBake"); JsonScan::isObject(bake)) {
         const Section cards(scan, bake);
-        file.cardBakePrefix = resolveGroomPath(cards.text("prefix"), directory);
+        file.cardBakePrefix = resolveCachePath(cards.text("prefix"), directory);
         file.cardBakeStrands = cards.text("strands");
     }
     if (const Span prototypes = section.find("prototypes"); JsonScan::isObject(prototypes))
@@ -464,27 +461,6 @@ GroomFile readGroomFile(const std::string& path) {
     }
     const std::filesystem::path file = std::filesystem::absolute(utf8Path(path)).lexically_normal();
     return readGroomFileText(text, utf8Text(file.parent_path()));
-}
-
-PaintedMap startVertexMap(PaintedMap map, const std::string& name, const ScalpMesh& scalp) {
-    const std::size_t points = scalp.points().size(), channels = std::size_t(map.channels);
-    auto values = std::make_shared<std::vector<float>>(points * channels, 0.0f);
-    if (const auto set = scalp.colorSets().find(name); set != scalp.colorSets().end()) {
-        std::vector<float> corners(points, 0.0f);
-        for (std::size_t c = 0; c < set->second.size(); ++c) {
-            const auto vertex = std::size_t(scalp.triangles()[c / 3][c % 3]);
-            const Color4f& color = set->second[c];
-            const float rgba[] = {color.r, color.g, color.b, color.a};
-            for (std::size_t k = 0; k < channels; ++k) (*values)[vertex * channels + k] += rgba[k];
-            corners[vertex] += 1.0f;
-        }
-        for (std::size_t v = 0; v < points; ++v)
-            for (std::size_t k = 0; k < channels; ++k)
-                if (corners[v] > 0.0f) (*values)[v * channels + k] /= corners[v];
-    }
-    map.values = std::move(values);
-    map.vertices = points;
-    return map;
 }
 
 }  // namespace corvelle

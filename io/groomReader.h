@@ -20,8 +20,4 @@ GroomFile readGroomFile(const std::string& path);
 ///         not for their text.
 GroomFile readGroomFileText(const std::string& text, const std::string& directory);
 
-/// A map of the scalp's vertices that came without values: the scalp's colour set of its name, the
-/// mean of the corners at each vertex (the red of it for one channel), else zeros for each vertex.
-PaintedMap startVertexMap(PaintedMap map, const std::string& name, const ScalpMesh& scalp);
-
 }  // namespace corvelle

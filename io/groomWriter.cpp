@@ -161,16 +161,13 @@ void appendCache(std::string& out, const GroomFileCache& cache) {
 
 void appendMap(std::string& out, const std::string& name, const PaintedMap& map) {
     static constexpr const char* kKinds[] = {"texture", "vertices", "guides"};
-    const bool vertices = map.kind == PaintedMap::Kind::Vertices;
     ObjectText object(out);
     if (map.channels == 4) object.raw("channels", "4");
     object.text("kind", kKinds[int(map.kind)]);
     object.textUnlessEmpty("layer", map.layer);
     object.text("texture", map.file);
-    if (vertices) {
-        const std::span<const float> values =
-            map.values ? std::span<const float>(*map.values) : std::span<const float>();
-        object.floats("values", values, "maps." + name + ".values");
+    if (map.kind == PaintedMap::Kind::Vertices && map.values) {
+        object.floats("values", *map.values, "maps." + name + ".values");
         object.raw("vertices", std::to_string(map.vertices));
     }
     object.close();

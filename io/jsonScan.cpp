@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <system_error>
 
 #include <nlohmann/json.hpp>
@@ -128,7 +129,7 @@ const char* checkNumber(const char* p) {
 
 const char* checkWord(const char* p) {
     for (const std::string_view word : {"true", "false", "null"})
-        if (std::equal(word.begin(), word.end(), p)) return p + word.size();
+        if (std::strncmp(p, word.data(), word.size()) == 0) return p + word.size();
     return nullptr;
 }
 

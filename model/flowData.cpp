@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "model/floatText.h"
+#include "model/rootTransfer.h"
 #include "model/surfaceJson.h"
 
 namespace corvelle {
@@ -158,17 +159,10 @@ std::string flowDataJson(const FlowData& data) {
 
 FlowData transferFlow(const FlowData& data, const ScalpMesh& from, const ScalpMesh& to) {
     if (to.triangles().empty()) fail("transfer: the new scalp has no faces");
-    const auto place = [&](const StrandRoot& at, StrandRoot& moved) {
-        SurfaceHit hit;
-        if (!from.validRoot(at)) return false;
-        if (!to.closestPoint(from.surfacePoint(at), ScalpMesh::kAnyDistance, hit)) return false;
-        moved = hit.root();
-        return true;
-    };
     FlowData out;
     for (const FlowPin& pin : data.pins) {
         FlowPin moved{.line = pin.line};
-        if (!place(pin.at, moved.at)) continue;
+        if (!nearestRoot(pin.at, from, to, moved.at)) continue;
         // Tipped from the old face onto the new one, so that a steep one keeps the arrow too.
         const Rotation tip =
             Rotation::shortest(from.faceNormal(pin.at.triangle), to.faceNormal(moved.at.triangle));
@@ -177,7 +171,7 @@ FlowData transferFlow(const FlowData& data, const ScalpMesh& from, const ScalpMe
     }
     for (const FlowSink& sink : data.sinks) {
         FlowSink moved = sink;
-        if (place(sink.at, moved.at)) out.sinks.push_back(moved);
+        if (nearestRoot(sink.at, from, to, moved.at)) out.sinks.push_back(moved);
     }
     return out;
 }

@@ -178,11 +178,6 @@ public:
     /// Where the triangle of a root is bit-equal in both poses nothing is computed.
     /// Throws std::invalid_argument if the two differ in triangles.
     GuideHierarchy deformed(const ScalpMesh& from, const ScalpMesh& to) const;
-    /// The way back of an edit that was made on `shown`, which is `stored` deformed: guides that are
-    /// the very ones of `shown` become those of `stored`, bit for bit, and only the others are
-    /// carried, from the pose of `shown` to that of `stored`.
-    GuideHierarchy deformedBack(const GuideHierarchy& shown, const GuideHierarchy& stored,
-                                const ScalpMesh& from, const ScalpMesh& to) const;
 
     /// The groups at that depth plus shallower ones without a populated child group; -1: the leaf
     /// groups of every branch (a child group without guides does not count). `exclude`: group ids
@@ -213,8 +208,6 @@ private:
     std::vector<bool> withDescendants(std::vector<bool> chosen) const;
     std::vector<bool> excluded(std::span<const std::uint32_t> groups) const;
     GuidesPtr select(const std::vector<bool>& chosenGroups) const;
-    void carryGuides(std::span<const std::uint32_t> chosen, const ScalpMesh& from,
-                     const ScalpMesh& to);
     void mirror(const std::vector<bool>& groups, int axis, float plane, bool positiveSide,
                 bool withChildren, const ScalpMesh* scalp, const char* operation);
 

@@ -130,23 +130,22 @@ void GuideHierarchy::transfer(const ScalpMesh* oldScalp, const ScalpMesh& newSca
     *this = std::move(next);
 }
 
-void GuideHierarchy::carryGuides(std::span<const std::uint32_t> chosen, const ScalpMesh& from,
-                                 const ScalpMesh& to) {
+GuideHierarchy GuideHierarchy::deformed(const ScalpMesh& from, const ScalpMesh& to) const {
     if (from.topologyHash() != to.topologyHash())
         throw std::invalid_argument("deformed: the two poses of the scalp differ in triangles");
-    std::vector<RootMotion> motions(chosen.size());
-    parallelRange(0, chosen.size(), kGuideGrain, [&](std::size_t begin, std::size_t end) {
+    GuideHierarchy next = *this;
+    std::vector<RootMotion> motions(guides_.size());
+    parallelRange(0, guides_.size(), kGuideGrain, [&](std::size_t begin, std::size_t end) {
         for (std::size_t i = begin; i < end; ++i)
-            if (const Guide& guide = *guides_[chosen[i]]; !guide.follows())
-                motions[i] = rootMotion(guide.root, from, to);
+            if (!guides_[i]->follows()) motions[i] = rootMotion(guides_[i]->root, from, to);
     });
-    GuideEdit edit(*this, "deformed");
-    std::vector<std::size_t> free;
+    GuideEdit edit(next, "deformed");
+    std::vector<std::uint32_t> free;
     std::vector<Guide*> moved;
-    for (std::size_t i = 0; i < chosen.size(); ++i) {
+    for (std::uint32_t i = 0; i < guides_.size(); ++i) {
         if (motions[i].identity) continue;
         free.push_back(i);
-        moved.push_back(&edit.move(chosen[i]));
+        moved.push_back(&edit.move(i));
     }
     parallelRange(0, free.size(), kGuideGrain, [&](std::size_t begin, std::size_t end) {
         for (std::size_t m = begin; m < end; ++m) {
@@ -160,39 +159,7 @@ void GuideHierarchy::carryGuides(std::span<const std::uint32_t> chosen, const Sc
         if (!allFinite(guide->points))
             throw std::invalid_argument("deformed: guide " + std::to_string(guide->id) +
                                         " would leave the range of 32-bit floats");
-    // Followers that were edited in the other pose stand on parents that may not have moved here.
-    for (const std::uint32_t i : chosen)
-        if (guides_[i]->follows()) edit.follow(i);
     edit.commit();
-}
-
-GuideHierarchy GuideHierarchy::deformed(const ScalpMesh& from, const ScalpMesh& to) const {
-    GuideHierarchy next = *this;
-    std::vector<std::uint32_t> free;
-    for (std::uint32_t i = 0; i < guides_.size(); ++i)
-        if (!guides_[i]->follows()) free.push_back(i);
-    next.carryGuides(free, from, to);
-    return next;
-}
-
-GuideHierarchy GuideHierarchy::deformedBack(const GuideHierarchy& shown, const GuideHierarchy& stored,
-                                            const ScalpMesh& from, const ScalpMesh& to) const {
-    GuideHierarchy next = *this;
-    const auto find = [](const GuideHierarchy& hierarchy, std::uint64_t id) -> GuidePtr {
-        const auto& guides = hierarchy.index().guides;
-        const auto found = guides.find(id);
-        return found == guides.end() ? nullptr : hierarchy.guides_[found->second];
-    };
-    std::vector<std::uint32_t> changed;
-    for (std::uint32_t i = 0; i < guides_.size(); ++i) {
-        const std::uint64_t id = guides_[i]->id;
-        GuidePtr held = find(shown, id) == guides_[i] ? find(stored, id) : nullptr;
-        if (held)
-            next.guides_[i] = std::move(held);
-        else
-            changed.push_back(i);
-    }
-    next.carryGuides(changed, from, to);
     return next;
 }
 

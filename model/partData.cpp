@@ -10,6 +10,7 @@
 
 #include "model/floatText.h"
 #include "model/hash.h"
+#include "model/rootTransfer.h"
 #include "model/surfaceJson.h"
 
 namespace corvelle {
@@ -318,6 +319,19 @@ std::string partDataJson(const PartData& data) {
         out += "]}";
     }
     return out + "],\"version\":" + std::to_string(kVersion) + "}";
+}
+
+PartData transferParts(const PartData& data, const ScalpMesh& from, const ScalpMesh& to) {
+    if (to.triangles().empty()) fail("transfer: the new scalp has no faces");
+    PartData out;
+    for (const PartLine& line : data.lines) {
+        PartLine moved{line.name, {}};
+        StrandRoot root;
+        for (const StrandRoot& point : line.points)
+            if (nearestRoot(point, from, to, root)) moved.points.push_back(root);
+        if (moved.points.size() >= 2) out.lines.push_back(std::move(moved));
+    }
+    return out;
 }
 
 std::shared_ptr<const PartLines> partLinesOn(const PartData& data, const ScalpPtr& scalp) {

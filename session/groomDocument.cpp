@@ -6,6 +6,7 @@
 #include "expr/mapCatalogJson.h"
 #include "graph/graphError.h"
 #include "graph/graphJson.h"
+#include "model/guidePose.h"
 #include "session/graphMerge.h"
 #include "session/groomSession.h"
 
@@ -263,7 +264,7 @@ std::shared_ptr<const GuideHierarchy> GroomSession::toDocumentPose(
     if (held.edited != edited || held.shown != shown || held.stored != hierarchy_)
         held = {edited, shown, hierarchy_,
                 std::make_shared<const GuideHierarchy>(
-                    edited->deformedBack(*shown, *hierarchy_, *current, *pose))};
+                    deformedBack(*edited, *shown, *hierarchy_, *current, *pose))};
     return held.result;
 }
 

@@ -65,6 +65,7 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
                 pendingMessages_.push_back(
                     {"map " + vertexCountText(name, map.vertices, document_.scalp->points().size()),
                      false});
+    readFlow();
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -184,7 +185,11 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     if (scalp == old) return;
     if (scalp && old && scalp->fullHash() == old->fullHash()) return;
 
-    const bool otherTriangles = scalp && old && scalp->topologyHash() != old->topologyHash();
+    // A document that came without its scalp knows the triangles from what is bound to them.
+    const bool boundToOthers = scalp && !old && !hierarchy_->empty() && hierarchy_->scalpTopology() != 0 &&
+                               hierarchy_->scalpTopology() != scalp->topologyHash();
+    const bool otherTriangles =
+        boundToOthers || (scalp && old && scalp->topologyHash() != old->topologyHash());
     const ScalpPtr oldBind = hierarchyPose();
     document_.scalp = std::move(scalp);
     if (!document_.scalp) return;
@@ -204,6 +209,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
             replaceHierarchy(std::make_shared<const GuideHierarchy>(std::move(moved)));
             document_.hierarchy = guidesToJson(*hierarchy_);
         }
+        moveDrawn(*old);
         bindScalp_ = held;
         return;
     }
@@ -300,6 +306,24 @@ std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) 
     if (held.scalp != scalp || !held.data || (held.data != flow && !(*held.data == *flow)))
         held = {flow, scalp, flowFieldOn(*flow, scalp)};
     return held.field;
+}
+
+/// Takes parts and flow over to the scalp that has replaced `old`, between rest poses where both have
+/// one. A scalp without faces leaves them for the next one to find.
+void GroomSession::moveDrawn(const ScalpMesh& old) {
+    if (document_.scalp->triangles().empty()) return;
+    const bool rest = !old.restPoints().empty() && !document_.scalp->restPoints().empty();
+    const ScalpPtr oldRest = rest ? old.restPose() : nullptr;
+    const ScalpPtr to = rest ? restScalp() : document_.scalp;
+    const ScalpMesh& from = rest ? *oldRest : old;
+    if (!parts_->lines.empty()) {
+        parts_ = std::make_shared<const PartData>(transferParts(*parts_, from, *to));
+        document_.parts = partDataJson(*parts_);
+    }
+    if (!flow_->empty()) {
+        flow_ = std::make_shared<const FlowData>(transferFlow(*flow_, from, *to));
+        document_.flow = flowDataJson(*flow_);
+    }
 }
 
 void GroomSession::setControl(const std::string& name, float value) { document_.controls[name] = value; }

@@ -14,8 +14,8 @@
 #include "graph/graph.h"
 #include "io/groomFile.h"
 #include "model/correctives.h"
-#include "model/guideHierarchy.h"
 #include "model/flowData.h"
+#include "model/guideHierarchy.h"
 #include "model/partData.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
@@ -213,6 +213,7 @@ private:
     UndoOutcome walk(const UndoStep& step, bool back);
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
     void readFlow();
+    void moveDrawn(const ScalpMesh& old);
     std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
 
     GroomFile document_;
@@ -273,7 +274,6 @@ private:
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
-
     std::shared_ptr<const FlowData> flow_ = std::make_shared<const FlowData>();
     std::string flowError_;
     struct {

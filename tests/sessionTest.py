@@ -143,8 +143,8 @@ class SessionTest(unittest.TestCase):
 
     def test_commands_of_later_builds_say_so_and_unknown_ones_too(self):
         groom = Groom(self.helper)
-        reply = groom.ask("save_groom", path="/tmp/x.groom")
-        self.assertEqual(failure(reply), "unsupported: this helper does not offer 'save_groom' yet")
+        reply = groom.ask("insert_preset", name="x")
+        self.assertEqual(failure(reply), "unsupported: this helper does not offer 'insert_preset' yet")
         self.assertEqual(failure(self.helper.ask(cmd="evaluate ")), "unknown_command: no command 'evaluate '")
 
     def test_closing_a_session_frees_its_memory_and_no_other(self):

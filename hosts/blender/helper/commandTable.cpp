@@ -2,6 +2,7 @@
 #include "hosts/blender/helper/displayCommand.h"
 #include "hosts/blender/helper/evaluateCommands.h"
 #include "hosts/blender/helper/graphCommands.h"
+#include "hosts/blender/helper/groomCommands.h"
 #include "hosts/blender/helper/guideCommands.h"
 #include "hosts/blender/helper/guideEditCommands.h"
 #include "hosts/blender/helper/mapCommands.h"
@@ -9,6 +10,7 @@
 #include "hosts/blender/helper/scalpCommands.h"
 #include "hosts/blender/helper/selectionCommands.h"
 #include "hosts/blender/helper/sessionCommands.h"
+#include "hosts/blender/helper/stateCommands.h"
 #include "hosts/blender/helper/strokeCommands.h"
 
 namespace corvelle {
@@ -24,9 +26,9 @@ constexpr Command kCommands[] = {
     {"close_session", kSession, closeSessionCommand},
     {"set_options", kSession, setOptionsCommand},
     {"set_space", kSession, setSpaceCommand},
-    {"load_groom", kSession},
-    {"save_groom", kSession},
-    {"groom_info", kSession},
+    {"load_groom", kSession, loadGroomCommand},
+    {"save_groom", kSession, saveGroomCommand},
+    {"groom_info", kSession, groomInfoCommand},
     {"set_scalp", kSession, setScalpCommand},
     {"update_scalp", kSession, updateScalpCommand},
     {"get_scalp", kSession, getScalpCommand},
@@ -52,9 +54,9 @@ constexpr Command kCommands[] = {
     {"export_frame", kSession},
     {"export_close", kSession},
     {"export", kSession},
-    {"new_groom", kSession},
-    {"get_state", kSession},
-    {"set_state", kSession},
+    {"new_groom", kSession, newGroomCommand},
+    {"get_state", kSession, getStateCommand},
+    {"set_state", kSession, setStateCommand},
     {"tool_catalog", false, toolCatalogCommand},
     // The tools.
     {"tool_set", kSession, toolSetCommand},

@@ -117,6 +117,12 @@ Json evaluateCommand(const CommandContext& context) {
 
 Json statsCommand(const CommandContext& context) { return context.session().groom->stats(); }
 
+Json dataErrorsJson(const GroomSession& groom) {
+    Json errors = Json::array();
+    for (const std::string& text : groom.dataErrors()) errors.push_back(text);
+    return errors;
+}
+
 Json nodeStatusCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     GroomSession& groom = *session.groom;
@@ -124,12 +130,10 @@ Json nodeStatusCommand(const CommandContext& context) {
     if (const Graph* graph = groom.lastGraph())
         for (const auto& [id, milliseconds] : graph->timings())
             times[graph->node(id).op->name] = milliseconds;
-    Json inputErrors = Json::array();
-    for (const std::string& text : groom.dataErrors()) inputErrors.push_back(text);
     return {{"notes", notesJson(groom.lastGraph())},
             {"times", std::move(times)},
             {"errors", groom.result().errors},
-            {"inputErrors", std::move(inputErrors)},
+            {"inputErrors", dataErrorsJson(groom)},
             {"graphError", groom.graphError()}};
 }
 

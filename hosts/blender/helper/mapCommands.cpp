@@ -5,15 +5,13 @@
 #include <set>
 
 #include "hosts/blender/helper/guideEditCommands.h"
-#include "hosts/blender/helper/mapsDirectory.h"
+#include "hosts/blender/helper/mapsFolder.h"
 #include "hosts/blender/helper/requestError.h"
-#include "hosts/blender/helper/sessionCommands.h"
 #include "hosts/blender/helper/toolState.h"
 
 namespace corvelle {
 namespace {
 
-constexpr std::size_t kLongestName = 100;
 constexpr double kLeastResolution = 4.0, kMostResolution = 16384.0;
 constexpr char kFreeze[] = "freeze";
 
@@ -106,7 +104,7 @@ MapRequest readMapRequest(const Json& request, const BrushToolSettings& settings
     }
     map.resolution = int(std::clamp(optionalNumber(request, "resolution", settings.paintResolution),
                                     kLeastResolution, kMostResolution));
-    checkMapName(map.name);
+    (void)mapFile("", map.name);
     return map;
 }
 
@@ -127,13 +125,6 @@ void writeImages(HelperSession& session, const std::vector<std::string>& maps) {
 }
 
 }  // namespace
-
-void checkMapName(const std::string& name) {
-    const bool path = name.empty() || name.size() > kLongestName || name.front() == '.' ||
-                      name.find_first_of("/\\:") != std::string::npos || name.find("..") != std::string::npos ||
-                      std::ranges::any_of(name, [](char c) { return static_cast<unsigned char>(c) < 0x20; });
-    if (path) failRequest("bad_request", "a map's name cannot be a path");
-}
 
 Json mapsListCommand(const CommandContext& context) {
     HelperSession& session = context.session();
@@ -178,7 +169,7 @@ Json mapCreateCommand(const CommandContext& context) {
         case Kind::Texture:
             if (!scalp) failRequest("state", "no scalp to paint on: set_scalp first");
             if (scalp->uvs().empty()) failRequest("state", "the scalp has no UVs to paint a texture map on");
-            made.file = ensureMapsDirectory(session) + "/" + map.name + ".png";
+            made.file = mapFile(makeMapsDir(session), map.name);
             next.images[map.name] = evenImage(map);
             made.image = next.images[map.name]->texture();
             break;

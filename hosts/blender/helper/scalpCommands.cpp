@@ -1,20 +1,15 @@
 #include "hosts/blender/helper/scalpCommands.h"
 
-#include <cstdio>
 #include <numeric>
 
+#include "hosts/blender/helper/openGroom.h"
 #include "hosts/blender/helper/requestError.h"
 #include "hosts/blender/helper/toolState.h"
+#include "io/groomStamp.h"
 #include "session/groomSession.h"
 
 namespace corvelle {
 namespace {
-
-std::string hexHash(std::uint64_t hash) {
-    char text[17];
-    std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-    return text;
-}
 
 /// Fans of the polygons, and which face corner each triangle corner came from.
 struct Faces {
@@ -185,27 +180,13 @@ Json setScalpCommand(const CommandContext& context) {
     ScalpPtr next = readScalp(context);
     // A stroke stands on triangles: it cannot go on over others.
     if (!old || next->topologyHash() != old->topologyHash()) cancelStroke(context.session());
-    groom.setScalp(std::move(next));
+    const std::size_t rerooted = changeScalp(groom, std::move(next));
     const ScalpPtr& scalp = groom.scalp();
     const std::uint64_t topology = scalp->topologyHash();
-    const bool topologyChanged = old && old->topologyHash() != topology;
-    std::size_t rerooted = 0;
-    const bool canRoot = topologyChanged && !scalp->triangles().empty();
-    if (groom.restGuides()) {
-        if (canRoot) {
-            groom.setRestGuides(rerootGuides(groom.restGuides(), *groom.restScalp()));
-            rerooted = groom.restGuides()->size();
-        }
-        applyHostGuides(groom);
-    } else if (canRoot && groom.document().guides) {
-        const GuidesPtr guides = rerootGuides(groom.document().guides, *scalp);
-        rerooted = guides->size();
-        groom.setGuides(guides);
-    }
     const std::uint64_t expected = groom.document().topology;
     return {{"points", scalp->points().size()},
             {"triangles", scalp->triangles().size()},
-            {"topology", hexHash(topology)},
+            {"topology", stampText(topology)},
             {"matchesGroom", expected == 0 || expected == topology},
             {"guidesRerooted", rerooted}};
 }
@@ -262,7 +243,7 @@ Json getScalpCommand(const CommandContext& context) {
               {"triangles", scalp->triangles().size()},
               {"facesExact", faces.exact},
               {"colorSets", std::move(names)},
-              {"topology", hexHash(scalp->topologyHash())}}},
+              {"topology", stampText(scalp->topologyHash())}}},
             {"arrays", std::move(arrays)}};
 }
 

@@ -1,10 +1,9 @@
 #include "hosts/blender/helper/sessionCommands.h"
 
 #include <cmath>
-#include <filesystem>
 
+#include "hosts/blender/helper/mapsFolder.h"
 #include "hosts/blender/helper/requestError.h"
-#include "hosts/blender/helper/sharedRegion.h"
 #include "session/frameRate.h"
 #include "session/groomSession.h"
 
@@ -29,13 +28,6 @@ Json spaceJson(const SceneSpace& space) {
     return {{"upAxis", space.upAxis()},
             {"metersPerUnit", space.metersPerUnit()},
             {"centimetersPerUnit", space.centimetersPerUnit()}};
-}
-
-std::string effectiveMapsDir(const HelperSession& session) {
-    if (!session.mapsDir.empty()) return session.mapsDir;
-    const std::string name = regionName("s" + std::to_string(session.number) + "maps", 0);
-    const std::u8string path = (std::filesystem::temp_directory_path() / name).generic_u8string();
-    return std::string(path.begin(), path.end());
 }
 
 Json newSessionCommand(const CommandContext& context) {

@@ -7,10 +7,6 @@ namespace corvelle {
 /// {"upAxis", "metersPerUnit", "centimetersPerUnit"}.
 Json spaceJson(const SceneSpace& space);
 
-/// Where a session's painted maps go: as the host gave it, else a directory of the session's own
-/// under the system's temporary one. UTF-8; not made here.
-std::string effectiveMapsDir(const HelperSession& session);
-
 Json newSessionCommand(const CommandContext& context);
 Json closeSessionCommand(const CommandContext& context);
 Json setOptionsCommand(const CommandContext& context);

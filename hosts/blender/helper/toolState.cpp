@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "hosts/blender/helper/mapsFolder.h"
 #include "hosts/blender/helper/requestError.h"
-#include "hosts/blender/helper/sessionCommands.h"
 #include "tools/toolCatalog.h"
 
 namespace corvelle {
@@ -77,7 +77,7 @@ std::shared_ptr<const std::set<std::uint64_t>> HelperStrokeHost::frozenGuides() 
 std::set<std::string> HelperStrokeHost::hiddenGroups() { return tools_.hiddenGroups; }
 
 std::string HelperStrokeHost::newMapFile(const std::string& map) {
-    return ensureMapsDirectory(session_) + "/" + map + ".png";
+    return mapFile(makeMapsDir(session_), map);
 }
 
 void HelperStrokeHost::notify(const std::string& text) {

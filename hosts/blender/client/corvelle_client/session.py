@@ -6,6 +6,7 @@ the command's answer with its arrays as views (see ``AnswerArray``).
 
 from __future__ import annotations
 
+import os
 from typing import TYPE_CHECKING, Any, Dict, Mapping, Optional, Sequence, Union
 
 import numpy as np
@@ -61,6 +62,55 @@ class Session:
     ) -> Dict[str, Any]:
         """Moves to a time, in seconds or in frames."""
         return self.request("set_time", seconds=seconds, frame=frame, fps=fps)
+
+    # ---- files and state -----------------------------------------------------------------------
+
+    def load_groom(self, path: Union[str, "os.PathLike[str]"]) -> Dict[str, Any]:
+        """Opens a ``.groom`` file in the place of the session's groom, at time 0. Answers what
+        ``groom_info`` does, and ``fileUpAxis``."""
+        return self.request("load_groom", path=os.fspath(path))
+
+    def save_groom(
+        self, path: Union[str, "os.PathLike[str]"], *, upAxis: Optional[str] = None
+    ) -> Dict[str, Any]:
+        """Writes the groom to a ``.groom`` file, with "Y" or "Z" up. Whatever goes wrong, the old
+        file or the whole new one is there."""
+        return self.request("save_groom", path=os.fspath(path), upAxis=upAxis)
+
+    def groom_info(self) -> Dict[str, Any]:
+        """What the groom consists of."""
+        return self.request("groom_info")
+
+    def new_groom(
+        self, *, followScalp: Optional[bool] = None, preset: Optional[str] = None
+    ) -> Dict[str, Any]:
+        """Starts over on the scalp there is, with the default graph made to its size, or with a
+        preset."""
+        return self.request("new_groom", followScalp=followScalp, preset=preset)
+
+    def get_state(
+        self,
+        *,
+        scalp: Union[None, bool, str] = None,
+        textures: Optional[bool] = None,
+        texts: Optional[bool] = None,
+    ) -> Dict[str, Any]:
+        """The groom as one JSON value, to keep in a file of the host's. ``scalp`` False leaves the
+        scalp out, "maps" its mesh but not the values painted on it."""
+        return self.request("get_state", scalp=scalp, textures=textures, texts=texts)
+
+    def set_state(
+        self, state: Mapping[str, Any], *, keepScalp: Optional[bool] = None
+    ) -> Dict[str, Any]:
+        """Takes back what ``get_state`` gave. The session's scalp stays unless ``keepScalp`` is
+        False."""
+        return self.request(
+            "set_state",
+            groom=state["groom"],
+            textures=state.get("textures"),
+            tools=state.get("tools"),
+            keepScalp=keepScalp,
+        )
 
     # ---- scalp and guides ----------------------------------------------------------------------
 

@@ -5,8 +5,8 @@
 namespace corvelle {
 
 /// Makes sure that a failure ends the process or an operation instead of waiting for a person:
-/// no error dialogs and no crash reporter (Windows), and a write to a pipe whose reader has gone is
-/// an error code, not a signal (POSIX). Call first thing in main.
+/// no error dialogs and no crash reporter (Windows), and a write to a pipe whose reader has gone, or
+/// past the size a file may have, is an error code, not a signal (POSIX). Call first thing in main.
 void startQuietly();
 
 /// This process's number, as it stands in the names of its shared memory.

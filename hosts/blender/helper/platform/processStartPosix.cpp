@@ -11,7 +11,10 @@
 
 namespace corvelle {
 
-void startQuietly() { std::signal(SIGPIPE, SIG_IGN); }
+void startQuietly() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
 
 std::int64_t processNumber() { return getpid(); }
 
