@@ -5,6 +5,7 @@
 
 #include "model/carry.h"
 #include "model/guideEdit.h"
+#include "model/guideFollow.h"
 #include "model/parallel.h"
 
 namespace corvelle {

@@ -1,9 +1,10 @@
 #include "session/graphMerge.h"
 
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
+
+#include <nlohmann/json.hpp>
 
 #include "graph/graphJson.h"
 
@@ -71,7 +72,8 @@ Json mergeLists(const Json& base, const Json& ours, const Json& theirs) {
     Json out = Json::array();
     for (const Json& entry : ours) {
         const std::string key = keyOf(entry);
-        if (auto value = merge(at(inBase, key), &entry, at(inTheirs, key))) out.push_back(std::move(*value));
+        if (auto value = merge(at(inBase, key), &entry, at(inTheirs, key)))
+            out.push_back(std::move(*value));
     }
     for (const Json& entry : theirs) {
         const std::string key = keyOf(entry);
@@ -83,13 +85,17 @@ Json mergeLists(const Json& base, const Json& ours, const Json& theirs) {
 
 /// Null pointers and no value: not there.
 std::optional<Json> merge(const Json* base, const Json* ours, const Json* theirs) {
-    const auto copy = [](const Json* json) { return json ? std::optional<Json>(*json) : std::nullopt; };
+    const auto copy = [](const Json* json) {
+        return json ? std::optional<Json>(*json) : std::nullopt;
+    };
     if (same(ours, base) || !theirs) return base || !ours ? copy(theirs) : copy(ours);
     if (same(theirs, base) || !ours || same(ours, theirs)) return copy(ours);
     const Json nothing = ours->is_array() ? Json::array() : Json::object();
     const Json& from = base ? *base : nothing;
-    if (ours->is_object() && theirs->is_object() && from.is_object()) return mergeObjects(from, *ours, *theirs);
-    if (isNamedList(*ours) && isNamedList(*theirs) && isNamedList(from)) return mergeLists(from, *ours, *theirs);
+    if (ours->is_object() && theirs->is_object() && from.is_object())
+        return mergeObjects(from, *ours, *theirs);
+    if (isNamedList(*ours) && isNamedList(*theirs) && isNamedList(from))
+        return mergeLists(from, *ours, *theirs);
     return copy(ours);
 }
 
@@ -102,7 +108,8 @@ void dropLooseEnds(Json& graph) {
             names.insert(node["name"].get<std::string>());
     const auto loose = [&](const Json& end) {
         for (const char* key : {"from", "to"})
-            if (const Json* name = find(end, key); name && name->is_string() && !names.contains(name->get<std::string>()))
+            if (const Json* name = find(end, key);
+                name && name->is_string() && !names.contains(name->get<std::string>()))
                 return true;
         return false;
     };
@@ -114,7 +121,8 @@ void dropLooseEnds(Json& graph) {
             else
                 ++end;
     };
-    if (const auto connections = graph.find("connections"); connections != graph.end()) prune(*connections);
+    if (const auto connections = graph.find("connections"); connections != graph.end())
+        prune(*connections);
     for (Json& node : *nodes) {
         const auto inputs = node.find("paramInputs");
         if (inputs == node.end()) continue;
@@ -125,7 +133,8 @@ void dropLooseEnds(Json& graph) {
 
 }  // namespace
 
-std::string mergeGraphs(const std::string& base, const std::string& ours, const std::string& theirs) {
+std::string mergeGraphs(const std::string& base, const std::string& ours,
+                        const std::string& theirs) {
     const Json from = readText(base), mine = readText(ours), other = readText(theirs);
     std::optional<Json> merged = merge(&from, &mine, &other);
     if (!merged) return {};

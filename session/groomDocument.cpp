@@ -1,5 +1,5 @@
-// How edits reach a groom's document: as steps that can be undone, and, while a stroke is under way,
-// as live values in the document's place.
+// How edits reach a groom's document: as steps that can be undone, and, while a stroke is under
+// way, as live values in the document's place.
 
 #include <algorithm>
 
@@ -35,13 +35,19 @@ MapCatalogPtr readMaps(const std::string& text, const MapCatalogPtr& held) {
 const std::string& GroomSession::textOf(DocumentSlot slot) const {
     static const std::string kNone;
     switch (slot) {
-        case DocumentSlot::Guides: return document_.hierarchy;
-        case DocumentSlot::Parts: return document_.parts;
-        case DocumentSlot::Flow: return document_.flow;
-        case DocumentSlot::Correctives: return document_.correctives;
-        case DocumentSlot::Graph: return document_.graph;
+        case DocumentSlot::Guides:
+            return document_.hierarchy;
+        case DocumentSlot::Parts:
+            return document_.parts;
+        case DocumentSlot::Flow:
+            return document_.flow;
+        case DocumentSlot::Correctives:
+            return document_.correctives;
+        case DocumentSlot::Graph:
+            return document_.graph;
         case DocumentSlot::ScalpMaps:
-        case DocumentSlot::ShotLayer: break;
+        case DocumentSlot::ShotLayer:
+            break;
     }
     return kNone;
 }
@@ -76,7 +82,8 @@ DocumentState GroomSession::stateOf(const DocumentState& like) {
 }
 
 void GroomSession::dropUnchanged(DocumentState& next) {
-    if (next.hierarchy && hierarchyError_.empty() && next.hierarchy->contentHash() == hierarchy_->contentHash()) {
+    if (next.hierarchy && hierarchyError_.empty() &&
+        next.hierarchy->contentHash() == hierarchy_->contentHash()) {
         next.hierarchy = nullptr;
         next.text(DocumentSlot::Guides) = nullptr;
     }
@@ -84,7 +91,8 @@ void GroomSession::dropUnchanged(DocumentState& next) {
         if (DocumentSlot(slot) != DocumentSlot::Guides && next.texts[slot] &&
             *next.texts[slot] == textOf(DocumentSlot(slot)))
             next.texts[slot] = nullptr;
-    std::erase_if(next.images, [&](const auto& image) { return image.second == paintImage(image.first); });
+    std::erase_if(next.images,
+                  [&](const auto& image) { return image.second == paintImage(image.first); });
     if (next.maps && next.images.empty() && sameMaps(*next.maps, document_.maps)) next.maps.reset();
 }
 
@@ -112,7 +120,8 @@ void GroomSession::put(const DocumentState& state, const Text& graph) {
     if (const Text& text = state.text(DocumentSlot::Flow)) setFlowJson(*text);
     if (const Text& text = state.text(DocumentSlot::Correctives)) setCorrectivesJson(*text);
     for (std::size_t slot = 0; slot < kDocumentSlots; ++slot)
-        if (DocumentSlot(slot) != DocumentSlot::Guides && state.texts[slot]) sharedTexts_[slot] = state.texts[slot];
+        if (DocumentSlot(slot) != DocumentSlot::Guides && state.texts[slot])
+            sharedTexts_[slot] = state.texts[slot];
     if (state.maps) setMaps(*state.maps);
     for (const auto& [name, image] : state.images) {
         if (image)
@@ -144,10 +153,12 @@ bool GroomSession::edit(DocumentState next, const std::string& label, const std:
     return true;
 }
 
-bool GroomSession::applyStroke(const StrokeDocument& document, const std::string& label, const std::string& mapsDir,
+bool GroomSession::applyStroke(const StrokeDocument& document, const std::string& label,
+                               const std::string& mapsDir,
                                const std::shared_ptr<const GuideHierarchy>& guides) {
     DocumentState next;
-    for (const DocumentSlot slot : {DocumentSlot::Parts, DocumentSlot::Flow, DocumentSlot::Correctives})
+    for (const DocumentSlot slot :
+         {DocumentSlot::Parts, DocumentSlot::Flow, DocumentSlot::Correctives})
         next.text(slot) = document.at(slot);
     if (const Text& text = document.at(DocumentSlot::Guides)) {
         next.text(DocumentSlot::Guides) = text;
@@ -158,12 +169,15 @@ bool GroomSession::applyStroke(const StrokeDocument& document, const std::string
     if (const Text& text = document.at(DocumentSlot::Graph)) {
         // What was done to the live graph during the stroke came after the stroke read it.
         const bool editedSince = live_.graph && document_.graph != *live_.graph;
-        next.text(DocumentSlot::Graph) = editedSince ? std::make_shared<const std::string>(document_.graph) : text;
+        next.text(DocumentSlot::Graph) =
+            editedSince ? std::make_shared<const std::string>(document_.graph) : text;
     }
-    if (const Text& text = document.at(DocumentSlot::ScalpMaps)) next.maps = readMaps(*text, document_.maps);
+    if (const Text& text = document.at(DocumentSlot::ScalpMaps))
+        next.maps = readMaps(*text, document_.maps);
     if (!document.images.empty()) {
         const MapCatalogPtr held = next.maps ? *next.maps : document_.maps;
-        auto maps = held ? std::make_shared<MapCatalogValue>(*held) : std::make_shared<MapCatalogValue>();
+        auto maps =
+            held ? std::make_shared<MapCatalogValue>(*held) : std::make_shared<MapCatalogValue>();
         for (const auto& [name, image] : document.images) {
             PaintedMap& map = maps->maps[name];
             map.kind = PaintedMap::Kind::Texture;
@@ -195,7 +209,8 @@ GroomSession::UndoOutcome GroomSession::walk(const UndoStep& step, bool back) {
     } catch (const GraphError&) {
         // Edits since the step do not go together with what it brings back: the graph stays.
         if (!graph) throw;
-        addMessage("the graph has changed too much since \"" + step.label + "\": it stays as it is");
+        addMessage("the graph has changed too much since \"" + step.label +
+                   "\": it stays as it is");
         put(to, nullptr);
     }
     for (const auto& [name, image] : to.images) outcome.images.push_back(name);

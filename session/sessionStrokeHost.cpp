@@ -12,12 +12,15 @@ std::shared_ptr<const PaintImage> SessionStrokeHost::image(const std::string& ma
     if (!found || found->kind != PaintedMap::Kind::Texture)
         throw MapNotFound("this groom has no texture map named " + map);
     const GroomFile& document = groom_->document();
-    auto read = readPaintImage(searchPathResolver(document.directory, document.searchPaths)(found->file));
+    auto read =
+        readPaintImage(searchPathResolver(document.directory, document.searchPaths)(found->file));
     groom_->holdPaintImage(map, read);
     return read;
 }
 
-double SessionStrokeHost::frame() { return framesFromSeconds(groom_->seconds(), groom_->framesPerSecond()); }
+double SessionStrokeHost::frame() {
+    return framesFromSeconds(groom_->seconds(), groom_->framesPerSecond());
+}
 
 void SessionStrokeHost::setStrokeActive(bool active) {
     groom_->setStroking(active);
@@ -43,7 +46,8 @@ GuideHierarchy SessionStrokeHost::toDocumentPose(const GuideHierarchy& edited) {
     return *carried_;
 }
 
-std::vector<std::string> writePaintImages(const GroomSession& groom, const std::vector<std::string>& maps) {
+std::vector<std::string> writePaintImages(const GroomSession& groom,
+                                          const std::vector<std::string>& maps) {
     std::vector<std::string> failures;
     const MapCatalogPtr catalog = groom.document().maps;
     for (const std::string& name : maps) {

@@ -35,8 +35,12 @@ public:
     void setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) override {
         groom_->setLiveHierarchy(std::move(live));
     }
-    void setLiveParts(std::shared_ptr<const PartData> live) override { groom_->setLiveParts(std::move(live)); }
-    void setLiveFlow(std::shared_ptr<const FlowData> live) override { groom_->setLiveFlow(std::move(live)); }
+    void setLiveParts(std::shared_ptr<const PartData> live) override {
+        groom_->setLiveParts(std::move(live));
+    }
+    void setLiveFlow(std::shared_ptr<const FlowData> live) override {
+        groom_->setLiveFlow(std::move(live));
+    }
     void setLiveMaps(MapCatalogPtr live) override { groom_->setLiveMaps(std::move(live)); }
     void setLiveGraph(const std::string& text) override { groom_->setLiveGraph(text); }
 
@@ -59,6 +63,7 @@ private:
 
 /// Writes the images of these maps to their files, the folder made if need be. Answers a text for
 /// each that failed: the pixels in memory are the truth, and the next write tries again.
-std::vector<std::string> writePaintImages(const GroomSession& groom, const std::vector<std::string>& maps);
+std::vector<std::string> writePaintImages(const GroomSession& groom,
+                                          const std::vector<std::string>& maps);
 
 }  // namespace corvelle

@@ -51,7 +51,8 @@ std::size_t bytesBeside(const MapCatalogValue& state, const MapCatalogValue* oth
 }  // namespace
 
 bool DocumentState::empty() const {
-    const bool anyText = std::ranges::any_of(texts, [](const Text& text) { return text != nullptr; });
+    const bool anyText =
+        std::ranges::any_of(texts, [](const Text& text) { return text != nullptr; });
     return !anyText && !hierarchy && !maps && images.empty();
 }
 
@@ -62,10 +63,12 @@ std::size_t bytesBeside(const DocumentState& state, const DocumentState& other) 
             bytes += state.texts[slot]->size();
     if (state.hierarchy && state.hierarchy != other.hierarchy)
         bytes += bytesBeside(*state.hierarchy, other.hierarchy.get());
-    if (state.maps && *state.maps) bytes += bytesBeside(**state.maps, other.maps ? other.maps->get() : nullptr);
+    if (state.maps && *state.maps)
+        bytes += bytesBeside(**state.maps, other.maps ? other.maps->get() : nullptr);
     for (const auto& [name, image] : state.images) {
         const auto held = other.images.find(name);
-        if (image) bytes += image->bytesBeside(held != other.images.end() ? held->second.get() : nullptr);
+        if (image)
+            bytes += image->bytesBeside(held != other.images.end() ? held->second.get() : nullptr);
     }
     return bytes;
 }
@@ -75,7 +78,8 @@ void UndoStack::push(UndoStep step) {
     // What was before is mostly held already: by the step before this one, or by what came after.
     static const DocumentState kNothing;
     const DocumentState& held = steps_.empty() ? kNothing : steps_.back().step.after;
-    std::size_t bytes = kStepBytes + bytesBeside(step.after, step.before) + bytesBeside(step.before, held);
+    std::size_t bytes =
+        kStepBytes + bytesBeside(step.after, step.before) + bytesBeside(step.before, held);
     bytes_ += bytes;
     steps_.push_back({std::move(step), bytes});
     while (steps_.size() > 1 && (steps_.size() > mostSteps_ || bytes_ > mostBytes_)) {

@@ -16,8 +16,8 @@
 namespace corvelle {
 
 /// Some parts of a document as they stood at one moment. What is null or absent is not spoken of.
-/// All values are shared and immutable, so that neighbouring steps share what did not change between
-/// them.
+/// All values are shared and immutable, so that neighbouring steps share what did not change
+/// between them.
 struct DocumentState {
     using Text = StrokeDocument::Text;
     using Images = std::map<std::string, std::shared_ptr<const PaintImage>>;

@@ -14,29 +14,39 @@ float boldLine(const DisplaySettings&) { return 2.0f; }
 
 bool showsGuides(const DisplaySource&, const DisplaySettings& s) { return s.guides; }
 bool showsTubes(const DisplaySource&, const DisplaySettings& s) { return s.tubes; }
-bool showsFlow(const DisplaySource& d, const DisplaySettings& s) { return s.flow && d.scalp && d.flow; }
+bool showsFlow(const DisplaySource& d, const DisplaySettings& s) {
+    return s.flow && d.scalp && d.flow;
+}
 bool showsParts(const DisplaySource& d, const DisplaySettings&) { return d.scalp && d.parts; }
-bool showsClumps(const DisplaySource& d, const DisplaySettings&) { return d.clumpCenters != nullptr; }
+bool showsClumps(const DisplaySource& d, const DisplaySettings&) {
+    return d.clumpCenters != nullptr;
+}
 bool showsSelection(const DisplaySource& d, const DisplaySettings& s) {
     return (s.guides || s.tubes) && d.selection && !d.selection->empty();
 }
-bool showsDots(const DisplaySource&, const DisplaySettings& s) { return s.guides && s.guidePoints != "off"; }
+bool showsDots(const DisplaySource&, const DisplaySettings& s) {
+    return s.guides && s.guidePoints != "off";
+}
 
 }  // namespace
 
 std::span<const DisplayBuilder::Drawable> DisplayBuilder::drawables() {
     using T = DisplayTheme;
     static const Drawable rows[] = {
-        {"tubes", "triangles", 5, false, kHierarchy | kSelection, showsTubes, buildTubes, nullptr, nullptr},
-        {"tubeWires", "lines", 6, false, kHierarchy | kSelection | kLevel, showsTubes, buildTubeWires, nullptr,
-         thinLine},
-        {"guides", "lines", 10, false, kHierarchy | kFrozen, showsGuides, buildGuides, nullptr, guideWidth},
+        {"tubes", "triangles", 5, false, kHierarchy | kSelection, showsTubes, buildTubes, nullptr,
+         nullptr},
+        {"tubeWires", "lines", 6, false, kHierarchy | kSelection | kLevel, showsTubes,
+         buildTubeWires, nullptr, thinLine},
+        {"guides", "lines", 10, false, kHierarchy | kFrozen, showsGuides, buildGuides, nullptr,
+         guideWidth},
         {"flow", "lines", 15, true, kFlow | kScalp, showsFlow, buildFlow, &T::flowField, thinLine},
         {"parts", "lines", 20, true, kParts | kScalp, showsParts, buildParts, &T::parts, boldLine},
-        {"clumpCenters", "dots", 25, false, kClumps, showsClumps, buildClumpCenters, &T::clumpCenters, nullptr},
-        {"selection", "lines", 30, false, kHierarchy | kSelection, showsSelection, buildSelection, nullptr,
-         selectionWidth},
-        {"dots", "dots", 12, false, kHierarchy | kFrozen | kSelection, showsDots, buildDots, nullptr, nullptr},
+        {"clumpCenters", "dots", 25, false, kClumps, showsClumps, buildClumpCenters,
+         &T::clumpCenters, nullptr},
+        {"selection", "lines", 30, false, kHierarchy | kSelection, showsSelection, buildSelection,
+         nullptr, selectionWidth},
+        {"dots", "dots", 12, false, kHierarchy | kFrozen | kSelection, showsDots, buildDots,
+         nullptr, nullptr},
     };
     return rows;
 }
@@ -79,12 +89,14 @@ void DisplayBuilder::build(const DisplaySource& source) {
             ++builds_;
             row.build(source, settings_, geometry);
             std::vector<Vec3f>& points = geometry.positions;
-            parallelRange(0, points.size(), kChunkElements, [&](std::size_t begin, std::size_t end) {
-                for (std::size_t i = begin; i < end; ++i) points[i] = source.space.pointToHost(points[i]);
-            });
+            parallelRange(0, points.size(), kChunkElements,
+                          [&](std::size_t begin, std::size_t end) {
+                              for (std::size_t i = begin; i < end; ++i)
+                                  points[i] = source.space.pointToHost(points[i]);
+                          });
         }
-        std::uint64_t hash = hashPointBits(hashPointBits(mix64(geometry.positions.size()), geometry.positions),
-                                           geometry.colors);
+        std::uint64_t hash = hashPointBits(
+            hashPointBits(mix64(geometry.positions.size()), geometry.positions), geometry.colors);
         if (row.color)
             for (const float part : settings_.theme.*row.color) hash = hashCombine(hash, part);
         if (!item.built || hash != item.hash || shown != item.shown) ++item.version;
@@ -104,7 +116,8 @@ std::uint64_t DisplayBuilder::bytes(const Json& have) const {
     std::uint64_t bytes = 0;
     for (const Item& item : items_)
         if (sends(item, have))
-            for (const std::vector<Vec3f>* array : {&item.geometry.positions, &item.geometry.colors})
+            for (const std::vector<Vec3f>* array :
+                 {&item.geometry.positions, &item.geometry.colors})
                 bytes += AnswerPool::bytesOf(array->size(), sizeof(Vec3f));
     return bytes;
 }
@@ -133,7 +146,8 @@ Json DisplayBuilder::itemsJson(AnswerPool& pool, const Json& have) const {
                    {"changed", changed}};
         if (row.color) entry["color"] = settings_.theme.*row.color;
         if (row.lineWidth) entry["lineWidth"] = row.lineWidth(settings_);
-        if (std::string_view(row.primitive) == "dots") entry["pointSize"] = settings_.theme.pointSize;
+        if (std::string_view(row.primitive) == "dots")
+            entry["pointSize"] = settings_.theme.pointSize;
         if (changed) entry["arrays"] = arraysOf(pool, item);
         list.push_back(std::move(entry));
     }

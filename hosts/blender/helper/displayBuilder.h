@@ -40,8 +40,8 @@ struct DisplayGeometry {
 };
 
 /// Builds what a host draws beside the strands, and numbers it, so that only what changed is built
-/// and sent. An item is built anew when something it is made from has changed, and its version rises
-/// when the result differs by a bit.
+/// and sent. An item is built anew when something it is made from has changed, and its version
+/// rises when the result differs by a bit.
 class DisplayBuilder {
 public:
     DisplayBuilder();

@@ -54,7 +54,8 @@ Json displayCommand(const CommandContext& context) {
         generation && !(*generation == tools.display.generation()))
         have = Json::object();
     std::optional<StrandColorRequest> colorRequest;
-    if (const Json* colors = findField(request, "strandColors")) colorRequest = readStrandColors(*colors);
+    if (const Json* colors = findField(request, "strandColors"))
+        colorRequest = readStrandColors(*colors);
     std::vector<Vec3f> colors;
     if (colorRequest) colors = strandColors(*session.groom, *colorRequest);
 
@@ -77,7 +78,8 @@ Json displayCommand(const CommandContext& context) {
                 {"selection", std::move(selection)},
                 {"brush",
                  {{"tool", tools.choice.tool().id},
-                  {"mode", tools.brush.dragging() ? tools.brush.modeWord() : toolModeWord(tools.choice.tool())},
+                  {"mode", tools.brush.dragging() ? tools.brush.modeWord()
+                                                  : toolModeWord(tools.choice.tool())},
                   {"stroking", tools.brush.dragging()},
                   {"version", tools.overlay.version()}}},
                 {"overlay", std::move(overlay)},

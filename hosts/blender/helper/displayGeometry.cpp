@@ -12,12 +12,12 @@
 namespace corvelle {
 namespace {
 
-constexpr int kSpanSegments = 4;      ///< of a guide's curve, unless told
-constexpr int kMostSegments = 64;     ///< of one span
+constexpr int kSpanSegments = 4;   ///< of a guide's curve, unless told
+constexpr int kMostSegments = 64;  ///< of one span
 constexpr int kTubeSides = 8;
-constexpr int kTubeWires = 4;         ///< along a tube
-constexpr float kLift = 0.0015f;      ///< of the scalp's size: lines on it stand off by this
-constexpr float kArrowSize = 0.02f;   ///< of the scalp's size
+constexpr int kTubeWires = 4;        ///< along a tube
+constexpr float kLift = 0.0015f;     ///< of the scalp's size: lines on it stand off by this
+constexpr float kArrowSize = 0.02f;  ///< of the scalp's size
 constexpr int kSinkSegments = 32;
 constexpr std::size_t kGuideGrain = 32;
 constexpr char kFreeze[] = "freeze";
@@ -34,14 +34,17 @@ struct Drawn {
 
 int spanSegments(const DisplaySettings& settings) {
     if (!settings.guideSmoothing) return 1;
-    return settings.guideDisplaySegments > 0 ? std::min(settings.guideDisplaySegments, kMostSegments)
-                                             : kSpanSegments;
+    return settings.guideDisplaySegments > 0
+               ? std::min(settings.guideDisplaySegments, kMostSegments)
+               : kSpanSegments;
 }
 
-/// The guides to draw, each with room for verticesOf(samples) vertices, in the order of the hierarchy.
+/// The guides to draw, each with room for verticesOf(samples) vertices, in the order of the
+/// hierarchy.
 template <class Chosen, class VerticesOf>
-std::vector<Drawn> drawnGuides(const DisplaySource& source, const DisplaySettings& settings, int perSpan,
-                               DisplayGeometry& out, const Chosen& chosen, const VerticesOf& verticesOf) {
+std::vector<Drawn> drawnGuides(const DisplaySource& source, const DisplaySettings& settings,
+                               int perSpan, DisplayGeometry& out, const Chosen& chosen,
+                               const VerticesOf& verticesOf) {
     const GuideHierarchy& hierarchy = *source.hierarchy;
     const std::set<std::uint32_t> hidden = hiddenGroupIds(hierarchy, settings.hiddenGuideGroups);
     std::vector<Drawn> drawn;
@@ -109,9 +112,11 @@ public:
         if (settings.guideColorMode != "group") return;
         for (const GuideGroup& group : source.hierarchy->groups()) {
             const auto own = settings.guideGroupColors.find(group.name);
-            byGroup_[group.id] = own != settings.guideGroupColors.end()
-                                     ? colorOf(own->second)
-                                     : hsvColor(unitHash(hashCombine(mix64(group.name.size()), group.name)), 0.6f, 0.9f);
+            byGroup_[group.id] =
+                own != settings.guideGroupColors.end()
+                    ? colorOf(own->second)
+                    : hsvColor(unitHash(hashCombine(mix64(group.name.size()), group.name)), 0.6f,
+                               0.9f);
         }
     }
     /// At a share 0..1 of the guide.
@@ -126,7 +131,8 @@ private:
     Vec3f own(const Drawn& drawn, float share) const {
         const Guide& guide = *drawn.guide;
         if (settings_.guideColorMode == "layer") return heatColor(layerValue(guide, share));
-        if (const auto found = byGroup_.find(guide.group); found != byGroup_.end()) return found->second;
+        if (const auto found = byGroup_.find(guide.group); found != byGroup_.end())
+            return found->second;
         if (!settings_.themedGuideColors) return colorOf(settings_.guideColor);
         const std::vector<Rgb>& levels = settings_.theme.levels;
         return colorOf(levels[std::size_t(drawn.level) % levels.size()]);
@@ -159,10 +165,11 @@ void tubeRings(const Guide& guide, std::vector<GuideFrame>& frames, std::vector<
         const float share = float(i) / float(n - 1);
         const float radius = tubeProfile(guide.tubeRadius, share);
         for (int k = 0; k < kTubeSides; ++k) {
-            const float angle =
-                2.0f * std::numbers::pi_v<float> * float(k) / float(kTubeSides) + guide.tubeTwist * share;
+            const float angle = 2.0f * std::numbers::pi_v<float> * float(k) / float(kTubeSides) +
+                                guide.tubeTwist * share;
             rings[i * kTubeSides + std::size_t(k)] =
-                guide.points[i] + (frames[i].N * std::cos(angle) + frames[i].B * std::sin(angle)) * radius;
+                guide.points[i] +
+                (frames[i].N * std::cos(angle) + frames[i].B * std::sin(angle)) * radius;
         }
     }
 }
@@ -174,7 +181,8 @@ Vec3f onSurface(const ScalpMesh& scalp, const StrandRoot& root) {
 
 }  // namespace
 
-void buildGuides(const DisplaySource& source, const DisplaySettings& settings, DisplayGeometry& out) {
+void buildGuides(const DisplaySource& source, const DisplaySettings& settings,
+                 DisplayGeometry& out) {
     const int perSpan = spanSegments(settings);
     const GuideColors colors(source, settings);
     const auto all = [](const Guide&) { return true; };
@@ -193,16 +201,21 @@ void buildGuides(const DisplaySource& source, const DisplaySettings& settings, D
     });
 }
 
-void buildSelection(const DisplaySource& source, const DisplaySettings& settings, DisplayGeometry& out) {
+void buildSelection(const DisplaySource& source, const DisplaySettings& settings,
+                    DisplayGeometry& out) {
     const int perSpan = spanSegments(settings);
-    const auto picked = [&](const Guide& guide) { return weightIn(source.selection, guide.id) > 0.0f; };
+    const auto picked = [&](const Guide& guide) {
+        return weightIn(source.selection, guide.id) > 0.0f;
+    };
     const std::vector<Drawn> drawn = drawnGuides(source, settings, perSpan, out, picked, linePairs);
-    const Vec3f hard = colorOf(settings.theme.selected), soft = colorOf(settings.theme.softSelected);
+    const Vec3f hard = colorOf(settings.theme.selected),
+                soft = colorOf(settings.theme.softSelected);
     forEachGuide(drawn, [&](const Drawn& d, std::vector<Vec3f>& curve) {
         sampleCurve(*d.guide, perSpan, curve);
         writeLine(curve, out.positions.data() + d.first);
         const float weight = weightIn(source.selection, d.guide->id);
-        std::fill_n(out.colors.data() + d.first, linePairs(d.samples), weight >= 1.0f ? hard : soft * weight);
+        std::fill_n(out.colors.data() + d.first, linePairs(d.samples),
+                    weight >= 1.0f ? hard : soft * weight);
     });
 }
 
@@ -219,18 +232,23 @@ void buildDots(const DisplaySource& source, const DisplaySettings& settings, Dis
             const std::size_t at = ends && i == 1 ? points.size() - 1 : i;
             Vec3f color = colors(d, float(at) / float(points.size() - 1));
             if (weight > 0.0f)
-                color = mix(color, colorOf(weight >= 1.0f ? settings.theme.selected : settings.theme.softSelected), weight);
+                color = mix(
+                    color,
+                    colorOf(weight >= 1.0f ? settings.theme.selected : settings.theme.softSelected),
+                    weight);
             out.positions[d.first + i] = points[at];
             out.colors[d.first + i] = color;
         }
     });
 }
 
-void buildTubes(const DisplaySource& source, const DisplaySettings& settings, DisplayGeometry& out) {
+void buildTubes(const DisplaySource& source, const DisplaySettings& settings,
+                DisplayGeometry& out) {
     const auto all = [](const Guide&) { return true; };
     const auto count = [](std::size_t points) { return (points - 1) * kTubeSides * 6; };
     const std::vector<Drawn> drawn = drawnGuides(source, settings, 1, out, all, count);
-    const Vec3f fill = colorOf(settings.theme.dormantFilled), selected = colorOf(settings.theme.selection);
+    const Vec3f fill = colorOf(settings.theme.dormantFilled),
+                selected = colorOf(settings.theme.selection);
     forEachGuide(drawn, [&](const Drawn& d, std::vector<Vec3f>& rings) {
         std::vector<GuideFrame> frames;
         tubeRings(*d.guide, frames, rings);
@@ -246,9 +264,12 @@ void buildTubes(const DisplaySource& source, const DisplaySettings& settings, Di
     });
 }
 
-void buildTubeWires(const DisplaySource& source, const DisplaySettings& settings, DisplayGeometry& out) {
+void buildTubeWires(const DisplaySource& source, const DisplaySettings& settings,
+                    DisplayGeometry& out) {
     const auto all = [](const Guide&) { return true; };
-    const auto count = [](std::size_t points) { return (points - 1) * kTubeWires * 2 + 2 * kTubeSides * 2; };
+    const auto count = [](std::size_t points) {
+        return (points - 1) * kTubeWires * 2 + 2 * kTubeSides * 2;
+    };
     const std::vector<Drawn> drawn = drawnGuides(source, settings, 1, out, all, count);
     const DisplayTheme& theme = settings.theme;
     forEachGuide(drawn, [&](const Drawn& d, std::vector<Vec3f>& rings) {
@@ -267,7 +288,8 @@ void buildTubeWires(const DisplaySource& source, const DisplaySettings& settings
                 *to++ = rings[ring * kTubeSides + k];
                 *to++ = rings[ring * kTubeSides + (k + 1) % kTubeSides];
             }
-        const Vec3f own = colorOf(d.level == source.toolLevel ? theme.activeWire : theme.dormantWire);
+        const Vec3f own =
+            colorOf(d.level == source.toolLevel ? theme.activeWire : theme.dormantWire);
         std::fill_n(out.colors.data() + d.first, count(d.samples),
                     mix(own, colorOf(theme.selection), weightIn(source.selection, d.guide->id)));
     });
@@ -281,8 +303,8 @@ void buildFlow(const DisplaySource& source, const DisplaySettings&, DisplayGeome
         const Vec3f at = onSurface(scalp, pin.at), along = flowPinDirection(scalp, pin);
         const Vec3f side = cross(scalp.surfaceNormal(pin.at), along);
         const Vec3f tip = at + along * (0.5f * size), neck = tip - along * (0.3f * size);
-        const Vec3f line[] = {at - along * (0.5f * size), tip, tip, neck + side * (0.15f * size),
-                              tip, neck - side * (0.15f * size)};
+        const Vec3f line[] = {at - along * (0.5f * size),   tip, tip,
+                              neck + side * (0.15f * size), tip, neck - side * (0.15f * size)};
         out.positions.insert(out.positions.end(), std::begin(line), std::end(line));
     }
     for (const FlowSink& sink : source.flow->sinks) {
@@ -290,8 +312,10 @@ void buildFlow(const DisplaySource& source, const DisplaySettings&, DisplayGeome
         const SurfaceFrame frame = scalp.surfaceFrame(sink.at);
         const Vec3f middle = onSurface(scalp, sink.at);
         const auto place = [&](int i, float radius) {
-            const float angle = 2.0f * std::numbers::pi_v<float> * float(i % kSinkSegments) / float(kSinkSegments);
-            return middle + (frame.tangent * std::cos(angle) + frame.binormal * std::sin(angle)) * radius;
+            const float angle =
+                2.0f * std::numbers::pi_v<float> * float(i % kSinkSegments) / float(kSinkSegments);
+            return middle +
+                   (frame.tangent * std::cos(angle) + frame.binormal * std::sin(angle)) * radius;
         };
         for (int i = 0; i < kSinkSegments; ++i) {
             out.positions.push_back(place(i, sink.radius));
@@ -303,7 +327,8 @@ void buildFlow(const DisplaySource& source, const DisplaySettings&, DisplayGeome
             const Vec3f from = place(i, 0.5f * sink.radius);
             const Vec3f away = normalized(from - middle), around = cross(frame.normal, away);
             out.positions.push_back(from);
-            out.positions.push_back(from + (away * std::cos(lean) + around * std::sin(lean)) * (0.35f * sink.radius));
+            out.positions.push_back(from + (away * std::cos(lean) + around * std::sin(lean)) *
+                                               (0.35f * sink.radius));
         }
     }
 }

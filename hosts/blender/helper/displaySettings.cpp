@@ -31,8 +31,9 @@ void read(float& to, const Json& value, std::string_view key) {
 void read(std::int32_t& to, const Json& value, std::string_view key) {
     if (!value.is_number_integer()) fail(key, "is a whole number");
     constexpr std::int64_t kMost = std::numeric_limits<std::int32_t>::max();
-    to = std::int32_t(value.is_number_unsigned() ? std::min<std::uint64_t>(value.get<std::uint64_t>(), kMost)
-                                                 : std::max(value.get<std::int64_t>(), -kMost));
+    to = std::int32_t(value.is_number_unsigned()
+                          ? std::min<std::uint64_t>(value.get<std::uint64_t>(), kMost)
+                          : std::max(value.get<std::int64_t>(), -kMost));
 }
 
 void read(std::string& to, const Json& value, std::string_view key) {
@@ -63,12 +64,15 @@ void read(std::vector<Rgb>& to, const Json& value, std::string_view key) {
     to = std::move(colors);
 }
 
-void read(std::set<std::string>& to, const Json& value, std::string_view key) { to = readGroupNames(value, key); }
+void read(std::set<std::string>& to, const Json& value, std::string_view key) {
+    to = readGroupNames(value, key);
+}
 
 void read(std::map<std::string, Rgb>& to, const Json& value, std::string_view key) {
     if (!value.is_object()) fail(key, "is an object of group names to [r, g, b]");
     std::map<std::string, Rgb> colors;
-    for (const auto& [name, color] : value.items()) read(colors[name], color, std::string(key) + "." + name);
+    for (const auto& [name, color] : value.items())
+        read(colors[name], color, std::string(key) + "." + name);
     to = std::move(colors);
 }
 
@@ -80,8 +84,8 @@ struct Field {
     double least = -std::numeric_limits<double>::infinity();
 };
 
-using SettingField = Field<DisplaySettings, bool, float, std::int32_t, std::string, Rgb, std::set<std::string>,
-                           std::map<std::string, Rgb>>;
+using SettingField = Field<DisplaySettings, bool, float, std::int32_t, std::string, Rgb,
+                           std::set<std::string>, std::map<std::string, Rgb>>;
 using ThemeField = Field<DisplayTheme, float, Rgb, std::vector<Rgb>>;
 
 const std::vector<SettingField>& settingFields() {
@@ -108,20 +112,13 @@ const std::vector<SettingField>& settingFields() {
 const std::vector<ThemeField>& themeFields() {
     using T = DisplayTheme;
     static const std::vector<ThemeField> fields = {
-        {"levels", &T::levels, {}},
-        {"pointSize", &T::pointSize, {}, 0.0},
-        {"selected", &T::selected, {}},
-        {"softSelected", &T::softSelected, {}},
-        {"frozen", &T::frozen, {}},
-        {"parts", &T::parts, {}},
-        {"flowField", &T::flowField, {}},
-        {"clumpCenters", &T::clumpCenters, {}},
-        {"pathColor", &T::pathColor, {}},
-        {"hoverColor", &T::hoverColor, {}},
-        {"dormantWire", &T::dormantWire, {}},
-        {"selection", &T::selection, {}},
-        {"activeWire", &T::activeWire, {}},
-        {"dormantFilled", &T::dormantFilled, {}},
+        {"levels", &T::levels, {}},           {"pointSize", &T::pointSize, {}, 0.0},
+        {"selected", &T::selected, {}},       {"softSelected", &T::softSelected, {}},
+        {"frozen", &T::frozen, {}},           {"parts", &T::parts, {}},
+        {"flowField", &T::flowField, {}},     {"clumpCenters", &T::clumpCenters, {}},
+        {"pathColor", &T::pathColor, {}},     {"hoverColor", &T::hoverColor, {}},
+        {"dormantWire", &T::dormantWire, {}}, {"selection", &T::selection, {}},
+        {"activeWire", &T::activeWire, {}},   {"dormantFilled", &T::dormantFilled, {}},
     };
     return fields;
 }
@@ -167,8 +164,10 @@ Json recordJson(const Record& record, const Rows& fields) {
 template <class Record, class Rows>
 void applyRecord(Record& record, const Rows& fields, const Json& values, std::string_view unknown) {
     for (const auto& [key, value] : values.items()) {
-        const auto field = std::ranges::find_if(fields, [&](const auto& row) { return key == row.key; });
-        if (field == fields.end()) failRequest("bad_request", std::string(unknown) + " '" + key + "'");
+        const auto field =
+            std::ranges::find_if(fields, [&](const auto& row) { return key == row.key; });
+        if (field == fields.end())
+            failRequest("bad_request", std::string(unknown) + " '" + key + "'");
         applyField(record, *field, value);
     }
 }

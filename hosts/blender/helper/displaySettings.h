@@ -15,8 +15,9 @@ using Rgb = std::array<float, 3>;  ///< linear
 
 /// The colours and sizes of what is drawn, as the host's theme has them.
 struct DisplayTheme {
-    std::vector<Rgb> levels{{0.95f, 0.62f, 0.2f}, {0.35f, 0.75f, 0.95f}, {0.55f, 0.9f, 0.4f}, {0.9f, 0.45f, 0.8f}};
-    float pointSize = 5.0f;             ///< pixels
+    std::vector<Rgb> levels{
+        {0.95f, 0.62f, 0.2f}, {0.35f, 0.75f, 0.95f}, {0.55f, 0.9f, 0.4f}, {0.9f, 0.45f, 0.8f}};
+    float pointSize = 5.0f;  ///< pixels
     Rgb selected{1.0f, 1.0f, 1.0f};
     Rgb softSelected{1.0f, 0.85f, 0.5f};
     Rgb frozen{0.25f, 0.45f, 0.95f};
@@ -25,10 +26,10 @@ struct DisplayTheme {
     Rgb clumpCenters{1.0f, 0.9f, 0.2f};
     Rgb pathColor{1.0f, 1.0f, 0.3f};
     Rgb hoverColor{1.0f, 1.0f, 1.0f};
-    Rgb selection{1.0f, 1.0f, 1.0f};        ///< tubes of selected guides
-    Rgb activeWire{0.9f, 0.9f, 0.9f};       ///< wires of tubes on the tool's level
-    Rgb dormantWire{0.35f, 0.35f, 0.4f};    ///< and off it
-    Rgb dormantFilled{0.3f, 0.3f, 0.33f};   ///< what tubes are filled with
+    Rgb selection{1.0f, 1.0f, 1.0f};       ///< tubes of selected guides
+    Rgb activeWire{0.9f, 0.9f, 0.9f};      ///< wires of tubes on the tool's level
+    Rgb dormantWire{0.35f, 0.35f, 0.4f};   ///< and off it
+    Rgb dormantFilled{0.3f, 0.3f, 0.33f};  ///< what tubes are filled with
     friend bool operator==(const DisplayTheme&, const DisplayTheme&) = default;
 };
 
@@ -42,9 +43,9 @@ struct DisplaySettings {
     bool themedGuideColors = true;
     std::string guideColorMode = "level";  ///< or "layer", "group"
     std::string guideColorLayer;
-    std::int32_t displayLevel = -1;     ///< -1: all
-    std::string guidePoints = "ends";   ///< or "off", "all"
-    bool guideSmoothing = true;         ///< a curve through the points, not straight between them
+    std::int32_t displayLevel = -1;    ///< -1: all
+    std::string guidePoints = "ends";  ///< or "off", "all"
+    bool guideSmoothing = true;        ///< a curve through the points, not straight between them
     std::int32_t guideDisplaySegments = 0;  ///< of each span of that curve; 0: 4
     std::set<std::string> hiddenGuideGroups;
     std::map<std::string, Rgb> guideGroupColors;

@@ -20,11 +20,11 @@ struct GuideOp {
     const char* op;
     const Json& request;
     HelperSession& session;
-    GuideHierarchy& guides;  ///< a copy, in the document's pose
-    ScalpPtr pose;           ///< the scalp that `guides` lies on; null: none
-    std::string label;       ///< of the undo step
-    bool madeGuides = false; ///< the answer tells how many
-    bool thawed = false;     ///< the frozen set goes too
+    GuideHierarchy& guides;   ///< a copy, in the document's pose
+    ScalpPtr pose;            ///< the scalp that `guides` lies on; null: none
+    std::string label;        ///< of the undo step
+    bool madeGuides = false;  ///< the answer tells how many
+    bool thawed = false;      ///< the frozen set goes too
 
     const ScalpMesh* scalp() const { return pose.get(); }
     std::uint32_t group(const char* key = "group") const {
@@ -40,7 +40,8 @@ struct GuideOp {
             chosen.assign(selected.begin(), selected.end());
         }
         std::set<std::uint64_t> seen;
-        std::erase_if(chosen, [&](std::uint64_t id) { return !guides.guide(id) || !seen.insert(id).second; });
+        std::erase_if(
+            chosen, [&](std::uint64_t id) { return !guides.guide(id) || !seen.insert(id).second; });
         if (chosen.empty() && !named)
             failRequest("state", std::string(op) + ": no guides given and none selected");
         return chosen;
@@ -50,7 +51,8 @@ struct GuideOp {
     }
 };
 
-double readNumber(const Json& request, const char* key, double otherwise, double least, double most) {
+double readNumber(const Json& request, const char* key, double otherwise, double least,
+                  double most) {
     return std::clamp(optionalNumber(request, key, otherwise), least, most);
 }
 
@@ -83,7 +85,8 @@ void renameGroup(GuideOp& edit) {
     const std::uint32_t group = edit.group();
     const std::string& name = requireString(edit.request, "name");
     const GuideGroup* held = edit.guides.groupNamed(name);
-    if (held && held->id != group) failRequest("bad_request", "a group named '" + name + "' is there already");
+    if (held && held->id != group)
+        failRequest("bad_request", "a group named '" + name + "' is there already");
     if (!held) edit.guides.renameGroup(group, name);
     edit.label = "rename group " + requireString(edit.request, "group");
 }
@@ -100,7 +103,8 @@ void generateChildren(GuideOp& edit) {
     settings.tipSpread = float(readNumber(request, "tipSpread", defaults.tipSpread, 0.0, kMost));
     settings.twist = float(readNumber(request, "twist", defaults.twist, -kMost, kMost));
     settings.jitter = float(readNumber(request, "jitter", defaults.jitter, 0.0, 1.0));
-    settings.childTubeScale = float(readNumber(request, "childTubeScale", defaults.childTubeScale, 0.0, kMost));
+    settings.childTubeScale =
+        float(readNumber(request, "childTubeScale", defaults.childTubeScale, 0.0, kMost));
     if (const Json* seed = findField(request, "seed")) {
         if (!seed->is_number_integer()) failRequest("bad_request", "seed is a whole number");
         settings.seed = seed->get<std::uint64_t>();
@@ -118,10 +122,12 @@ void generateChildren(GuideOp& edit) {
         std::erase_if(parents, [&](std::uint64_t id) { return !selected.contains(id); });
         if (parents.empty()) failRequest("state", "none of the selected guides is in that group");
     }
-    const std::string child = optionalString(request, "childGroup", edit.guides.childGroupName(group));
+    const std::string child =
+        optionalString(request, "childGroup", edit.guides.childGroupName(group));
     if (const GuideGroup* held = edit.guides.groupNamed(child); held && held->parent != group)
         failRequest("bad_request", "a group named '" + child + "' is there already");
-    edit.guides.generateChildren(group, child, settings, selectedOnly ? &parents : nullptr, edit.scalp());
+    edit.guides.generateChildren(group, child, settings, selectedOnly ? &parents : nullptr,
+                                 edit.scalp());
     edit.label = "generate children";
     edit.madeGuides = true;
 }
@@ -167,7 +173,8 @@ void setFrozen(GuideOp& edit) {
         const auto& held = edit.guides.guide(id)->attributes;
         const auto mask = held.find(kFreeze);
         const float now = mask == held.end() ? 0.0f : mask->second;
-        if (now != (freeze ? 1.0f : 0.0f)) edit.guides.setAttribute(id, kFreeze, freeze ? 1.0f : 0.0f);
+        if (now != (freeze ? 1.0f : 0.0f))
+            edit.guides.setAttribute(id, kFreeze, freeze ? 1.0f : 0.0f);
     }
     edit.say(freeze ? "freeze" : "unfreeze", ids.size());
 }
@@ -180,7 +187,8 @@ void unfreezeAll(GuideOp& edit) {
 
 void removeLayer(GuideOp& edit) {
     const std::string& name = requireString(edit.request, "name");
-    if (!carriesLayer(edit.guides, name)) failRequest("not_found", "no guide carries the layer '" + name + "'");
+    if (!carriesLayer(edit.guides, name))
+        failRequest("not_found", "no guide carries the layer '" + name + "'");
     edit.guides.removeAttribute(name);
     edit.label = "remove layer " + name;
 }
@@ -275,22 +283,14 @@ struct OpRow {
     void (*apply)(GuideOp&);
 };
 constexpr OpRow kOps[] = {
-    {"add_group", addGroup},
-    {"remove_group", removeGroup},
-    {"rename_group", renameGroup},
-    {"generate_children", generateChildren},
-    {"delete_guides", deleteGuides},
-    {"lock", setLocked},
-    {"unlock", setLocked},
-    {"set_attribute", setAttribute},
-    {"freeze", setFrozen},
-    {"unfreeze", setFrozen},
-    {"unfreeze_all", unfreezeAll},
-    {"remove_layer", removeLayer},
-    {"mirror_all", mirrorAll},
-    {"mirror_group", mirrorGroup},
-    {"promote_group", promoteGroup},
-    {"demote_group", demoteGroup},
+    {"add_group", addGroup},         {"remove_group", removeGroup},
+    {"rename_group", renameGroup},   {"generate_children", generateChildren},
+    {"delete_guides", deleteGuides}, {"lock", setLocked},
+    {"unlock", setLocked},           {"set_attribute", setAttribute},
+    {"freeze", setFrozen},           {"unfreeze", setFrozen},
+    {"unfreeze_all", unfreezeAll},   {"remove_layer", removeLayer},
+    {"mirror_all", mirrorAll},       {"mirror_group", mirrorGroup},
+    {"promote_group", promoteGroup}, {"demote_group", demoteGroup},
     {"reparent", reparent},
 };
 
@@ -390,7 +390,8 @@ Json guidesEditCommand(const CommandContext& context) {
     const OpRow& row = opOf(context.request);
     finishStroke(session);
     GroomSession& groom = *session.groom;
-    // Edits happen on the scalp as it is shown, where mirror planes and ids of the host speak of it.
+    // Edits happen on the scalp as it is shown, where mirror planes and ids of the host speak of
+    // it.
     const std::shared_ptr<const GuideHierarchy> shown = groom.activeHierarchy();
     GuideHierarchy next = *shown;
     GuideOp edit{row.op, context.request, session, next, groom.scalp()};

@@ -20,7 +20,8 @@ struct KindWord {
     const char* word;
     Kind kind;
 };
-constexpr KindWord kKinds[] = {{"vertices", Kind::Vertices}, {"texture", Kind::Texture}, {"guides", Kind::Guides}};
+constexpr KindWord kKinds[] = {
+    {"vertices", Kind::Vertices}, {"texture", Kind::Texture}, {"guides", Kind::Guides}};
 
 const char* wordOf(Kind kind) {
     for (const KindWord& row : kKinds)
@@ -29,7 +30,11 @@ const char* wordOf(Kind kind) {
 }
 
 Json entryJson(HelperSession& session, const std::string& name, const PaintedMap& map) {
-    Json entry{{"name", name}, {"kind", wordOf(map.kind)}, {"channels", map.channels}, {"texture", ""}, {"file", ""}};
+    Json entry{{"name", name},
+               {"kind", wordOf(map.kind)},
+               {"channels", map.channels},
+               {"texture", ""},
+               {"file", ""}};
     const ScalpPtr& scalp = session.groom->scalp();
     switch (map.kind) {
         case Kind::Vertices:
@@ -85,16 +90,19 @@ void readFill(const Json& value, std::array<float, 4>& fill) {
     const bool list = value.is_array() && (value.size() == 3 || value.size() == 4);
     if (!list || !std::ranges::all_of(value, [](const Json& part) { return part.is_number(); }))
         failRequest("bad_request", "fill is [r, g, b] or [r, g, b, a]");
-    for (std::size_t i = 0; i < value.size(); ++i) fill[i] = std::clamp(float(value[i].get<double>()), 0.0f, 1.0f);
+    for (std::size_t i = 0; i < value.size(); ++i)
+        fill[i] = std::clamp(float(value[i].get<double>()), 0.0f, 1.0f);
 }
 
 MapRequest readMapRequest(const Json& request, const BrushToolSettings& settings) {
     MapRequest map;
     map.name = requireString(request, "name");
     const std::string& kind = requireString(request, "kind");
-    const auto row = std::ranges::find_if(kKinds, [&](const KindWord& k) { return kind == k.word; });
+    const auto row =
+        std::ranges::find_if(kKinds, [&](const KindWord& k) { return kind == k.word; });
     if (row == std::end(kKinds))
-        failRequest("bad_request", "a map's kind is vertices, texture or guides, not '" + kind + "'");
+        failRequest("bad_request",
+                    "a map's kind is vertices, texture or guides, not '" + kind + "'");
     map.kind = row->kind;
     map.color = optionalBool(request, "color", false);
     map.value = std::clamp(float(optionalNumber(request, "value", 1.0)), 0.0f, 1.0f);
@@ -121,7 +129,8 @@ std::shared_ptr<MapCatalogValue> catalogOf(const GroomSession& groom) {
 }
 
 void writeImages(HelperSession& session, const std::vector<std::string>& maps) {
-    for (const std::string& text : writePaintImages(*session.groom, maps)) toolsOf(session).host->notify(text);
+    for (const std::string& text : writePaintImages(*session.groom, maps))
+        toolsOf(session).host->notify(text);
 }
 
 }  // namespace
@@ -129,7 +138,8 @@ void writeImages(HelperSession& session, const std::vector<std::string>& maps) {
 Json mapsListCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     Json list = Json::array();
-    for (const auto& [name, map] : allMaps(*session.groom)) list.push_back(entryJson(session, name, map));
+    for (const auto& [name, map] : allMaps(*session.groom))
+        list.push_back(entryJson(session, name, map));
     return {{"maps", std::move(list)}};
 }
 
@@ -149,7 +159,8 @@ Json mapCreateCommand(const CommandContext& context) {
         case Kind::Guides: {
             if (map.color)
                 failRequest("bad_request",
-                            "a guide layer is gray: make a color map on the scalp's vertices or as a texture");
+                            "a guide layer is gray: make a color map on the scalp's vertices or as "
+                            "a texture");
             requirePrimaryGuides(*groom.hierarchy());
             GuideHierarchy guides = *groom.hierarchy();
             guides.addAttribute(map.name, map.value);
@@ -168,7 +179,8 @@ Json mapCreateCommand(const CommandContext& context) {
         }
         case Kind::Texture:
             if (!scalp) failRequest("state", "no scalp to paint on: set_scalp first");
-            if (scalp->uvs().empty()) failRequest("state", "the scalp has no UVs to paint a texture map on");
+            if (scalp->uvs().empty())
+                failRequest("state", "the scalp has no UVs to paint a texture map on");
             made.file = mapFile(makeMapsDir(session), map.name);
             next.images[map.name] = evenImage(map);
             made.image = next.images[map.name]->texture();

@@ -27,7 +27,8 @@ void Overlay::begin(const BrushRing& ring, const std::array<float, 3>& ringColor
     const Vec3f a = normalized(cross(n, other)), b = cross(n, a);
     std::vector<Vec3f> pairs;
     const auto at = [&](int i) {
-        const float angle = 2.0f * std::numbers::pi_v<float> * float(i % kRingSegments) / kRingSegments;
+        const float angle =
+            2.0f * std::numbers::pi_v<float> * float(i % kRingSegments) / kRingSegments;
         return ring.center + (a * std::cos(angle) + b * std::sin(angle)) * ring.radius;
     };
     for (int i = 0; i < kRingSegments; ++i) {

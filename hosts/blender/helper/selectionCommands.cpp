@@ -14,7 +14,9 @@ namespace {
 constexpr float kPickPixels = 10.0f;
 constexpr char kLassoText[] = "lasso holds a point (a click), two (a box) or more";
 
-SelectionMode readMode(const Json& request) { return parseSelectionMode(optionalString(request, "mode", "replace")); }
+SelectionMode readMode(const Json& request) {
+    return parseSelectionMode(optionalString(request, "mode", "replace"));
+}
 
 /// What the pick chose, and what follows from it: the rest freezes, all are drawn again.
 std::size_t takeSelection(HelperSession& session, GuideIds ids) {
@@ -44,10 +46,14 @@ std::int32_t readLevel(const Json& request, std::int32_t otherwise) {
 
 Json hoveredJson(const HoverHit& hit) {
     switch (hit.kind) {
-        case HoverHit::Kind::Guide: return {{"kind", "guide"}, {"id", hit.guide}};
-        case HoverHit::Kind::Part: return {{"kind", "part"}, {"name", hit.part}};
-        case HoverHit::Kind::Flow: return {{"kind", "flow"}, {"index", hit.index}};
-        case HoverHit::Kind::None: break;
+        case HoverHit::Kind::Guide:
+            return {{"kind", "guide"}, {"id", hit.guide}};
+        case HoverHit::Kind::Part:
+            return {{"kind", "part"}, {"name", hit.part}};
+        case HoverHit::Kind::Flow:
+            return {{"kind", "flow"}, {"index", hit.index}};
+        case HoverHit::Kind::None:
+            break;
     }
     return nullptr;
 }
@@ -102,8 +108,10 @@ Json selectCommand(const CommandContext& context) {
         const Vec2f a = polygon[0], b = polygon[1];
         polygon = {a, {b.x, a.y}, b, {a.x, b.y}};
     }
-    const GuideIds hit = pickGuides(*tools.host, view, polygon, strokeSettings(session, tools), options);
-    const std::size_t froze = takeSelection(session, combineSelection(tools.selection.ids(), hit, mode));
+    const GuideIds hit =
+        pickGuides(*tools.host, view, polygon, strokeSettings(session, tools), options);
+    const std::size_t froze =
+        takeSelection(session, combineSelection(tools.selection.ids(), hit, mode));
     if (solo && !hit.empty()) {
         GuideHierarchy next = *session.groom->hierarchy();
         soloGuides(next, hit, tools.choice.settings().freezeAttribute);
@@ -113,7 +121,9 @@ Json selectCommand(const CommandContext& context) {
     return {{"picked", hit.size()}, {"froze", froze}, {"selection", selectionJson(session)}};
 }
 
-Json selectionGetCommand(const CommandContext& context) { return {{"selection", selectionJson(context.session())}}; }
+Json selectionGetCommand(const CommandContext& context) {
+    return {{"selection", selectionJson(context.session())}};
+}
 
 Json selectionSetCommand(const CommandContext& context) {
     HelperSession& session = context.session();
@@ -143,8 +153,7 @@ Json selectionSetCommand(const CommandContext& context) {
     }
     optionalNumber(request, "softSelectRadius", 0.0);
     readRadius(session, request);
-    if (given)
-        takeSelection(session, combineSelection(tools.selection.ids(), hit, mode));
+    if (given) takeSelection(session, combineSelection(tools.selection.ids(), hit, mode));
     return {{"selection", selectionJson(session)}};
 }
 
@@ -163,8 +172,8 @@ Json pickLevelCommand(const CommandContext& context) {
         BrushToolSettings plain = strokeSettings(session, tools);
         plain.symmetry = -1;  // the guide under the pointer alone
         plain.topology = false;
-        const GuideIds hit =
-            pickGuides(*tools.host, view, at, plain, {.clickPixels = kPickPixels, .anyLevel = true});
+        const GuideIds hit = pickGuides(*tools.host, view, at, plain,
+                                        {.clickPixels = kPickPixels, .anyLevel = true});
         const auto hierarchy = session.groom->activeHierarchy();
         if (const GuidePtr guide = hit.empty() ? nullptr : hierarchy->guide(*hit.begin())) {
             level = hierarchy->depthOf(guide->group);
@@ -186,7 +195,9 @@ Json pickLevelCommand(const CommandContext& context) {
         }
     }
     tools.choice.setLevelAndGroup(level, group);
-    return {{"level", level}, {"group", group}, {"settings", toolSettingsJson(tools.choice.settings())}};
+    return {{"level", level},
+            {"group", group},
+            {"settings", toolSettingsJson(tools.choice.settings())}};
 }
 
 Json setHiddenGroupsCommand(const CommandContext& context) {

@@ -30,7 +30,8 @@ ColorMode readMode(const Json& object) {
         return ColorMode(int(number));
     }
     for (std::size_t i = 0; i < std::size(kModes); ++i)
-        if (value->is_string() && value->get_ref<const std::string&>() == kModes[i]) return ColorMode(int(i));
+        if (value->is_string() && value->get_ref<const std::string&>() == kModes[i])
+            return ColorMode(int(i));
     failRequest("bad_request", "colorMode is solid, colorSet, attribute, random, clump or density");
 }
 
@@ -52,12 +53,14 @@ std::vector<Vec3f> spread(const StrandSet& strands, std::vector<Vec3f> colors, b
     const auto offsets = strands.offsets();
     parallelRange(0, colors.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
         for (std::size_t s = begin; s < end; ++s)
-            std::fill(out.begin() + std::ptrdiff_t(offsets[s]), out.begin() + std::ptrdiff_t(offsets[s + 1]), colors[s]);
+            std::fill(out.begin() + std::ptrdiff_t(offsets[s]),
+                      out.begin() + std::ptrdiff_t(offsets[s + 1]), colors[s]);
     });
     return out;
 }
 
-std::vector<Vec3f> colorSetColors(const StrandSet& strands, const ScalpMesh* scalp, const std::string& name) {
+std::vector<Vec3f> colorSetColors(const StrandSet& strands, const ScalpMesh* scalp,
+                                  const std::string& name) {
     static const std::map<std::string, std::vector<Color4f>> kNone;
     const auto& sets = scalp ? scalp->colorSets() : kNone;
     const auto found = sets.find(name);
@@ -70,7 +73,8 @@ std::vector<Vec3f> colorSetColors(const StrandSet& strands, const ScalpMesh* sca
     });
 }
 
-std::vector<float> mapValues(GroomSession& groom, const StrandSet& strands, const std::string& name) {
+std::vector<float> mapValues(GroomSession& groom, const StrandSet& strands,
+                             const std::string& name) {
     const EvaluationData& data = groom.evaluationData();
     const MapCatalogPtr maps = groom.shownMaps();
     const bool edited = data.hierarchy && !data.hierarchy->empty();
@@ -84,8 +88,9 @@ std::vector<float> mapValues(GroomSession& groom, const StrandSet& strands, cons
     std::vector<Vec3f> roots(values.size());
     for (std::size_t s = 0; s < roots.size(); ++s) roots[s] = strands.pointsOf(s).front();
     parallelRange(0, values.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
-        lookup.map->values(strands.roots().subspan(begin, end - begin), std::span(roots).subspan(begin, end - begin),
-                           MapComponent::Luminance, std::span(values).subspan(begin, end - begin));
+        lookup.map->values(strands.roots().subspan(begin, end - begin),
+                           std::span(roots).subspan(begin, end - begin), MapComponent::Luminance,
+                           std::span(values).subspan(begin, end - begin));
     });
     return values;
 }
@@ -106,7 +111,8 @@ std::vector<Vec3f> densityColors(const StrandSet& strands) {
         }
     });
     const float most = count > 0 ? *std::ranges::max_element(density) : 0.0f;
-    return each(count, [&](std::size_t s) { return heatColor(most > 0.0f ? density[s] / most : 0.0f); });
+    return each(count,
+                [&](std::size_t s) { return heatColor(most > 0.0f ? density[s] / most : 0.0f); });
 }
 
 }  // namespace
@@ -118,7 +124,8 @@ StrandColorRequest readStrandColors(const Json& value) {
     StrandColorRequest request;
     request.mode = readMode(value);
     const std::string source = optionalString(value, "source", "strands");
-    if (source != "strands" && source != "map") failRequest("bad_request", "source is strands or map");
+    if (source != "strands" && source != "map")
+        failRequest("bad_request", "source is strands or map");
     request.channel = optionalString(value, "channel", "");
     request.name = optionalString(value, "name", "");
     if (source == "map") request.map = request.name;
@@ -136,7 +143,9 @@ std::vector<Vec3f> strandColors(GroomSession& groom, const StrandColorRequest& r
     const std::size_t count = strands.strandCount();
     const auto scale = [&](float value) {
         const float range = request.max - request.min;
-        return heatColor(range != 0.0f ? (value - request.min) / range : value > request.min ? 1.0f : 0.0f);
+        return heatColor(range != 0.0f         ? (value - request.min) / range
+                         : value > request.min ? 1.0f
+                                               : 0.0f);
     };
     const auto channelOf = [&](const std::string& name) {
         const auto* channel = strands.strandChannel(name);
@@ -145,9 +154,15 @@ std::vector<Vec3f> strandColors(GroomSession& groom, const StrandColorRequest& r
     };
     std::vector<Vec3f> colors;
     switch (request.mode) {
-        case ColorMode::Solid: colors.assign(count, kSolid); break;
-        case ColorMode::Random: colors = each(count, [&](std::size_t s) { return idColor(strands.ids()[s]); }); break;
-        case ColorMode::Density: colors = densityColors(strands); break;
+        case ColorMode::Solid:
+            colors.assign(count, kSolid);
+            break;
+        case ColorMode::Random:
+            colors = each(count, [&](std::size_t s) { return idColor(strands.ids()[s]); });
+            break;
+        case ColorMode::Density:
+            colors = densityColors(strands);
+            break;
         case ColorMode::ColorSet:
             colors = colorSetColors(strands, groom.evaluationData().scalp.get(), request.name);
             break;
@@ -155,7 +170,8 @@ std::vector<Vec3f> strandColors(GroomSession& groom, const StrandColorRequest& r
             const auto& clumps = *channelOf(request.clumpChannel);
             colors = each(count, [&](std::size_t s) {
                 const float clump = clumps[s];
-                return clump < 0.0f ? kUnclumped : idColor(std::uint64_t(std::bit_cast<std::uint32_t>(clump)));
+                return clump < 0.0f ? kUnclumped
+                                    : idColor(std::uint64_t(std::bit_cast<std::uint32_t>(clump)));
             });
             break;
         }
@@ -163,15 +179,19 @@ std::vector<Vec3f> strandColors(GroomSession& groom, const StrandColorRequest& r
             if (!request.map.empty()) {
                 // Where the groom follows its scalp, maps are read where the strands grew.
                 const StrandsPtr raw = groom.result().rawStrands;
-                const std::vector<float> values = mapValues(groom, raw ? *raw : strands, request.map);
+                const std::vector<float> values =
+                    mapValues(groom, raw ? *raw : strands, request.map);
                 colors = each(count, [&](std::size_t s) { return scale(values[s]); });
                 break;
             }
             if (const auto* points = strands.pointChannel(request.channel)) {
                 const auto& values = *points;
                 if (request.perPoint)
-                    return each(strands.pointCount(), [&](std::size_t i) { return scale(values[i]); });
-                colors = each(count, [&](std::size_t s) { return scale(values[std::size_t(strands.offsets()[s])]); });
+                    return each(strands.pointCount(),
+                                [&](std::size_t i) { return scale(values[i]); });
+                colors = each(count, [&](std::size_t s) {
+                    return scale(values[std::size_t(strands.offsets()[s])]);
+                });
                 break;
             }
             const auto& values = *channelOf(request.channel);

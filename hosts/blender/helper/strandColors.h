@@ -13,15 +13,15 @@ enum class ColorMode { Solid, ColorSet, Attribute, Random, Clump, Density };
 /// How a host wants the strands coloured.
 struct StrandColorRequest {
     ColorMode mode = ColorMode::Solid;
-    std::string channel;  ///< attribute: a channel of the strands
-    std::string map;      ///< attribute: a map of the groom in place of a channel
-    std::string name;     ///< colorSet: the set's
+    std::string channel;           ///< attribute: a channel of the strands
+    std::string map;               ///< attribute: a map of the groom in place of a channel
+    std::string name;              ///< colorSet: the set's
     float min = 0.0f, max = 1.0f;  ///< attribute: the values of the scale's ends
     bool perPoint = false;
     std::string clumpChannel = "clumpId";
 };
-/// Throws RequestError (bad_request), among others "colorMode is solid, colorSet, attribute, random,
-/// clump or density" and "colorMode is 0-5".
+/// Throws RequestError (bad_request), among others "colorMode is solid, colorSet, attribute,
+/// random, clump or density" and "colorMode is 0-5".
 StrandColorRequest readStrandColors(const Json& value);
 const char* colorModeName(ColorMode mode);
 

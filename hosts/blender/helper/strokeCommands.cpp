@@ -23,7 +23,8 @@ void requireStroke(const ToolState& tools) {
 float requirePixel(const Json& request, const char* key) {
     requireField(request, key);
     const float pixel = float(optionalNumber(request, key, 0.0));
-    if (!std::isfinite(pixel)) failRequest("bad_request", "\"" + std::string(key) + "\" must be finite");
+    if (!std::isfinite(pixel))
+        failRequest("bad_request", "\"" + std::string(key) + "\" must be finite");
     return pixel;
 }
 
@@ -48,8 +49,10 @@ std::vector<StrokePoint> readPixels(const Json& value, float pressure, const cha
 const ToolView& requireView(const CommandContext& context) {
     HelperSession& session = context.session();
     ToolState& tools = toolsOf(session);
-    if (const Json* view = findField(context.request, "view")) tools.view = decodeView(*view, session.space);
-    if (!tools.view) failRequest("state", "no view: give \"view\" (the region's matrices and size)");
+    if (const Json* view = findField(context.request, "view"))
+        tools.view = decodeView(*view, session.space);
+    if (!tools.view)
+        failRequest("state", "no view: give \"view\" (the region's matrices and size)");
     return *tools.view;
 }
 
@@ -67,9 +70,13 @@ Json toolCatalogCommand(const CommandContext&) {
                              {"hint", tool.hint},
                              {"settings", tool.settings}});
         for (const ToolSettingEntry& setting : toolSettingCatalog())
-            settings.push_back({{"id", setting.id}, {"label", setting.label}, {"hint", setting.hint}});
-        for (int i = 0; i < kToolCategories; ++i) categories.push_back(toolCategoryName(ToolCategory(i)));
-        return Json{{"tools", std::move(tools)}, {"settings", std::move(settings)}, {"categories", std::move(categories)}};
+            settings.push_back(
+                {{"id", setting.id}, {"label", setting.label}, {"hint", setting.hint}});
+        for (int i = 0; i < kToolCategories; ++i)
+            categories.push_back(toolCategoryName(ToolCategory(i)));
+        return Json{{"tools", std::move(tools)},
+                    {"settings", std::move(settings)},
+                    {"categories", std::move(categories)}};
     }();
     return catalog;
 }
@@ -96,7 +103,8 @@ Json strokeBeginCommand(const CommandContext& context) {
     ToolState& tools = toolsOf(session);
     const float x = requirePixel(request, "x"), y = requirePixel(request, "y");
     const float pressure = readPressure(request);
-    const bool shift = optionalBool(request, "shift", false), ctrl = optionalBool(request, "ctrl", false);
+    const bool shift = optionalBool(request, "shift", false),
+               ctrl = optionalBool(request, "ctrl", false);
     if (!tools.choice.tool().strokes)
         failRequest("state", "the Select tool picks guides (select), it does not stroke");
     requireScalp(session);
@@ -183,7 +191,8 @@ Json undoCommand(const CommandContext& context) {
     finishStroke(session);
     const GroomSession::UndoOutcome outcome = context.name == "undo" ? groom.undo() : groom.redo();
     if (outcome.done) tools.solo.clear();
-    for (const std::string& text : writePaintImages(groom, outcome.images)) tools.host->notify(text);
+    for (const std::string& text : writePaintImages(groom, outcome.images))
+        tools.host->notify(text);
     Json answer = undoJson(groom);
     answer["done"] = outcome.done;
     answer["graphChanged"] = groom.document().graph != graph;

@@ -17,7 +17,8 @@ Json strokeCancelCommand(const CommandContext& context);
 Json undoCommand(const CommandContext& context);  ///< of redo too
 Json undoStateCommand(const CommandContext& context);
 
-/// Points in pixels: a list of [x, y] or [x, y, pressure]. `notList` is what is said of another value.
+/// Points in pixels: a list of [x, y] or [x, y, pressure]. `notList` is what is said of another
+/// value.
 std::vector<StrokePoint> readPixels(const Json& value, float pressure, const char* notList);
 /// The request's view, stored for later calls, or the one stored.
 /// Throws RequestError: what `decodeView` throws; code state, "no view: give "view" (the region's

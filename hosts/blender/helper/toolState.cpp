@@ -49,17 +49,19 @@ void Selection::freeze(GuideIds ids) {
     ++version_;
 }
 
-std::shared_ptr<const GuideWeights> Selection::weights(const std::shared_ptr<const GuideHierarchy>& hierarchy,
-                                                       const BrushToolSettings& settings) {
+std::shared_ptr<const GuideWeights> Selection::weights(
+    const std::shared_ptr<const GuideHierarchy>& hierarchy, const BrushToolSettings& settings) {
     auto& held = cache_;
-    if (held.hierarchy == hierarchy && held.version == version_ && held.radius == settings.softSelectRadius &&
-        held.level == settings.level && held.group == settings.group)
+    if (held.hierarchy == hierarchy && held.version == version_ &&
+        held.radius == settings.softSelectRadius && held.level == settings.level &&
+        held.group == settings.group)
         return held.weights;
     std::shared_ptr<const GuideWeights> weights;
     if (!ids_.empty())
         weights = std::make_shared<const GuideWeights>(
             softSelection(*hierarchy, ids_, settings.softSelectRadius, settings));
-    held = {hierarchy, version_, settings.softSelectRadius, settings.level, settings.group, std::move(weights)};
+    held = {hierarchy,      version_,       settings.softSelectRadius,
+            settings.level, settings.group, std::move(weights)};
     return held.weights;
 }
 
@@ -159,17 +161,20 @@ Json toolsJson(HelperSession& session) {
     ToolState& tools = *session.tools;
     Json ids = Json::array();
     for (const std::uint64_t id : tools.selection.ids()) ids.push_back(id);
-    return {{"tool", tools.choice.tool().id},
-            {"settings", toolSettingsJson(tools.choice.settings())},
-            {"selection", {{"ids", std::move(ids)}, {"softSelectRadius", tools.choice.settings().softSelectRadius}}},
-            {"hiddenGroups", tools.hiddenGroups}};
+    return {
+        {"tool", tools.choice.tool().id},
+        {"settings", toolSettingsJson(tools.choice.settings())},
+        {"selection",
+         {{"ids", std::move(ids)}, {"softSelectRadius", tools.choice.settings().softSelectRadius}}},
+        {"hiddenGroups", tools.hiddenGroups}};
 }
 
 void restoreTools(HelperSession& session, const Json& json) {
     if (!json.is_object()) return;
     ToolState& tools = toolsOf(session);
     if (const Json* tool = findField(json, "tool"); tool && tool->is_string())
-        if (const ToolEntry* entry = findTool(tool->get_ref<const std::string&>())) tools.choice.set(entry, nullptr);
+        if (const ToolEntry* entry = findTool(tool->get_ref<const std::string&>()))
+            tools.choice.set(entry, nullptr);
     if (const Json* settings = findField(json, "settings"); settings && settings->is_object())
         for (const auto& [key, value] : settings->items()) {
             try {
@@ -183,9 +188,11 @@ void restoreTools(HelperSession& session, const Json& json) {
         GuideIds ids;
         if (const Json* list = findField(*selection, "ids"); list && list->is_array())
             for (const Json& id : *list)
-                if (id.is_number_unsigned() && session.groom->hierarchy()->guide(id.get<std::uint64_t>()))
+                if (id.is_number_unsigned() &&
+                    session.groom->hierarchy()->guide(id.get<std::uint64_t>()))
                     ids.insert(id.get<std::uint64_t>());
-        if (const Json* radius = findField(*selection, "softSelectRadius"); radius && radius->is_number())
+        if (const Json* radius = findField(*selection, "softSelectRadius");
+            radius && radius->is_number())
             tools.choice.setSoftSelectRadius(std::max(0.0f, float(radius->get<double>())));
         tools.selection.set(std::move(ids));
     }
@@ -226,19 +233,17 @@ Json undoJson(const GroomSession& groom) {
     const UndoStack& stack = groom.undoStack();
     const UndoStep* undo = stack.toUndo();
     const UndoStep* redo = stack.toRedo();
-    return {{"canUndo", undo != nullptr},
-            {"canRedo", redo != nullptr},
-            {"undoLabel", undo ? undo->label : ""},
-            {"redoLabel", redo ? redo->label : ""},
-            {"undoDepth", stack.undoDepth()},
-            {"redoDepth", stack.redoDepth()}};
+    return {{"canUndo", undo != nullptr},           {"canRedo", redo != nullptr},
+            {"undoLabel", undo ? undo->label : ""}, {"redoLabel", redo ? redo->label : ""},
+            {"undoDepth", stack.undoDepth()},       {"redoDepth", stack.redoDepth()}};
 }
 
 Json overlayJson(HelperSession& session) {
     ToolState& tools = toolsOf(session);
     const DisplayTheme& theme = tools.display.settings().theme;
     Overlay& overlay = tools.overlay;
-    overlay.begin(tools.brush.dragging() ? tools.brush.ring() : tools.ring, ringColor(tools.choice.tool().category));
+    overlay.begin(tools.brush.dragging() ? tools.brush.ring() : tools.ring,
+                  ringColor(tools.choice.tool().category));
     if (tools.brush.dragging())
         overlay.addLines(segmentsOf(tools.brush.path()), theme.pathColor);
     else

@@ -26,8 +26,8 @@ public:
     std::uint64_t version() const { return version_; }
     void set(GuideIds ids);
     /// The selected guides at 1, with a radius others by distance; kept while nothing changed.
-    std::shared_ptr<const GuideWeights> weights(const std::shared_ptr<const GuideHierarchy>& hierarchy,
-                                                const BrushToolSettings& settings);
+    std::shared_ptr<const GuideWeights> weights(
+        const std::shared_ptr<const GuideHierarchy>& hierarchy, const BrushToolSettings& settings);
     /// Frozen by the last pick: everything without a weight then.
     const std::shared_ptr<const GuideIds>& frozen() const { return frozen_; }
     void freeze(GuideIds ids);
@@ -77,7 +77,7 @@ struct ToolState {
     explicit ToolState(HelperSession& session);
 
     BrushTool brush;
-    ToolChoice choice;  ///< in the host's axes, as it was given
+    ToolChoice choice;                     ///< in the host's axes, as it was given
     std::optional<HelperStrokeHost> host;  ///< made anew around each groom that is opened
     Selection selection;
     std::set<std::string> hiddenGroups;

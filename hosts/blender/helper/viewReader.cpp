@@ -30,9 +30,11 @@ Matrix readMatrix(const Json& value, const std::string& label) {
     Matrix matrix;
     for (std::size_t i = 0; i < 16; ++i) {
         // JSON has no NaN: hosts' writers put null or a word in its place, or 1e999.
-        if (!numbers[i]->is_number()) failRequest("bad_request", label + " holds something that is not a number");
+        if (!numbers[i]->is_number())
+            failRequest("bad_request", label + " holds something that is not a number");
         matrix[i] = numbers[i]->get<double>();
-        if (!std::isfinite(matrix[i])) failRequest("bad_request", label + " holds a NaN or an infinity");
+        if (!std::isfinite(matrix[i]))
+            failRequest("bad_request", label + " holds a NaN or an infinity");
     }
     return matrix;
 }
@@ -66,7 +68,8 @@ bool invert(Matrix matrix, Matrix& out) {
     for (int column = 0; column < 4; ++column) {
         int pivot = column;
         for (int row = column + 1; row < 4; ++row)
-            if (std::fabs(matrix[row * 4 + column]) > std::fabs(matrix[pivot * 4 + column])) pivot = row;
+            if (std::fabs(matrix[row * 4 + column]) > std::fabs(matrix[pivot * 4 + column]))
+                pivot = row;
         const double by = matrix[pivot * 4 + column];
         if (!(std::fabs(by) > 1e-18)) return false;
         for (int k = 0; k < 4; ++k) {
@@ -100,7 +103,9 @@ struct Homogeneous {
 };
 
 Homogeneous apply(const Matrix& m, double x, double y, double z, double w) {
-    const auto row = [&](int r) { return m[r * 4] * x + m[r * 4 + 1] * y + m[r * 4 + 2] * z + m[r * 4 + 3] * w; };
+    const auto row = [&](int r) {
+        return m[r * 4] * x + m[r * 4 + 1] * y + m[r * 4 + 2] * z + m[r * 4 + 3] * w;
+    };
     return {row(0), row(1), row(2), row(3)};
 }
 
@@ -114,7 +119,9 @@ std::array<double, 3> placeOf(const Matrix& inverse, double x, double y, double 
 }  // namespace
 
 Vec3f readPoint(const Json& value, std::string_view label) {
-    const auto fail = [&] { failRequest("bad_request", std::string(label) + " is a point [x, y, z]"); };
+    const auto fail = [&] {
+        failRequest("bad_request", std::string(label) + " is a point [x, y, z]");
+    };
     if (!value.is_array() || value.size() != 3) fail();
     std::array<float, 3> point{};
     for (std::size_t i = 0; i < 3; ++i) {
@@ -128,7 +135,8 @@ Vec3f readPoint(const Json& value, std::string_view label) {
 ToolView decodeView(const Json& value, const SceneSpace& space) {
     if (!value.is_object())
         failRequest("bad_request",
-                    "view is an object: viewMatrix, projectionMatrix (or perspectiveMatrix), width, height");
+                    "view is an object: viewMatrix, projectionMatrix (or perspectiveMatrix), "
+                    "width, height");
     Matrix matrix;
     if (const Json* whole = findField(value, "perspectiveMatrix")) {
         matrix = readMatrix(*whole, "view.perspectiveMatrix");
@@ -157,7 +165,8 @@ ToolView decodeView(const Json& value, const SceneSpace& space) {
     const double turning = std::max({std::fabs(m[12]), std::fabs(m[13]), std::fabs(m[14])});
     const Homogeneous eye = apply(view.inverse, 0.0, 0.0, 1.0, 0.0);
     view.isOrthographic = turning == 0.0 || eye.w == 0.0;
-    const auto close = placeOf(view.inverse, 0.0, 0.0, -1.0), distant = placeOf(view.inverse, 0.0, 0.0, 1.0);
+    const auto close = placeOf(view.inverse, 0.0, 0.0, -1.0),
+               distant = placeOf(view.inverse, 0.0, 0.0, 1.0);
     std::array<double, 3> along{};
     double length = 0.0;
     for (std::size_t i = 0; i < 3; ++i) {
@@ -166,10 +175,12 @@ ToolView decodeView(const Json& value, const SceneSpace& space) {
     }
     length = std::sqrt(length);
     if (!(length > 0.0) || !std::isfinite(length)) failRequest("bad_request", kLost);
-    view.pickDirection = {float(along[0] / length), float(along[1] / length), float(along[2] / length)};
-    view.cameraPosition = view.isOrthographic
-                              ? Vec3f{float(close[0]), float(close[1]), float(close[2])}
-                              : Vec3f{float(eye.x / eye.w), float(eye.y / eye.w), float(eye.z / eye.w)};
+    view.pickDirection = {float(along[0] / length), float(along[1] / length),
+                          float(along[2] / length)};
+    view.cameraPosition =
+        view.isOrthographic
+            ? Vec3f{float(close[0]), float(close[1]), float(close[2])}
+            : Vec3f{float(eye.x / eye.w), float(eye.y / eye.w), float(eye.z / eye.w)};
     return view;
 }
 
