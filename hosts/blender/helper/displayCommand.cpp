@@ -1,5 +1,6 @@
 #include "hosts/blender/helper/displayCommand.h"
 
+#include <map>
 #include <optional>
 
 #include "hosts/blender/helper/requestError.h"
@@ -20,6 +21,34 @@ Json channelsJson(const EvaluationResult& result) {
     return channels;
 }
 
+/// Of a shown Clump node: the middles of its clumps' roots, by ascending number. Null for another node.
+std::shared_ptr<const std::vector<Vec3f>> clumpCenters(const GroomSession& groom) {
+    const EvaluationResult& result = groom.result();
+    const Graph* graph = groom.lastGraph();
+    const NodeId node = graph && !result.viewNode.empty() ? graph->find(result.viewNode) : 0;
+    if (node == 0 || !result.strands || graph->node(node).op->type() != "Clump") return nullptr;
+    const StrandSet& strands = *result.strands;
+    const auto* numbers = strands.strandChannel(graph->node(node).op->text("clumpChannel"));
+    if (!numbers) return nullptr;
+    struct Sum {
+        double x = 0.0, y = 0.0, z = 0.0, count = 0.0;
+    };
+    std::map<float, Sum> clumps;
+    for (std::size_t s = 0; s < strands.strandCount(); ++s) {
+        if ((*numbers)[s] < 0.0f) continue;
+        const Vec3f root = strands.pointsOf(s).front();
+        Sum& sum = clumps[(*numbers)[s]];
+        sum.x += root.x;
+        sum.y += root.y;
+        sum.z += root.z;
+        sum.count += 1.0;
+    }
+    std::vector<Vec3f> centers;
+    for (const auto& [number, sum] : clumps)
+        centers.push_back({float(sum.x / sum.count), float(sum.y / sum.count), float(sum.z / sum.count)});
+    return std::make_shared<const std::vector<Vec3f>>(std::move(centers));
+}
+
 DisplaySource sourceOf(HelperSession& session) {
     ToolState& tools = toolsOf(session);
     GroomSession& groom = *session.groom;
@@ -31,7 +60,7 @@ DisplaySource sourceOf(HelperSession& session) {
             .frozen = tools.selection.frozen(),
             .solo = tools.solo,
             .toolLevel = tools.choice.settings().level,
-            .clumpCenters = nullptr,
+            .clumpCenters = clumpCenters(groom),
             .space = session.space};
 }
 

@@ -77,8 +77,8 @@ std::vector<float> mapValues(GroomSession& groom, const StrandSet& strands,
                              const std::string& name) {
     const EvaluationData& data = groom.evaluationData();
     const MapCatalogPtr maps = groom.shownMaps();
-    const bool edited = data.hierarchy && !data.hierarchy->empty();
-    const GuidesPtr guides = edited ? data.hierarchy->all() : data.flatGuides;
+    const std::shared_ptr<const GuideHierarchy> hierarchy = groom.shownHierarchy();
+    const GuidesPtr guides = hierarchy->empty() ? groom.document().guides : hierarchy->all();
     MapLookup lookup = readMap(maps.get(), name, data.scalp, guides,
                                searchPathResolver(data.directory, data.searchPaths));
     if (!lookup.found) lookup.map = guides ? guideLayerMap(guides, data.scalp, name) : nullptr;
