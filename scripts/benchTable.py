@@ -60,6 +60,8 @@ ROWS: List[Row] = [
     Row("Noise over the bare noise loop", "operators", "nodes/Noise/1", "nodes/baseline noise/1", "time", 1.2),
     *(Row(f"expression {name} over C++", "expr", f"expression/{name}/batch", f"expression/{name}/plain", "time", target)
       for name, target in FORMULAS),
+    *(Row(f"{what}, arrays and all, over a full evaluation", "helper", f"stroke/{what}", "stroke/full evaluation",
+          "time", target) for what, target in (("drag and evaluate", 0.04), ("undo and evaluate", 0.04), ("hover", 0.01))),
     Row("answer arrays, groom space, over memcpy", "helper",
         "answer/groom space/1600000", "answer/baseline memcpy/1600000", "time", 2.0),
     Row("answer arrays, host space in metres, over memcpy", "helper",

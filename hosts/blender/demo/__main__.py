@@ -3,6 +3,7 @@ exports ten frames of the head turning, to Alembic and to USD, beside the pictur
 
     scripts/demo [--scalp FILE.obj] [--strands N] [--picture FILE.png]
     scripts/demo --look NAME [--picture FILE.png]
+    scripts/demo --sculpt [FOLDER]
 """
 
 from __future__ import annotations
@@ -21,6 +22,7 @@ from .head import Mesh, make_head, read_obj  # noqa: E402
 from .looks import LOOKS, dress  # noqa: E402
 from .picture import Hair, draw, write_png  # noqa: E402
 from .sendOut import send_out  # noqa: E402
+from .sculpt import sculpt  # noqa: E402
 from .stage import Guides, grown_area, stage, take_hair, timed, views_of  # noqa: E402
 
 SEGMENTS = 15
@@ -77,7 +79,10 @@ def main() -> int:
     parser.add_argument("--strands", type=int, default=100_000)
     parser.add_argument("--picture", default="hair.png")
     parser.add_argument("--look", choices=sorted(LOOKS), help="a graph of docs/looks, on the head")
+    parser.add_argument("--sculpt", nargs="?", const="", metavar="FOLDER", help="recorded strokes of every tool, pictures into FOLDER")
     options = parser.parse_args()
+    if options.sculpt is not None:
+        return sculpt(options.helper, options.sculpt or str(Path(options.picture).parent / "sculpt"))
     if options.look:
         return show_look(options.helper, options.look, options.picture)
 

@@ -11,13 +11,15 @@ from typing import TYPE_CHECKING, Any, Dict, Mapping, Optional, Sequence, Union
 
 import numpy as np
 
+from .tools import ToolCommands
+
 if TYPE_CHECKING:
     from .helper import Helper
 
 Array = Union[np.ndarray, Sequence[Any]]
 
 
-class Session:
+class Session(ToolCommands):
     """A groom that the helper holds. ``close`` it, or use it in a ``with`` statement."""
 
     def __init__(self, helper: "Helper", number: int) -> None:
