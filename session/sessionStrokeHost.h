@@ -20,6 +20,9 @@ public:
     std::shared_ptr<const GuideHierarchy> editHierarchy() override {
         return isCorrectiveActive() ? groom_->correctedHierarchy() : groom_->activeHierarchy();
     }
+    std::shared_ptr<const GuideHierarchy> bareHierarchy() override {
+        return groom_->activeHierarchy();
+    }
     std::shared_ptr<const PartData> parts() override { return groom_->parts(); }
     std::shared_ptr<const FlowData> flow() override { return groom_->flow(); }
     MapCatalogPtr maps() override { return groom_->document().maps; }
