@@ -13,7 +13,7 @@ constexpr const char* kWords[] = {"scalp",     "scalpHistory", "guides", "parts"
                                   "time",      "viewport",     "density",   "searchPaths"};
 static_assert(reads::kAll == (1u << std::size(kWords)) - 1);
 
-enum HeldSlot : std::size_t { kHierarchy, kMaps, kParts };
+enum HeldSlot : std::size_t { kHierarchy, kMaps, kParts, kFlow };
 
 std::uint64_t meshHash(const ScalpPtr& mesh) { return mesh ? mesh->fullHash() : 0; }
 std::uint64_t textHash(std::uint64_t h, const std::string& text) {
@@ -74,6 +74,10 @@ std::uint64_t ContextHasher::bitHash(std::size_t bit) {
         case reads::kParts:
             return hashCombine(h, held(kParts, d.parts, [](const void* p) {
                                    return static_cast<const PartLines*>(p)->hash();
+                               }));
+        case reads::kFlow:
+            return hashCombine(h, held(kFlow, d.flow, [](const void* p) {
+                                   return static_cast<const FlowField*>(p)->hash();
                                }));
         case reads::kMaps:
             return hashCombine(h, held(kMaps, d.maps, [](const void* p) {

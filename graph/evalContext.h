@@ -8,6 +8,7 @@
 
 #include "expr/mapCatalog.h"
 #include "graph/nodeValue.h"
+#include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/guideSet.h"
 #include "model/partLines.h"
@@ -71,6 +72,7 @@ struct EvaluationData {
     std::shared_ptr<const GuideHierarchy> hierarchy;
     GuidesPtr flatGuides;
     std::shared_ptr<const PartLines> parts;
+    std::shared_ptr<const FlowField> flow;
     MapCatalogPtr maps;
     std::map<std::string, MeshValue> colliders;
     std::map<std::string, double> controls;
@@ -101,6 +103,7 @@ public:
     const std::shared_ptr<const GuideHierarchy>& hierarchy() const { return read(reads::kGuides).hierarchy; }
     const GuidesPtr& flatGuides() const { return read(reads::kGuides).flatGuides; }
     const std::shared_ptr<const PartLines>& parts() const { return read(reads::kParts).parts; }
+    const std::shared_ptr<const FlowField>& flow() const { return read(reads::kFlow).flow; }
     const MapCatalogPtr& maps() const { return read(reads::kMaps).maps; }
     const std::map<std::string, MeshValue>& colliders() const { return read(reads::kColliders).colliders; }
     PathResolver pathResolver() const {
@@ -136,7 +139,7 @@ private:
         std::shared_ptr<const void> thing;
         std::uint64_t hash = 0;
     };
-    Held held_[3];
+    Held held_[4];
 };
 
 }  // namespace corvelle

@@ -178,6 +178,7 @@ void Graph::Walk::takeSpares() {
                 n.changes[i]->strands.size() > (*current)->strandCount() / kFewerThanOneIn)
                 continue;
             s.spares[i].emplace(**held, **current, taken);
+            if (!n.op->readsPrevious()) s.spares[i].reset();  // taken, for its own caches
         }
     }
 }
@@ -185,6 +186,7 @@ void Graph::Walk::takeSpares() {
 /// The last outputs as an update may use them up: in spare arrays where there are some.
 std::vector<NodeValue> Graph::Walk::handedOutputs(State& s) const {
     const Node& n = *s.node;
+    if (!n.op->readsPrevious()) return std::vector<NodeValue>(n.outputs.size());
     std::vector<NodeValue> handed = n.rawOutputs.empty() ? n.outputs : n.rawOutputs;
     for (std::size_t i = 0; i < s.spares.size(); ++i)
         if (s.spares[i])
@@ -263,6 +265,7 @@ NodeInputs Graph::Walk::gather(const State& s) const {
     in.values.resize(ports.size());
     in.connected.assign(ports.size(), false);
     in.hashes.assign(ports.size(), 0);
+    in.result = s.hash;
     for (const std::size_t slot : s.slots) {
         const Node& up = graph.node(n.inputNodes[slot]);
         const std::size_t output = n.inputOutputs[slot];
@@ -345,7 +348,7 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
         std::vector<NodeValue> handed = handedOutputs(s);
-        const UpdateRequest request{handed, slots, own, n.contextHash};
+        const UpdateRequest request{handed, slots, own, n.contextHash, n.cachedHash};
         const EvalContext context(data, op.contextReads());
         ++n.runs;
         if (!op.update(context, inputs, request, result)) {

@@ -205,6 +205,8 @@ auto ofNode(const std::string& name, Step&& step) {
         return step();
     } catch (const std::bad_alloc&) {
         throw;
+    } catch (const SchemaError& error) {
+        throw SchemaError("node '" + name + "': " + error.what());
     } catch (const std::exception& error) {
         throw GraphError("node '" + name + "': " + error.what());
     }
@@ -437,7 +439,8 @@ json nodeJson(const Graph& graph, const Node& node) {
     out["type"] = op.type();
     out["version"] = op.version < 1 ? op.nodeVersion() : op.version;
     json& params = out["params"] = json::object();
-    if (op.hasDefinition()) params["definition"] = parseJsonText(op.definition(), "definition");
+    if (op.hasDefinition() && !op.definition().empty())
+        params["definition"] = parseJsonText(op.definition(), "definition");
     for (const auto& [param, value] : op.storedParams()) {
         const ParamSpec* spec = op.paramSpec(param);
         params[param] = paramToJson(value, spec && spec->whole);

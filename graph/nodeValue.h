@@ -55,6 +55,7 @@ public:
     std::vector<NodeValue> values;
     std::vector<bool> connected;
     std::vector<std::uint64_t> hashes;  ///< what names each value: equal hash, equal value; 0 for none
+    std::uint64_t result = 0;           ///< what names the outcome of the run; 0 outside a graph
 
     bool isConnected(std::size_t slot) const { return slot < connected.size() && connected[slot]; }
     StrandsPtr strands(std::size_t slot) const { return get<StrandsPtr>(slot); }

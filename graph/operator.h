@@ -37,6 +37,7 @@ struct UpdateRequest {
     std::span<const SlotChanges> inputs;   ///< one per input slot
     bool ownChanged = false;               ///< params, context or source differ since
     std::uint64_t previousContextHash = 0; ///< what `contextHash` said when `previous` was made
+    std::uint64_t previousResult = 0;      ///< NodeInputs::result of the run that made `previous`
 };
 struct UpdateResult {
     std::vector<NodeValue> outputs;
@@ -90,6 +91,9 @@ public:
     virtual bool hasDefinition() const { return false; }
     virtual std::string definition() const { return {}; }
     virtual void setDefinition(const std::string& /*json*/) {}
+    /// False for types that find the outputs before in caches of their own: `previous` is then empty
+    /// in `update`, and its arrays are free for those caches.
+    virtual bool readsPrevious() const { return true; }
     /// Keeps caches through which a second run would not be a full one: checks run on a fresh copy.
     virtual bool verifyOnClone() const { return false; }
     virtual bool readsTime() const { return (contextReads() & reads::kTime) != 0; }

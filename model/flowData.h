@@ -47,15 +47,29 @@ FlowPin flowPin(const ScalpMesh& scalp, const StrandRoot& point, Vec3f direction
 /// Unit, groom space, in the triangle's plane.
 Vec3f flowPinDirection(const ScalpMesh& scalp, const FlowPin& pin);
 
-/// Blank text, or {"version": 1, "pins": [...], "sinks": [...]}.
+/// Blank text, or {"pins": [{"dir": [d0, d1, 0], "face", "line", "u", "v"}, ...], "sinks":
+/// [{"angle", "face", "radius", "u", "v"}, ...], "version": 1}; `line` only where it is not -1.
+/// Throws: std::invalid_argument "flow data version is newer than this Corvelle supports", or
+/// naming
+///         the pin or sink and the field that is wrong; what the JSON library says for a missing
+///         key and for text that is no JSON.
 FlowData readFlowData(std::string_view text);
-std::string flowDataJson(const FlowData& data);  ///< empty for no flow
+/// The same text back, keys ascending, floats in their shortest form; empty for no flow.
+std::string flowDataJson(const FlowData& data);
 
-/// Every point moved to the nearest one of the new scalp, directions carried along. Throws
-/// std::invalid_argument "transfer: the new scalp has no faces".
+/// Every point moved to the nearest one of the new scalp, directions tipped with the surface; those
+/// on no triangle of the old one are left out. Throws std::invalid_argument "transfer: the new
+/// scalp has no faces".
 FlowData transferFlow(const FlowData& data, const ScalpMesh& from, const ScalpMesh& to);
 
 /// The flow as a field of directions over one scalp. Immutable, any thread may read.
+///
+/// Pins: the 6 nearest, each weighed by (far / (far / 4 + d^2))^2, with d its distance and far the
+/// largest d^2 of the six. Sinks: within its radius R a sink at distance r sends hair away from it,
+/// turned by its angle about the normal, with a weight that is 1 up to 0.35 R and falls smoothly to
+/// 0 at R, r counted in the surface's plane; it says nothing of places more than R above or below
+/// it, as on the other side of a head. With W the weights' sum, at most 1, the field is (1 - W) of
+/// the pins' and the sinks' weighted directions, made unit.
 class FlowField {
 public:
     virtual ~FlowField() = default;

@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <cmath>
-#include <limits>
 #include <numeric>
 #include <stdexcept>
 
@@ -12,6 +10,8 @@
 
 #include "model/floatText.h"
 #include "model/hash.h"
+#include "model/rootTransfer.h"
+#include "model/surfaceJson.h"
 
 namespace corvelle {
 namespace {
@@ -28,34 +28,11 @@ const Json& need(const Json& object, const char* key, const std::string& owner) 
     return *found;
 }
 
-float readCoordinate(const Json& value, const std::string& owner) {
-    const double number = value.is_number() ? value.get<double>() : 2e39;
-    if (!(std::abs(number) < 0x1.ffffffp+127)) fail(owner + ": 'points' holds no 32-bit float");
-    return float(number);
-}
-
 StrandRoot readPoint(const Json& value, const std::string& owner) {
     if (!value.is_array() || value.size() != 3)
         fail(owner + ": 'points' is a list of [triangle, u, v]");
-    const Json& triangle = value[0];
-    const bool whole = triangle.is_number_unsigned()
-                           ? triangle.get<std::uint64_t>() <=
-                                 std::uint64_t(std::numeric_limits<std::int32_t>::max())
-                           : triangle.is_number_integer() && triangle.get<std::int64_t>() >= -1;
-    if (!whole) fail(owner + ": a point's triangle is a whole number from -1 to 2147483647");
-    return {std::int32_t(triangle.get<std::int64_t>()), readCoordinate(value[1], owner),
-            readCoordinate(value[2], owner)};
-}
-
-void checkVersion(const Json& document) {
-    const auto found = document.find("version");
-    if (found == document.end()) return;
-    if (!found->is_number_integer()) fail("part data version is a whole number");
-    const bool newer = found->is_number_unsigned()
-                           ? found->get<std::uint64_t>() > std::uint64_t(kVersion)
-                           : found->get<std::int64_t>() > kVersion;
-    if (newer) fail("part data version is newer than this Corvelle supports");
-    if (found->get<std::int64_t>() < 1) fail("part data version is not valid, write 1");
+    return {readIndex(value[0], owner, "a point's triangle"),
+            readFloat32(value[1], owner, "points"), readFloat32(value[2], owner, "points")};
 }
 
 struct Box {
@@ -67,6 +44,10 @@ struct Box {
     bool meets(const Box& other) const {
         return low.x <= other.high.x && low.y <= other.high.y && low.z <= other.high.z &&
                other.low.x <= high.x && other.low.y <= high.y && other.low.z <= high.z;
+    }
+    float distanceSquared(Vec3f p) const {
+        const Vec3f out = componentMax(componentMax(low - p, p - high), Vec3f{});
+        return lengthSquared(out);
     }
 };
 
@@ -109,6 +90,7 @@ public:
         hash_ = hashCombine(hashOf("parts"), scalp ? scalp->contentHash() : 0);
         for (const PartLine& line : data.lines) {
             hash_ = hashCombine(hash_, std::uint64_t(line.points.size()));
+            hash_ = hashCombine(hash_, hashOf(line.name));
             std::vector<Corner> corners;
             for (const StrandRoot& root : line.points) {
                 hash_ = hashCombine(hashCombine(hashCombine(hash_, root.triangle), root.u), root.v);
@@ -122,8 +104,10 @@ public:
                 corners[i].height = std::max(corners[i].height, height);
                 corners[i + 1].height = std::max(corners[i + 1].height, height);
             }
+            if (corners.size() < 2) continue;
+            const std::int32_t part = numberOf(line.name);
             for (std::size_t i = 0; i + 1 < corners.size(); ++i)
-                walls_.push_back({corners[i], corners[i + 1]});
+                walls_.push_back({corners[i], corners[i + 1], part});
         }
         if (walls_.empty()) return;
         std::vector<std::uint32_t> order(walls_.size());
@@ -161,13 +145,68 @@ public:
         return false;
     }
 
+    std::int32_t find(std::string_view name) const override {
+        const auto found = std::find(names_.begin(), names_.end(), name);
+        return found == names_.end() ? -1 : std::int32_t(found - names_.begin());
+    }
+
+    bool nearest(Vec3f position, std::int32_t part, float maxDistance,
+                 PartPlace& out) const override {
+        if (nodes_.empty() || !isFinite(position) || !(maxDistance >= 0.0f)) return false;
+        const Wall* best = nullptr;
+        float bestShare = 0.0f, limit = maxDistance * maxDistance;
+        const auto away = [&](std::uint32_t node) {
+            return nodes_[node].box.distanceSquared(position);
+        };
+        std::uint32_t stack[64];
+        int size = 0;
+        stack[size++] = 0;
+        while (size > 0) {
+            const std::uint32_t at = stack[--size];
+            // The box reaches past the line by the wall's height: rounding cannot lose a line.
+            if (away(at) > limit) continue;
+            const Node& node = nodes_[at];
+            if (node.count == 0) {
+                const bool swap = away(node.first) > away(node.first + 1);
+                stack[size++] = node.first + (swap ? 0u : 1u);
+                stack[size++] = node.first + (swap ? 1u : 0u);  // the nearer one comes first
+                continue;
+            }
+            for (std::uint32_t w = node.first; w < node.first + node.count; ++w) {
+                const Wall& wall = walls_[w];
+                if (part >= 0 && wall.part != part) continue;
+                const Vec3f along = wall.b.place - wall.a.place;
+                const float squared = lengthSquared(along);
+                const float t = dot(position - wall.a.place, along);
+                const float share = squared > 0.0f ? std::clamp(t / squared, 0.0f, 1.0f) : 0.0f;
+                const float d = lengthSquared(position - (wall.a.place + along * share));
+                if (!(d <= limit) || (best && d == limit)) continue;
+                best = &wall;
+                bestShare = share;
+                limit = d;
+            }
+        }
+        if (!best) return false;
+        out.position = mix(best->a.place, best->b.place, bestShare);
+        out.along = normalized(best->b.place - best->a.place);
+        out.distance = std::sqrt(limit);
+        return true;
+    }
+
 private:
+    std::int32_t numberOf(const std::string& name) {
+        const std::int32_t known = find(name);
+        if (known >= 0) return known;
+        names_.push_back(name);
+        return std::int32_t(names_.size()) - 1;
+    }
     struct Corner {
         Vec3f place, normal;
         float height = 0.0f;  ///< cm, of the wall here for a way of no length
     };
     struct Wall {
         Corner a, b;
+        std::int32_t part = 0;  ///< of `names_`
         Box box() const {
             Box box = boxOf(a.place, a.place, a.height);
             box.add(boxOf(b.place, b.place, b.height));
@@ -227,7 +266,8 @@ private:
         }
     }
 
-    std::vector<Wall> walls_;  ///< in the leaves' order
+    std::vector<std::string> names_;  ///< of the parts that lie on the scalp
+    std::vector<Wall> walls_;         ///< in the leaves' order
     std::vector<Node> nodes_;
     std::uint64_t hash_ = 0;
 };
@@ -235,14 +275,11 @@ private:
 }  // namespace
 
 PartData readPartData(std::string_view text) {
-    constexpr std::string_view kBlank = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(kBlank);
-    if (first == std::string_view::npos) return {};
-    text = text.substr(first, text.find_last_not_of(kBlank) - first + 1);
-
+    text = trimmedText(text);
+    if (text.empty()) return {};
     const Json document = Json::parse(text);
     if (!document.is_object()) fail("part data is a JSON object");
-    checkVersion(document);
+    checkVersion(document, "part data");
     const Json& parts = need(document, "parts", "part data");
     if (!parts.is_array()) fail("part data: 'parts' is a list");
     PartData data;
@@ -282,6 +319,19 @@ std::string partDataJson(const PartData& data) {
         out += "]}";
     }
     return out + "],\"version\":" + std::to_string(kVersion) + "}";
+}
+
+PartData transferParts(const PartData& data, const ScalpMesh& from, const ScalpMesh& to) {
+    if (to.triangles().empty()) fail("transfer: the new scalp has no faces");
+    PartData out;
+    for (const PartLine& line : data.lines) {
+        PartLine moved{line.name, {}};
+        StrandRoot root;
+        for (const StrandRoot& point : line.points)
+            if (nearestRoot(point, from, to, root)) moved.points.push_back(root);
+        if (moved.points.size() >= 2) out.lines.push_back(std::move(moved));
+    }
+    return out;
 }
 
 std::shared_ptr<const PartLines> partLinesOn(const PartData& data, const ScalpPtr& scalp) {

@@ -34,6 +34,11 @@ PartData readPartData(std::string_view text);
 /// The same text back, keys ascending, floats in their shortest form; empty for no parts.
 std::string partDataJson(const PartData& data);
 
+/// Every point moved to the nearest one of the new scalp; those on no triangle of the old one are
+/// left out, and so are lines that fewer than two are left of. Throws: std::invalid_argument
+/// "transfer: the new scalp has no faces".
+PartData transferParts(const PartData& data, const ScalpMesh& from, const ScalpMesh& to);
+
 /// The parts as they lie on a scalp. Points on no triangle of it are left out.
 ///
 /// A part stands on the surface as a thin wall along the normals at its points. Two roots are apart

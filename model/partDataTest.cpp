@@ -120,5 +120,62 @@ TEST(PartLines, SayNothingOfRootsFarBelowThemOrBeside) {
     EXPECT_NE(partLinesOn({{line}}, sphere)->hash(), parts->hash());
 }
 
+TEST(PartLines, FindTheNearestPlaceOfAPart) {
+    const auto sphere = std::make_shared<const ScalpMesh>(makeIcosphere(5, 10.0f));
+    PartData data{{ring(*sphere, 0.0f, 10.0f, 200), ring(*sphere, 6.0f, 8.0f, 60),
+                   ring(*sphere, -6.0f, 8.0f, 60)}};
+    data.lines[1].name = "upper";
+    const auto parts = partLinesOn(data, sphere);
+    EXPECT_EQ(parts->find("ring"), 0) << "both of that name";
+    EXPECT_EQ(parts->find("upper"), 1);
+    EXPECT_EQ(parts->find("lower"), -1);
+    SplitMix random(4);
+    std::size_t found = 0, missed = 0;
+    for (int i = 0; i < 3000; ++i) {
+        const Vec3f at{random.nextRange(-9, 9), random.nextRange(-9, 9), random.nextRange(-9, 9)};
+        for (const int part : {-1, 0, 1}) {
+            float least = 1e9f;
+            for (const PartLine& line : data.lines) {
+                if (part >= 0 && parts->find(line.name) != part) continue;
+                for (std::size_t k = 1; k < line.points.size(); ++k) {
+                    const Vec3f a = sphere->surfacePoint(line.points[k - 1]);
+                    const Vec3f ab = sphere->surfacePoint(line.points[k]) - a;
+                    const float t = std::clamp(dot(at - a, ab) / lengthSquared(ab), 0.0f, 1.0f);
+                    least = std::min(least, distance(at, a + ab * t));
+                }
+            }
+            PartPlace place;
+            const bool any = parts->nearest(at, part, 4.0f, place);
+            EXPECT_EQ(any, least <= 4.0f);
+            ++(any ? found : missed);
+            if (!any) continue;
+            EXPECT_NEAR(place.distance, least, 1e-4f);
+            EXPECT_NEAR(distance(place.position, at), least, 1e-4f);
+            EXPECT_NEAR(length(place.along), 1.0f, 1e-5f);
+            EXPECT_NEAR(place.along.y, 0.0f, 0.2f) << "rings run level";
+        }
+    }
+    EXPECT_GT(found, 1000u);
+    EXPECT_GT(missed, 1000u);
+    PartPlace place;
+    EXPECT_FALSE(parts->nearest({NAN, 0, 0}, -1, 100.0f, place));
+    EXPECT_FALSE(partLinesOn({}, sphere)->nearest({0, 0, 0}, -1, 100.0f, place));
+    std::swap(data.lines[0].name, data.lines[1].name);
+    EXPECT_NE(partLinesOn(data, sphere)->hash(), parts->hash()) << "names tell parts apart";
+}
+
+TEST(PartTransfer, MovesLinesToAnotherMeshOfTheSameShape) {
+    const ScalpMesh from = makeIcosphere(4, 10.0f), to = makeSphere(48, 64, 10.0f);
+    PartData data{{ring(from, 3.0f, 9.5f, 50), {"short", {{3, 0.2f, 0.2f}, {-1, 0, 0}}}}};
+    const PartData moved = transferParts(data, from, to);
+    ASSERT_EQ(moved.lines.size(), 1u) << "one point is no part";
+    ASSERT_EQ(moved.lines[0].points.size(), 51u);
+    for (std::size_t i = 0; i < 51; ++i)
+        EXPECT_LT(distance(to.surfacePoint(moved.lines[0].points[i]),
+                           from.surfacePoint(data.lines[0].points[i])),
+                  0.1f);
+    EXPECT_THROW(transferParts(data, from, ScalpMesh()), std::invalid_argument);
+}
+
 }  // namespace
 }  // namespace corvelle

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 
-#include "model/polyline.h"
 #include "operators/nodeFactories.h"
 #include "operators/rootFrame.h"
 #include "operators/segmentTurn.h"
@@ -75,13 +74,8 @@ public:
                 turnSegments(points, toward, std::span(&strong, 1), to);
                 continue;
             }
-            // A segment turns by the profile at its middle.
             const std::span<float> shares = std::span(scratch).first(points.size());
-            polylineShares(points, shares);
-            for (std::size_t i = points.size(); i-- > 1;)
-                shares[i] = 0.5f * (shares[i] + shares[i - 1]);
-            profile.sample(shares, shares);
-            for (float& share : shares) share = clampShare(share * strong);
+            segmentShares(points, profile, strong, shares);
             turnSegments(points, toward, shares, to);
         }
     }

@@ -86,7 +86,7 @@ public:
             picksOf(*strands, *keep, StrandPick(strands->strandCount()));
         for (std::size_t s = 0; s < picks.size(); ++s)
             if (picks[s]) kept->push_back(std::uint32_t(s));
-        remember(inputHash(inputs), kept);
+        remember(inputs.result, kept);
         if (kept->size() == strands->strandCount()) return strands;
         return std::make_shared<const StrandSet>(strands->subset(*kept));
     }
@@ -109,8 +109,8 @@ public:
             return true;
         }
         if (keep->readsWholeSet()) return false;
-        const KeptList kept = heldList(request.inputs[0].previousHash);
-        if (!kept || !names(*kept, *strands, **held)) return false;
+        const KeptList kept = heldList(request.previousResult);
+        if (!kept) return false;
         const std::span<const std::uint32_t> changed(changes->strands);
         const std::vector<std::uint8_t> picks = picksOf(*strands, *keep, StrandPick(changed));
         std::vector<std::uint32_t> from, to;
@@ -139,7 +139,7 @@ public:
         auto stated = std::make_shared<StrandChanges>();
         stated->strands = std::move(to);
         result.changes = {std::move(stated)};
-        remember(inputHash(inputs), kept);
+        remember(inputs.result, kept);
         return true;
     }
 
@@ -166,31 +166,18 @@ private:
         return picks;
     }
 
-    /// True when `out` is made of the strands of `in` that the list names.
-    static bool names(const std::vector<std::uint32_t>& kept, const StrandSet& in,
-                      const StrandSet& out) {
-        if (kept.size() != out.strandCount() || (!kept.empty() && kept.back() >= in.strandCount()))
-            return false;
-        for (std::size_t k = 0; k < kept.size(); ++k)
-            if (in.ids()[kept[k]] != out.ids()[k]) return false;
-        return true;
-    }
-
-    static std::uint64_t inputHash(const NodeInputs& inputs) {
-        return inputs.hashes.empty() ? 0 : inputs.hashes[0];
-    }
-    void remember(std::uint64_t inputHash, KeptList kept) {
+    void remember(std::uint64_t result, KeptList kept) {
         const std::lock_guard lock(mutex_);
-        keptOf_ = inputHash;
+        keptOf_ = result;
         kept_ = std::move(kept);
     }
-    KeptList heldList(std::uint64_t inputHash) const {
+    KeptList heldList(std::uint64_t result) const {
         const std::lock_guard lock(mutex_);
-        return inputHash != 0 && keptOf_ == inputHash ? kept_ : nullptr;
+        return result != 0 && keptOf_ == result ? kept_ : nullptr;
     }
 
     mutable std::mutex mutex_;
-    std::uint64_t keptOf_ = 0;  ///< names the input
+    std::uint64_t keptOf_ = 0;  ///< names the run's outcome
     KeptList kept_;             ///< ascending
 };
 

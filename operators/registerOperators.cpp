@@ -21,9 +21,7 @@ void registerLookOperators() {
     registry.add("ToGuides", makeToGuides);
 }
 
-void registerNeighborOperators() {
-    OperatorRegistry::instance().add("RestoreLength", makeRestoreLength);
-}
+void registerCurlOperator() { OperatorRegistry::instance().add("Curl", makeCurl); }
 
 void registerTransformOperators() {
     OperatorRegistry& registry = OperatorRegistry::instance();
@@ -39,6 +37,21 @@ void registerDeformOperators() {
     registry.add("Collide", makeCollide);
     registry.add("Comb", makeComb);
     registry.add("Displace", makeDisplace);
+    registry.add("Gravity", makeGravity);
+    registry.add("Part", makePart);
+}
+
+void registerNeighborOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("BlendNeighbors", makeBlendNeighbors);
+    registry.add("RestoreLength", makeRestoreLength);
+}
+
+void registerCinematicOperators() {
+    OperatorRegistry& registry = OperatorRegistry::instance();
+    registry.add("Flow", makeFlow);
+    registry.add("Flyaway", makeFlyaway);
+    registry.add("Tangle", makeTangle);
 }
 
 void registerExtraOperators() {
@@ -47,6 +60,7 @@ void registerExtraOperators() {
     registry.add("Smooth", makeSmooth);
     registry.add("Straighten", makeStraighten);
     registry.add("ToStrands", makeToStrands);
+    registry.add("Twist", makeTwist);
 }
 
 void registerOperators() {
@@ -56,15 +70,18 @@ void registerOperators() {
         registerShapeOperators();
         registerScatterOperator();
         registerInterpolateOperator();
+        registerCurlOperator();
         registerLookOperators();
         registerTransformOperators();
-        registerNeighborOperators();
         registerMirrorOperator();
         registerMeshCutOperator();
         registerColorOperators();
         registerDeformOperators();
+        registerNeighborOperators();
+        registerCinematicOperators();
         registerExtraOperators();
         registerFieldOperators();
+        registerCompoundOperators();
     });
 }
 

@@ -7,14 +7,16 @@ void registerSourceOperators();       // Scalp, Guides, ColliderMesh
 void registerShapeOperators();        // Length, Width, Resample, Output
 void registerScatterOperator();       // Scatter
 void registerInterpolateOperator();   // Interpolate
-void registerLookOperators();         // Noise, ToGuides
-void registerNeighborOperators();     // RestoreLength
+void registerLookOperators();         // Clump, Noise, ToGuides
 void registerMirrorOperator();        // Mirror
 void registerMeshCutOperator();       // MeshCut
 void registerTransformOperators();    // Bend, Direction, Transform
 void registerColorOperators();        // HairColor
-void registerDeformOperators();       // Collide, Comb, Displace
-void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands
+void registerDeformOperators();       // Collide, Comb, Displace, Gravity, Part
+void registerNeighborOperators();     // BlendNeighbors, RestoreLength
+void registerCinematicOperators();    // Flow, Flyaway, Tangle
+void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands, Twist
+void registerCompoundOperators();     // Compound, Input
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.

@@ -4,6 +4,7 @@
 #include <numbers>
 
 #include "operators/nodeFactories.h"
+#include "operators/pointArrays.h"
 #include "operators/splineResample.h"
 #include "operators/strandLoop.h"
 #include "operators/strandSpline.h"
@@ -122,9 +123,6 @@ private:
     std::vector<float> turn_;
 };
 
-/// One channel to carry to the new points.
-using PointArray = SplineJob::Array;
-
 class Resample final : public Operator {
 public:
     std::string type() const override { return "Resample"; }
@@ -143,7 +141,7 @@ public:
         if (segments == 0 || strands->strandCount() == 0) return strands;
         auto out = std::make_shared<StrandSet>();
         layOut(*strands, mode, segments, *out);
-        const std::vector<PointArray> arrays = openArrays(*strands, *out, true);
+        const std::vector<PointArray> arrays = openPointArrays(*strands, *out, true);
         run(*strands, *out, arrays, mode, StrandPick(strands->strandCount()));
         return StrandsPtr(std::move(out));
     }
@@ -176,7 +174,7 @@ public:
         if (!takeStrandData(*strands, *out)) return false;
         if (out->pointChannelNames() != strands->pointChannelNames()) return false;
         held->reset();  // let go: arrays no one else holds are written in place
-        const std::vector<PointArray> arrays = openArrays(*strands, *out, false);
+        const std::vector<PointArray> arrays = openPointArrays(*strands, *out, false);
         run(*strands, *out, arrays, mode, pick);
         result.outputs = {StrandsPtr(std::move(out))};
         result.changes = {changes};
@@ -194,18 +192,6 @@ private:
     Placer placer(Mode mode) const {
         return Placer(mode, whole("segments"), whole("minSegments"),
                       float(number("maxAngle")) * std::numbers::pi_v<float> / 180.0f);
-    }
-
-    /// Strand channels, ids, roots and layers of `in`, by sharing. False when a channel does not fit.
-    static bool takeStrandData(const StrandSet& in, StrandSet& out) {
-        out.shareStrands(in);
-        for (const std::string& channel : out.strandChannelNames())
-            if (!in.strandChannel(channel)) out.removeStrandChannel(channel);
-        out.instances = in.instances;
-        out.cards = in.cards;
-        out.featherLayers = in.featherLayers;
-        return std::ranges::all_of(in.strandChannelNames(),
-                                   [&](const std::string& channel) { return out.copyStrandChannel(channel, in); });
     }
 
     /// How many points each strand of the pick gets, by curvature or by length.
@@ -266,21 +252,6 @@ private:
                     if (!marked || (*preview)[s] >= 0.5f) longest[c] = std::max(longest[c], lengthOf(in.pointsOf(s)));
         });
         return std::ranges::max(longest);
-    }
-
-    /// Takes write access. `overwrite`: every element will be written.
-    static std::vector<PointArray> openArrays(const StrandSet& in, StrandSet& out, bool overwrite) {
-        std::vector<PointArray> arrays;
-        if (overwrite) out.overwritePoints();
-        arrays.push_back(
-            {in.widths().data(), (overwrite ? out.overwriteWidths() : out.mutableWidths()).data(), false});
-        for (const auto& [key, channel] : in.pointChannels()) {
-            const std::span<float> to = overwrite ? out.overwritePointChannel(key, channel.defaultValue)
-                                                  : out.mutablePointChannel(key, channel.defaultValue);
-            arrays.push_back({channel.values.span().data(), to.data(), channel.discrete});
-            out.setPointChannelDiscrete(key, channel.discrete);
-        }
-        return arrays;
     }
 
     void run(const StrandSet& in, StrandSet& out, std::span<const PointArray> arrays, Mode mode,

@@ -4,7 +4,10 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
-#include <numbers>
+
+#include "model/polyline.h"
+#include "operators/polynomialTrig.h"
+#include "operators/strandOperator.h"
 
 namespace corvelle {
 
@@ -13,34 +16,6 @@ namespace {
 constexpr std::size_t kBlock = 32;
 /// Below this cosine two directions no longer span a plane that floats can tell.
 constexpr float kOpposite = -0.9999f;
-
-/// acos for -1 to 1, within 1e-7.
-inline float arcCosine(float c) {
-    const float x = std::min(std::abs(c), 1.0f);
-    float p = -0.0012624911f;
-    p = p * x + 0.0066700901f;
-    p = p * x - 0.0170881256f;
-    p = p * x + 0.0308918810f;
-    p = p * x - 0.0501743046f;
-    p = p * x + 0.0889789874f;
-    p = p * x - 0.2145988016f;
-    p = p * x + 1.5707963050f;
-    const float angle = std::sqrt(1.0f - x) * p;
-    return c < 0.0f ? std::numbers::pi_v<float> - angle : angle;
-}
-
-/// sin(x) / x for 0 to pi, within 1e-6.
-inline float sineRatio(float x) {
-    const float q = x * x;
-    float p = -1.0f / 1307674368000.0f;
-    p = p * q + 1.0f / 6227020800.0f;
-    p = p * q - 1.0f / 39916800.0f;
-    p = p * q + 1.0f / 362880.0f;
-    p = p * q - 1.0f / 5040.0f;
-    p = p * q + 1.0f / 120.0f;
-    p = p * q - 1.0f / 6.0f;
-    return p * q + 1.0f;
-}
 
 /// From the unit `a` to the unit `b`, which are not opposite.
 Vec3f turned(Vec3f a, Vec3f b, float share) {
@@ -83,6 +58,14 @@ void turnBlock(Segments& s, std::size_t count, Vec3f b) {
 }
 
 }  // namespace
+
+void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float strength,
+                   std::span<float> out) {
+    polylineShares(points, out);
+    for (std::size_t i = points.size(); i-- > 1;) out[i] = 0.5f * (out[i] + out[i - 1]);
+    profile.sample(out, out);
+    for (float& share : out) share = clampShare(share * strength);
+}
 
 void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const float> shares,
                   std::span<Vec3f> out) {

@@ -2,9 +2,15 @@
 
 #include <span>
 
+#include "model/ramp.h"
 #include "model/vec3f.h"
 
 namespace corvelle {
+
+/// How far each segment of a strand goes: strength times the profile at its middle, held to 0..1.
+/// out[i] is for the segment that ends at point i, out[0] without meaning. out [n].
+void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float strength,
+                   std::span<float> out);
 
 /// Turns each segment of a strand toward a direction by a share of the angle between them and puts
 /// the strand together again from the root out: every segment keeps its length, the root its place.
@@ -14,8 +20,7 @@ namespace corvelle {
 /// own direction. out [n], apart from `points`. No allocation.
 ///
 /// The turn is the spherical interpolation of Shoemake, "Animating rotation with quaternion curves"
-/// (SIGGRAPH 1985), its angle and sines by polynomials (Abramowitz, Stegun, 4.4.46, and the Taylor
-/// series), so that it runs in SIMD lanes and has the same bits on every platform: within 1e-5.
+/// (SIGGRAPH 1985), its angle and sines by polynomials (polynomialTrig.h): within 1e-5.
 void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const float> shares,
                   std::span<Vec3f> out);
 

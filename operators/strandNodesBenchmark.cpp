@@ -80,6 +80,34 @@ void noise(benchmark::State& state) {
 void hairColor(benchmark::State& state) {
     timeNode(state, "HairColor", [](Operator&) {});
 }
+void comb(benchmark::State& state) {
+    timeNode(state, "Comb", [](Operator&) {});
+}
+void gravity(benchmark::State& state) {
+    timeNode(state, "Gravity", [](Operator&) {});
+}
+void straighten(benchmark::State& state) {
+    timeNode(state, "Straighten", [](Operator& op) { op.set("strength", 0.5); });
+}
+void smooth(benchmark::State& state) {
+    timeNode(state, "Smooth", [](Operator&) {});
+}
+void displace(benchmark::State& state) {
+    timeNode(state, "Displace", [](Operator&) {});
+}
+void flow(benchmark::State& state) {
+    timeNode(state, "Flow", [](Operator&) {});
+}
+void flyaway(benchmark::State& state) {
+    timeNode(state, "Flyaway", [](Operator&) {});
+}
+BENCHMARK(comb)->Name("nodes/Comb")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(gravity)->Name("nodes/Gravity")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(straighten)->Name("nodes/Straighten")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(smooth)->Name("nodes/Smooth")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(displace)->Name("nodes/Displace")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(flow)->Name("nodes/Flow")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(flyaway)->Name("nodes/Flyaway")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(length)->Name("nodes/Length")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(bend)->Name("nodes/Bend")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(direction)->Name("nodes/Direction")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);

@@ -4,8 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include "model/flowData.h"
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "model/partData.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
 #include "operators/registerOperators.h"
@@ -71,6 +73,21 @@ const std::vector<NodeCase> kCases = {
      true,
      false},
     {"RestoreEvenly", "RestoreLength", {{"mode", std::string("even")}}},
+    {"GravityPlain", "Gravity", {{"direction", Vec3f{0.3f, -1.0f, 0.0f}}, {"strength", 1.2}}},
+    {"GravityMapped",
+     "Gravity",
+     {{"direction", expression("[rand - 0.5, -1, 0.3]")},
+      {"strength", expression("rand")},
+      {"stiffness", 0.6},
+      {"stiffnessProfile", Ramp({{0.0f, 1.0f}, {0.4f, 0.2f}})}}},
+    {"PartWide", "Part", {{"width", 30.0}, {"profile", Ramp({{0.0f, 0.0f}, {1.0f, 1.0f}})}}},
+    {"PartMapped", "Part", {{"width", 12.0}, {"strength", expression("rand")}}},
+    {"FlowPlain", "Flow", {}},
+    {"FlowMapped", "Flow", {{"lift", expression("rand * 90")}, {"rollRandom", 40.0}}},
+    {"FlyawayPlain", "Flyaway", {{"fraction", 0.5}, {"lengthen", 0.4}}},
+    {"FlyawayMapped",
+     "Flyaway",
+     {{"fraction", expression("step(0.4, rand)")}, {"stray", expression("rand * 2")}, {"start", 0.0}}},
     {"ResampleEven", "Resample", {{"segments", 11.0}}, false},
     {"ResampleFewer", "Resample", {{"segments", 3.0}}, false},
 };
@@ -80,6 +97,11 @@ protected:
     StrandNodeTest() {
         setVerifyIncremental(true);
         bench.data.scalp = std::make_shared<const ScalpMesh>(makeSphere(8, 8, 10.0f));  // the tuft's 64 triangles, and UVs
+        const PartData parts{{{"equator", {{8, 0.2f, 0.3f}, {20, 0.2f, 0.3f}, {40, 0.2f, 0.3f}}}}};
+        const FlowData flow{{{{3, 0.2f, 0.2f}, 1, 0, -1}, {{40, 0.3f, 0.2f}, 0.6f, 0.8f, -1}},
+                            {{{20, 0.2f, 0.2f}, 70.0f, 6.0f}}};
+        bench.data.parts = partLinesOn(parts, bench.data.scalp);
+        bench.data.flow = flowFieldOn(flow, bench.data.scalp);
         for (const auto& [name, value] : GetParam().params) bench.op().set(name, value);
     }
     ~StrandNodeTest() override { setVerifyIncremental(false); }
@@ -330,7 +352,9 @@ TEST_F(OneNodeTest, HairColorGreysItsFractionAndTellsOfAForgottenTip) {
 
 TEST_F(OneNodeTest, AnUnconnectedInputSaysSo) {
     for (const char* type :
-         {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform"}) {
+         {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform", "Comb",
+          "Displace", "Smooth", "Straighten", "Gravity", "Part", "Flow", "Flyaway", "Twist", "BlendNeighbors",
+          "Tangle"}) {
         registerOperators();
         const OperatorPtr op = OperatorRegistry::instance().create(type);
         EvaluationData data;

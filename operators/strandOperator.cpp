@@ -42,6 +42,7 @@ NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs&
     const StrandsPtr strands = requireStrands(*this, inputs);
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
     if (!work) return strands;
+    work->beginFull(*strands);
     auto out = std::make_shared<StrandSet>(*strands);  // shares every array until written
     for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
     const OpenArrays open = openArrays(*out, work->writes(), true);
@@ -77,7 +78,7 @@ bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs
     const StrandsPtr strands = requireStrands(*this, inputs);
     StrandsPtr* held = std::get_if<StrandsPtr>(&request.previous[0]);
     if (!held || !*held || !(*held)->sameLayout(*strands)) return false;
-    const StrandChangesPtr changes = changedStrands(inputs, request);
+    StrandChangesPtr changes = changedStrands(inputs, request);
     if (!changes) return false;
     const std::unique_ptr<StrandWork> work = prepare(context, inputs, *strands);
     if (!work) {
@@ -86,6 +87,8 @@ bool StrandOperator::update(const EvalContext& context, const NodeInputs& inputs
         return true;
     }
     if (work->readsWholeSet()) return false;
+    changes = work->beginSome(*strands, changes);
+    if (!changes) return false;
 
     auto out = std::make_shared<StrandSet>(*strands);
     const WrittenArrays writes = work->writes();

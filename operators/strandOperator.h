@@ -40,6 +40,13 @@ public:
     virtual std::vector<std::string> removedPointChannels() const { return {}; }
     /// True when a strand's result depends on other strands: no incremental run then.
     virtual bool readsWholeSet() const { return false; }
+    /// Before a run over all strands.
+    virtual void beginFull(const StrandSet&) {}
+    /// Before a run over some: the strands whose results may differ when those of the input differ
+    /// that are listed (ascending, never all). Null when it cannot tell: a full run then.
+    virtual StrandChangesPtr beginSome(const StrandSet&, const StrandChangesPtr& changed) {
+        return changed;
+    }
     /// The strands listed, at most StrandPick::kBatch of them. Must write every element of the written
     /// arrays that belongs to them. Called from several threads.
     virtual void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const = 0;

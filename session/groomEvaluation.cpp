@@ -78,7 +78,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        for (const std::string* text : {&correctiveError_, &partError_})
+        for (const std::string* text : {&correctiveError_, &partError_, &flowError_})
             if (!text->empty()) errors.push_back(*text);
         guidesMoved = liveHierarchy_ != nullptr || correctedHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
@@ -181,6 +181,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     data_.hierarchy = refinement_.hierarchy(data_.hierarchy);
     data_.flatGuides = refinement_.guides(data_.flatGuides);
     data_.parts = partLines(data_.scalp);
+    data_.flow = flowField(data_.scalp);
     data_.maps = refinement_.maps(document_.maps);
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};

@@ -64,6 +64,7 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
                 pendingMessages_.push_back(
                     {"map " + vertexCountText(name, map.vertices, document_.scalp->points().size()),
                      false});
+    readFlow();
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -206,6 +207,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
             replaceHierarchy(std::make_shared<const GuideHierarchy>(std::move(moved)));
             document_.hierarchy = guidesToJson(*hierarchy_);
         }
+        if (old) moveDrawn(*old);  // else nobody knows where the drawn things lay
         bindScalp_ = held;
         return;
     }
@@ -275,6 +277,47 @@ std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) 
     return partLines_.lines;
 }
 
+void GroomSession::setFlowJson(const std::string& text) {
+    if (text == document_.flow) return;
+    document_.flow = text;
+    readFlow();
+}
+
+void GroomSession::readFlow() {
+    flow_ = {};
+    flowError_.clear();
+    try {
+        flow_ = readFlowData(document_.flow);
+    } catch (const std::exception& error) {
+        flowError_ = std::string("flowData: ") + error.what();
+    }
+}
+
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) {
+    if (flow_.empty() || !scalp) return nullptr;
+    if (flowField_.scalp != scalp || flowField_.data != flow_)
+        flowField_ = {flow_, scalp, flowFieldOn(refinement_.flow(flow_, *document_.scalp, *scalp), scalp)};
+    return flowField_.field;
+}
+
+/// Takes parts and flow over to the scalp that has replaced `old`, between rest poses where both have
+/// one. A scalp without faces leaves them for the next one to find.
+void GroomSession::moveDrawn(const ScalpMesh& old) {
+    if (document_.scalp->triangles().empty()) return;
+    const bool rest = !old.restPoints().empty() && !document_.scalp->restPoints().empty();
+    const ScalpPtr oldRest = rest ? old.restPose() : nullptr;
+    const ScalpPtr to = rest ? restScalp() : document_.scalp;
+    const ScalpMesh& from = rest ? *oldRest : old;
+    if (!parts_.lines.empty()) {
+        parts_ = transferParts(parts_, from, *to);
+        document_.parts = partDataJson(parts_);
+    }
+    if (!flow_.empty()) {
+        flow_ = transferFlow(flow_, from, *to);
+        document_.flow = flowDataJson(flow_);
+    }
+}
+
 void GroomSession::setControl(const std::string& name, float value) { document_.controls[name] = value; }
 
 void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
@@ -286,7 +329,7 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &correctiveError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &flowError_, &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }

@@ -14,6 +14,7 @@
 #include "graph/graph.h"
 #include "io/groomFile.h"
 #include "model/correctives.h"
+#include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
 #include "session/evaluationResult.h"
@@ -98,6 +99,8 @@ public:
     const std::optional<std::size_t>& activeCorrective() const { return activeCorrective_; }
     /// `activeHierarchy` with every layer at the frame of the session: what a stroke in a layer edits.
     std::shared_ptr<const GuideHierarchy> correctedHierarchy();
+    /// The same for the flow's pins and sinks.
+    void setFlowJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
@@ -157,6 +160,9 @@ private:
     ScalpPtr assembled(const ScalpPtr& own);
     void readParts();
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
+    void readFlow();
+    void moveDrawn(const ScalpMesh& old);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -203,6 +209,13 @@ private:
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
+    FlowData flow_;
+    std::string flowError_;
+    struct {
+        FlowData data;
+        ScalpPtr scalp;
+        std::shared_ptr<const FlowField> field;
+    } flowField_;
 
     ScalpRefinement refinement_;
     ScalpFollow follow_;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "expr/mapCatalog.h"
+#include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/guideSet.h"
 #include "model/partData.h"
@@ -63,6 +64,9 @@ public:
     std::shared_ptr<const GuideHierarchy> hierarchy(
         const std::shared_ptr<const GuideHierarchy>& from);
     PartData parts(PartData parts) const;
+    /// Pins keep their direction, tipped onto the refined face. `cage` is the own mesh in the pose
+    /// of `refined`, or near it; what lies on other meshes is left out.
+    FlowData flow(const FlowData& data, const ScalpMesh& cage, const ScalpMesh& refined) const;
     /// Vertex maps that were painted on the own mesh, smoothed as its points are.
     MapCatalogPtr maps(const MapCatalogPtr& maps);
 

@@ -57,6 +57,47 @@ class GraphTest(unittest.TestCase):
         values = {param["name"]: param["value"] for param in spec["params"]}
         self.assertEqual((values["seed"], values["density"]), (4, 200.0))
 
+    def test_a_compound_is_edited_like_any_node(self):
+        definition = {
+            "graph": {
+                "nodes": [
+                    {"name": "in", "type": "Input", "params": {}},
+                    {"name": "wide", "type": "Width", "params": {"width": 0.02}},
+                ],
+                "connections": [{"from": "in", "to": "wide", "input": "strands"}],
+                "output": "wide",
+            },
+            "inputs": [{"name": "strands", "type": "Strands"}],
+            "expose": {"thick": "wide.width"},
+        }
+        specs = {spec["type"]: spec for spec in self.helper.ask(cmd="operator_specs")["result"]["operators"]}
+        self.assertEqual([param["name"] for param in specs["Compound"]["params"]], ["repeat"])
+        self.groom.do("set_graph", graph=self.groom.do("get_graph")["graph"])
+        added = self.edit("add_node", type="Compound", name="look", params={"definition": definition})
+        self.assertEqual(added["name"], "look")
+        self.edit("connect", to="look", **{"from": "resample"}, input="strands")
+        self.edit("connect", to="output", **{"from": "look"}, input="strands")
+        self.groom.do("set_param", node="look", param="thick", value=0.5)
+        spec = self.groom.do("node_spec", node="look")["spec"]
+        self.assertEqual(spec["inputs"], [{"name": "strands", "type": "Strands"}])
+        shown = {param["name"]: param for param in spec["params"]}
+        self.assertEqual(list(shown), ["thick", "repeat", "affect"])
+        self.assertEqual((shown["thick"]["value"], shown["thick"]["default"]), (0.5, 0.02))
+        self.assertIn(" (exposed wide.width)", shown["thick"]["description"])
+        self.assertEqual(self.node("look")["params"]["definition"], definition)
+        # A definition may come as text, and is a param like the others.
+        definition["expose"] = {"seed": "wide.seed"}
+        wrong = self.groom.ask("set_param", node="look", param="definition", value={"graph": {}, "inputs": 1})
+        self.assertEqual(failure(wrong), "graph: node 'look': graph JSON has no 'output' node")
+        wrong = self.groom.ask("set_param", node="look", param="definition", value=json.dumps(definition))
+        self.assertEqual(failure(wrong), "graph: node 'look': unknown parameter 'thick'")
+        self.edit("remove_node", name="look")
+        self.edit("add_node", type="Compound", name="look", params={"definition": json.dumps(definition)})
+        spec = self.groom.do("node_spec", node="look")["spec"]
+        self.assertEqual([param["name"] for param in spec["params"]], ["seed", "repeat", "affect"])
+        bad = self.groom.ask("set_param", node="look", param="definition", value={"graph": 3})
+        self.assertEqual(failure(bad), "parse: node 'look': the definition has no graph")
+
     def test_bad_graphs_are_refused_whole(self):
         default = self.helper.ask(cmd="default_graph")["result"]["graph"]
         deep = '{"nodes": [{"name": "s", "type": "Scalp"}], "output": "s", "x": %s%s}' % ("[" * 200_000, "]" * 200_000)

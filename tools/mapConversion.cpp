@@ -1,13 +1,14 @@
 #include "tools/mapConversion.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
-#include <functional>
 #include <numeric>
 #include <stdexcept>
 #include <string>
 
 #include "model/parallel.h"
+#include "model/triangleQueries.h"
 #include "tools/pixelOwners.h"
 
 namespace corvelle {
@@ -43,11 +44,11 @@ void mixVertices(std::span<const float> values, int channels, const ScalpMesh& s
 
 std::array<float, 4> asArray(const Color4f& color) { return {color.r, color.g, color.b, color.a}; }
 
-/// Paints every pixel that a scalp's triangles hold over the tiles of `image`: color(place, hint,
-/// out) gives its channels, `hint` being what it gave at the pixel before.
-using PixelColor = std::function<void(Vec3f place, std::int32_t& hint, float* out)>;
+/// Paints every pixel that a scalp's triangles hold over the tiles of `image`: color(patch, place,
+/// hint, out) gives its channels, `hint` being what it left at the pixel before.
+template <class Color>
 std::shared_ptr<const PaintImage> paintPixels(const PaintImage& image, const ScalpPtr& scalp,
-                                              const PixelColor& color) {
+                                              Color&& color) {
     const std::shared_ptr<PixelOwners> owners =
         std::make_shared<PixelOwners>(scalp, image.width(), image.height());
     std::vector<std::size_t> all(image.tiles().size());
@@ -63,8 +64,8 @@ std::shared_ptr<const PaintImage> paintPixels(const PaintImage& image, const Sca
             for (std::size_t p = 0; p < tile.owner.size(); ++p) {
                 if (tile.owner[p] == PixelOwners::kNone) continue;
                 std::array<float, 4> value{};
-                color(tile.patches[tile.owner[p]].at(int(p) % kSide, int(p) / kSide), hint,
-                      value.data());
+                const PixelOwners::Patch& patch = tile.patches[tile.owner[p]];
+                color(patch, patch.at(int(p) % kSide, int(p) / kSide), hint, value.data());
                 for (std::size_t c = 0; c < step; ++c)
                     painted[t][p * step + c] =
                         std::uint8_t(std::lround(255.0f * std::clamp(value[c], 0.0f, 1.0f)));
@@ -103,13 +104,15 @@ std::shared_ptr<const PaintImage> projectTexture(const PaintImage& image, const 
     if (!hasUvs(oldScalp)) fail("the old scalp has no UVs to read the texture map at");
     oldScalp->prepareQueries();
     const Texture& texture = *image.texture();
-    return paintPixels(image, newScalp, [&](Vec3f place, std::int32_t& hint, float* out) {
-        SurfaceHit hit;
-        if (!oldScalp->closestPointFrom(place, ScalpMesh::kAnyDistance, hint, hit)) return;
-        hint = hit.triangle;
-        const Vec2f uv = oldScalp->surfaceUv(hit.root());
-        std::ranges::copy(asArray(texture.sampleColor(uv.x, uv.y)), out);
-    });
+    return paintPixels(
+        image, newScalp,
+        [&](const PixelOwners::Patch&, Vec3f place, std::int32_t& hint, float* out) {
+            SurfaceHit hit;
+            if (!oldScalp->closestPointFrom(place, ScalpMesh::kAnyDistance, hint, hit)) return;
+            hint = hit.triangle;
+            const Vec2f uv = oldScalp->surfaceUv(hit.root());
+            std::ranges::copy(asArray(texture.sampleColor(uv.x, uv.y)), out);
+        });
 }
 
 std::vector<float> projectVertexMap(std::span<const float> values, int channels,
@@ -155,15 +158,16 @@ std::shared_ptr<const PaintImage> textureFromVertexMap(std::span<const float> va
     if (!hasUvs(scalp)) fail("the scalp has no UVs to paint a texture map on");
     checkValues("textureFromVertexMap", values, channels, *scalp);
     const auto blank = PaintImage::filled(resolution, resolution, channels, {0, 0, 0, 0});
-    scalp->prepareQueries();
-    // The pixel's place lies on the scalp: its nearest point is itself, in a triangle that holds
-    // it.
-    return paintPixels(*blank, scalp, [&](Vec3f place, std::int32_t& hint, float* out) {
-        SurfaceHit hit;
-        if (!scalp->closestPointFrom(place, ScalpMesh::kAnyDistance, hint, hit)) return;
-        hint = hit.triangle;
-        mixVertices(values, channels, *scalp, hit.root(), out);
-    });
+    const auto color = [&](const PixelOwners::Patch& patch, Vec3f place, std::int32_t&,
+                           float* out) {
+        const Triangle& triangle = scalp->triangles()[std::size_t(patch.triangle)];
+        const auto corner = [&](std::size_t c) {
+            return scalp->points()[std::size_t(triangle[c])];
+        };
+        const auto at = closestOnTriangle(corner(0), corner(1), corner(2), place);
+        mixVertices(values, channels, *scalp, {patch.triangle, 1.0f - at.v - at.w, at.v}, out);
+    };
+    return paintPixels(*blank, scalp, color);
 }
 
 std::vector<float> vertexMapFromTexture(const Texture& texture, int channels,

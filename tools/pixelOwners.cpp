@@ -216,7 +216,7 @@ std::unique_ptr<const PixelOwners::Tile> PixelOwners::makeTile(std::size_t tile)
         const double one = 1.0 / (ax * by - ay * bx);
         made->patches.push_back({p0, e1 * float(by * one) + e2 * float(-ay * one),
                                  e1 * float(-bx * one) + e2 * float(ax * one),
-                                 float(c[0][0] - left), float(c[0][1] - top)});
+                                 float(c[0][0] - left), float(c[0][1] - top), entry.triangle});
     }
 
     made->owner.assign(PixelTile::kPixels, kNone);

@@ -45,6 +45,7 @@ public:
     struct Patch {
         Vec3f origin, perColumn, perRow;
         float column = 0.0f, row = 0.0f;  ///< of `origin`, in the tile
+        std::int32_t triangle = -1;
         Vec3f at(int x, int y) const {
             return origin + perColumn * (float(x) - column) + perRow * (float(y) - row);
         }

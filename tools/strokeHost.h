@@ -35,6 +35,9 @@ public:
     virtual std::shared_ptr<const PaintImage> image(
         const std::string& map) = 0;  ///< throws when it does not read
 
+    /// Where the image of a new texture map will lie.
+    virtual std::string newMapFile(const std::string& map) { return map + ".png"; }
+
     // Who takes part.
     virtual std::shared_ptr<const std::map<std::uint64_t, float>> selectionWeights() {
         return nullptr;

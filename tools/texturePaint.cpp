@@ -15,6 +15,7 @@ constexpr int kBlock = PixelOwners::kBlock;
 constexpr int kBlocks = PixelOwners::kBlocks;
 constexpr std::size_t kBlockPixels = std::size_t(kBlock) * kBlock;
 constexpr float kByte = 255.0f;
+constexpr int kRim = PixelOwners::kPadding;  ///< pixels of a tile that padding beside it reads
 constexpr std::size_t kTableBytes = std::size_t(128) << 20;  ///< kept from stroke to stroke
 
 std::uint8_t byteOf(float value) { return std::uint8_t(std::lround(value * kByte)); }
@@ -244,7 +245,6 @@ std::shared_ptr<const PaintImage> TexturePaint::image() {
 void TexturePaint::pad(std::vector<PixelTilePtr>& tiles) const {
     const std::size_t step = std::size_t(channels());
     const int columns = owners_->columns(), rows = owners_->rows();
-    constexpr int kRim = PixelOwners::kPadding;
     const auto& before = start_->tiles();
     const std::vector<PixelTilePtr> painted = tiles;
     const auto differs = [&](std::size_t tile, std::size_t place) {

@@ -102,9 +102,12 @@ VertexBlocks::VertexBlocks(const ScalpMesh& scalp) {
     constexpr std::uint32_t kSide = 32, kCells = kSide * kSide * kSide;
     const std::span<const Vec3f> points = scalp.points();
     const Vec3f low = scalp.boundsMin(), size = scalp.boundsMax() - low;
-    std::vector<std::uint32_t> cellOf(points.size());
+    constexpr std::uint32_t kNowhere = kCells;  // points that are not finite lie under no brush
+    std::vector<std::uint32_t> cellOf(points.size(), kNowhere);
     std::vector<std::size_t> start(kCells + 1, 0);
+    std::size_t count = 0;
     for (std::size_t v = 0; v < points.size(); ++v) {
+        if (!isFinite(points[v])) continue;
         std::uint32_t cell = 0;
         for (int axis = 0; axis < 3; ++axis) {
             const float share =
@@ -114,6 +117,7 @@ VertexBlocks::VertexBlocks(const ScalpMesh& scalp) {
         }
         cellOf[v] = cell;
         ++start[cell + 1];
+        ++count;
     }
     for (std::size_t c = 0; c < kCells; ++c) start[c + 1] += start[c];
     vertices_.resize(points.size());
@@ -132,14 +136,14 @@ VertexBlocks::VertexBlocks(const ScalpMesh& scalp) {
     const auto same = [](Vec3f p) { return p; };
     for (std::size_t b = 0; b < places_.size(); b += kBlock) {
         const auto first = places_.begin() + std::ptrdiff_t(b);
-        const auto count = std::min(kBlock, places_.size() - b);
-        blocks_.push_back(boxOf(first, first + std::ptrdiff_t(count), same, same));
+        const auto held = std::min(kBlock, places_.size() - b);
+        blocks_.push_back(boxOf(first, first + std::ptrdiff_t(held), same, same));
     }
     for (std::size_t g = 0; g < blocks_.size(); g += kGroup) {
         const auto first = blocks_.begin() + std::ptrdiff_t(g);
-        const auto count = std::min(kGroup, blocks_.size() - g);
+        const auto held = std::min(kGroup, blocks_.size() - g);
         groups_.push_back(boxOf(
-            first, first + std::ptrdiff_t(count), [](const Box& box) { return box.low; },
+            first, first + std::ptrdiff_t(held), [](const Box& box) { return box.low; },
             [](const Box& box) { return box.high; }));
     }
 }

@@ -24,6 +24,13 @@ public:
         return true;
     }
 
+    void adoptState(const Operator& other) override {
+        const auto& from = dynamic_cast<const FedStrands&>(other);
+        strands = from.strands;
+        changes = from.changes;
+        stamp = from.stamp;
+    }
+
     StrandsPtr strands;
     StrandChangesPtr changes;
     std::uint64_t stamp = 0;
@@ -35,12 +42,14 @@ FedStrands& sourceOf(Graph& graph, NodeId id) {
 
 }  // namespace
 
-NodeBench::NodeBench(const std::string& type) {
+NodeBench::NodeBench(const std::string& type, const std::string& definition) {
     registerOperators();
     OperatorRegistry& registry = OperatorRegistry::instance();
     if (!registry.has("FedStrands"))
         registry.add("FedStrands", [] { return std::make_unique<FedStrands>(); });
-    node_ = graph_.addNode(registry.create(type));
+    OperatorPtr made = registry.create(type);
+    if (!definition.empty()) made->setDefinition(definition);
+    node_ = graph_.addNode(std::move(made));
     graph_.node(node_).op->name = "node";
     graph_.setOutput(node_);
     sources_.resize(op().inputPorts().size());

@@ -13,7 +13,8 @@ namespace corvelle {
 /// the verify switch is on. Inputs are fed by their slot.
 class NodeBench {
 public:
-    explicit NodeBench(const std::string& type);
+    /// `definition`: of a type that takes one.
+    explicit NodeBench(const std::string& type, const std::string& definition = {});
     Operator& op() { return *graph_.node(node_).op; }
     EvaluationData data;
 

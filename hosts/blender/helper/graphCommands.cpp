@@ -228,8 +228,9 @@ Json setParamCommand(const CommandContext& context) {
     {
         const NodeView node(groom, name);
         const ParamSpec* spec = node->op->paramSpec(param);
-        if (!spec) failNoParam(name, param);
-        if (!fits(*spec, value))
+        const bool definition = param == "definition" && node->op->hasDefinition();
+        if (!spec && !definition) failNoParam(name, param);
+        if (spec && !fits(*spec, value))
             failRequest("type_mismatch", name + "." + param + " takes a " + kindWord(*spec) +
                                              (spec->isMappable() ? " or a map" : "") + ", not " + value.dump());
     }

@@ -1,0 +1,215 @@
+#include "operators/blendNeighbors.h"
+
+#include <algorithm>
+#include <array>
+
+#include "graph/strandDiff.h"
+#include "model/parallel.h"
+#include "model/polyline.h"
+#include "operators/neighborTable.h"
+#include "operators/nodeFactories.h"
+#include "operators/previewStrands.h"
+#include "operators/strandOperator.h"
+
+namespace corvelle {
+
+void addShape(const NeighborCurve& curve, std::span<const float> shares, std::span<Vec3f> sum) {
+    const Vec3f* const points = curve.points.data();
+    const float* const at = curve.shares.data();
+    const std::size_t last = curve.points.size() - 2;  // the last segment
+    const Vec3f root = points[0];
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < shares.size(); ++i) {
+        const float t = shares[i];
+        while (k < last && at[k + 1] < t) ++k;
+        const float span = at[k + 1] - at[k];
+        const float along = span > 0.0f ? std::clamp((t - at[k]) / span, 0.0f, 1.0f) : 0.0f;
+        sum[i] += mix(points[k], points[k + 1], along) - root;
+    }
+}
+
+void blendToward(std::span<const Vec3f> points, std::span<const Vec3f> shape,
+                 std::span<const float> amounts, float length, std::span<Vec3f> out) {
+    const Vec3f root = points[0];
+    for (std::size_t i = 1; i < points.size(); ++i)
+        out[i] = mix(points[i], root + shape[i], amounts[i]);
+    out[0] = root;
+    const float is = length > 0.0f ? polylineLength(out) : 0.0f;
+    if (!(is > 0.0f)) return;
+    const float scale = length / is;
+    for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + (out[i] - root) * scale;
+}
+
+namespace {
+
+const std::vector<ParamSpec> kParams = {
+    {.name = "strength",
+     .defaultValue = 0.5,
+     .description = "How far each strand goes toward its neighbours' shape, 0-1 (mappable)",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "neighbors",
+     .defaultValue = 4.0,
+     .description = "Nearest strands (by root, of those every preview holds) each strand blends "
+                    "toward, 1-16",
+     .softMin = 1.0,
+     .softMax = double(NeighborTable::kMost),
+     .whole = true,
+     .min = 1.0,
+     .max = double(NeighborTable::kMost)},
+    {.name = "profile",
+     .defaultValue = Ramp({{0.0f, 1.0f}, {1.0f, 1.0f}}),
+     .description = "Strength along the length, root to tip"},
+    {.name = "preserveLength",
+     .defaultValue = true,
+     .description = "Scale the blended strand back to its own length"},
+    {.name = "respectParts",
+     .defaultValue = true,
+     .description = "Never blend with a strand across a part"},
+    {.name = "regionChannel",
+     .defaultValue = std::string("region"),
+     .description = "Channel numbering each strand's region (an Interpolate's regionMap writes "
+                    "region): strands blend only with strands of their own region; empty, or a "
+                    "channel the strands lack: across regions"},
+};
+
+class BlendNeighborsWork final : public StrandWork {
+public:
+    FieldPtr strength;
+    Ramp profile;
+    bool preserveLength = true;
+    NeighborSettings settings;
+    NeighborCache* cache = nullptr;
+
+    WrittenArrays writes() const override { return {.points = true}; }
+    bool readsWholeSet() const override { return strength->readsWholeSet(); }
+
+    void beginFull(const StrandSet& in) override {
+        table_ = cache->table(in, settings);
+        // Every candidate is read by several strands: its shares are worked out once.
+        shares_.resize(in.pointCount());
+        const std::vector<std::uint32_t> read = previewStrands(in);
+        parallelRange(0, read.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                const std::size_t s = read[i];
+                polylineShares(in.pointsOf(s),
+                               std::span(shares_).subspan(in.offsets()[s], in.pointCountOf(s)));
+            }
+        });
+    }
+
+    StrandChangesPtr beginSome(const StrandSet& in, const StrandChangesPtr& changed) override {
+        table_ = cache->kept(in, changed->strands, settings);
+        if (!table_) return nullptr;
+        auto all = std::make_shared<StrandChanges>(*changed);
+        for (const std::uint32_t s : changed->strands) {
+            const auto readers = table_->neighborsTo(s);
+            all->strands.insert(all->strands.end(), readers.begin(), readers.end());
+        }
+        std::ranges::sort(all->strands);
+        all->strands.erase(std::unique(all->strands.begin(), all->strands.end()),
+                           all->strands.end());
+        return all;
+    }
+
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
+        std::array<float, StrandPick::kBatch> strengths;
+        strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        Scratch scratch;
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const std::size_t s = strands[k];
+            const auto points = in.pointsOf(s);
+            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+            const float strong = clampShare(strengths[k]);
+            if (strong == 0.0f || points.size() < 2 || !blend(in, s, strong, scratch, to))
+                std::copy(points.begin(), points.end(), to.begin());
+        }
+    }
+
+private:
+    struct Scratch {
+        std::vector<float> shares, amounts, others;
+        std::vector<Vec3f> shape;
+    };
+
+    /// False when the strand has no neighbours to blend toward.
+    bool blend(const StrandSet& in, std::size_t s, float strong, Scratch& scratch,
+               std::span<Vec3f> to) const {
+        const auto points = in.pointsOf(s);
+        const std::size_t n = points.size();
+        scratch.shares.resize(n);
+        scratch.shape.assign(n, Vec3f{});
+        const float length = polylineShares(points, scratch.shares);
+        std::size_t used = 0;
+        for (const std::uint32_t other : table_->of(s)) {
+            const auto theirs = in.pointsOf(other);
+            if (theirs.size() < 2) continue;
+            addShape({theirs, sharesOf(in, other, scratch)}, scratch.shares, scratch.shape);
+            ++used;
+        }
+        if (used == 0) return false;
+        const float share = 1.0f / float(used);
+        for (Vec3f& place : scratch.shape) place *= share;
+        scratch.amounts.resize(n);
+        profile.sample(scratch.shares, scratch.amounts);
+        for (float& amount : scratch.amounts) amount = clampShare(amount * strong);
+        blendToward(points, scratch.shape, scratch.amounts, preserveLength ? length : 0.0f, to);
+        return true;
+    }
+
+    std::span<const float> sharesOf(const StrandSet& in, std::size_t s, Scratch& scratch) const {
+        if (!shares_.empty())
+            return std::span(shares_).subspan(in.offsets()[s], in.pointCountOf(s));
+        scratch.others.resize(in.pointCountOf(s));
+        polylineShares(in.pointsOf(s), scratch.others);
+        return scratch.others;
+    }
+
+    std::shared_ptr<const NeighborTable> table_;
+    std::vector<float> shares_;  ///< [points], of the candidates alone; empty: not worked out
+};
+
+class BlendNeighbors final : public StrandOperator {
+public:
+    std::string type() const override { return "BlendNeighbors"; }
+    std::string category() const override { return "shape"; }
+    std::string description() const override {
+        return "Pulls each strand toward its neighbours' shape for a coherent flow.";
+    }
+    std::vector<ParamSpec> spec() const override { return kParams; }
+    std::uint32_t contextReads() const override { return reads::kParts; }
+    bool verifyOnClone() const override { return true; }
+    void adoptState(const Operator& other) override {
+        if (const auto* from = dynamic_cast<const BlendNeighbors*>(&other))
+            cache_.copyFrom(from->cache_);
+    }
+
+protected:
+    std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs&,
+                                        const StrandSet& strands) override {
+        auto work = std::make_unique<BlendNeighborsWork>();
+        work->strength = fieldFromParam(*this, "strength", context, strands);
+        work->profile = ramp("profile");
+        if (work->strength->constant().value_or(1.0f) <= 0.0f || work->profile.isConstant(0.0f))
+            return nullptr;
+        work->preserveLength = boolean("preserveLength");
+        work->settings = {.count = std::size_t(whole("neighbors")),
+                          .regionChannel = text("regionChannel"),
+                          .parts = boolean("respectParts") ? context.parts() : nullptr};
+        work->cache = &cache_;
+        return work;
+    }
+
+private:
+    NeighborCache cache_;
+};
+
+}  // namespace
+
+OperatorPtr makeBlendNeighbors() { return std::make_unique<BlendNeighbors>(); }
+
+}  // namespace corvelle

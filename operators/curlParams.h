@@ -1,0 +1,12 @@
+#pragma once
+
+#include <vector>
+
+#include "graph/paramValue.h"
+
+namespace corvelle {
+
+/// The params of Curl, in panel order.
+const std::vector<ParamSpec>& curlParams();
+
+}  // namespace corvelle

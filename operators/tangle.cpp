@@ -1,0 +1,220 @@
+#include "operators/tangle.h"
+
+#include <algorithm>
+#include <array>
+
+#include "model/hash.h"
+#include "model/polyline.h"
+#include "operators/neighborTable.h"
+#include "operators/nodeFactories.h"
+#include "operators/strandOperator.h"
+
+namespace corvelle {
+
+namespace {
+
+constexpr std::size_t kCandidates = 8;  ///< neighbours that a strand picks its partner from
+constexpr float kEase = 0.25f;          ///< share of the span that each end is eased over
+
+float eased(float x) {
+    const float t = std::clamp(std::min(x, 1.0f - x) / kEase, 0.0f, 1.0f);
+    return t * t * (3.0f - 2.0f * t);
+}
+
+}  // namespace
+
+bool stickStrand(std::span<const Vec3f> points, std::span<const float> lengths,
+                 std::span<const Vec3f> partner, std::span<const float> partnerLengths,
+                 StuckSpan span, float strength, float reach, std::span<Vec3f> out) {
+    std::copy(points.begin(), points.end(), out.begin());
+    const std::size_t n = points.size(), m = partner.size();
+    if (n < 2 || m < 2) return false;
+    const float begin = span.begin * lengths[n - 1];
+    const float end = std::min(span.end * lengths[n - 1], partnerLengths[m - 1]);
+    if (!(end > begin)) return false;
+    const float scale = 1.0f / (end - begin);
+    bool sticks = false;
+    std::size_t k = 0;
+    for (std::size_t i = 1; i < n && lengths[i] < end; ++i) {
+        const float at = lengths[i];
+        if (at <= begin) continue;
+        while (k + 2 < m && partnerLengths[k + 1] < at) ++k;
+        const float segment = partnerLengths[k + 1] - partnerLengths[k];
+        const float along =
+            segment > 0.0f ? std::clamp((at - partnerLengths[k]) / segment, 0.0f, 1.0f) : 0.0f;
+        const Vec3f pull = mix(partner[k], partner[k + 1], along) - points[i];
+        if (reach > 0.0f && lengthSquared(pull) > reach * reach) {
+            std::copy(points.begin(), points.end(), out.begin());
+            return false;
+        }
+        out[i] += pull * (strength * eased((at - begin) * scale));
+        sticks = true;
+    }
+    return sticks;
+}
+
+namespace {
+
+const std::vector<ParamSpec> kParams = {
+    {.name = "fraction",
+     .defaultValue = 0.5,
+     .description = "Fraction of strands that stick to a neighbor (mappable)",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "radius",
+     .defaultValue = 0.4,
+     .description = "How far apart the roots of stuck strands can be, scene units",
+     .unit = "length",
+     .softMin = 1e-6,
+     .softMax = 2.0,
+     .min = 1e-6},
+    {.name = "strength",
+     .defaultValue = 0.8,
+     .description = "How close stuck strands come, 0-1 (1: they meet) (mappable)",
+     .unit = "fraction",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "start",
+     .defaultValue = 0.3,
+     .description = "Where along the length spans can begin, 0 root to 1 tip",
+     .softMin = 0.0,
+     .softMax = 1.0,
+     .min = 0.0,
+     .max = 1.0},
+    {.name = "span",
+     .defaultValue = 0.4,
+     .description = "Length of the stuck span, a fraction of the strand",
+     .unit = "fraction",
+     .softMin = 0.01,
+     .softMax = 1.0,
+     .min = 0.01,
+     .max = 1.0},
+    {.name = "sameClump",
+     .defaultValue = true,
+     .description = "Strands stick only to strands of their own clump (the clumpId channel a Clump "
+                    "writes), never across the gap to the next clump"},
+    {.name = "regionChannel",
+     .defaultValue = std::string("region"),
+     .description = "Channel numbering each strand's region (an Interpolate's regionMap writes "
+                    "region): strands stick only to strands of their own region; empty, or a "
+                    "channel the strands lack: across regions"},
+    {.name = "reach",
+     .defaultValue = 0.0,
+     .description = "How far a strand is pulled to its partner at most, scene units: farther apart "
+                    "there, they do not stick (0: no limit)",
+     .unit = "length",
+     .softMin = 0.0,
+     .softMax = 2.0,
+     .min = 0.0},
+    {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
+};
+
+class TangleWork final : public StrandWork {
+public:
+    FieldPtr fraction, strength;
+    float start = 0.0f, span = 0.0f, reach = 0.0f;
+    std::uint64_t fractionBase = 0, partnerBase = 0, spanBase = 0;
+    NeighborSettings settings;
+    NeighborCache* cache = nullptr;
+
+    WrittenArrays writes() const override { return {.points = true}; }
+    bool readsWholeSet() const override { return true; }
+    void beginFull(const StrandSet& in) override { table_ = cache->table(in, settings); }
+
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
+        std::array<float, StrandPick::kBatch> fractions, strengths;
+        fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
+        strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        std::vector<float> lengths, partnerLengths;
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const std::size_t s = strands[k];
+            const std::uint64_t id = in.ids()[s];
+            const auto points = in.pointsOf(s);
+            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+            const std::size_t partner =
+                draw(fractionBase, id) < fractions[k] ? partnerOf(in, s) : s;
+            if (partner == s) {
+                std::copy(points.begin(), points.end(), to.begin());
+                continue;
+            }
+            const auto theirs = in.pointsOf(partner);
+            lengths.resize(points.size());
+            partnerLengths.resize(theirs.size());
+            polylineLengths(points, lengths);
+            polylineLengths(theirs, partnerLengths);
+            const float latest = std::max(start, 1.0f - span);
+            const float begin = mix(start, latest, draw(spanBase, id));
+            stickStrand(points, lengths, theirs, partnerLengths,
+                        {begin, std::min(begin + span, 1.0f)}, clampShare(strengths[k]), reach, to);
+        }
+    }
+
+private:
+    /// The strand among the neighbours whose id draws lowest, so that near ones mostly pick the
+    /// same and form tufts; itself when it draws lower than all: then they come to it. Were it to
+    /// go to one of them, the two would trade places and not meet.
+    std::size_t partnerOf(const StrandSet& in, std::size_t s) const {
+        std::size_t best = s;
+        std::uint64_t least = hashCombine(partnerBase, in.ids()[s]);
+        for (const std::uint32_t other : table_->of(s)) {
+            const std::uint64_t drawn = hashCombine(partnerBase, in.ids()[other]);
+            if (drawn >= least) continue;
+            least = drawn;
+            best = other;
+        }
+        return best;
+    }
+
+    std::shared_ptr<const NeighborTable> table_;
+};
+
+class Tangle final : public StrandOperator {
+public:
+    std::string type() const override { return "Tangle"; }
+    std::string category() const override { return "look"; }
+    std::string description() const override {
+        return "Strands stuck together: mats and wet hair.";
+    }
+    std::vector<ParamSpec> spec() const override { return kParams; }
+    void adoptState(const Operator& other) override {
+        if (const auto* from = dynamic_cast<const Tangle*>(&other)) cache_.copyFrom(from->cache_);
+    }
+
+protected:
+    std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs&,
+                                        const StrandSet& strands) override {
+        auto work = std::make_unique<TangleWork>();
+        work->fraction = fieldFromParam(*this, "fraction", context, strands);
+        work->strength = fieldFromParam(*this, "strength", context, strands);
+        if (work->fraction->constant().value_or(1.0f) <= 0.0f ||
+            work->strength->constant().value_or(1.0f) <= 0.0f)
+            return nullptr;
+        work->start = float(number("start"));
+        work->span = float(number("span"));
+        work->reach = float(number("reach"));
+        work->fractionBase = drawBase(seed(), "Tangle.fraction");
+        work->partnerBase = drawBase(seed(), "Tangle.partner");
+        work->spanBase = drawBase(seed(), "Tangle.span");
+        work->settings = {.count = kCandidates,
+                          .maxDistance = float(number("radius")),
+                          .regionChannel = text("regionChannel"),
+                          .clumpChannel = boolean("sameClump") ? "clumpId" : ""};
+        work->cache = &cache_;
+        return work;
+    }
+
+private:
+    NeighborCache cache_;
+};
+
+}  // namespace
+
+OperatorPtr makeTangle() { return std::make_unique<Tangle>(); }
+
+}  // namespace corvelle

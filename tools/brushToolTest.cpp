@@ -1,0 +1,771 @@
+#include <cmath>
+#include <functional>
+#include <limits>
+
+#include <gtest/gtest.h>
+
+#include "model/correctiveApply.h"
+#include "model/parallel.h"
+#include "model/polyline.h"
+#include "tools/brushMode.h"
+#include "tools/brushTool.h"
+#include "tools/fakeStrokeHost.h"
+#include "tools/screenOcclusion.h"
+#include "tools/selection.h"
+
+namespace corvelle {
+namespace {
+
+using Points = std::vector<Vec2f>;
+const Points kAcross = {{330, 300}, {350, 310}, {385, 330}, {430, 330}, {470, 310}};
+
+BrushToolSettings shaping(BrushMode mode, float strength = 1.0f) {
+    BrushToolSettings settings;
+    settings.mode = mode;
+    settings.strength = strength;
+    settings.radius = 70.0f;
+    settings.label = brushModeWord(mode);
+    return settings;
+}
+
+StrokeResult stroke(FakeStrokeHost& host, const BrushToolSettings& settings, const Points& points,
+                    bool shift = false, bool ctrl = false, const ToolView& view = frontView()) {
+    BrushTool tool;
+    tool.settings = settings;
+    if (!tool.begin(host, view, points[0].x, points[0].y, 1.0f, shift, ctrl)) return {};
+    EXPECT_TRUE(host.active);
+    for (std::size_t i = 1; i < points.size(); ++i)
+        tool.drag(host, view, points[i].x, points[i].y, 1.0f);
+    const StrokeResult result = tool.end(host, view);
+    EXPECT_FALSE(host.active);
+    EXPECT_EQ(host.live, nullptr);
+    EXPECT_EQ(host.liveParts, nullptr);
+    return result;
+}
+
+std::vector<std::uint64_t> movedIds(const GuideHierarchy& a, const GuideHierarchy& b) {
+    std::vector<std::uint64_t> out;
+    for (const GuidePtr& guide : a.guides()) {
+        const GuidePtr other = b.guide(guide->id);
+        if (!other || other->contentHash != guide->contentHash) out.push_back(guide->id);
+    }
+    return out;
+}
+
+const BrushMode kShapes[] = {BrushMode::Comb,   BrushMode::Smooth,     BrushMode::Lift,
+                             BrushMode::Length, BrushMode::Tube,       BrushMode::Twist,
+                             BrushMode::Curl,   BrushMode::Straighten, BrushMode::Attract,
+                             BrushMode::Cut,    BrushMode::Slide,      BrushMode::Direction,
+                             BrushMode::Noise,  BrushMode::Erase,      BrushMode::Paint};
+
+TEST(BrushTool, EveryBrushMakesOneStepAndLeavesTheRestBitForBit) {
+    for (const BrushMode mode : kShapes) {
+        FakeStrokeHost host = makeHost(1);
+        const auto before = host.guides;
+        const StrokeResult result = stroke(host, shaping(mode), kAcross);
+        ASSERT_TRUE(result.committed) << brushModeWord(mode);
+        EXPECT_EQ(result.slots, std::vector<DocumentSlot>{DocumentSlot::Guides});
+        EXPECT_EQ(host.labels, std::vector<std::string>{brushModeWord(mode)});
+        const std::size_t moved = movedIds(*before, *host.guides).size();
+        EXPECT_GT(moved, 0u);
+        EXPECT_LT(moved, before->size() / 2) << "one side of the head alone";
+        EXPECT_TRUE(host.warnings.empty() && host.notes.empty());
+    }
+}
+
+TEST(BrushTool, ShowsTheStrokeLiveAndKeepsUntouchedGuidesTheSameObjects) {
+    FakeStrokeHost host = makeHost(2);
+    BrushTool tool;
+    tool.settings = shaping(BrushMode::Comb);
+    ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    EXPECT_FALSE(tool.drag(host, frontView(), std::span<const StrokePoint>()));
+    ASSERT_TRUE(tool.drag(host, frontView(), 440, 320, 1.0f));
+    ASSERT_NE(host.live, nullptr);
+    std::size_t same = 0, other = 0;
+    for (std::size_t i = 0; i < host.guides->size(); ++i)
+        (host.live->guides()[i] == host.guides->guides()[i] ? same : other)++;
+    EXPECT_GT(other, 3u);
+    EXPECT_GT(same, host.guides->size() / 2);
+    const auto first = host.live;
+    const std::uint64_t hash = first->contentHash();
+    ASSERT_TRUE(tool.drag(host, frontView(), 470, 300, 1.0f));
+    EXPECT_NE(host.live, first);
+    EXPECT_EQ(first->contentHash(), hash) << "a snapshot does not change";
+    EXPECT_STREQ(tool.modeWord(), "comb");
+    EXPECT_TRUE(tool.ring().valid);
+    EXPECT_EQ(tool.path().size(), 3u);
+    EXPECT_TRUE(tool.edited());
+    const auto last = host.live;
+    ASSERT_TRUE(tool.end(host, frontView()).committed);
+    for (const GuidePtr& guide : last->guides())
+        if (guide->parent == 0) {
+            EXPECT_EQ(host.guides->guide(guide->id)->points, guide->points);
+        }
+    EXPECT_FALSE(tool.dragging());
+    EXPECT_TRUE(strokeDocument(tool).has(DocumentSlot::Guides));
+}
+
+TEST(BrushTool, CancelLeavesNothing) {
+    for (const BrushMode mode : kShapes) {
+        FakeStrokeHost host = makeHost(3);
+        const auto before = host.guides;
+        const std::string text = guidesToJson(*before);
+        BrushTool tool;
+        tool.settings = shaping(mode);
+        ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 1.0f));
+        tool.drag(host, frontView(), 450, 300, 1.0f);
+        tool.cancel(host);
+        tool.cancel(host);
+        EXPECT_EQ(host.guides, before);
+        EXPECT_EQ(guidesToJson(*host.guides), text);
+        EXPECT_TRUE(host.commits.empty() && !host.active && !host.live);
+        EXPECT_FALSE(tool.end(host, frontView()).committed);
+        EXPECT_FALSE(tool.drag(host, frontView(), 1, 1, 1.0f));
+    }
+}
+
+TEST(BrushTool, AStrokeThatMovesNothingIsNoStep) {
+    FakeStrokeHost host = makeHost(4);
+    EXPECT_FALSE(stroke(host, shaping(BrushMode::Comb), {{400, 300}}).committed) << "no drag";
+    EXPECT_FALSE(stroke(host, shaping(BrushMode::Smooth), {{5, 5}, {9, 5}}).committed) << "beside";
+    EXPECT_TRUE(stroke(host, shaping(BrushMode::Smooth), {{400, 300}}).committed) << "a click";
+    BrushTool tool;
+    tool.settings = shaping(BrushMode::Smooth);
+    ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 0.0f));
+    EXPECT_FALSE(tool.drag(host, frontView(), 440, 300, 0.0f)) << "no pressure, no stamp";
+    EXPECT_FALSE(tool.end(host, frontView()).committed);
+    tool.settings.pressure = false;
+    ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 0.0f));
+    EXPECT_TRUE(tool.end(host, frontView()).committed) << "unless pressure does not count";
+}
+
+TEST(BrushTool, SameBitsOnOneThreadAndOnMany) {
+    for (const BrushMode mode : kShapes) {
+        for (const bool propagate : {false, true}) {
+            std::vector<std::string> texts;
+            for (const unsigned threads : {1u, 2u, 8u}) {
+                FakeStrokeHost host = makeHost(5);
+                BrushToolSettings settings = shaping(mode);
+                settings.propagate = propagate;
+                settings.symmetry = 0;
+                runWithThreads(threads, [&] { stroke(host, settings, kAcross); });
+                texts.push_back(guidesToJson(*host.guides));
+            }
+            EXPECT_EQ(texts[0], texts[1]) << brushModeWord(mode);
+            EXPECT_EQ(texts[0], texts[2]) << brushModeWord(mode);
+        }
+    }
+}
+
+TEST(BrushTool, EventsInOneListOrOneByOneAreTheSameStroke) {
+    FakeStrokeHost one = makeHost(6), many = makeHost(6);
+    stroke(one, shaping(BrushMode::Curl), kAcross);
+    BrushTool tool;
+    tool.settings = shaping(BrushMode::Curl);
+    ASSERT_TRUE(tool.begin(many, frontView(), kAcross[0].x, kAcross[0].y, 1.0f));
+    std::vector<StrokePoint> points;
+    for (const Vec2f p : Points(kAcross.begin() + 1, kAcross.end())) points.push_back({p.x, p.y});
+    ASSERT_TRUE(tool.drag(many, frontView(), points));
+    tool.end(many, frontView());
+    EXPECT_EQ(guidesToJson(*one.guides), guidesToJson(*many.guides));
+    FakeStrokeHost script = makeHost(6);
+    int drags = 0;
+    EXPECT_TRUE(tool.scriptedStroke(script, shaping(BrushMode::Curl), frontView(), kAcross, 1.0f, 0,
+                                    [&] { ++drags; }));
+    EXPECT_EQ(drags, 4);
+    EXPECT_EQ(guidesToJson(*script.guides), guidesToJson(*one.guides));
+}
+
+TEST(BrushTool, LeavesFrozenMaskedHiddenAndUnselectedGuidesAlone) {
+    FakeStrokeHost free = makeHost(7);
+    const auto before = free.guides;
+    const BrushToolSettings settings = shaping(BrushMode::Twist);
+    stroke(free, settings, kAcross);
+    const std::vector<std::uint64_t> moved = movedIds(*before, *free.guides);
+    std::vector<std::uint64_t> primaries;
+    for (const std::uint64_t id : moved)
+        if (before->guide(id)->parent == 0) primaries.push_back(id);
+    ASSERT_GT(primaries.size(), 4u);
+    const std::uint64_t one = primaries[1];
+    const auto stays = [&](FakeStrokeHost& host, BrushToolSettings own) {
+        const auto start = host.guides;
+        EXPECT_TRUE(stroke(host, own, kAcross).committed);
+        const GuidePtr guide = host.guides->guide(one);
+        EXPECT_EQ(guide->contentHash, start->guide(one)->contentHash);
+        EXPECT_NE(host.guides->guide(primaries[2])->contentHash,
+                  start->guide(primaries[2])->contentHash);
+    };
+    FakeStrokeHost frozen = makeHost(7);
+    frozen.frozen = std::make_shared<const GuideIds>(GuideIds{one});
+    stays(frozen, settings);
+    FakeStrokeHost masked = makeHost(7);
+    auto with = std::make_shared<GuideHierarchy>(*masked.guides);
+    with->setAttribute(one, "freeze", 1.0f);
+    masked.guides = with;
+    stays(masked, settings);
+    FakeStrokeHost selected = makeHost(7);
+    selected.weights =
+        std::make_shared<const GuideWeights>(GuideWeights{{primaries[2], 0.5f}, {one, 0.0f}});
+    BrushToolSettings only = settings;
+    only.selectedOnly = true;
+    stays(selected, only);
+    EXPECT_LT(distance(selected.guides->guide(primaries[2])->points.back(),
+                       before->guide(primaries[2])->points.back()),
+              distance(free.guides->guide(primaries[2])->points.back(),
+                       before->guide(primaries[2])->points.back()))
+        << "half selected, half moved";
+    FakeStrokeHost hidden = makeHost(7);
+    hidden.hidden = {"hair", "brow"};
+    EXPECT_FALSE(stroke(hidden, settings, kAcross).committed);
+    // The freeze mask itself can be painted on what is masked.
+    BrushToolSettings thaw = shaping(BrushMode::Paint);
+    thaw.attribute = "freeze";
+    thaw.value = 0.0f;
+    thaw.hardness = 1.0f;
+    FakeStrokeHost melting = makeHost(7);
+    melting.guides = with;
+    stroke(melting, thaw, kAcross);
+    EXPECT_EQ(melting.guides->guide(one)->attributes.at("freeze"), 0.0f);
+}
+
+TEST(BrushTool, ReachesTheFarSideOnlyWhenAsked) {
+    const auto unseen = [](bool frontOnly) {
+        FakeStrokeHost host = makeHost(8);
+        const auto before = host.guides;
+        BrushToolSettings settings = shaping(BrushMode::Twist);
+        settings.frontFacingOnly = frontOnly;
+        settings.radius = 100.0f;
+        stroke(host, settings, kAcross);
+        const ScreenOcclusionCache occlusion(frontView(), host.mesh);
+        int count = 0;
+        for (const std::uint64_t id : movedIds(*before, *host.guides)) {
+            const GuidePtr guide = before->guide(id);
+            const auto isHidden = [&](Vec3f p) { return occlusion.hidden(p); };
+            count += guide->parent == 0 &&
+                     std::all_of(guide->points.begin(), guide->points.end(), isHidden);
+        }
+        return count;
+    };
+    EXPECT_EQ(unseen(true), 0);
+    EXPECT_GT(unseen(false), 5);
+}
+
+TEST(BrushTool, SymmetryDoesTheSameOnBothSides) {
+    for (const bool topology : {false, true}) {
+        for (const BrushMode mode : {BrushMode::Comb, BrushMode::Attract, BrushMode::Smooth}) {
+            FakeStrokeHost host = makeHost(9, 400, 0);
+            auto even = std::make_shared<GuideHierarchy>(*host.guides);
+            even->mirrorAll(0, 0.0f, true, host.mesh.get());
+            host.guides = even;
+            const auto before = host.guides;
+            BrushToolSettings settings = shaping(mode);
+            settings.symmetry = topology ? -1 : 0;
+            settings.topology = topology;
+            settings.collide = false;
+            settings.radius = 120.0f;
+            stroke(host, settings, {{500, 300}, {510, 320}, {530, 340}});
+            int mirrored = 0;
+            for (const std::uint64_t id : movedIds(*before, *host.guides)) {
+                const GuidePtr was = before->guide(id), now = host.guides->guide(id);
+                if (was->points[0].x < 0.5f) continue;
+                // The twin is rooted at the mirror image.
+                for (const GuidePtr& twin : before->guides()) {
+                    const Vec3f r = twin->points[0];
+                    if (distance({-r.x, r.y, r.z}, was->points[0]) > 0.02f) continue;
+                    const Vec3f tip = host.guides->guide(twin->id)->points.back();
+                    const Vec3f move = now->points.back() - was->points.back();
+                    EXPECT_LT(distance({-tip.x, tip.y, tip.z}, now->points.back()),
+                              0.02f + 0.05f * length(move))
+                        << brushModeWord(mode) << (topology ? " by topology" : " by plane");
+                    mirrored += length(move) > 0.02f;
+                }
+            }
+            EXPECT_GT(mirrored, 3);
+        }
+    }
+    FakeStrokeHost lopsided = makeHost(9);
+    lopsided.mesh =
+        makeSphere(16, 24, 8.0f).withPoints(jitteredPoints(makeSphere(16, 24, 8.0f), 0.5f, 4));
+    BrushToolSettings settings = shaping(BrushMode::Smooth);
+    settings.topology = true;
+    EXPECT_TRUE(stroke(lopsided, settings, kAcross).committed);
+    EXPECT_EQ(lopsided.warnings.size(), 1u) << "said once, and the stroke goes on";
+}
+
+TEST(BrushTool, PropagatesToWhatFollows) {
+    FakeStrokeHost host = makeHost(10, 100, 2);
+    const auto before = host.guides;
+    BrushToolSettings settings = shaping(BrushMode::Length, -1.0f);
+    stroke(host, settings, kAcross);
+    const auto plain = host.guides;
+    host.guides = before;
+    settings.propagate = true;
+    stroke(host, settings, kAcross);
+    int shorter = 0;
+    for (const GuidePtr& guide : before->guides()) {
+        if (guide->parent == 0) continue;
+        const float own = polylineLength(host.guides->guide(guide->id)->points);
+        shorter += own < 0.995f * polylineLength(plain->guide(guide->id)->points);
+    }
+    EXPECT_GT(shorter, 5);
+}
+
+TEST(BrushTool, ErasesGuidesWithTheirChildrenPartsAndFlow) {
+    FakeStrokeHost host = makeHost(11);
+    const auto before = host.guides;
+    SurfaceHit hit;
+    ASSERT_TRUE(host.mesh->closestPoint({0, 0, 9}, 5.0f, hit));
+    FlowData flow;
+    flow.pins.push_back(flowPin(*host.mesh, hit.root(), {1, 0, 0}));
+    flow.sinks.push_back({.at = hit.root()});
+    host.flowLines = std::make_shared<const FlowData>(flow);
+    BrushToolSettings settings = shaping(BrushMode::Erase);
+    settings.eraseFlow = false;
+    EXPECT_EQ(stroke(host, settings, kAcross).slots,
+              std::vector<DocumentSlot>{DocumentSlot::Guides});
+    EXPECT_LT(host.guides->size(), before->size());
+    for (const GuidePtr& guide : host.guides->guides())
+        EXPECT_TRUE(guide->parent == 0 || host.guides->guide(guide->parent));
+    EXPECT_EQ(*host.flowLines, flow);
+    settings.eraseGuides = false;
+    settings.eraseFlow = true;
+    EXPECT_EQ(stroke(host, settings, kAcross).slots, std::vector<DocumentSlot>{DocumentSlot::Flow});
+    EXPECT_TRUE(host.flowLines->empty());
+}
+
+TEST(BrushTool, PlacesGuidesApartAlikeAndMirrored) {
+    FakeStrokeHost host = makeHost(12, 40, 0);
+    const std::size_t before = host.guides->size();
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Place;
+    settings.label = "place";
+    settings.spacing = 0.4f;
+    settings.group = "hair";
+    ASSERT_TRUE(stroke(host, settings, {{300, 300}, {420, 310}, {500, 330}}).committed);
+    const std::size_t made = host.guides->size() - before;
+    EXPECT_GT(made, 8u);
+    for (std::size_t i = before; i < host.guides->size(); ++i) {
+        const Guide& guide = *host.guides->guides()[i];
+        EXPECT_EQ(guide.points.size(), 10u) << "the neighbours'";
+        EXPECT_NEAR(length(guide.points[0]), 8.0f, 0.1f);
+        EXPECT_TRUE(guide.attributes.contains("stiff"));
+        EXPECT_TRUE(guide.pointAttributes.contains("mask"));
+        for (std::size_t j = before; j < i; ++j)
+            EXPECT_GE(distance(guide.points[0], host.guides->guides()[j]->points[0]), 0.399f);
+    }
+    settings.symmetry = 0;
+    const std::size_t then = host.guides->size();
+    ASSERT_TRUE(stroke(host, settings, {{550, 200}}).committed);
+    ASSERT_EQ(host.guides->size(), then + 2);
+    const Guide &right = *host.guides->guides()[then], &left = *host.guides->guides()[then + 1];
+    for (std::size_t i = 0; i < right.points.size(); ++i) {
+        const Vec3f p = right.points[i];
+        EXPECT_LT(distance({-p.x, p.y, p.z}, left.points[i]), 0.02f);
+    }
+    const Vec2f middle{400, 250};
+    ASSERT_TRUE(stroke(host, settings, {middle}).committed);
+    EXPECT_EQ(host.guides->size(), then + 3) << "its own mirror image";
+    EXPECT_FALSE(stroke(host, settings, {{3, 3}}).committed) << "off the scalp";
+}
+
+TEST(BrushTool, PlacesWhereNothingWas) {
+    FakeStrokeHost host = makeHost(13, 1, 0);
+    host.guides = nullptr;
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Place;
+    settings.segments = 5;
+    settings.length = 2.0f;
+    ASSERT_TRUE(stroke(host, settings, {{400, 300}}).committed);
+    ASSERT_EQ(host.guides->size(), 1u);
+    const Guide& guide = *host.guides->guides()[0];
+    EXPECT_EQ(host.guides->groups()[0].name, "primary");
+    EXPECT_EQ(guide.points.size(), 6u);
+    EXPECT_NEAR(polylineLength(guide.points), 2.0f, 1e-4f);
+    EXPECT_EQ(guide.tubeRadius, (std::vector<float>{0.1f, 0.1f}));
+    EXPECT_EQ(host.guides->scalpTopology(), host.mesh->topologyHash());
+    settings.group = "nowhere";
+    EXPECT_THROW(stroke(host, settings, {{400, 300}}), std::invalid_argument);
+    EXPECT_FALSE(host.active);
+}
+
+TEST(BrushTool, PlacesChildrenByHandAndSolosNewGuides) {
+    FakeStrokeHost host = makeHost(14);
+    const std::size_t before = host.guides->size();
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Place;
+    settings.group = "hair_1";
+    settings.level = 1;
+    settings.soloNewGuides = true;
+    ASSERT_TRUE(stroke(host, settings, {{400, 300}}).committed);
+    ASSERT_EQ(host.guides->size(), before + 1);
+    const Guide& child = *host.guides->guides()[before];
+    ASSERT_TRUE(child.follows());
+    float nearest = 1e9f;
+    for (const GuidePtr& guide : host.guides->guides())
+        if (host.guides->group(guide->group)->name == "hair")
+            nearest = std::min(nearest, distance(guide->points[0], child.points[0]));
+    EXPECT_NEAR(distance(host.guides->guide(child.parent)->points[0], child.points[0]), nearest,
+                1e-3f);
+    EXPECT_FALSE(child.attributes.contains("freeze"));
+    EXPECT_EQ(host.guides->guides()[0]->attributes.at("freeze"), 1.0f);
+}
+
+TEST(BrushTool, DrawsInTheAir) {
+    FakeStrokeHost host = makeHost(15, 30, 0);
+    const std::size_t before = host.guides->size();
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Draw;
+    settings.segments = 7;
+    settings.group = "hair";
+    settings.collide = false;
+    const Points up = {{400, 400}, {400, 440}, {420, 500}, {480, 520}};
+    ASSERT_TRUE(stroke(host, settings, up).committed);
+    ASSERT_EQ(host.guides->size(), before + 1);
+    const Guide& guide = *host.guides->guides()[before];
+    ASSERT_EQ(guide.points.size(), 8u);
+    double x = 0.0, y = 0.0;
+    ASSERT_TRUE(frontView().project(guide.points.back(), x, y));
+    EXPECT_NEAR(x, 480.0, 0.01);
+    EXPECT_NEAR(y, 520.0, 0.01);
+    for (const Vec3f& p : guide.points) EXPECT_NEAR(p.z, guide.points[0].z, 1e-3f);
+    EXPECT_TRUE(guide.attributes.contains("stiff")) << "its neighbours' layers";
+    ASSERT_TRUE(stroke(host, settings, {{380, 300}, {381, 301}}).committed);
+    const Guide& standing = *host.guides->guides()[before + 1];
+    EXPECT_GT(dot(normalized(standing.points.back() - standing.points[0]),
+                  normalized(standing.points[0])),
+              0.99f)
+        << "no drag: it stands";
+    BrushTool tool;
+    tool.settings = settings;
+    EXPECT_FALSE(tool.begin(host, frontView(), 3, 3, 1.0f));
+    EXPECT_FALSE(host.active);
+}
+
+TEST(BrushTool, DrawsPartsAndSaysWhatMakesNone) {
+    FakeStrokeHost host = makeHost(16, 4, 0);
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Part;
+    settings.partName = "left";
+    EXPECT_FALSE(stroke(host, settings, {{500, 300}}).committed);
+    EXPECT_EQ(host.warnings, std::vector<std::string>{"a part needs a longer stroke"});
+    EXPECT_EQ(stroke(host, settings, {{480, 300}, {500, 320}, {520, 360}}).slots,
+              std::vector<DocumentSlot>{DocumentSlot::Parts});
+    ASSERT_EQ(host.partLines->lines.size(), 1u);
+    EXPECT_EQ(host.partLines->lines[0].name, "left");
+    EXPECT_EQ(host.partLines->lines[0].points.size(), 3u);
+    settings.symmetry = 0;
+    ASSERT_TRUE(
+        stroke(host, settings, {{480, 200}, {500, 220}, {2, 2}, {520, 260}, {540, 270}}).committed);
+    ASSERT_EQ(host.partLines->lines.size(), 5u)
+        << "a miss breaks the line, each has its mirror image";
+    const Vec3f a = host.mesh->surfacePoint(host.partLines->lines[1].points[0]);
+    const Vec3f b = host.mesh->surfacePoint(host.partLines->lines[2].points[0]);
+    EXPECT_LT(distance({-a.x, a.y, a.z}, b), 1e-3f);
+    BrushTool tool;
+    const auto before = host.partLines;
+    EXPECT_FALSE(tool.scriptedStroke(host, settings, frontView(),
+                                     Points{{480, 300}, {500, 320}, {520, 360}}, 1.0f,
+                                     kScriptedEnd));
+    EXPECT_EQ(host.partLines, before);
+}
+
+TEST(BrushTool, LaysCombsAndErasesFlow) {
+    FakeStrokeHost host = makeHost(17, 4, 0);
+    BrushToolSettings settings;
+    settings.kind = ToolKind::Flow;
+    settings.radius = 40.0f;
+    EXPECT_FALSE(stroke(host, settings, {{400, 300}}).committed) << "a click points nowhere";
+    ASSERT_TRUE(stroke(host, settings, {{300, 300}, {400, 300}, {500, 300}}).committed);
+    const std::size_t laid = host.flowLines->pins.size();
+    EXPECT_GE(laid, 7u);
+    for (const FlowPin& pin : host.flowLines->pins) {
+        EXPECT_GT(flowPinDirection(*host.mesh, pin).x, 0.8f);
+        EXPECT_EQ(pin.line, 0);
+    }
+    ASSERT_TRUE(stroke(host, settings, {{350, 290}, {360, 330}, {360, 360}}).committed);
+    EXPECT_EQ(host.flowLines->pins.size(), laid) << "over arrows it combs";
+    float most = 0.0f;
+    for (const FlowPin& pin : host.flowLines->pins)
+        most = std::max(most, flowPinDirection(*host.mesh, pin).y);
+    EXPECT_GT(most, 0.5f);
+    settings.flowSink = "whorl";
+    ASSERT_TRUE(stroke(host, settings, {{400, 400}}).committed);
+    ASSERT_EQ(host.flowLines->sinks.size(), 1u);
+    EXPECT_EQ(host.flowLines->sinks[0].angle, 70.0f);
+    ASSERT_TRUE(stroke(host, settings, {{400, 400}}, false, true).committed) << "Ctrl erases";
+    EXPECT_TRUE(host.flowLines->sinks.empty());
+    settings.flowSink = "drain";
+    EXPECT_THROW(stroke(host, settings, {{400, 400}}), std::invalid_argument);
+}
+
+TEST(BrushTool, ShapesPartsAndFlowWhenTheyAreTargets) {
+    FakeStrokeHost host = makeHost(18, 4, 0);
+    BrushToolSettings draw;
+    draw.kind = ToolKind::Part;
+    stroke(host, draw, {{300, 300}, {350, 330}, {400, 300}, {450, 330}, {500, 300}});
+    const PartData drawn = *host.partLines;
+    const auto onParts = [&](BrushMode mode, const Points& points) {
+        host.partLines = std::make_shared<const PartData>(drawn);
+        BrushToolSettings settings = shaping(mode);
+        settings.targets = {.guides = false, .parts = true};
+        EXPECT_TRUE(stroke(host, settings, points).committed) << brushModeWord(mode);
+        return *host.partLines;
+    };
+    const auto lengthOf = [&](const PartData& parts) {
+        std::vector<Vec3f> places;
+        for (const StrandRoot& root : parts.lines.at(0).points)
+            places.push_back(host.mesh->surfacePoint(root));
+        return polylineLength(places);
+    };
+    EXPECT_EQ(onParts(BrushMode::Cut, {{400, 300}}).lines.size(), 2u);
+    EXPECT_LT(lengthOf(onParts(BrushMode::Smooth, kAcross)), lengthOf(drawn));
+    EXPECT_LT(lengthOf(onParts(BrushMode::Straighten, kAcross)), lengthOf(drawn));
+    EXPECT_GT(lengthOf(onParts(BrushMode::Length, {{500, 300}})), lengthOf(drawn));
+    const PartData combed = onParts(BrushMode::Comb, {{400, 300}, {400, 320}});
+    for (const PartLine& line : combed.lines)
+        for (const StrandRoot& root : line.points) EXPECT_TRUE(host.mesh->validRoot(root));
+}
+
+TEST(BrushTool, ShiftSmoothsADragAndPicksOnAClick) {
+    FakeStrokeHost host = makeHost(19);
+    const auto before = host.guides;
+    StrokeResult result = stroke(host, shaping(BrushMode::Lift), kAcross, true);
+    EXPECT_TRUE(result.committed);
+    EXPECT_EQ(host.labels.back(), "smooth");
+    const auto smoothed = host.guides;
+    host.guides = before;
+    stroke(host, shaping(BrushMode::Smooth), kAcross);
+    EXPECT_EQ(guidesToJson(*host.guides), guidesToJson(*smoothed));
+
+    host.guides = before;
+    const GuidePtr child = host.guides->guides()[0];
+    double x = 0.0, y = 0.0;
+    GuidePtr seen;
+    for (const GuidePtr& guide : host.guides->guides())
+        if (guide->parent != 0 && guide->points.back().z > 9.0f) seen = guide;
+    ASSERT_TRUE(seen && frontView().project(seen->points.back(), x, y));
+    const Points click = {{float(x), float(y)}, {float(x) + 1, float(y)}};
+    result = stroke(host, shaping(BrushMode::Comb), click, true);
+    EXPECT_TRUE(result.picked && !result.committed);
+    ASSERT_NE(result.guide, 0u);
+    const GuidePtr picked = before->guide(result.guide);
+    EXPECT_EQ(result.group, before->group(picked->group)->name);
+    EXPECT_EQ(result.level, before->depthOf(picked->group));
+    EXPECT_EQ(host.guides, before);
+
+    BrushToolSettings place;
+    place.kind = ToolKind::Place;
+    result = stroke(host, place, click, true);
+    EXPECT_TRUE(result.picked && result.committed && result.soloed);
+    EXPECT_EQ(host.labels.back(), "solo selection");
+    for (const GuidePtr& guide : host.guides->guides()) {
+        const auto freeze = guide->attributes.find("freeze");
+        EXPECT_EQ(freeze != guide->attributes.end() && freeze->second == 1.0f,
+                  guide->id != result.guide);
+    }
+    BrushToolSettings paint = shaping(BrushMode::Paint);
+    paint.attribute = "stiff";
+    result = stroke(host, paint, {{400, 300}}, true);
+    EXPECT_FALSE(result.picked) << "a paint tool smooths where it is";
+}
+
+TEST(BrushTool, CtrlTurnsTheToolRound) {
+    for (const BrushMode mode : {BrushMode::Lift, BrushMode::Twist, BrushMode::Length}) {
+        FakeStrokeHost a = makeHost(20), b = makeHost(20);
+        stroke(a, shaping(mode, 0.6f), kAcross, false, true);
+        stroke(b, shaping(mode, -0.6f), kAcross);
+        EXPECT_EQ(guidesToJson(*a.guides), guidesToJson(*b.guides));
+    }
+    FakeStrokeHost a = makeHost(20), b = makeHost(20);
+    stroke(a, shaping(BrushMode::Cut, 0.6f), kAcross, false, true);
+    stroke(b, shaping(BrushMode::Length, 0.6f), kAcross);
+    EXPECT_EQ(guidesToJson(*a.guides), guidesToJson(*b.guides)) << "cut grows";
+    FakeStrokeHost host = makeHost(20);
+    BrushToolSettings paint = shaping(BrushMode::Paint);
+    paint.attribute = "wet";
+    paint.value = 0.75f;
+    paint.hardness = 1.0f;
+    stroke(host, paint, {{400, 300}}, false, true);
+    int painted = 0;
+    for (const GuidePtr& guide : host.guides->guides()) {
+        const auto wet = guide->attributes.find("wet");
+        if (wet == guide->attributes.end()) continue;
+        EXPECT_EQ(wet->second, 0.25f);
+        ++painted;
+    }
+    EXPECT_GT(painted, 0);
+}
+
+TEST(BrushTool, PaintsAlongGuidesAndSmoothsLayers) {
+    FakeStrokeHost host = makeHost(21);
+    BrushToolSettings paint = shaping(BrushMode::Paint);
+    paint.attribute = "wet";
+    paint.pointwise = true;
+    stroke(host, paint, kAcross);
+    int along = 0;
+    for (const GuidePtr& guide : host.guides->guides()) {
+        const auto wet = guide->pointAttributes.find("wet");
+        if (wet == guide->pointAttributes.end()) continue;
+        ++along;
+        EXPECT_EQ(wet->second.size(), guide->points.size());
+        for (const float v : wet->second) EXPECT_TRUE(v >= 0.0f && v <= 1.0f);
+    }
+    EXPECT_GT(along, 3);
+    FakeStrokeHost patchy = makeHost(21, 200, 0);
+    BrushToolSettings dot = shaping(BrushMode::Paint);
+    dot.attribute = "wet";
+    dot.radius = 70.0f;
+    stroke(patchy, dot, {{400, 300}});
+    const auto spread = [&] {
+        float most = 0.0f;
+        int count = 0;
+        for (const GuidePtr& guide : patchy.guides->guides()) {
+            const auto wet = guide->attributes.find("wet");
+            if (wet == guide->attributes.end()) continue;
+            most = std::max(most, wet->second);
+            ++count;
+        }
+        return std::pair(most, count);
+    };
+    const auto before = spread();
+    ASSERT_GT(before.second, 0);
+    paint.radius = 250.0f;
+    ASSERT_TRUE(stroke(patchy, paint, {{390, 300}, {410, 300}}, true).committed);
+    EXPECT_LT(spread().first, before.first);
+    EXPECT_GT(spread().second, before.second);
+}
+
+TEST(BrushTool, RefusesWhatCannotStart) {
+    FakeStrokeHost host = makeHost(22);
+    BrushTool tool;
+    host.isGroom = false;
+    EXPECT_FALSE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    host.isGroom = true;
+    const ScalpPtr mesh = host.mesh;
+    for (const ScalpPtr& none : {ScalpPtr(), std::make_shared<const ScalpMesh>()}) {
+        host.mesh = none;
+        host.notes.clear();
+        EXPECT_FALSE(tool.begin(host, frontView(), 400, 300, 1.0f));
+        EXPECT_EQ(host.notes,
+                  std::vector<std::string>{"Corvelle brush: the groom has no scalp mesh"});
+    }
+    host.mesh = mesh;
+    const auto refused = [&](const std::function<void(BrushToolSettings&)>& spoil) {
+        tool.settings = {};
+        spoil(tool.settings);
+        EXPECT_THROW(tool.begin(host, frontView(), 400, 300, 1.0f), std::invalid_argument);
+        EXPECT_TRUE(!host.active && !tool.dragging());
+    };
+    refused([](auto& s) { s.strength = std::nanf(""); });
+    refused([](auto& s) { s.paintKind = "skin"; });
+    refused([](auto& s) { s.paintChannels = 0; });
+    refused([](auto& s) { s.mode = BrushMode(15); });
+    refused([](auto& s) { s.kind = ToolKind(9); });
+    refused([](auto& s) {
+        s.mode = BrushMode::Paint;
+        s.attribute = "";
+    });
+    tool.settings = {};
+    EXPECT_THROW(tool.begin(host, frontView(), std::numeric_limits<float>::infinity(), 0, 1.0f),
+                 std::invalid_argument);
+    ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    EXPECT_THROW(tool.drag(host, frontView(), std::nanf(""), 0, 1.0f), std::invalid_argument);
+    EXPECT_TRUE(tool.dragging()) << "the stroke goes on";
+    EXPECT_TRUE(tool.drag(host, frontView(), 460, 300, 1.0f));
+    const auto before = host.guides;
+    host.failsCommit = true;
+    EXPECT_THROW(tool.end(host, frontView()), std::runtime_error);
+    EXPECT_TRUE(tool.dragging());
+    EXPECT_EQ(host.guides, before);
+    host.failsCommit = false;
+    EXPECT_TRUE(tool.end(host, frontView()).committed);
+    // A script puts the settings back, also when it fails.
+    tool.settings.radius = 33.0f;
+    host.failsCommit = true;
+    EXPECT_THROW(tool.scriptedStroke(host, shaping(BrushMode::Lift), frontView(), kAcross, 1.0f,
+                                     kScriptedSmooth),
+                 std::runtime_error);
+    EXPECT_EQ(tool.settings.radius, 33.0f);
+    EXPECT_FALSE(tool.dragging() || host.active);
+}
+
+TEST(BrushTool, FarDragsAndOddViewsEndInFiniteGuides) {
+    FakeStrokeHost host = makeHost(23);
+    SplitMix random(5);
+    BrushTool tool;
+    for (int round = 0; round < 40; ++round) {
+        tool.settings = shaping(kShapes[round % 13], random.nextRange(-3.0f, 3.0f));
+        tool.settings.radius = random.nextRange(1.0f, 2000.0f);
+        const ToolView view = frontView(double(random.nextRange(5.0f, 60.0f)));
+        if (!tool.begin(host, view, random.nextRange(-500, 1500), random.nextRange(-500, 1500),
+                        1.0f))
+            continue;
+        for (int i = 0; i < 3; ++i)
+            tool.drag(host, i == 2 ? flatView() : view, random.nextRange(-5000, 5000),
+                      random.nextRange(-5000, 5000), random.nextFloat());
+        tool.end(host, view);
+    }
+    for (const GuidePtr& guide : host.guides->guides())
+        for (const Vec3f& p : guide->points) ASSERT_TRUE(isFinite(p));
+}
+
+TEST(BrushTool, SculptsIntoACorrectiveLayer) {
+    FakeStrokeHost host = makeHost(24);
+    Correctives layers;
+    layers.layers.push_back({.name = "bend", .time = 10.0, .fadeIn = 4.0, .fadeOut = 4.0});
+    host.layers = std::make_shared<const Correctives>(layers);
+    host.inLayer = true;
+    host.atFrame = 8.0;
+    const auto before = host.guides;
+    BrushTool tool;
+    tool.settings = shaping(BrushMode::Comb);
+    tool.settings.radius = 150.0f;
+    ASSERT_TRUE(tool.begin(host, frontView(), kAcross[0].x, kAcross[0].y, 1.0f));
+    for (const Vec2f p : kAcross) tool.drag(host, frontView(), p.x, p.y, 1.0f);
+    const auto live = host.live;
+    ASSERT_NE(live, nullptr);
+    const StrokeResult result = tool.end(host, frontView());
+    EXPECT_EQ(result.slots,
+              (std::vector<DocumentSlot>{DocumentSlot::Correctives, DocumentSlot::ShotLayer}));
+    EXPECT_EQ(host.guides, before) << "the guides themselves stay";
+    const Correctives stored = readCorrectives(*host.commits.back().at(DocumentSlot::Correctives));
+    ASSERT_EQ(stored.layers.size(), 1u);
+    EXPECT_GT(stored.layers[0].offsets.size(), 1u);
+    const auto weights = correctiveWeights(stored, host.atFrame);
+    const auto shown = applyCorrectives(before, stored, weights, host.mesh.get());
+    for (const auto& [id, offsets] : stored.layers[0].offsets)
+        for (std::size_t i = 0; i < offsets.size(); ++i)
+            EXPECT_LT(distance(shown->guide(id)->points[i], live->guide(id)->points[i]), 1e-3f);
+    host.atFrame = 100.0;
+    try {
+        tool.begin(host, frontView(), 400, 300, 1.0f);
+        FAIL();
+    } catch (const std::invalid_argument& error) {
+        EXPECT_STREQ(error.what(),
+                     "corrective layer 'bend' has no weight on this frame: raise its weight (and "
+                     "key it) to sculpt here");
+    }
+    host.atFrame = 10.0;
+    for (const BrushMode mode : {BrushMode::Erase, BrushMode::Paint}) {
+        tool.settings = shaping(mode);
+        EXPECT_FALSE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    }
+    for (const ToolKind kind : {ToolKind::Place, ToolKind::Draw, ToolKind::Part, ToolKind::Flow}) {
+        tool.settings.kind = kind;
+        EXPECT_FALSE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    }
+    EXPECT_EQ(host.warnings.size(), 6u);
+    EXPECT_FALSE(host.active);
+}
+
+TEST(StrokeDocument, NamesItsSlots) {
+    EXPECT_STREQ(documentSlotName(DocumentSlot::Guides), "guideData");
+    EXPECT_STREQ(documentSlotName(DocumentSlot::Graph), "graph");
+    StrokeDocument document;
+    EXPECT_TRUE(document.empty());
+    document.set(DocumentSlot::Flow, "");
+    EXPECT_FALSE(document.empty()) << "an empty text is a text";
+}
+
+}  // namespace
+}  // namespace corvelle
