@@ -44,6 +44,11 @@ public:
     /// followers are rooted at the point of it closest to their first point.
     void commit(const ScalpMesh* scalp = nullptr);
 
+    /// Puts a guide in the place of one of the same id that differs in its pose alone.
+    static void replace(GuideHierarchy& hierarchy, std::uint32_t index, GuidePtr guide) {
+        hierarchy.guides_[index] = std::move(guide);
+    }
+
 private:
     struct Entry {
         std::uint32_t index = 0;

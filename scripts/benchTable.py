@@ -48,6 +48,10 @@ ROWS: List[Row] = [
         "interpolate/node", "interpolate/bareBlend", "time", 1.5),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Length", "Width", "Resample")),
+    *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
+      for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Flow", "Flyaway")),
+    *(Row(f"table of {k} neighbours, rate over nanoflann", "operators", f"neighbors/table/{k}/1", f"neighbors/nanoflann/{k}/1", "rate", 1.5)
+      for k in (4, 8)),
     Row("HairColor, one thread, over the stream", "operators", "nodes/HairColor/1", "nodes/baseline stream/1", "time", 5.0),
     Row("Collide by field, none touching, over the stream", "operators",
         "collide/field/touching%:0", "collide/stream", "time", 5.0),
@@ -56,6 +60,8 @@ ROWS: List[Row] = [
     Row("Noise over the bare noise loop", "operators", "nodes/Noise/1", "nodes/baseline noise/1", "time", 1.2),
     *(Row(f"expression {name} over C++", "expr", f"expression/{name}/batch", f"expression/{name}/plain", "time", target)
       for name, target in FORMULAS),
+    *(Row(f"{what}, arrays and all, over a full evaluation", "helper", f"stroke/{what}", "stroke/full evaluation",
+          "time", target) for what, target in (("drag and evaluate", 0.04), ("undo and evaluate", 0.04), ("hover", 0.01))),
     Row("answer arrays, groom space, over memcpy", "helper",
         "answer/groom space/1600000", "answer/baseline memcpy/1600000", "time", 2.0),
     Row("answer arrays, host space in metres, over memcpy", "helper",

@@ -38,7 +38,7 @@ void runDetached(DetachedEvaluation& detached) {
 
 std::shared_ptr<DetachedEvaluation> GroomSession::startDetachedEvaluation(const EvaluateOptions& options,
                                                                           std::shared_ptr<DetachedEvaluation> after) {
-    if (!graph_ || liveHierarchy_ || stroking_ || !options.viewNode.empty()) return nullptr;
+    if (!graph_ || live_.hierarchy || stroking_ || !options.viewNode.empty()) return nullptr;
     if (after && after->graphRevision != graphRevision_) return nullptr;
     auto detached = std::make_shared<DetachedEvaluation>();
     std::vector<EvaluationMessage> messages;  // shown by the next evaluation

@@ -67,7 +67,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
     try {
         advanceTo(options.seconds, messages);
         // A stroke thins the view further, on a graph of its own, so that the main one stays warm.
-        const bool underWay = stroking_ || liveHierarchy_ != nullptr;
+        const bool underWay = stroking_ || live_.hierarchy != nullptr;
         const float density = underWay ? options.density * options.sculptDensity : options.density;
         usingSculptGraph_ = underWay && density != options.density && graph_.has_value();
         if (usingSculptGraph_ && !sculptGraph_) {
@@ -78,9 +78,9 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        for (const std::string* text : {&correctiveError_, &partError_, &flowError_})
+        for (const std::string* text : {&correctiveError_, &flowError_, &partError_})
             if (!text->empty()) errors.push_back(*text);
-        guidesMoved = liveHierarchy_ != nullptr || correctedHierarchy() != lastSeen_.hierarchy;
+        guidesMoved = shownHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
@@ -90,7 +90,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
     try {
         countRevisions(*before, guidesMoved, *next);
         measureBounds(options, *before, *next);
-        lastSeen_ = {document_.scalp, correctedHierarchy(), data_.flatGuides};
+        lastSeen_ = {document_.scalp, shownHierarchy(), data_.flatGuides};
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
     }
@@ -149,7 +149,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     data_.frame = framesFromSeconds(options.seconds, document_.framesPerSecond);
     data_.viewport = options.preview;
     data_.deferTools = options.deferTools;
-    data_.density = options.preview ? density : 1.0f;
+    data_.density = density;
     data_.pointBudget = options.preview ? options.pointBudget : 0.0;
     data_.growSegments = 0;
     data_.currentScalp = assembled(current);
@@ -157,9 +157,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     if (follow_.following) {
         // The document's hierarchy is in the rest pose; a stroke's live one and flat guides are not.
         data_.scalp = assembled(follow_.restScalp);
-        data_.hierarchy = liveHierarchy_ ? std::make_shared<const GuideHierarchy>(
-                                               liveHierarchy_->deformed(*current, *follow_.restScalp))
-                                         : hierarchy_;
+        data_.hierarchy = live_.hierarchy ? toDocumentPose(live_.hierarchy) : hierarchy_;
         if (restGuides_ || !document_.guides) {
             data_.flatGuides = restGuides_;
         } else {
@@ -171,7 +169,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
         }
     } else {
         data_.scalp = data_.currentScalp;
-        data_.hierarchy = liveHierarchy_ ? liveHierarchy_ : activeHierarchy();
+        data_.hierarchy = live_.hierarchy ? live_.hierarchy : activeHierarchy();
         data_.flatGuides = document_.guides;
     }
     if (!liveIsCorrected())
@@ -181,8 +179,8 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     data_.hierarchy = refinement_.hierarchy(data_.hierarchy);
     data_.flatGuides = refinement_.guides(data_.flatGuides);
     data_.parts = partLines(data_.scalp);
-    data_.flow = flowField(data_.scalp);
-    data_.maps = refinement_.maps(document_.maps);
+    data_.flow = flowField(data_.scalp, follow_.following ? follow_.restScalp : current);
+    data_.maps = refinement_.maps(shownMaps());
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};
     data_.controls.clear();
@@ -261,9 +259,7 @@ void GroomSession::measureBounds(const EvaluateOptions& options, const Evaluatio
     boundsPending_ = false;
     StrandSet::Extent box;
     if (next.strands && extent.finite) box = extent;
-    const auto hierarchy = !liveHierarchy_     ? correctedHierarchy()
-                           : liveIsCorrected() ? liveHierarchy_
-                                               : corrected(liveHierarchy_, document_.scalp);
+    const auto hierarchy = shownHierarchy();
     for (const GuidePtr& guide : hierarchy->guides())
         for (const Vec3f& p : guide->points) {
             box.min = componentMin(box.min, p);
@@ -274,6 +270,35 @@ void GroomSession::measureBounds(const EvaluateOptions& options, const Evaluatio
         next.boundsMin = box.min;
         next.boundsMax = box.max;
     }
+}
+
+std::vector<GuideSharing> GroomSession::guideSharings() {
+    std::vector<GuideSharing> sharings;
+    if (!graph_ || graph_->output() == 0) return sharings;
+    std::vector<NodeId> nodes;
+    graph_->forEachActiveUpstream(graph_->output(), !data_.viewport, [&](const Node& node) {
+        const auto own = graph_->nodes().find(node.id);  // the walk goes on into compounds
+        if (own != graph_->nodes().end() && &own->second == &node && node.op->type() == "Interpolate")
+            nodes.push_back(node.id);
+        return true;
+    });
+    for (const NodeId id : nodes) {
+        const std::vector<NodeId> from = graph_->node(id).inputNodes;
+        const std::vector<std::size_t> outputs = graph_->node(id).inputOutputs;
+        NodeInputs inputs;
+        inputs.values.resize(from.size());
+        inputs.connected.resize(from.size());
+        for (std::size_t slot = 0; slot < from.size(); ++slot) {
+            if (from[slot] == 0) continue;
+            graph_->evaluate(from[slot], data_);  // as a rule kept from the evaluation itself
+            const std::vector<NodeValue>& values = graph_->node(from[slot]).outputs;
+            if (outputs[slot] < values.size()) inputs.values[slot] = values[outputs[slot]];
+            inputs.connected[slot] = true;
+        }
+        GuideSharing sharing = guideSharing(*graph_->node(id).op, EvalContext(data_), inputs);
+        if (sharing.strands) sharings.push_back(std::move(sharing));
+    }
+    return sharings;
 }
 
 std::string GroomSession::nonFiniteText() const {

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "graph/graphJson.h"
+#include "io/curveCaches.h"
 #include "model/carry.h"
 #include "operators/registerOperators.h"
 #include "session/frameRate.h"
@@ -43,6 +44,7 @@ bool samePose(const ScalpPtr& a, const ScalpPtr& b) {
 
 GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
     registerOperators();
+    data_.curves = std::make_shared<AlembicCurveReader>();
     document_.framesPerSecond = effectiveRate(document_.framesPerSecond);
     graph_ = readGraph(document_.graph);
     if (graph_) graph_->setFramesPerSecond(document_.framesPerSecond);
@@ -55,6 +57,7 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
         }
     }
     readParts();
+    readFlow();
     readCorrectiveLayers();
     document_.maps = withVertexValues(document_.maps, document_.scalp);
     if (document_.maps && document_.scalp)
@@ -196,6 +199,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     document_.maps = withVertexValues(document_.maps, held);
 
     if (otherTriangles) {
+        undo_.clear();  // roots on triangles that are there no more
         if (document_.topology != held->topologyHash())
             pendingMessages_.push_back({"the scalp's vertex order or triangles differ from the groom's: "
                                         "strands are rooted again by position",
@@ -261,19 +265,22 @@ void GroomSession::setPartsJson(const std::string& text) {
 }
 
 void GroomSession::readParts() {
-    parts_ = {};
+    PartData parts;
     partError_.clear();
     try {
-        parts_ = readPartData(document_.parts);
+        parts = readPartData(document_.parts);
     } catch (const std::exception& error) {
         partError_ = std::string("partData: ") + error.what();
     }
+    parts_ = std::make_shared<const PartData>(std::move(parts));
 }
 
 std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) {
-    if (parts_.lines.empty() || !scalp) return nullptr;
-    if (partLines_.scalp != scalp || partLines_.data != parts_)
-        partLines_ = {parts_, scalp, partLinesOn(refinement_.parts(parts_), scalp)};
+    const std::shared_ptr<const PartData> parts = shownParts();
+    if (parts->lines.empty() || !scalp) return nullptr;
+    auto& held = partLines_;
+    if (held.scalp != scalp || !held.data || (held.data != parts && !(*held.data == *parts)))
+        held = {parts, scalp, partLinesOn(refinement_.parts(*parts), scalp)};
     return partLines_.lines;
 }
 
@@ -284,20 +291,23 @@ void GroomSession::setFlowJson(const std::string& text) {
 }
 
 void GroomSession::readFlow() {
-    flow_ = {};
+    FlowData flow;
     flowError_.clear();
     try {
-        flow_ = readFlowData(document_.flow);
+        flow = readFlowData(document_.flow);
     } catch (const std::exception& error) {
         flowError_ = std::string("flowData: ") + error.what();
     }
+    flow_ = std::make_shared<const FlowData>(std::move(flow));
 }
 
-std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) {
-    if (flow_.empty() || !scalp) return nullptr;
-    if (flowField_.scalp != scalp || flowField_.data != flow_)
-        flowField_ = {flow_, scalp, flowFieldOn(refinement_.flow(flow_, *document_.scalp, *scalp), scalp)};
-    return flowField_.field;
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp, const ScalpPtr& cage) {
+    const std::shared_ptr<const FlowData> flow = shownFlow();
+    if (flow->empty() || !scalp || !cage) return nullptr;
+    auto& held = flowField_;
+    if (held.scalp != scalp || !held.data || (held.data != flow && !(*held.data == *flow)))
+        held = {flow, scalp, flowFieldOn(refinement_.flow(*flow, *cage, *scalp), scalp)};
+    return held.field;
 }
 
 /// Takes parts and flow over to the scalp that has replaced `old`, between rest poses where both have
@@ -308,13 +318,13 @@ void GroomSession::moveDrawn(const ScalpMesh& old) {
     const ScalpPtr oldRest = rest ? old.restPose() : nullptr;
     const ScalpPtr to = rest ? restScalp() : document_.scalp;
     const ScalpMesh& from = rest ? *oldRest : old;
-    if (!parts_.lines.empty()) {
-        parts_ = transferParts(parts_, from, *to);
-        document_.parts = partDataJson(parts_);
+    if (!parts_->lines.empty()) {
+        parts_ = std::make_shared<const PartData>(transferParts(*parts_, from, *to));
+        document_.parts = partDataJson(*parts_);
     }
-    if (!flow_.empty()) {
-        flow_ = transferFlow(flow_, from, *to);
-        document_.flow = flowDataJson(flow_);
+    if (!flow_->empty()) {
+        flow_ = std::make_shared<const FlowData>(transferFlow(*flow_, from, *to));
+        document_.flow = flowDataJson(*flow_);
     }
 }
 
@@ -329,13 +339,10 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &partError_, &flowError_, &correctiveError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &flowError_, &partError_,
+                                    &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
-}
-
-void GroomSession::setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live) {
-    liveHierarchy_ = std::move(live);
 }
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {

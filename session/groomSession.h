@@ -17,9 +17,11 @@
 #include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
+#include "operators/interpolate.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
 #include "session/scalpRefinement.h"
+#include "session/undoStack.h"
 
 namespace corvelle {
 
@@ -88,6 +90,8 @@ public:
     /// The drawn parts as JSON; blank: none. A text that does not read stays in the document, and its
     /// fault is shown on each evaluation.
     void setPartsJson(const std::string& text);
+    /// The flow arrows as JSON, likewise.
+    void setFlowJson(const std::string& text);
     /// The corrective layers as JSON; blank: none. A text that does not read is kept likewise.
     void setCorrectivesJson(const std::string& text);
     /// Never null.
@@ -99,14 +103,58 @@ public:
     const std::optional<std::size_t>& activeCorrective() const { return activeCorrective_; }
     /// `activeHierarchy` with every layer at the frame of the session: what a stroke in a layer edits.
     std::shared_ptr<const GuideHierarchy> correctedHierarchy();
-    /// The same for the flow's pins and sinks.
-    void setFlowJson(const std::string& text);
     void setControl(const std::string& name, float value);
     void setCollider(const std::string& name, ScalpPtr mesh);  ///< null removes it
 
-    // Strokes: the thinned graph and the live guides of the stroke under way.
+    /// The parts and flow of the document, read; never null.
+    const std::shared_ptr<const PartData>& parts() const { return parts_; }
+    const std::shared_ptr<const FlowData>& flow() const { return flow_; }
+    /// Pixels of texture maps, held while they are painted; null: not held.
+    std::shared_ptr<const PaintImage> paintImage(const std::string& map) const;
+    /// Holds the pixels of a map as read from its file: no edit.
+    void holdPaintImage(const std::string& map, std::shared_ptr<const PaintImage> image);
+    /// Shown by the next evaluation.
+    void addMessage(const std::string& text, bool error = false) { pendingMessages_.push_back({text, error}); }
+
+    // Edits that can be undone.
+    /// Puts what `next` holds in the place of the document's, as one undo step. Guides come as a
+    /// value in the pose of `hierarchyPose` (their text is made here, unless it is given). False:
+    /// nothing differs, and there is no step. Throws on a graph that does not read and changes
+    /// nothing.
+    bool edit(DocumentState next, const std::string& label, const std::string& mapsDir = {});
+    /// What a stroke has left, likewise. `guides`, when its text is the stroke's, saves reading that.
+    bool applyStroke(const StrokeDocument& document, const std::string& label, const std::string& mapsDir = {},
+                     const std::shared_ptr<const GuideHierarchy>& guides = nullptr);
+    struct UndoOutcome {
+        bool done = false;
+        bool graphChanged = false;
+        std::vector<std::string> images;  ///< texture maps whose pixels changed
+        std::string mapsDir;              ///< of the step
+    };
+    UndoOutcome undo();
+    UndoOutcome redo();
+    const UndoStack& undoStack() const { return undo_; }
+    /// The text of a part of the document as a shared value: the same object while it does not change.
+    StrokeDocument::Text sharedText(DocumentSlot slot);
+
+    // Strokes: the thinned graph and the live values of the stroke under way, shown in the place of
+    // the document's. Null: the document's again.
     void setStroking(bool on) { stroking_ = on; }
-    void setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live);  ///< in the current pose; null: none
+    bool stroking() const { return stroking_; }
+    void setLiveHierarchy(std::shared_ptr<const GuideHierarchy> live);  ///< on the scalp as it is now
+    void setLiveParts(std::shared_ptr<const PartData> live) { live_.parts = std::move(live); }
+    void setLiveFlow(std::shared_ptr<const FlowData> live) { live_.flow = std::move(live); }
+    void setLiveMaps(MapCatalogPtr live) { live_.maps = std::move(live); }
+    /// A graph in the place of the document's until it is set to blank: then the document's comes back,
+    /// with what was done to the live one since. Throws as setGraphJson.
+    void setLiveGraph(const std::string& text);
+    std::shared_ptr<const GuideHierarchy> shownHierarchy();  ///< the live one, else the active one
+    std::shared_ptr<const PartData> shownParts() const { return live_.parts ? live_.parts : parts_; }
+    std::shared_ptr<const FlowData> shownFlow() const { return live_.flow ? live_.flow : flow_; }
+    MapCatalogPtr shownMaps() const { return live_.maps ? live_.maps : document_.maps; }
+    /// Guides edited on the scalp as it is now, in the document's pose. Guides that are the very ones
+    /// of `activeHierarchy` stay the very ones of `hierarchy`: nothing else moves by a bit.
+    std::shared_ptr<const GuideHierarchy> toDocumentPose(const std::shared_ptr<const GuideHierarchy>& edited);
 
     // Evaluation.
     /// Never throws: failures end up in the result's lists.
@@ -123,6 +171,9 @@ public:
     ScalpPtr evaluationScalp() { return assembled(document_.scalp); }
     /// What nodes are given, as the last evaluation gave it.
     const EvaluationData& evaluationData() const { return data_; }
+    /// Which guides shaped which strands in the last evaluation: of each Interpolate node of the graph's
+    /// own that was in use, the one nearest the output first. Throws GraphError as an evaluation does.
+    std::vector<GuideSharing> guideSharings();
 
     // Evaluation on another thread while the session goes on. Null when one cannot start: no graph, a
     // stroke under way, a view node, or `after` belongs to another graph revision.
@@ -159,10 +210,16 @@ private:
 
     ScalpPtr assembled(const ScalpPtr& own);
     void readParts();
+    const std::string& textOf(DocumentSlot slot) const;
+    DocumentState stateOf(const DocumentState& like);
+    void put(const DocumentState& state, const DocumentState::Text& graph);
+    void dropUnchanged(DocumentState& next);
+    DocumentState::Text graphToPut(const DocumentState& from, const DocumentState& to);
+    UndoOutcome walk(const UndoStep& step, bool back);
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
     void readFlow();
     void moveDrawn(const ScalpMesh& old);
-    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp, const ScalpPtr& cage);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -182,15 +239,28 @@ private:
         ScalpPtr bind, current;
     } activeCache_;
     GuidesPtr restGuides_;
-    std::shared_ptr<const GuideHierarchy> liveHierarchy_;
     bool stroking_ = false;
+    struct {
+        std::shared_ptr<const GuideHierarchy> hierarchy;
+        std::shared_ptr<const PartData> parts;
+        std::shared_ptr<const FlowData> flow;
+        MapCatalogPtr maps;
+        std::optional<std::string> documentGraph, graph;  ///< texts, while a live graph stands
+    } live_;
+    struct {
+        std::shared_ptr<const GuideHierarchy> edited, shown, stored, result;
+    } carriedBack_;
+
+    UndoStack undo_;
+    std::array<StrokeDocument::Text, kDocumentSlots> sharedTexts_;
+    DocumentState::Images images_;
 
     void readCorrectiveLayers();
     /// Guides in a pose with the corrective layers at this frame.
     std::shared_ptr<const GuideHierarchy> corrected(const std::shared_ptr<const GuideHierarchy>& guides,
                                                     const ScalpPtr& pose);
     /// The live guides of a stroke in a layer hold all layers already.
-    bool liveIsCorrected() const { return liveHierarchy_ && activeCorrective_; }
+    bool liveIsCorrected() const { return live_.hierarchy && activeCorrective_; }
     std::shared_ptr<const Correctives> correctives_ = std::make_shared<const Correctives>();
     std::string correctiveError_;
     std::optional<std::size_t> activeCorrective_;
@@ -202,17 +272,17 @@ private:
     };
     std::array<Corrected, 2> corrected_;  ///< newest first: the evaluated and the shown pose
 
-    PartData parts_;
+    std::shared_ptr<const PartData> parts_ = std::make_shared<const PartData>();
     std::string partError_;
     struct {
-        PartData data;
+        std::shared_ptr<const PartData> data;
         ScalpPtr scalp;
         std::shared_ptr<const PartLines> lines;
     } partLines_;
-    FlowData flow_;
+    std::shared_ptr<const FlowData> flow_ = std::make_shared<const FlowData>();
     std::string flowError_;
     struct {
-        FlowData data;
+        std::shared_ptr<const FlowData> data;
         ScalpPtr scalp;
         std::shared_ptr<const FlowField> field;
     } flowField_;

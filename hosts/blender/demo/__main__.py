@@ -1,7 +1,9 @@
-"""Grows hair on a head, or on any .obj, through corvelle-helper, and draws it.
+"""Grows hair on a head, or on any .obj, through corvelle-helper, and draws it. Then saves the groom and
+exports ten frames of the head turning, to Alembic and to USD, beside the picture.
 
     scripts/demo [--scalp FILE.obj] [--strands N] [--picture FILE.png]
     scripts/demo --look NAME [--picture FILE.png]
+    scripts/demo --sculpt [FOLDER]
 """
 
 from __future__ import annotations
@@ -19,12 +21,14 @@ from .guides import head_guides, mesh_guides  # noqa: E402  (the client stands b
 from .head import Mesh, make_head, read_obj  # noqa: E402
 from .looks import LOOKS, dress  # noqa: E402
 from .picture import Hair, draw, write_png  # noqa: E402
+from .sendOut import send_out  # noqa: E402
+from .sculpt import sculpt  # noqa: E402
 from .stage import Guides, grown_area, stage, take_hair, timed, views_of  # noqa: E402
 
 SEGMENTS = 15
 
 
-def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: bool) -> Tuple[Hair, Any]:
+def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: bool, stem: Path) -> Tuple[Hair, Any]:
     """Sends the mesh and guides, sets up the graph, and takes the hair. Host space throughout."""
     with stage(helper_path, mesh, guides) as session:
         session.set_graph(session.get_graph())
@@ -49,7 +53,9 @@ def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: boo
         again = timed("evaluate", lambda: session.evaluate(mode="render"))
         print(f"  {again['changedStrands']} strands changed")
         timed("set_guides, back", lambda: session.set_guides(*guides, ids=np.arange(1, len(guides[1]) + 1)))
-        return take_hair(session)
+        hair, answer = take_hair(session)
+        timed("save the groom, export its frames", lambda: send_out(session, mesh, answer["strandCount"], stem))
+        return hair, answer
 
 
 def show_look(helper_path: str, name: str, picture: str) -> int:
@@ -73,13 +79,17 @@ def main() -> int:
     parser.add_argument("--strands", type=int, default=100_000)
     parser.add_argument("--picture", default="hair.png")
     parser.add_argument("--look", choices=sorted(LOOKS), help="a graph of docs/looks, on the head")
+    parser.add_argument("--sculpt", nargs="?", const="", metavar="FOLDER", help="recorded strokes of every tool, pictures into FOLDER")
     options = parser.parse_args()
+    if options.sculpt is not None:
+        return sculpt(options.helper, options.sculpt or str(Path(options.picture).parent / "sculpt"))
     if options.look:
         return show_look(options.helper, options.look, options.picture)
 
     mesh = timed("make the mesh", lambda: read_obj(options.scalp) if options.scalp else make_head())
     guides = timed("make the guides", lambda: mesh_guides(mesh) if options.scalp else head_guides())
-    hair, answer = groom(options.helper, mesh, guides, options.strands, bool(options.scalp))
+    hair, answer = groom(options.helper, mesh, guides, options.strands, bool(options.scalp),
+                         Path(options.picture).resolve().with_suffix(""))
     if not answer["strandCount"]:
         print("no hair grew")
         return 1

@@ -1,12 +1,18 @@
 #include "hosts/blender/helper/command.h"
+#include "hosts/blender/helper/displayCommand.h"
 #include "hosts/blender/helper/evaluateCommands.h"
+#include "hosts/blender/helper/exportCommands.h"
 #include "hosts/blender/helper/graphCommands.h"
 #include "hosts/blender/helper/groomCommands.h"
 #include "hosts/blender/helper/guideCommands.h"
+#include "hosts/blender/helper/guideEditCommands.h"
+#include "hosts/blender/helper/mapCommands.h"
 #include "hosts/blender/helper/processCommands.h"
 #include "hosts/blender/helper/scalpCommands.h"
+#include "hosts/blender/helper/selectionCommands.h"
 #include "hosts/blender/helper/sessionCommands.h"
 #include "hosts/blender/helper/stateCommands.h"
+#include "hosts/blender/helper/strokeCommands.h"
 
 namespace corvelle {
 namespace {
@@ -45,37 +51,37 @@ constexpr Command kCommands[] = {
     {"list_presets"},
     {"apply_preset", kSession},
     {"insert_preset", kSession},
-    {"export_open", kSession},
-    {"export_frame", kSession},
-    {"export_close", kSession},
-    {"export", kSession},
+    {"export_open", kSession, exportOpenCommand},
+    {"export_frame", kSession, exportFrameCommand},
+    {"export_close", kSession, exportCloseCommand},
+    {"export", kSession, exportCommand},
     {"new_groom", kSession, newGroomCommand},
     {"get_state", kSession, getStateCommand},
     {"set_state", kSession, setStateCommand},
-    {"tool_catalog"},
+    {"tool_catalog", false, toolCatalogCommand},
     // The tools.
-    {"tool_set", kSession},
-    {"tool_get", kSession},
-    {"stroke_begin", kSession},
-    {"stroke_drag", kSession},
-    {"stroke_end", kSession},
-    {"stroke_cancel", kSession},
-    {"hover", kSession},
-    {"hover_clear", kSession},
-    {"select", kSession},
-    {"selection_get", kSession},
-    {"selection_set", kSession},
-    {"pick_level", kSession},
-    {"set_hidden_groups", kSession},
-    {"guides_info", kSession},
-    {"guides_edit", kSession},
-    {"maps_list", kSession},
-    {"map_create", kSession},
-    {"map_remove", kSession},
-    {"undo", kSession},
-    {"redo", kSession},
-    {"undo_state", kSession},
-    {"display", kSession},
+    {"tool_set", kSession, toolSetCommand},
+    {"tool_get", kSession, toolGetCommand},
+    {"stroke_begin", kSession, strokeBeginCommand},
+    {"stroke_drag", kSession, strokeDragCommand},
+    {"stroke_end", kSession, strokeEndCommand},
+    {"stroke_cancel", kSession, strokeCancelCommand},
+    {"hover", kSession, hoverCommand},
+    {"hover_clear", kSession, hoverClearCommand},
+    {"select", kSession, selectCommand},
+    {"selection_get", kSession, selectionGetCommand},
+    {"selection_set", kSession, selectionSetCommand},
+    {"pick_level", kSession, pickLevelCommand},
+    {"set_hidden_groups", kSession, setHiddenGroupsCommand},
+    {"guides_info", kSession, guidesInfoCommand},
+    {"guides_edit", kSession, guidesEditCommand},
+    {"maps_list", kSession, mapsListCommand},
+    {"map_create", kSession, mapCreateCommand},
+    {"map_remove", kSession, mapRemoveCommand},
+    {"undo", kSession, undoCommand},
+    {"redo", kSession, undoCommand},
+    {"undo_state", kSession, undoStateCommand},
+    {"display", kSession, displayCommand},
 };
 
 }  // namespace

@@ -6,12 +6,14 @@
 
 #include "hosts/blender/helper/requestError.h"
 #include "hosts/blender/helper/scalpCommands.h"
+#include "hosts/blender/helper/toolState.h"
 #include "session/groomSession.h"
 
 namespace corvelle {
 namespace {
 
 constexpr float kNewGuideTube = 0.1f;  ///< radius of a new hierarchy guide's tube, at root and tip
+constexpr char kSetGuides[] = "set guides";  ///< the undo step
 constexpr std::uint64_t kFirstHashId = std::uint64_t(1) << 53;  ///< ids of generated children fill 64 bits
 
 std::string readPose(const Json& request) {
@@ -118,8 +120,10 @@ std::uint32_t rootGroupOf(GuideHierarchy& hierarchy) {
     return hierarchy.addGroup("guides", 0);
 }
 
-Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curves, bool restPose,
+Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& curves, bool restPose,
                         bool keepMissing) {
+    finishStroke(session);
+    GroomSession& groom = *session.groom;
     const std::shared_ptr<const GuideHierarchy> stored = groom.hierarchy();
     const std::shared_ptr<const GuideHierarchy> shown = restPose ? stored : groom.activeHierarchy();
     const ScalpPtr scalp = restPose ? groom.hierarchyPose() : groom.scalp();
@@ -175,7 +179,7 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
     edit.updated = edit.changed + edit.added + edit.removed > 0;
     if (!edit.updated) return edit;
     if (shown == stored) {
-        groom.setHierarchy(std::move(work), groom.hierarchyPose());
+        editGuides(session, std::move(work), kSetGuides);
         return edit;
     }
     const ScalpPtr bind = groom.hierarchyPose();
@@ -193,7 +197,7 @@ Edit setHierarchyGuides(GroomSession& groom, const std::vector<GuideCurve>& curv
         next.addGuide(rootGroupOf(next), guide.root, back.guide(guide.id)->points, guide.id, bind.get());
         next.setTube(guide.id, {kNewGuideTube, kNewGuideTube}, 0.0f);
     }
-    groom.setHierarchy(std::move(next), bind);
+    editGuides(session, std::move(next), kSetGuides);
     return edit;
 }
 
@@ -244,7 +248,7 @@ Json setGuidesCommand(const CommandContext& context) {
     const std::size_t count = curves.size();
     const bool flat = target == "flat";
     const Edit edit = flat ? setFlatGuides(groom, std::move(curves), pose == "rest")
-                           : setHierarchyGuides(groom, curves, pose == "rest", keepMissing);
+                           : setHierarchyGuides(context.session(), curves, pose == "rest", keepMissing);
     Json result{{"target", target},         {"guides", count},           {"changed", edit.changed},
                 {"added", edit.added},      {"removed", edit.removed},   {"updated", edit.updated}};
     if (flat) result["pose"] = pose;

@@ -7,16 +7,19 @@
 #include <vector>
 
 #include "hosts/blender/helper/answerPool.h"
+#include "hosts/blender/helper/ownFolder.h"
 #include "hosts/blender/helper/strandArrays.h"
 #include "session/sceneSpace.h"
 
 namespace corvelle {
 
 class AlembicGuideCache;
+class GroomExport;
 class GroomSession;
 class SimulationBake;
 struct EvaluationResult;
 struct GroomFile;
+struct ToolState;
 
 /// One groom that a host works on: the engine's document, and what this process keeps around it.
 /// Touched on the main thread only.
@@ -37,13 +40,17 @@ struct HelperSession {
     StrandAnswerCache strandAnswer;  ///< what lies in strandPool
     std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
+    std::shared_ptr<ToolState> tools;  ///< this session's alone; null until first used
     std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
+    std::map<std::int32_t, std::shared_ptr<GroomExport>> exports;  ///< open ones, by number
+    std::int32_t nextExport = 1;
     std::map<std::string, std::shared_ptr<SimulationBake>> simulationBakes;  ///< by Simulate node
     /// The groom as it was last opened or saved; null: neither.
     std::shared_ptr<const GroomFile> file;
     std::vector<std::string> inputErrors;  ///< what failed while it was opened
     bool mapsFolderMade = false;           ///< the session's own folder for maps is there, and clean
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
+    OwnFolder ownMaps;    ///< of its maps, once made
 
 private:
     std::string poolBase(const char* kind) const {

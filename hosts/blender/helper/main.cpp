@@ -9,6 +9,7 @@
 
 #include "hosts/blender/helper/helperSession.h"
 #include "hosts/blender/helper/lineLoop.h"
+#include "hosts/blender/helper/ownFolder.h"
 #include "hosts/blender/helper/platform/executablePath.h"
 #include "hosts/blender/helper/platform/parentWatch.h"
 #include "hosts/blender/helper/platform/processStart.h"
@@ -60,6 +61,7 @@ int main(int argumentCount, char** arguments) {
         return kNoReplyStream;
     }
     corvelle::sweepDeadMappings();
+    corvelle::sweepOwnFolders();
     if (parent > 0) corvelle::watchParent(parent);
 
     {

@@ -29,6 +29,7 @@ std::string makeMapsDir(HelperSession& session) {
         const bool made = !error && fs::create_directory(path, error) && !error;
         if (made) fs::permissions(path, fs::perms::owner_all, error);
         session.mapsFolderMade = made && !error;
+        if (session.mapsFolderMade) session.ownMaps.own(text);
         if (!session.mapsFolderMade) failRequest("io", "cannot write '" + text + "'");
     }
     if (error || !fs::is_directory(path, error)) failRequest("io", "cannot write '" + text + "'");

@@ -11,8 +11,8 @@ namespace corvelle {
 std::string effectiveMapsDir(const HelperSession& session);
 
 /// The same, made if it is not there. The session's own is open to this user alone, and is emptied
-/// when it is first used: an earlier process of the same number may have left it. It stays when the
-/// session ends, for files in it may still be shown; lasting work wants a folder of the host's.
+/// when it is first used: an earlier process of the same number may have left it. It goes with the
+/// session: lasting work wants a folder of the host's.
 /// Fails with code io, "cannot write '<path>'".
 std::string makeMapsDir(HelperSession& session);
 

@@ -1,6 +1,7 @@
 #include "hosts/blender/helper/openGroom.h"
 
 #include "hosts/blender/helper/scalpCommands.h"
+#include "hosts/blender/helper/toolState.h"
 #include "session/groomSession.h"
 #include "session/scalpFollow.h"
 
@@ -16,7 +17,9 @@ OpenedGroom::OpenedGroom(GroomFile groomFile)
 }
 
 void installGroom(HelperSession& session, OpenedGroom opened) {
+    cancelStroke(session);
     session.groom = std::move(opened.groom);
+    rebindTools(session);
     session.file = std::make_shared<const GroomFile>(std::move(opened.file));
     session.inputErrors = std::move(opened.errors);
     session.guideCache = std::move(opened.caches.guides);

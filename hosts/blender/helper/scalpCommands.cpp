@@ -4,6 +4,7 @@
 
 #include "hosts/blender/helper/openGroom.h"
 #include "hosts/blender/helper/requestError.h"
+#include "hosts/blender/helper/toolState.h"
 #include "io/groomStamp.h"
 #include "session/groomSession.h"
 
@@ -175,7 +176,11 @@ void applyHostGuides(GroomSession& groom) {
 
 Json setScalpCommand(const CommandContext& context) {
     GroomSession& groom = *context.session().groom;
-    const std::size_t rerooted = changeScalp(groom, readScalp(context));
+    const ScalpPtr old = groom.scalp();
+    ScalpPtr next = readScalp(context);
+    // A stroke stands on triangles: it cannot go on over others.
+    if (!old || next->topologyHash() != old->topologyHash()) cancelStroke(context.session());
+    const std::size_t rerooted = changeScalp(groom, std::move(next));
     const ScalpPtr& scalp = groom.scalp();
     const std::uint64_t topology = scalp->topologyHash();
     const std::uint64_t expected = groom.document().topology;

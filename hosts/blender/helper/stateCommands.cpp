@@ -12,6 +12,7 @@
 #include "hosts/blender/helper/mapsFolder.h"
 #include "hosts/blender/helper/openGroom.h"
 #include "hosts/blender/helper/requestError.h"
+#include "hosts/blender/helper/toolState.h"
 #include "io/groomAxis.h"
 #include "io/groomPaths.h"
 #include "io/groomReader.h"
@@ -171,6 +172,7 @@ Json getStateCommand(const CommandContext& context) {
     file.maps = stateMaps(file, share);
     if (share != ScalpShare::All) file.scalp = nullptr;
     answer["groom"] = groomFileText(file);
+    answer["tools"] = toolsJson(session);
     return answer;
 }
 
@@ -189,6 +191,7 @@ Json setStateCommand(const CommandContext& context) {
     const ScalpPtr held = session.groom->scalp();
     installGroom(session, std::move(opened));
     if (keepScalp && held) changeScalp(*session.groom, held);
+    if (const Json* tools = findField(context.request, "tools")) restoreTools(session, *tools);
     return groomInfo(session);
 }
 

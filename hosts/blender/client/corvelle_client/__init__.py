@@ -39,6 +39,7 @@ from .errors import (
 )
 from .helper import PROTOCOL, Helper
 from .session import Session
+from .tools import make_view
 
 __all__ = [
     "PROTOCOL",
@@ -64,4 +65,5 @@ __all__ = [
     "Unsupported",
     "WrongState",
     "keep",
+    "make_view",
 ]

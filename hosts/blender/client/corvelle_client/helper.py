@@ -129,6 +129,10 @@ class Helper:
         """The graph that a new groom begins with."""
         return self.request("default_graph")["graph"]
 
+    def tool_catalog(self) -> Dict[str, Any]:
+        """``tools``, ``settings`` and ``categories``: what a tool shelf is built from."""
+        return self.request("tool_catalog")
+
     # ---- the process ---------------------------------------------------------------------------
 
     @property
