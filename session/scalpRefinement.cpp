@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 #include <numbers>
+#include <stdexcept>
 
 #include "model/guideEdit.h"
 
@@ -235,19 +236,26 @@ PartData ScalpRefinement::parts(PartData parts) const {
     return parts;
 }
 
-FlowData ScalpRefinement::flow(FlowData flow, const ScalpMesh& cage, const ScalpMesh& refined) const {
-    if (!refines_) return flow;
-    for (FlowPin& pin : flow.pins) {
-        const bool known = cage.validRoot(pin.at);
-        const Vec3f direction = known ? flowPinDirection(cage, pin) : Vec3f{};
-        pin.at = root(pin.at);
-        if (direction == Vec3f{} || !refined.validRoot(pin.at)) continue;
-        const std::int32_t line = pin.line;
-        pin = flowPin(refined, pin.at, direction);
-        pin.line = line;
+FlowData ScalpRefinement::flow(const FlowData& data, const ScalpMesh& cage,
+                               const ScalpMesh& refined) const {
+    if (!refines_) return data;
+    FlowData out;
+    for (const FlowPin& pin : data.pins) {
+        const StrandRoot place = root(pin.at);
+        if (!cage.validRoot(pin.at) || !refined.validRoot(place)) continue;
+        const Rotation tip = Rotation::shortest(cage.faceNormal(pin.at.triangle),
+                                                refined.faceNormal(place.triangle));
+        try {
+            out.pins.push_back(flowPin(refined, place, tip(flowPinDirection(cage, pin))));
+            out.pins.back().line = pin.line;
+        } catch (const std::invalid_argument&) {  // a face without an area has no directions
+        }
     }
-    for (FlowSink& sink : flow.sinks) sink.at = root(sink.at);
-    return flow;
+    for (FlowSink sink : data.sinks) {
+        sink.at = root(sink.at);
+        if (refined.validRoot(sink.at)) out.sinks.push_back(sink);
+    }
+    return out;
 }
 
 MapCatalogPtr ScalpRefinement::maps(const MapCatalogPtr& maps) {

@@ -64,8 +64,9 @@ public:
     std::shared_ptr<const GuideHierarchy> hierarchy(
         const std::shared_ptr<const GuideHierarchy>& from);
     PartData parts(PartData parts) const;
-    /// Arrows keep their direction in space; both meshes in one pose.
-    FlowData flow(FlowData flow, const ScalpMesh& cage, const ScalpMesh& refined) const;
+    /// Pins keep their direction, tipped onto the refined face. `cage` is the own mesh in the pose
+    /// of `refined`, or near it; what lies on other meshes is left out.
+    FlowData flow(const FlowData& data, const ScalpMesh& cage, const ScalpMesh& refined) const;
     /// Vertex maps that were painted on the own mesh, smoothed as its points are.
     MapCatalogPtr maps(const MapCatalogPtr& maps);
 

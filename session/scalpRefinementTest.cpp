@@ -105,6 +105,34 @@ TEST(ScalpRefinement, TakesGuidesThatAStrokeLeftAloneFromTheLastAnswer) {
     EXPECT_LT(shared, after->size());
 }
 
+TEST(ScalpRefinement, KeepsWhereFlowAndPartsPoint) {
+    const ScalpPtr cage = cageOf(makeSphere(8, 12, 10.0f), 2);
+    ScalpRefinement refinement;
+    refinement.setCages(cage, {});
+    const ScalpPtr refined = refinement.mesh(cage);
+    SplitMix random(5);
+    FlowData flow;
+    PartData parts{{{"part", {}}}};
+    for (int i = 0; i < 60; ++i) {
+        const StrandRoot root = anyRoot(*cage, random);
+        flow.pins.push_back({.at = root, .d0 = 0.6f, .d1 = -0.8f, .line = i});
+        flow.sinks.push_back({.at = root, .angle = 70.0f, .radius = 2.0f});
+        parts.lines[0].points.push_back(root);
+    }
+    const FlowData moved = refinement.flow(flow, *cage, *refined);
+    const PartData drawn = refinement.parts(parts);
+    ASSERT_EQ(moved.pins.size(), flow.pins.size());
+    for (std::size_t i = 0; i < flow.pins.size(); ++i) {
+        EXPECT_EQ(moved.pins[i].line, flow.pins[i].line);
+        EXPECT_EQ(moved.pins[i].at, refinement.root(flow.pins[i].at));
+        EXPECT_EQ(moved.sinks[i].at, moved.pins[i].at);
+        EXPECT_EQ(drawn.lines[0].points[i], moved.pins[i].at);
+        EXPECT_GT(
+            dot(flowPinDirection(*refined, moved.pins[i]), flowPinDirection(*cage, flow.pins[i])),
+            0.9f);
+    }
+}
+
 TEST(ScalpRefinement, GrowsHairOnTheSurfaceThatRendersDraw) {
     for (const bool following : {false, true}) {
         GroomFile file;
