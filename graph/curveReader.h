@@ -20,8 +20,8 @@ public:
                                double seconds) = 0;
 
     /// Names what `curves` would give: equal stamps, equal curves. It follows the file's path, size
-    /// and time of change, and the samples that lie at `seconds`, so that a still file has one stamp
-    /// for all times. Never throws; 0 for a file that is not there.
+    /// and time of change, and the samples that lie at `seconds`, so that a still file has one
+    /// stamp for all times. Never throws; 0 for a file that is not there.
     virtual std::uint64_t stamp(const std::string& path, const std::string& object,
                                 double seconds) noexcept = 0;
 };

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "expr/mapCatalog.h"
+#include "graph/curveReader.h"
 #include "graph/nodeValue.h"
 #include "model/flowData.h"
 #include "model/guideHierarchy.h"
@@ -78,6 +79,7 @@ struct EvaluationData {
     std::map<std::string, double> controls;
     std::string directory;  ///< the groom's, for relative paths
     std::vector<std::string> searchPaths;
+    std::shared_ptr<CurveReader> curves;  ///< reads curve files; null: there is none
     std::map<std::string, CompoundInput> inputs;  ///< inside a compound: its outer inputs by name
 };
 

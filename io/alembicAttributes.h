@@ -2,12 +2,13 @@
 
 // Attributes of an Alembic object that may come late or stay away: for the writers of this folder.
 
-#include <Alembic/AbcGeom/All.h>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <Alembic/AbcGeom/All.h>
 
 namespace corvelle {
 

@@ -10,10 +10,10 @@ namespace corvelle {
 
 namespace {
 
-constexpr std::size_t kDeepest = 256;         ///< objects in objects, compounds in compounds
-constexpr std::size_t kHashBytes = 32;        ///< behind the headers of child objects
-constexpr std::size_t kKeyBytes = 16;         ///< before the values of a sample
-constexpr std::uint8_t kOwnMetaData = 0xff;   ///< the index that says: it follows
+constexpr std::size_t kDeepest = 256;        ///< objects in objects, compounds in compounds
+constexpr std::size_t kHashBytes = 32;       ///< behind the headers of child objects
+constexpr std::size_t kKeyBytes = 16;        ///< before the values of a sample
+constexpr std::uint8_t kOwnMetaData = 0xff;  ///< the index that says: it follows
 
 /// Bytes of each type, by its number; 0 for texts, whose lengths vary.
 constexpr std::size_t kTypeBytes[] = {1, 1, 1, 2, 2, 4, 4, 8, 8, 2, 4, 8, 0, 0};
@@ -180,7 +180,8 @@ private:
         const bool array = kind != 1;
         if (group.size() != (array ? 2 : 1) * stored) return fail("samples are missing");
         for (std::size_t i = 0; i < group.size(); i += array ? 2 : 1) {
-            if (!group[i].isData() || (array && !group[i + 1].isData())) return fail("broken sample");
+            if (!group[i].isData() || (array && !group[i + 1].isData()))
+                return fail("broken sample");
             if (!checkSample(group, i, array, kTypeBytes[type] * extent)) return false;
         }
         return true;

@@ -1,13 +1,14 @@
 #include "io/alembicReader.h"
 
-#include <Alembic/AbcCoreOgawa/All.h>
-#include <Alembic/AbcGeom/All.h>
 #include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <optional>
 
-#include "expr/searchPaths.h"
+#include <Alembic/AbcCoreOgawa/All.h>
+#include <Alembic/AbcGeom/All.h>
+
+#include "model/utf8Path.h"
 #include "io/alembicCheck.h"
 #include "model/hash.h"
 
@@ -45,9 +46,11 @@ std::size_t sampleIndex(const Alembic::Abc::TimeSamplingPtr& sampling, std::size
                         double seconds) {
     if (count <= 1 || !sampling || !std::isfinite(seconds)) return 0;
     const auto floor = sampling->getFloorIndex(seconds, Alembic::Abc::index_t(count));
-    const std::size_t index = std::min(std::size_t(std::max<Alembic::Abc::index_t>(floor.first, 0)), count - 1);
-    const bool next = index + 1 < count &&
-                      sampling->getSampleTime(Alembic::Abc::index_t(index + 1)) <= seconds + kTimeTolerance;
+    const std::size_t index =
+        std::min(std::size_t(std::max<Alembic::Abc::index_t>(floor.first, 0)), count - 1);
+    const bool next =
+        index + 1 < count &&
+        sampling->getSampleTime(Alembic::Abc::index_t(index + 1)) <= seconds + kTimeTolerance;
     return next ? index + 1 : index;
 }
 
@@ -77,8 +80,8 @@ struct AlembicCurves::Archive {
         return sampleIndex(entry.curves.getTimeSampling(), entry.curves.getNumSamples(), seconds);
     }
 
-    /// An array of a property at a sample; null where it has none. What claims to be longer than the
-    /// file is refused before memory is asked for.
+    /// An array of a property at a sample; null where it has none. What claims to be longer than
+    /// the file is refused before memory is asked for.
     template <class Property>
     auto array(const Property& property, std::size_t index) const {
         typename Property::sample_ptr_type sample;
@@ -87,7 +90,8 @@ struct AlembicCurves::Archive {
         const auto selector = at(std::min(index, count - 1));
         Alembic::Util::Dimensions size;
         property.getDimensions(size, selector);
-        const double claimed = double(size.numPoints()) * double(property.getDataType().getNumBytes());
+        const double claimed =
+            double(size.numPoints()) * double(property.getDataType().getNumBytes());
         if (size.rank() > 1 || claimed > double(bytes))
             throw AlembicError(name + ": an array is longer than the file");
         property.get(sample, selector);
@@ -147,7 +151,8 @@ void AlembicCurves::Archive::open() {
 
 /// The library takes the values of an Xform's operations from where they should be.
 void AlembicCurves::Archive::checkXform(const Alembic::Abc::IObject& object) const {
-    constexpr std::size_t kChannels[] = {3, 3, 4, 16, 1, 1, 1};  // scale, translate, rotate, matrix, x, y, z
+    constexpr std::size_t kChannels[] = {3, 3, 4, 16,
+                                         1, 1, 1};  // scale, translate, rotate, matrix, x, y, z
     const auto fail = [&] { throw AlembicError(name + ": broken transform"); };
     const Alembic::Abc::ICompoundProperty all = object.getProperties();
     const auto* header = all.getPropertyHeader(".xform");
@@ -156,7 +161,9 @@ void AlembicCurves::Archive::checkXform(const Alembic::Abc::IObject& object) con
     const auto* ops = xform.getPropertyHeader(".ops");
     const auto* vals = xform.getPropertyHeader(".vals");
     const auto* inherits = xform.getPropertyHeader(".inherits");
-    if (inherits && !(inherits->isScalar() && inherits->getDataType() == Alembic::Abc::DataType(Alembic::Util::kBooleanPOD)))
+    if (inherits &&
+        !(inherits->isScalar() &&
+          inherits->getDataType() == Alembic::Abc::DataType(Alembic::Util::kBooleanPOD)))
         fail();
     if (!ops) return;
     if (!vals || vals->isCompound() || !ops->isScalar() ||
@@ -183,7 +190,9 @@ void AlembicCurves::Archive::checkXform(const Alembic::Abc::IObject& object) con
         }
     }
     if (const auto* animated = xform.getPropertyHeader(".animChans")) {
-        if (!animated->isArray() || animated->getDataType() != Alembic::Abc::DataType(Alembic::Util::kUint32POD)) fail();
+        if (!animated->isArray() ||
+            animated->getDataType() != Alembic::Abc::DataType(Alembic::Util::kUint32POD))
+            fail();
         const Alembic::Abc::IUInt32ArrayProperty numbers(xform, ".animChans");
         if (const auto first = array(numbers, 0))
             for (std::size_t i = 0; i < first->size(); ++i)
@@ -214,8 +223,7 @@ void AlembicCurves::Archive::collect() {
         if (!below.object.valid()) continue;
         if (AbcG::IXform::matches(header)) {
             checkXform(below.object);
-            below.xforms.push_back(
-                AbcG::IXform(top.object, header.getName()).getSchema());
+            below.xforms.push_back(AbcG::IXform(top.object, header.getName()).getSchema());
         } else if (AbcG::ICurves::matches(header)) {
             entries.push_back({below.path, AbcG::ICurves(top.object, header.getName()).getSchema(),
                                below.xforms});
@@ -225,10 +233,12 @@ void AlembicCurves::Archive::collect() {
 }
 
 void AlembicCurves::Archive::noCurves(const std::string& object) const {
-    throw AlembicError(object.empty() ? "no curves in " + name : "no curves named '" + object + "'");
+    throw AlembicError(object.empty() ? "no curves in " + name
+                                      : "no curves named '" + object + "'");
 }
 
-const AlembicCurves::Archive::Entry& AlembicCurves::Archive::entry(const std::string& object) const {
+const AlembicCurves::Archive::Entry& AlembicCurves::Archive::entry(
+    const std::string& object) const {
     if (object.empty() && !entries.empty()) return entries.front();
     const auto found = std::ranges::find_if(
         entries, [&](const Entry& entry) { return isNamed(entry.path, object); });
@@ -254,7 +264,8 @@ std::vector<std::uint64_t> AlembicCurves::Archive::ids(const Entry& entry, std::
                                                        std::size_t curves) const {
     std::vector<std::uint64_t> out;
     const Alembic::Abc::ICompoundProperty params = entry.curves.getArbGeomParams();
-    if (const auto whole = plainArray<Alembic::Abc::IUInt64ArrayProperty>(params, "strandId", index);
+    if (const auto whole =
+            plainArray<Alembic::Abc::IUInt64ArrayProperty>(params, "strandId", index);
         whole && whole->size() == curves) {
         if (curves > 0) out.assign(whole->get(), whole->get() + curves);
         return out;
@@ -274,8 +285,8 @@ Alembic::Abc::M44d AlembicCurves::Archive::matrix(const Entry& entry, double sec
     Alembic::Abc::M44d matrix;
     for (const AbcG::IXformSchema& schema : entry.xforms) {
         if (schema.getNumSamples() == 0) continue;
-        const AbcG::XformSample sample =
-            schema.getValue(at(sampleIndex(schema.getTimeSampling(), schema.getNumSamples(), seconds)));
+        const AbcG::XformSample sample = schema.getValue(
+            at(sampleIndex(schema.getTimeSampling(), schema.getNumSamples(), seconds)));
         matrix = sample.getInheritsXforms() ? sample.getMatrix() * matrix : sample.getMatrix();
     }
     return matrix;
@@ -291,7 +302,8 @@ CurveSet AlembicCurves::Archive::read(const Entry& entry, double seconds) const 
     std::int64_t total = 0;
     for (std::size_t i = 0; i < counts->size(); ++i) {
         if ((*counts)[i] < 0)
-            throw AlembicError(name + ": curve " + std::to_string(i) + " has a negative vertex count");
+            throw AlembicError(name + ": curve " + std::to_string(i) +
+                               " has a negative vertex count");
         total += (*counts)[i];
     }
     const std::size_t points = positions->size(), curves = counts->size();
@@ -371,7 +383,9 @@ CurveSet AlembicCurves::readUnder(const std::string& object, double seconds) con
     bool widths = true, uvs = true, ids = true;
     for (const Archive::Entry* entry : archive_->entriesUnder(object)) {
         const CurveSet part = archive_->read(*entry, seconds);
-        const auto add = [](auto& to, const auto& from) { to.insert(to.end(), from.begin(), from.end()); };
+        const auto add = [](auto& to, const auto& from) {
+            to.insert(to.end(), from.begin(), from.end());
+        };
         add(joined.points, part.points);
         add(joined.counts, part.counts);
         add(joined.widths, part.widths);

@@ -16,9 +16,8 @@ namespace corvelle {
 /// Points come through the Xforms above their object; stored units are ignored. Curves of any type
 /// are taken as their control polygons, widths of any scope as one per point, uvs as one per curve.
 /// A sample at `seconds` is the one at or before it (the first where none is). An object's name is
-/// its full path ("/hair/hairShape", the first slash may be missing) or the last part of it, both also
-/// without a "Shape" at the end.
-/// Files from anywhere are safe to open: what is broken throws.
+/// its full path ("/hair/hairShape", the first slash may be missing) or the last part of it, both
+/// also without a "Shape" at the end. Files from anywhere are safe to open: what is broken throws.
 /// Threads: one at a time.
 class AlembicCurves {
 public:
@@ -39,8 +38,8 @@ public:
     /// "<path>: curve <i> has a negative vertex count",
     /// "<path>: the vertex counts add up to <a> points but the sample holds <b>".
     CurveSet read(const std::string& object, double seconds) const;
-    /// All objects that are named so or lie below something named so, joined; all of the file for an
-    /// empty name. Ids, widths and uvs are kept where every object has them. Throws likewise.
+    /// All objects that are named so or lie below something named so, joined; all of the file for
+    /// an empty name. Ids, widths and uvs are kept where every object has them. Throws likewise.
     CurveSet readUnder(const std::string& object, double seconds) const;
 
     /// Names the samples that `readUnder` would read: equal values, equal curves of this file.

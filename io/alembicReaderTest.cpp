@@ -1,12 +1,11 @@
-#include "io/alembicReader.h"
+#include <fstream>
+#include <sstream>
 
 #include <Alembic/AbcCoreOgawa/All.h>
 #include <Alembic/AbcGeom/All.h>
 #include <gmock/gmock.h>
 
-#include <fstream>
-#include <sstream>
-
+#include "io/alembicReader.h"
 #include "io/alembicWriter.h"
 #include "io/testing/exportCases.h"
 
@@ -24,8 +23,10 @@ protected:
         AbcG::OArchive archive(Alembic::AbcCoreOgawa::WriteArchive(), path);
         fill(archive);
     }
-    static AbcG::OCurvesSchema::Sample sampleOf(const std::vector<Abc::V3f>& points, const std::vector<std::int32_t>& counts) {
-        return AbcG::OCurvesSchema::Sample(Abc::P3fArraySample(points), Abc::Int32ArraySample(counts));
+    static AbcG::OCurvesSchema::Sample sampleOf(const std::vector<Abc::V3f>& points,
+                                                const std::vector<std::int32_t>& counts) {
+        return AbcG::OCurvesSchema::Sample(Abc::P3fArraySample(points),
+                                           Abc::Int32ArraySample(counts));
     }
     ScratchFolder folder;
     const std::string path = folder.file("other.abc");
@@ -51,14 +52,17 @@ TEST_F(AlembicReaderTest, BringsPointsThroughAllXformsAboveAtTheirTimes) {
         curves.getSchema().set(sampleOf(points, counts));
     });
     const AlembicCurves file(path);
-    const auto at = [&](double frame) { return file.read("", frame / 24.0).points[1]; };  // (0, 1, 0)
+    const auto at = [&](double frame) {
+        return file.read("", frame / 24.0).points[1];
+    };  // (0, 1, 0)
     for (int f = 0; f < 3; ++f) {
         EXPECT_NEAR(at(f).x, 10.0f * float(f) - 2.0f, 1e-5f);
         EXPECT_NEAR(at(f).y, 0.0f, 1e-5f);
     }
     EXPECT_EQ(at(1.7), at(1.0));
     EXPECT_EQ(at(50.0), at(2.0));
-    EXPECT_NE(file.samplesAt("", 0.0), file.samplesAt("", 1.0 / 24.0)) << "an Xform's samples count too";
+    EXPECT_NE(file.samplesAt("", 0.0), file.samplesAt("", 1.0 / 24.0))
+        << "an Xform's samples count too";
     EXPECT_EQ(file.samplesAt("", 0.0), file.samplesAt("", 0.5 / 24.0));
 }
 
@@ -76,7 +80,8 @@ TEST_F(AlembicReaderTest, FindsObjectsByPathOrNameWithAndWithoutShape) {
         }
     });
     const AlembicCurves file(path);
-    EXPECT_THAT(file.objects(), testing::ElementsAre("/front/aShape", "/front/b", "/back/aShape", "/back/b"));
+    EXPECT_THAT(file.objects(),
+                testing::ElementsAre("/front/aShape", "/front/b", "/back/aShape", "/back/b"));
     for (const char* name : {"", "a", "aShape", "/front/a", "front/a", "/front/aShape"}) {
         EXPECT_EQ(file.read(name, 0).points[0].z, 1.0f) << name;
         EXPECT_EQ(file.read(name, 0).points[1].z, 2.0f) << name;
@@ -98,7 +103,8 @@ TEST_F(AlembicReaderTest, TakesWidthsOfAnyScopeAndLeavesOutWhatLeadsAstray) {
         std::vector<float> values, expected;
     };
     const std::vector<float> spread = {1, 1, 1, 2, 2}, each = {1, 2, 3, 4, 5};
-    for (const Row& row : {Row{{3}, {3, 3, 3, 3, 3}}, Row{{1, 2}, spread}, Row{each, each}, Row{{1, 2, 3}, {}}}) {
+    for (const Row& row :
+         {Row{{3}, {3, 3, 3, 3, 3}}, Row{{1, 2}, spread}, Row{each, each}, Row{{1, 2, 3}, {}}}) {
         make([&](AbcG::OArchive& archive) {
             AbcG::OCurves curves(archive.getTop(), "c");
             auto sample = sampleOf(points, counts);
@@ -113,7 +119,8 @@ TEST_F(AlembicReaderTest, TakesWidthsOfAnyScopeAndLeavesOutWhatLeadsAstray) {
         make([&](AbcG::OArchive& archive) {
             AbcG::OCurves curves(archive.getTop(), "c");
             auto sample = sampleOf(points, counts);
-            sample.setWidths({Abc::FloatArraySample(values), Abc::UInt32ArraySample(indices), AbcG::kUniformScope});
+            sample.setWidths({Abc::FloatArraySample(values), Abc::UInt32ArraySample(indices),
+                              AbcG::kUniformScope});
             curves.getSchema().set(sample);
         });
         const std::vector<float> expected = {8, 8, 8, 4, 4};
@@ -129,7 +136,8 @@ TEST_F(AlembicReaderTest, SaysWhatIsWrongWithASample) {
     for (const Row& row :
          {Row{{3, -1}, ": curve 1 has a negative vertex count"},
           Row{{3, 3}, ": the vertex counts add up to 6 points but the sample holds 5"},
-          Row{{2147483647, 2147483647, 2147483647}, ": the vertex counts add up to 6442450941 points but the sample holds 5"}}) {
+          Row{{2147483647, 2147483647, 2147483647},
+              ": the vertex counts add up to 6442450941 points but the sample holds 5"}}) {
         make([&](AbcG::OArchive& archive) {
             AbcG::OCurves curves(archive.getTop(), "c");
             curves.getSchema().set(sampleOf(points, row.counts));
@@ -137,13 +145,15 @@ TEST_F(AlembicReaderTest, SaysWhatIsWrongWithASample) {
         EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }), path + row.text);
     }
     make([&](AbcG::OArchive& archive) { AbcG::OCurves curves(archive.getTop(), "c"); });
-    EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }), path + ": a curves sample has no positions or vertex counts");
+    EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }),
+              path + ": a curves sample has no positions or vertex counts");
     make([&](AbcG::OArchive& archive) { AbcG::OXform xform(archive.getTop(), "x"); });
     EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }), "no curves in " + path);
     const std::string nowhere = folder.file("none.abc");
     EXPECT_EQ(errorOf([&] { readCurves(nowhere, "", 0); }), "cannot open '" + nowhere + "'");
     std::ofstream(folder.file("text.abc")) << "this is a text, and a long one at that";
-    EXPECT_EQ(errorOf([&] { readCurves(folder.file("text.abc"), "", 0); }), folder.file("text.abc") + ": not an Alembic file");
+    EXPECT_EQ(errorOf([&] { readCurves(folder.file("text.abc"), "", 0); }),
+              folder.file("text.abc") + ": not an Alembic file");
     EXPECT_EQ(errorOf([&] { readCurves("/tmp", "", 0); }).substr(0, 4), "/tmp");
 }
 
@@ -174,7 +184,9 @@ TEST_F(AlembicReaderTest, SurvivesEveryTruncationAndAnyChangedByte) {
         for (int k = 0; k <= i % 3; ++k) {
             const std::size_t at = random.nextU64() % bytes.size();
             const std::uint64_t how = random.nextU64();
-            bytes[at] = how % 4 == 0 ? char(0xff) : how % 4 == 1 ? char(bytes[at] ^ (1 << how / 4 % 8)) : char(how >> 8);
+            bytes[at] = how % 4 == 0   ? char(0xff)
+                        : how % 4 == 1 ? char(bytes[at] ^ (1 << how / 4 % 8))
+                                       : char(how >> 8);
         }
         refused += outcome(bytes) != "no error";
     }

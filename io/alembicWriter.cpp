@@ -1,13 +1,14 @@
 #include "io/alembicWriter.h"
 
-#include <Alembic/AbcCoreOgawa/All.h>
-#include <Alembic/AbcGeom/All.h>
 #include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <set>
 
-#include "expr/searchPaths.h"
+#include <Alembic/AbcCoreOgawa/All.h>
+#include <Alembic/AbcGeom/All.h>
+
+#include "model/utf8Path.h"
 #include "io/alembicAttributes.h"
 #include "model/parallel.h"
 
@@ -21,7 +22,8 @@ constexpr std::int16_t kGroomVersionMajor = 1;
 constexpr std::int16_t kGroomVersionMinor = 5;
 constexpr std::uint64_t kGroomIdMask = 0x7fffffff;  ///< importers take ids as positive int32
 
-/// Per-point floats of the groom layout and the channel (per point, else per strand) each comes from.
+/// Per-point floats of the groom layout and the channel (per point, else per strand) each comes
+/// from.
 struct FloatRow {
     const char* attribute;
     const char* channel;
@@ -81,7 +83,8 @@ public:
     bool open(const std::string& path) {
         buffer_.resize(kBufferBytes);
         file_.pubsetbuf(buffer_.data(), std::streamsize(buffer_.size()));
-        return file_.open(utf8Path(path), std::ios::binary | std::ios::out | std::ios::trunc) != nullptr;
+        return file_.open(utf8Path(path), std::ios::binary | std::ios::out | std::ios::trunc) !=
+               nullptr;
     }
     /// What comes from here on is dropped, so that the file is never marked whole.
     void abandon() { good_ = false; }
@@ -140,8 +143,8 @@ struct AlembicWriter::Object {
     AlembicAttributes attributes;
     bool hasUvs = false;
 
-    Object(const AbcG::OObject& parent, const std::string& itsName, std::int32_t itsId, bool isGuides,
-           std::string itsGroupName, bool withUvs, std::size_t framesBefore)
+    Object(const AbcG::OObject& parent, const std::string& itsName, std::int32_t itsId,
+           bool isGuides, std::string itsGroupName, bool withUvs, std::size_t framesBefore)
         : name(itsName),
           id(itsId),
           guides(isGuides),
@@ -162,8 +165,8 @@ struct AlembicWriter::Object {
         const StrandSet& strands = *frame.strands;
         const std::size_t count = strands.strandCount();
         const auto offsets = strands.offsets();
-        const std::vector<std::int32_t> counts =
-            perStrand<std::int32_t>(strands, [&](std::size_t s) { return offsets[s + 1] - offsets[s]; });
+        const std::vector<std::int32_t> counts = perStrand<std::int32_t>(
+            strands, [&](std::size_t s) { return offsets[s + 1] - offsets[s]; });
         std::vector<Vec3f> scaledPoints;
         std::vector<float> scaledWidths;
         const auto points = scaledBy(strands.points(), scale, scaledPoints);
@@ -198,15 +201,17 @@ struct AlembicWriter::Object {
         const auto vertex = AbcG::kVertexScope;
         const auto ints = [&](const char* attribute, const std::vector<std::int32_t>& values,
                               std::int32_t otherwise) {
-            attributes.write<AbcG::OInt32GeomParam>(attribute, uniform, std::span<const std::int32_t>(values),
-                                                    otherwise);
+            attributes.write<AbcG::OInt32GeomParam>(
+                attribute, uniform, std::span<const std::int32_t>(values), otherwise);
         };
-        ints("corvelle_strand_id_low", perStrand<std::int32_t>(strands, [&](std::size_t s) {
-                 return std::int32_t(std::uint32_t(ids[s]));
-             }), 0);
-        ints("corvelle_strand_id_high", perStrand<std::int32_t>(strands, [&](std::size_t s) {
-                 return std::int32_t(std::uint32_t(ids[s] >> 32));
-             }), 0);
+        ints("corvelle_strand_id_low",
+             perStrand<std::int32_t>(
+                 strands, [&](std::size_t s) { return std::int32_t(std::uint32_t(ids[s])); }),
+             0);
+        ints("corvelle_strand_id_high",
+             perStrand<std::int32_t>(
+                 strands, [&](std::size_t s) { return std::int32_t(std::uint32_t(ids[s] >> 32)); }),
+             0);
         std::vector<float> scaledWidths;
         attributes.write<AbcG::OFloatGeomParam>("groom_width", vertex,
                                                 scaledBy(strands.widths(), scale, scaledWidths));
@@ -233,12 +238,14 @@ struct AlembicWriter::Object {
         }
         writeFloats(strands, kIridescence);
         writeFloats(strands, kOcclusion);
-        ints("groom_id", perStrand<std::int32_t>(
-                             strands, [&](std::size_t s) { return ids[s] & kGroomIdMask; }), 0);
+        ints("groom_id",
+             perStrand<std::int32_t>(strands, [&](std::size_t s) { return ids[s] & kGroomIdMask; }),
+             0);
         attributes.write<AbcG::OInt32GeomParam>("groom_group_id", AbcG::kConstantScope,
                                                 std::span<const std::int32_t>(&id, 1), id);
         attributes.write<AbcG::OStringGeomParam>("groom_group_name", AbcG::kConstantScope,
-                                                 std::span<const std::string>(&groupName, 1), groupName);
+                                                 std::span<const std::string>(&groupName, 1),
+                                                 groupName);
         writeShares(frame);
     }
 
@@ -259,7 +266,8 @@ private:
                                                     std::span<const float>(*values),
                                                     strands.pointChannelDefault(row.channel));
         } else if (const auto* each = strands.strandChannel(row.channel)) {
-            const std::vector<float> spread = spreadOverPoints(strands, std::span<const float>(*each));
+            const std::vector<float> spread =
+                spreadOverPoints(strands, std::span<const float>(*each));
             attributes.write<AbcG::OFloatGeomParam>(row.attribute, AbcG::kVertexScope,
                                                     std::span<const float>(spread),
                                                     strands.strandChannelDefault(row.channel));
@@ -321,7 +329,8 @@ struct AlembicWriter::File {
     std::uint32_t timeSampling(const std::vector<double>& seconds) {
         if (seconds.empty()) return 0;
         if (seconds.size() == 1)
-            return archive.addTimeSampling(Alembic::Abc::TimeSampling(1.0 / framesPerSecond, seconds[0]));
+            return archive.addTimeSampling(
+                Alembic::Abc::TimeSampling(1.0 / framesPerSecond, seconds[0]));
         const double step = (seconds.back() - seconds.front()) / double(seconds.size() - 1);
         bool even = true;
         for (std::size_t i = 0; i < seconds.size(); ++i)
@@ -361,15 +370,17 @@ void AlembicWriter::open(const std::string& path, const std::string& name, doubl
         about.set(Alembic::Abc::kApplicationNameKey, application);
         about.set(Alembic::Abc::kUserDescriptionKey, "Corvelle hair: Y up, centimetres");
         about.set(Alembic::Abc::kDCCFPSKey, std::to_string(framesPerSecond));
-        file->archive = Alembic::Abc::OArchive(Alembic::AbcCoreOgawa::WriteArchive()(&file->stream, about),
-                                               Alembic::Abc::kWrapExisting,
-                                               Alembic::Abc::ErrorHandler::kThrowPolicy);
+        file->archive = Alembic::Abc::OArchive(
+            Alembic::AbcCoreOgawa::WriteArchive()(&file->stream, about),
+            Alembic::Abc::kWrapExisting, Alembic::Abc::ErrorHandler::kThrowPolicy);
         file->top = AbcG::OXform(file->archive.getTop(), file->name);
         writeIdentity(file->top);
         if (layout_ == Layout::Groom) {
             const auto sign = [&](const Alembic::Abc::OCompoundProperty& properties) {
-                Alembic::Abc::OInt16Property(properties, "groom_version_major").set(kGroomVersionMajor);
-                Alembic::Abc::OInt16Property(properties, "groom_version_minor").set(kGroomVersionMinor);
+                Alembic::Abc::OInt16Property(properties, "groom_version_major")
+                    .set(kGroomVersionMajor);
+                Alembic::Abc::OInt16Property(properties, "groom_version_minor")
+                    .set(kGroomVersionMinor);
                 Alembic::Abc::OStringProperty(properties, "groom_tool").set(application);
             };
             sign(file->top.getSchema().getUserProperties());
@@ -405,8 +416,9 @@ AlembicWriter::Object& AlembicWriter::objectOf(const StrandGroup& group, bool gr
                                       : file.name + "Shape";
     std::string name = wanted;
     for (int i = 2; !file.names.insert(name).second; ++i) name = wanted + "_" + std::to_string(i);
-    file.objects.push_back(std::make_unique<Object>(file.top, name, group.id, group.guides, group.name,
-                                                    !group.frame.rootUvs.empty(), file.times.size()));
+    file.objects.push_back(std::make_unique<Object>(file.top, name, group.id, group.guides,
+                                                    group.name, !group.frame.rootUvs.empty(),
+                                                    file.times.size()));
     return *file.objects.back();
 }
 
@@ -427,10 +439,12 @@ void AlembicWriter::writeObjects(double frame, std::span<const StrandGroup> grou
             throw AlembicError("two groups with the id " + std::to_string(group.id));
         if (layout_ == Layout::Plain && !groupNames.insert(group.name).second)
             throw AlembicError("two groups named '" + group.name + "'");
-        if (const std::string fault = faultOf(group.frame); !fault.empty()) throw AlembicError(fault);
+        if (const std::string fault = faultOf(group.frame); !fault.empty())
+            throw AlembicError(fault);
         const auto offsets = group.frame.strands->offsets();
         for (std::size_t s = 1; s < offsets.size(); ++s)
-            if (offsets[s] - offsets[s - 1] < 2) throw AlembicError("strands need at least 2 points");
+            if (offsets[s] - offsets[s - 1] < 2)
+                throw AlembicError("strands need at least 2 points");
     }
     try {
         file.usesGroups = grouped;
@@ -464,14 +478,17 @@ void AlembicWriter::writeScales(double frame, const ScaleMesh& scales) {
             (file.plates && !file.plates->times.empty() && !(seconds > file.plates->times.back())))
             throw AlembicError("frames must increase");
         if (!file.plates)
-            file.plates = std::make_unique<File::Plates>(file.top, !mesh.uvs.empty(), !mesh.normals.empty());
+            file.plates =
+                std::make_unique<File::Plates>(file.top, !mesh.uvs.empty(), !mesh.normals.empty());
         File::Plates& plates = *file.plates;
 
         // Alembic winds faces clockwise.
-        std::vector<std::int32_t> indices(mesh.faceVertexIndices.begin(), mesh.faceVertexIndices.end());
+        std::vector<std::int32_t> indices(mesh.faceVertexIndices.begin(),
+                                          mesh.faceVertexIndices.end());
         std::size_t at = 0;
         for (const std::int32_t count : mesh.faceVertexCounts) {
-            std::reverse(indices.begin() + std::ptrdiff_t(at), indices.begin() + std::ptrdiff_t(at + count));
+            std::reverse(indices.begin() + std::ptrdiff_t(at),
+                         indices.begin() + std::ptrdiff_t(at + count));
             at += std::size_t(count);
         }
         std::vector<Vec3f> scaledPoints;
@@ -485,14 +502,16 @@ void AlembicWriter::writeScales(double frame, const ScaleMesh& scales) {
         if (plates.hasNormals) {
             normals.assign(mesh.normals.begin(), mesh.normals.end());
             normals.resize(mesh.points.size());
-            sample.setNormals({sampleOver<Alembic::Abc::N3fArraySample>(std::span<const Vec3f>(normals)),
-                               AbcG::kVertexScope});
+            sample.setNormals(
+                {sampleOver<Alembic::Abc::N3fArraySample>(std::span<const Vec3f>(normals)),
+                 AbcG::kVertexScope});
         }
         std::vector<Vec2f> uvs;
         if (plates.hasUvs) {
             uvs.resize(indices.size());
             if (!mesh.uvs.empty())
-                for (std::size_t i = 0; i < uvs.size(); ++i) uvs[i] = mesh.uvs[std::size_t(indices[i])];
+                for (std::size_t i = 0; i < uvs.size(); ++i)
+                    uvs[i] = mesh.uvs[std::size_t(indices[i])];
             sample.setUVs({sampleOver<Alembic::Abc::V2fArraySample>(std::span<const Vec2f>(uvs)),
                            AbcG::kFacevaryingScope});
         }
@@ -504,9 +523,12 @@ void AlembicWriter::writeScales(double frame, const ScaleMesh& scales) {
         if (!look.color.empty())
             plates.attributes.write<AbcG::OC3fGeomParam>("scaleColor", uniform, look.color, grey);
         if (!look.rootColor.empty())
-            plates.attributes.write<AbcG::OC3fGeomParam>("scaleRootColor", uniform, look.rootColor, grey);
-        if (!look.id.empty()) plates.attributes.write<AbcG::OFloatGeomParam>("scaleId", uniform, look.id);
-        if (!look.uv.empty()) plates.attributes.write<AbcG::OV2fGeomParam>("scaleUV", uniform, look.uv);
+            plates.attributes.write<AbcG::OC3fGeomParam>("scaleRootColor", uniform, look.rootColor,
+                                                         grey);
+        if (!look.id.empty())
+            plates.attributes.write<AbcG::OFloatGeomParam>("scaleId", uniform, look.id);
+        if (!look.uv.empty())
+            plates.attributes.write<AbcG::OV2fGeomParam>("scaleUV", uniform, look.uv);
         if (!look.variant.empty())
             plates.attributes.write<AbcG::OInt32GeomParam>("scaleVariant", uniform, look.variant);
         plates.attributes.endSample({mesh.faceVertexCounts.size(), mesh.points.size()});

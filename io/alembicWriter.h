@@ -25,8 +25,9 @@ struct StrandGroup {
 /// attributes one per point or per curve always, native uvs at the roots where the object's first
 /// sample has them. Objects have a sample per frame: one that comes late has empty ones before. The
 /// same frames give the same bytes (no date is written), at any thread count.
-/// Times: frame / rate, in seconds; any rising frames (one TimeSampling, uniform where they are even).
-/// Throws: AlembicError from everything. Checks come before the first sample, so that a frame that
+/// Times: frame / rate, in seconds; any rising frames (one TimeSampling, uniform where they are
+/// even). Throws: AlembicError from everything. Checks come before the first sample, so that a
+/// frame that
 ///         does not pass writes nothing. After a failed write the writer stays open for `close`.
 /// A writer destroyed without `close` leaves an archive that readers refuse.
 class AlembicWriter {
@@ -62,14 +63,16 @@ private:
     std::unique_ptr<File> file_;
 };
 
-/// A plain render export: `<name>/<name>Shape`, or one object per group, with the attribute `strandId`
-/// (uint64, per curve).
+/// A plain render export: `<name>/<name>Shape`, or one object per group, with the attribute
+/// `strandId` (uint64, per curve).
 class StrandsAlembicWriter : public AlembicWriter {
 public:
     StrandsAlembicWriter() : AlembicWriter(Layout::Plain) {}
     /// Throws "writer is closed", "strands need at least 2 points", "the strands were written in
     /// groups", "cannot write frame: <message>".
-    void writeStrands(double frame, const StrandFrame& strands) { writeOne(frame, strands, nullptr); }
+    void writeStrands(double frame, const StrandFrame& strands) {
+        writeOne(frame, strands, nullptr);
+    }
     /// Throws likewise "the strands were written without groups", "two groups named '<name>'".
     void writeStrandGroups(double frame, std::span<const StrandGroup> groups) {
         writeMany(frame, groups);
@@ -80,8 +83,8 @@ public:
 class GroomAlembicWriter : public AlembicWriter {
 public:
     GroomAlembicWriter() : AlembicWriter(Layout::Groom) {}
-    /// `guides` go along as the object "guides_0" when given. Throws as above, "the groom was written
-    /// in groups".
+    /// `guides` go along as the object "guides_0" when given. Throws as above, "the groom was
+    /// written in groups".
     void writeGroom(double frame, const StrandFrame& strands, const StrandFrame* guides = nullptr) {
         writeOne(frame, strands, guides);
     }

@@ -1,8 +1,7 @@
-#include "io/alembicWriter.h"
-
 #include <gmock/gmock.h>
 
 #include "io/alembicReader.h"
+#include "io/alembicWriter.h"
 #include "io/testing/alembicRules.h"
 #include "io/testing/exportCases.h"
 #include "model/parallel.h"
@@ -22,7 +21,8 @@ std::vector<std::uint64_t> idsOf(const StrandSet& strands) {
 std::string difference(const CurveSet& read, const StrandSet& written) {
     if (!std::ranges::equal(read.points, written.points())) return "points";
     if (!std::ranges::equal(read.widths, written.widths())) return "widths";
-    if (read.ids != idsOf(written) && !(read.ids.empty() && written.strandCount() == 0)) return "ids";
+    if (read.ids != idsOf(written) && !(read.ids.empty() && written.strandCount() == 0))
+        return "ids";
     if (read.counts.size() != written.strandCount()) return "counts";
     for (std::size_t s = 0; s < read.counts.size(); ++s)
         if (std::size_t(read.counts[s]) != written.pointCountOf(s)) return "counts";
@@ -71,7 +71,8 @@ TEST_P(AlembicCases, GroomFilesPleaseConsumersInGroupsWithGuidesAtAnyThreadCount
             StrandFrame whole = owned.view();
             std::vector<GuideShares> shares(owned.strands.strandCount());
             for (std::size_t s = 0; s < shares.size(); ++s)
-                shares[s] = {{guides.ids()[s % 6], guides.ids()[(s + 1) % 6], 0}, {0.75f, 0.25f, 0.0f}};
+                shares[s] = {{guides.ids()[s % 6], guides.ids()[(s + 1) % 6], 0},
+                             {0.75f, 0.25f, 0.0f}};
             whole.shares = shares;
             if (!grouped) {
                 writer.writeGroom(frame++, whole, &guideFrame);
@@ -119,17 +120,21 @@ TEST(AlembicWriter, RefusesWrongCallsAndBadFramesAndStaysUsable) {
     StrandsAlembicWriter strands;
     EXPECT_EQ(errorOf([&] { strands.writeStrands(1, good); }), "writer is closed");
     EXPECT_EQ(errorOf([&] { strands.writeScales(1, {}); }), "writer is closed");
-    EXPECT_EQ(errorOf([&] { strands.open(folder.file("x.abc"), "x", 24, 0.0); }), "the scale must be positive");
-    EXPECT_EQ(errorOf([&] { strands.open(folder.file("x.abc"), "x", 24, -1.0); }), "the scale must be positive");
+    EXPECT_EQ(errorOf([&] { strands.open(folder.file("x.abc"), "x", 24, 0.0); }),
+              "the scale must be positive");
+    EXPECT_EQ(errorOf([&] { strands.open(folder.file("x.abc"), "x", 24, -1.0); }),
+              "the scale must be positive");
     const std::string nowhere = folder.file("none/x.abc");
     EXPECT_EQ(errorOf([&] { strands.open(nowhere, "x", 24); }), "cannot create '" + nowhere + "'");
 
     const std::string path = folder.file("strands.abc");
     strands.open(path, "hair", kRate);
     const StrandSet bad = lineStrands({{1, 3}, {2, 1}});
-    EXPECT_EQ(errorOf([&] { strands.writeStrands(1, {.strands = &bad}); }), "strands need at least 2 points");
+    EXPECT_EQ(errorOf([&] { strands.writeStrands(1, {.strands = &bad}); }),
+              "strands need at least 2 points");
     strands.writeStrands(1, good);
-    EXPECT_EQ(errorOf([&] { strands.writeStrandGroups(2, groups); }), "the strands were written without groups");
+    EXPECT_EQ(errorOf([&] { strands.writeStrandGroups(2, groups); }),
+              "the strands were written without groups");
     EXPECT_EQ(errorOf([&] { strands.writeStrands(1, good); }), "frames must increase");
     const std::vector<Vec2f> few(3);
     EXPECT_EQ(errorOf([&] { strands.writeStrands(2, {.strands = &tuft, .rootUvs = few}); }),
@@ -143,7 +148,8 @@ TEST(AlembicWriter, RefusesWrongCallsAndBadFramesAndStaysUsable) {
     strands.open(path, "hair", kRate);
     EXPECT_EQ(errorOf([&] { strands.writeStrandGroups(1, sameName); }), "two groups named 'a'");
     strands.writeStrandGroups(1, groups);
-    EXPECT_EQ(errorOf([&] { strands.writeStrands(2, good); }), "the strands were written in groups");
+    EXPECT_EQ(errorOf([&] { strands.writeStrands(2, good); }),
+              "the strands were written in groups");
     strands.close();
     EXPECT_THAT(alembicFaults(path, false), IsEmpty());
 
@@ -157,7 +163,8 @@ TEST(AlembicWriter, RefusesWrongCallsAndBadFramesAndStaysUsable) {
     EXPECT_THAT(AlembicCurves(path).objects(), testing::ElementsAre("/hair/a", "/hair/a_2"));
     groom.open(path, "hair", kRate);
     groom.writeGroom(1, good);
-    EXPECT_EQ(errorOf([&] { groom.writeGroomGroups(2, groups); }), "the groom was written without groups");
+    EXPECT_EQ(errorOf([&] { groom.writeGroomGroups(2, groups); }),
+              "the groom was written without groups");
     groom.close();
     EXPECT_THAT(alembicFaults(path, true), IsEmpty());
 }
@@ -207,7 +214,9 @@ TEST(AlembicWriter, WritesPlatesAsAMeshOfTheirOwn) {
     scales.look = {.color = colors, .id = ids, .variant = variants};  // late: defaults before
     writer.writeScales(2, scales);
     const std::vector<std::int32_t> wrong = {0, 1, 2, 3, 2, 1, 9};
-    EXPECT_EQ(errorOf([&] { writer.writeScales(3, {.mesh = {counts, wrong, points, {}, {}}}); }),
+    EXPECT_EQ(errorOf([&] {
+                  writer.writeScales(3, {.mesh = {counts, wrong, points, {}, {}}});
+              }),
               "cannot write the scales: face index 9 is out of range");
     writer.close();
     EXPECT_THAT(alembicFaults(path, true), IsEmpty());
@@ -232,7 +241,8 @@ TEST(AlembicWriter, AFileThatWasDroppedIsNoneToReaders) {
         const StrandSet tuft = makeTuft({.strands = 10});
         writer.writeStrands(1, {.strands = &tuft});
     }
-    EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }), path + ": the file is not whole: its writer did not finish");
+    EXPECT_EQ(errorOf([&] { readCurves(path, "", 0); }),
+              path + ": the file is not whole: its writer did not finish");
 }
 
 }  // namespace

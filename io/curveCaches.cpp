@@ -6,6 +6,7 @@
 
 #include "expr/searchPaths.h"
 #include "model/hash.h"
+#include "model/utf8Path.h"
 
 namespace corvelle {
 
@@ -61,7 +62,8 @@ CurveSetPtr AlembicCurveReader::curves(const std::string& path, const std::strin
     const std::uint64_t stamp = stampOf(file, object, seconds);
     auto found = std::ranges::find(kept_, stamp, &Kept::stamp);
     if (found == kept_.end()) {
-        Kept fresh{stamp, std::make_shared<const CurveSet>(file.curves->readUnder(object, seconds))};
+        Kept fresh{stamp,
+                   std::make_shared<const CurveSet>(file.curves->readUnder(object, seconds))};
         if (kept_.size() == kKeptSets) kept_.pop_back();
         kept_.push_back(std::move(fresh));
         found = kept_.end() - 1;
@@ -89,10 +91,10 @@ AlembicGuideCache::AlembicGuideCache(const std::string& path, std::string object
     file_.range(object_);
 }
 
-GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held) {
+GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held,
+                                      const ScalpMesh* scalp) {
     const std::uint64_t sample = file_.samplesAt(object_, seconds);
-    if (last_.guides && last_.sample == sample && (last_.held == held || last_.guides == held))
-        return last_.guides;
+    if (last_.guides && last_.sample == sample && last_.guides == held) return last_.guides;
     const CurveSet read = file_.read(object_, seconds);
     const bool named = goodIds(read.ids);
     std::vector<GuideCurve> curves;
@@ -108,9 +110,13 @@ GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held) {
             curve.root = held->roots()[like];
             curve.detail = std::make_shared<const GuideDetail>(held->detail(like));
         }
+        SurfaceHit hit;
+        if (!curve.root.rooted() && scalp &&
+            scalp->closestPoint(curve.points.front(), ScalpMesh::kAnyDistance, hit))
+            curve.root = hit.root();
         curves.push_back(std::move(curve));
     }
-    last_ = {sample, held, std::make_shared<const GuideSet>(curves)};
+    last_ = {sample, std::make_shared<const GuideSet>(curves)};
     return last_.guides;
 }
 
@@ -150,10 +156,11 @@ GuidesPtr SimulationBake::guidesAt(double frame, const GuidesPtr& groomed) {
     for (GuideCurve& curve : curves) {
         const auto found = std::ranges::lower_bound(places, curve.id, {}, &Place::id);
         if (found == places.end() || found->id != curve.id)
-            throw AlembicError(path_ + ": the bake does not hold guide " + std::to_string(curve.id));
+            throw AlembicError(path_ + ": the bake does not hold guide " +
+                               std::to_string(curve.id));
         if (std::size_t(found->count) != curve.points.size())
-            throw AlembicError(path_ + ": the bake holds guide " + std::to_string(curve.id) + " with " +
-                               std::to_string(found->count) + " points, not " +
+            throw AlembicError(path_ + ": the bake holds guide " + std::to_string(curve.id) +
+                               " with " + std::to_string(found->count) + " points, not " +
                                std::to_string(curve.points.size()));
         std::copy_n(read.points.begin() + std::ptrdiff_t(found->first), curve.points.size(),
                     curve.points.begin());
@@ -179,8 +186,8 @@ GroomCaches openCaches(const GroomFile& groom, std::vector<std::string>& errors)
         }
     }
     if (!groom.guideCache.file.empty()) try {
-            caches.guides = std::make_shared<AlembicGuideCache>(resolved(groom, groom.guideCache.file),
-                                                                groom.guideCache.object);
+            caches.guides = std::make_shared<AlembicGuideCache>(
+                resolved(groom, groom.guideCache.file), groom.guideCache.object);
         } catch (const std::exception& error) {
             errors.push_back(std::string("the guide cache did not open: ") + error.what());
         }

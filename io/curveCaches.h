@@ -41,23 +41,24 @@ private:
     std::vector<Kept> kept_;
 };
 
-/// Plays a guide cache: an Alembic file that animates the groom's flat guides. Guides take their ids
-/// from the file where it has good ones, else 1, 2, 3... in its order; curves of fewer than 2 points are
-/// left out.
+/// Plays a guide cache: an Alembic file that animates the groom's flat guides. Guides take their
+/// ids from the file where it has good ones, else 1, 2, 3... in its order; curves of fewer than 2
+/// points are left out.
 class AlembicGuideCache {
 public:
     /// Opens the file and finds the object (the first curves object for none). Throws AlembicError.
     AlembicGuideCache(const std::string& path, std::string object);
-    /// The guides at a time. Roots and details are those of the guides of the same id in `held` (may
-    /// be null); others have no root. The same object is given while the sample stays.
-    GuidesPtr guidesAt(double seconds, const GuidesPtr& held);
+    /// The guides at a time. Roots and details are those of the guides of the same id in `held`
+    /// (may be null); others are rooted where `scalp` (may be null) is closest. Given what it gave
+    /// last, it gives the same object while the sample stays.
+    GuidesPtr guidesAt(double seconds, const GuidesPtr& held, const ScalpMesh* scalp = nullptr);
 
 private:
     AlembicCurves file_;
     std::string object_;
     struct {
         std::uint64_t sample = 0;
-        GuidesPtr held, guides;
+        GuidesPtr guides;
     } last_;
 };
 
@@ -72,9 +73,9 @@ public:
     double firstFrame() const { return firstFrame_; }
     double lastFrame() const { return lastFrame_; }
     bool covers(double frame) const;
-    /// `groomed` with the points that the bake has for them, matched by id. Outside of the baked frames
-    /// the guides as they are. Throws AlembicError for a guide that the bake does not hold, or holds
-    /// with another number of points.
+    /// `groomed` with the points that the bake has for them, matched by id. Outside of the baked
+    /// frames the guides as they are. Throws AlembicError for a guide that the bake does not hold,
+    /// or holds with another number of points.
     GuidesPtr guidesAt(double frame, const GuidesPtr& groomed);
 
 private:
@@ -92,9 +93,9 @@ struct GroomCaches {
     std::shared_ptr<AlembicGuideCache> guides;  ///< null: none, or it did not open
     std::map<std::string, std::shared_ptr<SimulationBake>> bakes;  ///< by Simulate node
 };
-/// A file that does not open is left out, with a line in `errors`: "the simulation bake of <node> did
-/// not open: <message>", "the guide cache did not open: <message>". Relative names lie in the groom's
-/// folder, and variables in them are replaced.
+/// A file that does not open is left out, with a line in `errors`: "the simulation bake of <node>
+/// did not open: <message>", "the guide cache did not open: <message>". Relative names lie in the
+/// groom's folder, and variables in them are replaced.
 GroomCaches openCaches(const GroomFile& groom, std::vector<std::string>& errors);
 
 }  // namespace corvelle

@@ -1,10 +1,9 @@
-#include "io/curveCaches.h"
+#include <fstream>
 
 #include <gmock/gmock.h>
 
-#include <fstream>
-
 #include "io/alembicWriter.h"
+#include "io/curveCaches.h"
 #include "io/testing/exportCases.h"
 
 namespace corvelle {
@@ -60,7 +59,8 @@ TEST_F(CurveCachesTest, AGuideCachePlaysAndKeepsTheRootsThatAreKnown) {
     EXPECT_TRUE(std::ranges::equal(guides->points(), at(2).strands.points()));
     EXPECT_EQ(guides->roots()[2], known[0].root);
     EXPECT_FALSE(guides->roots()[3].rooted());
-    EXPECT_EQ(cache.guidesAt(2.0 / 24.0, guides), guides) << "played once more, it is the same object";
+    EXPECT_EQ(cache.guidesAt(2.0 / 24.0, guides), guides)
+        << "played once more, it is the same object";
     EXPECT_NE(cache.guidesAt(3.0 / 24.0, guides), guides);
     EXPECT_EQ(errorOf([&] { AlembicGuideCache(path, "hair"); }), "no curves named 'hair'");
 }

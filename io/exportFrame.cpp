@@ -71,9 +71,9 @@ std::string faultOf(const InstancesFrame& frame) {
 std::string faultOf(const ScalesFrame& frame) {
     if (frame.mesh) {
         const ScaleMesh& scales = *frame.mesh;
-        std::string fault =
-            firstOf({faultOf(scales.mesh), fitting("colors", scales.colors, scales.mesh.points.size()),
-                     faultOf(scales.look, scales.mesh.faceVertexCounts.size())});
+        std::string fault = firstOf({faultOf(scales.mesh),
+                                     fitting("colors", scales.colors, scales.mesh.points.size()),
+                                     faultOf(scales.look, scales.mesh.faceVertexCounts.size())});
         if (!fault.empty()) return fault;
     }
     if (!frame.instances) return {};

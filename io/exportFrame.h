@@ -13,8 +13,8 @@
 
 namespace corvelle {
 
-// What goes out in one frame, as plain views that the writers of all formats read. They must live for
-// the call only. Groom space: Y up, centimetres; colours are linear RGB.
+// What goes out in one frame, as plain views that the writers of all formats read. They must live
+// for the call only. Groom space: Y up, centimetres; colours are linear RGB.
 
 /// The guides that shaped a strand most, greatest weight first; a weight of 0 ends the list.
 struct GuideShares {
@@ -50,10 +50,10 @@ struct Prototype {
 /// Meshes standing on strands.
 struct InstancesFrame {
     std::span<const Prototype> prototypes;
-    std::span<const std::int32_t> protoIndices;            ///< [instances], into `prototypes`
-    std::span<const Vec3f> positions;                      ///< [instances]
-    std::span<const std::array<float, 4>> orientations;    ///< [instances], (w, x, y, z), any length
-    std::span<const Vec3f> scales;                         ///< [instances]
+    std::span<const std::int32_t> protoIndices;          ///< [instances], into `prototypes`
+    std::span<const Vec3f> positions;                    ///< [instances]
+    std::span<const std::array<float, 4>> orientations;  ///< [instances], (w, x, y, z), any length
+    std::span<const Vec3f> scales;                       ///< [instances]
     bool carriersOnly = false;  ///< the strands only carry the instances and are not to be rendered
 };
 
@@ -86,8 +86,8 @@ struct ScalesFrame {
 
 inline constexpr Vec3f kNoColor{0.5f, 0.5f, 0.5f};
 
-// Each gives the first fault of a frame as a text for the user, empty for none: arrays of other lengths
-// than those they belong to, indices out of range.
+// Each gives the first fault of a frame as a text for the user, empty for none: arrays of other
+// lengths than those they belong to, indices out of range.
 std::string faultOf(const StrandFrame& frame);
 std::string faultOf(const MeshView& mesh);
 std::string faultOf(const InstancesFrame& frame);

@@ -52,7 +52,8 @@ std::string OgawaFile::check() {
         const std::uint64_t position = reference.position();
         const auto [state, fresh] = states.try_emplace(position, State::Open);
         if (!fresh) return state->second == State::Open ? "a group holds itself" : "";
-        if (stack.size() == kDeepest) return "groups nested deeper than " + std::to_string(kDeepest);
+        if (stack.size() == kDeepest)
+            return "groups nested deeper than " + std::to_string(kDeepest);
         std::uint64_t count = 0;
         if (!readCount(position, count)) return "a group outside of the file";
         if (count > (size_ - position - 8) / 8) return "a group longer than the file";

@@ -23,10 +23,11 @@ public:
     /// Keeps `in`, which must outlive this.
     explicit OgawaFile(std::istream& in) : in_(in) {}
 
-    /// Walks all groups and gives the first fault as a text, empty for none: "not an Alembic file", "the
-    /// file is not whole: its writer did not finish", or what is broken. Only a file that passed may be
-    /// asked what follows. It has every reference within itself, no group inside itself and none that
-    /// overlap, so a walk over all of it ends in time linear in its size. Never reads the data.
+    /// Walks all groups and gives the first fault as a text, empty for none: "not an Alembic file",
+    /// "the file is not whole: its writer did not finish", or what is broken. Only a file that
+    /// passed may be asked what follows. It has every reference within itself, no group inside
+    /// itself and none that overlap, so a walk over all of it ends in time linear in its size.
+    /// Never reads the data.
     std::string check();
 
     Reference root() const { return root_; }

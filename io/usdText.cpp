@@ -1,8 +1,9 @@
 #include "io/usdText.h"
 
-#include <Imath/half.h>
 #include <charconv>
 #include <cmath>
+
+#include <Imath/half.h>
 
 #include "model/floatText.h"
 

@@ -12,15 +12,16 @@ namespace corvelle {
 
 // The values and names of a USD text layer. All append without a locale.
 
-/// The shortest text that reads back as the same float32; "nan", "inf", "-inf" for what is no number.
+/// The shortest text that reads back as the same float32; "nan", "inf", "-inf" for what is no
+/// number.
 void appendUsd(std::string& out, float value);
 void appendUsd(std::string& out, double value);
 void appendUsd(std::string& out, std::int32_t value);
 void appendUsd(std::string& out, std::int64_t value);
 void appendUsd(std::string& out, const Vec2f& value);  ///< (x, y)
 void appendUsd(std::string& out, const Vec3f& value);
-/// A rotation (w, x, y, z) as a quath: made unit, then rounded to half floats; no length, or one that
-/// is no number, is the identity.
+/// A rotation (w, x, y, z) as a quath: made unit, then rounded to half floats; no length, or one
+/// that is no number, is the identity.
 void appendUsdRotation(std::string& out, const std::array<float, 4>& value);
 
 /// A text between double quotes: \ and " escaped, a line feed as \n, other controls as a space.

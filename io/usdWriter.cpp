@@ -4,7 +4,7 @@
 #include <cmath>
 #include <filesystem>
 
-#include "expr/searchPaths.h"
+#include "model/utf8Path.h"
 #include "io/usdText.h"
 #include "model/parallel.h"
 
@@ -12,17 +12,17 @@ namespace corvelle {
 
 namespace {
 
-constexpr std::size_t kChunk = 16384;          ///< elements one task makes text of
-constexpr std::size_t kBatch = 1'048'576;      ///< elements whose text is held at once
-constexpr std::size_t kCopyBytes = 1 << 20;    ///< of a spool at a time
+constexpr std::size_t kChunk = 16384;        ///< elements one task makes text of
+constexpr std::size_t kBatch = 1'048'576;    ///< elements whose text is held at once
+constexpr std::size_t kCopyBytes = 1 << 20;  ///< of a spool at a time
 constexpr const char* kVertex = "interpolation = \"vertex\"";
 constexpr const char* kUniform = "interpolation = \"uniform\"";
 constexpr const char* kNone = "";
 
 /// Primvars that the writer makes itself: channels of these names get another one.
-const std::set<std::string, std::less<>> kReserved = {
-    "strandId",     "strandIdLow",    "strandIdHigh", "st",
-    "displayColor", "displayOpacity", "widths",       "normals"};
+const std::set<std::string, std::less<>> kReserved = {"strandId", "strandIdLow",  "strandIdHigh",
+                                                      "st",       "displayColor", "displayOpacity",
+                                                      "widths",   "normals"};
 
 template <class T>
 std::string listText(std::span<const T> values) {
@@ -78,7 +78,9 @@ std::string meshBlock(const MeshView& mesh, const Box& box) {
 }  // namespace
 
 UsdWriter::UsdWriter(std::string path, UsdOptions options)
-    : path_(std::move(path)), options_(std::move(options)), root_(usdIdentifier(options_.rootName)) {}
+    : path_(std::move(path)),
+      options_(std::move(options)),
+      root_(usdIdentifier(options_.rootName)) {}
 
 UsdWriter::~UsdWriter() {
     if (!closed_) removeSpools();
@@ -101,8 +103,8 @@ std::ofstream UsdWriter::openForWriting(const std::string& path) const {
 UsdWriter::Attribute& UsdWriter::nextAttribute(const std::string& declaration,
                                                const char* interpolation) {
     if (frameCount_ == 0) {
-        Attribute fresh{declaration, interpolation,
-                        path_ + ".spool" + std::to_string(attributes_.size()), {}};
+        Attribute fresh{
+            declaration, interpolation, path_ + ".spool" + std::to_string(attributes_.size()), {}};
         fresh.spool = openForWriting(fresh.spoolPath);
         attributes_.push_back(std::move(fresh));
     }
@@ -163,7 +165,8 @@ void UsdWriter::chooseAttributes(const StrandFrame& frame, const InstancesFrame*
     };
     for (const auto& [name, channel] : strands.strandChannels())
         if (!name.starts_with('_'))
-            add(name, strands.pointChannel(name) ? name + "_strand" : name, channel.defaultValue, false);
+            add(name, strands.pointChannel(name) ? name + "_strand" : name, channel.defaultValue,
+                false);
     for (const auto& [name, channel] : strands.pointChannels())
         if (!name.starts_with('_')) add(name, name, channel.defaultValue, true);
 }
@@ -194,7 +197,8 @@ void UsdWriter::writeFrame(double time, const StrandFrame& strands, const Instan
         if (hasScaleMesh_) writeScaleSamples(scales && scales->mesh ? *scales->mesh : noMesh);
         scaleEnd_ = cursor_;
         if (hasScaleInstances_) {
-            const ScaleInstances& rigid = scales && scales->instances ? *scales->instances : noScales;
+            const ScaleInstances& rigid =
+                scales && scales->instances ? *scales->instances : noScales;
             writeInstanceSamples(rigid.instances, scaleInstances_);
             writeScaleLook(rigid.look, rigid.instances.positions.size(), kVertex, false);
         }
@@ -242,7 +246,8 @@ void UsdWriter::writeStrandSamples(const StrandFrame& frame) {
         const auto* values = column.perPoint ? strands.pointChannel(column.channel)
                                              : strands.strandChannel(column.channel);
         sample(column.declaration, column.perPoint ? kVertex : kUniform,
-               column.perPoint ? strands.pointCount() : count, [&](std::string& out, std::size_t i) {
+               column.perPoint ? strands.pointCount() : count,
+               [&](std::string& out, std::size_t i) {
                    appendUsd(out, values ? (*values)[i] : column.otherwise);
                });
     }
@@ -260,21 +265,22 @@ void UsdWriter::writeInstanceSamples(const InstancesFrame& frame, Prototypes& pr
     std::vector<std::size_t> number(frame.prototypes.size());  // of each in the layer
     for (std::size_t p = 0; p < number.size(); ++p) {
         const Prototype& given = frame.prototypes[p];
-        const auto [known, fresh] = prototypes.byName.try_emplace(given.name, prototypes.entries.size());
+        const auto [known, fresh] =
+            prototypes.byName.try_emplace(given.name, prototypes.entries.size());
         number[p] = known->second;
         if (!fresh) continue;
         const Box box = given.mesh ? boxOf(given.mesh->points) : Box{};
         prototypes.entries.push_back({given.name, usdIdentifier(given.name, prototypes.taken),
-                                      given.mesh ? meshBlock(*given.mesh, box) : "", box.lo, box.hi});
+                                      given.mesh ? meshBlock(*given.mesh, box) : "", box.lo,
+                                      box.hi});
     }
     const std::size_t count = frame.positions.size();
     sample("int[] protoIndices", kNone, count, [&](std::string& out, std::size_t i) {
         appendUsd(out, std::int64_t(number[std::size_t(frame.protoIndices[i])]));
     });
     sampleOf("point3f[] positions", kNone, frame.positions);
-    sample("quath[] orientations", kNone, count, [&](std::string& out, std::size_t i) {
-        appendUsdRotation(out, frame.orientations[i]);
-    });
+    sample("quath[] orientations", kNone, count,
+           [&](std::string& out, std::size_t i) { appendUsdRotation(out, frame.orientations[i]); });
     sampleOf("float3[] scales", kNone, frame.scales);
     Box box;
     for (std::size_t i = 0; i < count; ++i) {
@@ -284,7 +290,8 @@ void UsdWriter::writeInstanceSamples(const InstancesFrame& frame, Prototypes& pr
             continue;
         }
         for (int corner = 0; corner < 8; ++corner) {
-            const Vec3f p{corner & 1 ? entry.hi.x : entry.lo.x, corner & 2 ? entry.hi.y : entry.lo.y,
+            const Vec3f p{corner & 1 ? entry.hi.x : entry.lo.x,
+                          corner & 2 ? entry.hi.y : entry.lo.y,
                           corner & 4 ? entry.hi.z : entry.lo.z};
             box.add(frame.positions[i] + turned(frame.orientations[i], p * frame.scales[i]));
         }
@@ -337,12 +344,12 @@ void UsdWriter::layerHead(std::ostream& out) const {
     out << "#usda 1.0\n(\n    defaultPrim = \"" << root_ << "\"\n"
         << "    doc = " << usdQuoted(doc) << "\n";
     if (frameCount_ > 0)
-        out << "    startTimeCode = " << number(firstTime_) << "\n    endTimeCode = "
-            << number(lastTime_) << "\n";
+        out << "    startTimeCode = " << number(firstTime_)
+            << "\n    endTimeCode = " << number(lastTime_) << "\n";
     const std::string rate = number(options_.framesPerSecond);
     out << "    framesPerSecond = " << rate << "\n    timeCodesPerSecond = " << rate
-        << "\n    metersPerUnit = " << number(options_.metersPerUnit) << "\n    upAxis = "
-        << usdQuoted(options_.upAxis) << "\n)\n\n"
+        << "\n    metersPerUnit = " << number(options_.metersPerUnit)
+        << "\n    upAxis = " << usdQuoted(options_.upAxis) << "\n)\n\n"
         << "def Xform \"" << root_ << "\" (\n    kind = \"component\"\n)\n{\n";
 }
 
@@ -369,7 +376,8 @@ void UsdWriter::instancerPrim(std::ostream& out, const char* name, const Prototy
     out << "\n    def PointInstancer \"" << name << "\"\n    {\n        rel prototypes = [";
     const char* separator = "";
     for (const auto& entry : prototypes.entries) {
-        out << separator << "</" << root_ << "/" << name << "/prototypes/" << entry.identifier << ">";
+        out << separator << "</" << root_ << "/" << name << "/prototypes/" << entry.identifier
+            << ">";
         separator = ", ";
     }
     out << "]\n";
@@ -378,7 +386,8 @@ void UsdWriter::instancerPrim(std::ostream& out, const char* name, const Prototy
     for (const auto& entry : prototypes.entries) {
         const std::string doc = "Corvelle prototype '" + entry.name + "'";
         const bool empty = entry.block.empty();
-        out << "            def " << (empty ? "Xform" : "Mesh") << " \"" << entry.identifier << "\" (\n"
+        out << "            def " << (empty ? "Xform" : "Mesh") << " \"" << entry.identifier
+            << "\" (\n"
             << "                doc = "
             << usdQuoted(empty ? doc + ": reference its geometry here" : doc) << "\n            )\n"
             << "            {\n"
@@ -400,7 +409,8 @@ void UsdWriter::close() {
     out << "    }\n";
     if (hasInstances_) instancerPrim(out, "instances", instances_, strandEnd_, instanceEnd_);
     if (hasScaleMesh_) {
-        out << "\n    def Mesh \"scales\"\n    {\n        uniform token subdivisionScheme = \"none\"\n";
+        out << "\n    def Mesh \"scales\"\n    {\n        uniform token subdivisionScheme = "
+               "\"none\"\n";
         attributeBlocks(out, instanceEnd_, scaleEnd_);
         out << "    }\n";
     }

@@ -27,16 +27,17 @@ struct UsdOptions {
     std::string version;  ///< of the program, likewise
 };
 
-/// Writes a run of frames as one USD text layer with time samples: BasisCurves "strands", and where the
-/// first frame has them PointInstancer "instances", Mesh "scales" and PointInstancer "scaleInstances".
+/// Writes a run of frames as one USD text layer with time samples: BasisCurves "strands", and where
+/// the first frame has them PointInstancer "instances", Mesh "scales" and PointInstancer
+/// "scaleInstances".
 ///
 /// A layer holds each attribute's samples together while frames come one by one, so every attribute
 /// has a spool file ("<path>.spool<n>") until `close` puts them together. Memory does not grow with
 /// the frames. The first frame fixes the attributes; what a later frame lacks is written as its
 /// default (a channel's own, grey for colours), what it has beyond is left out.
 /// The same frames give the same bytes at any thread count.
-/// Throws UsdError "cannot write '<path>'", "frames must increase", "writeFrame after close", or what
-/// of a frame does not fit together; the last three leave nothing of the frame.
+/// Throws UsdError "cannot write '<path>'", "frames must increase", "writeFrame after close", or
+/// what of a frame does not fit together; the last three leave nothing of the frame.
 class UsdWriter {
 public:
     UsdWriter(std::string path, UsdOptions options = {});
@@ -46,8 +47,8 @@ public:
     UsdWriter& operator=(const UsdWriter&) = delete;
 
     /// `time` is a time code: a frame number.
-    void writeFrame(double time, const StrandFrame& strands, const InstancesFrame* instances = nullptr,
-                    const ScalesFrame* scales = nullptr);
+    void writeFrame(double time, const StrandFrame& strands,
+                    const InstancesFrame* instances = nullptr, const ScalesFrame* scales = nullptr);
     /// Puts the layer together and removes the spools; a failed one leaves them. A second call does
     /// nothing.
     void close();
@@ -88,13 +89,14 @@ private:
     void writeColors(const char* name, const char* interpolation, std::span<const Vec3f> colors,
                      std::size_t count);
 
-    /// One sample of the next attribute in order; the first frame makes them. `element(out, i)` appends
-    /// element i. Large arrays are made in parallel.
+    /// One sample of the next attribute in order; the first frame makes them. `element(out, i)`
+    /// appends element i. Large arrays are made in parallel.
     template <class Element>
     void sample(const std::string& declaration, const char* interpolation, std::size_t count,
                 const Element& element);
     template <class T>
-    void sampleOf(const std::string& declaration, const char* interpolation, std::span<const T> values);
+    void sampleOf(const std::string& declaration, const char* interpolation,
+                  std::span<const T> values);
     Attribute& nextAttribute(const std::string& declaration, const char* interpolation);
     std::ofstream openForWriting(const std::string& path) const;
 

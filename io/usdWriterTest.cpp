@@ -1,15 +1,14 @@
-#include "io/usdWriter.h"
-
-#include <gmock/gmock.h>
-#include <sys/resource.h>
-
 #include <bit>
 #include <charconv>
 #include <cmath>
 
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+
 #include "io/testing/exportCases.h"
 #include "io/testing/usdGrammar.h"
 #include "io/usdText.h"
+#include "io/usdWriter.h"
 #include "model/parallel.h"
 
 namespace corvelle {
@@ -54,11 +53,13 @@ TEST_P(UsdCases, LayersPleaseConsumersAndHoldEveryBit) {
         ASSERT_EQ(points.second.count, owned.strands.pointCount());
         for (std::size_t i = 0; i < points.second.count; ++i)
             for (int c = 0; c < 3; ++c)
-                ASSERT_EQ(std::bit_cast<std::uint32_t>(float(points.second.numbers[3 * i + std::size_t(c)])),
+                ASSERT_EQ(std::bit_cast<std::uint32_t>(
+                              float(points.second.numbers[3 * i + std::size_t(c)])),
                           std::bit_cast<std::uint32_t>(owned.strands.points()[i][c]));
         const auto& ids = strands->attributes.at("primvars:strandId").samples.at(f).second.wholes;
         ASSERT_EQ(ids.size(), owned.strands.strandCount());
-        for (std::size_t s = 0; s < ids.size(); ++s) ASSERT_EQ(std::uint64_t(ids[s]), owned.strands.ids()[s]);
+        for (std::size_t s = 0; s < ids.size(); ++s)
+            ASSERT_EQ(std::uint64_t(ids[s]), owned.strands.ids()[s]);
     }
 }
 
@@ -82,7 +83,8 @@ TEST(UsdText, NumbersAreShortestAndReadBack) {
         const std::string out = text(value);
         double read = 0.0;  // as consumers do: a double first
         std::from_chars(out.data(), out.data() + out.size(), read);
-        ASSERT_EQ(std::bit_cast<std::uint32_t>(float(read)), std::bit_cast<std::uint32_t>(value)) << out;
+        ASSERT_EQ(std::bit_cast<std::uint32_t>(float(read)), std::bit_cast<std::uint32_t>(value))
+            << out;
     }
 }
 
@@ -146,9 +148,10 @@ TEST_F(UsdWriterTest, BlocksStandAsConsumersExpectThem) {
     EXPECT_THAT(text, testing::HasSubstr("    startTimeCode = 1.5\n    endTimeCode = 2\n"));
     EXPECT_THAT(text, testing::HasSubstr("        int[] curveVertexCounts.timeSamples = {\n"
                                          "        1.5: [2],\n        2: [],\n        }\n"));
-    EXPECT_THAT(text, testing::HasSubstr("        float[] widths (\n            interpolation = \"vertex\"\n"
-                                         "        )\n        float[] widths.timeSamples = {\n"
-                                         "        1.5: [0.01, 0.005],\n"));
+    EXPECT_THAT(text, testing::HasSubstr(
+                          "        float[] widths (\n            interpolation = \"vertex\"\n"
+                          "        )\n        float[] widths.timeSamples = {\n"
+                          "        1.5: [0.01, 0.005],\n"));
     EXPECT_THAT(text, testing::HasSubstr("2: [(3.4028235e+38, 3.4028235e+38, 3.4028235e+38), "
                                          "(-3.4028235e+38, -3.4028235e+38, -3.4028235e+38)],\n"));
 }
@@ -157,7 +160,8 @@ TEST_F(UsdWriterTest, RefusesFramesThatDoNotFitAndLeavesNothingOfThem) {
     UsdWriter writer(path);
     const StrandFrame good{.strands = &tuft};
     const std::vector<Vec3f> few(2);
-    EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &tuft, .colors = few}); }), "colors: 2 values for 5");
+    EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &tuft, .colors = few}); }),
+              "colors: 2 values for 5");
     writer.writeFrame(1, good);
     EXPECT_EQ(errorOf([&] { writer.writeFrame(1, good); }), "frames must increase");
     EXPECT_EQ(errorOf([&] { writer.writeFrame(NAN, good); }), "frame times must be finite");
@@ -166,7 +170,8 @@ TEST_F(UsdWriterTest, RefusesFramesThatDoNotFitAndLeavesNothingOfThem) {
     const std::vector<std::array<float, 4>> turns(1);
     const std::vector<Prototype> leaf = {{"leaf", {}}};
     const InstancesFrame bad{leaf, protos, places, turns, places};
-    EXPECT_EQ(errorOf([&] { writer.writeFrame(2, good, &bad); }), "prototype index 1 is out of range");
+    EXPECT_EQ(errorOf([&] { writer.writeFrame(2, good, &bad); }),
+              "prototype index 1 is out of range");
     EXPECT_EQ(writer.frameCount(), 1u);
     writer.close();
     EXPECT_EQ(parseUsd(written()).at("/groom/strands")->attributes.at("points").samples.size(), 1u);
@@ -184,7 +189,8 @@ TEST_F(UsdWriterTest, TheFirstFrameFixesTheAttributesAndDefaultsFillTheRest) {
     EXPECT_THAT(usdFaults(layer), IsEmpty());
     const auto& attributes = layer.at("/groom/strands")->attributes;
     EXPECT_FALSE(attributes.contains("primvars:late"));
-    EXPECT_THAT(attributes.at("primvars:tone").samples[1].second.numbers, ElementsAre(0.5, 0.5, 0.5, 0.5, 0.5));
+    EXPECT_THAT(attributes.at("primvars:tone").samples[1].second.numbers,
+                ElementsAre(0.5, 0.5, 0.5, 0.5, 0.5));
     EXPECT_EQ(attributes.at("primvars:clumpId").samples[1].second.numbers[0], -1.0);
     EXPECT_EQ(attributes.at("primvars:displayColor").samples[1].second.numbers[0], 0.5);
     EXPECT_EQ(attributes.at("primvars:share").interpolation, "vertex");
@@ -192,10 +198,12 @@ TEST_F(UsdWriterTest, TheFirstFrameFixesTheAttributesAndDefaultsFillTheRest) {
 
 TEST_F(UsdWriterTest, InstancesAndPlatesPleaseConsumers) {
     const std::vector<std::int32_t> counts = {3}, indices = {0, 1, 2};
-    const std::vector<Vec3f> points = {{0, 0, 0}, {1, 0, 0}, {0, 2, 0}}, up(3, Vec3f{0, 0, 1}), one = {{0.2f, 0.4f, 0.6f}};
+    const std::vector<Vec3f> points = {{0, 0, 0}, {1, 0, 0}, {0, 2, 0}}, up(3, Vec3f{0, 0, 1}),
+                             one = {{0.2f, 0.4f, 0.6f}};
     const std::vector<Vec2f> uvs(3);
     const MeshView leaf{counts, indices, points, up, uvs};
-    const std::vector<Prototype> firstSet = {{"leaf 1", leaf}, {"bead", {}}}, secondSet = {{"bead", {}}, {"leaf-1", leaf}};
+    const std::vector<Prototype> firstSet = {{"leaf 1", leaf}, {"bead", {}}},
+                                 secondSet = {{"bead", {}}, {"leaf-1", leaf}};
     const std::vector<std::int32_t> protos = {0, 1};
     const std::vector<Vec3f> places = {{1, 2, 3}, {4, 5, 6}}, sizes = {{1, 1, 1}, {2, 3, 4}};
     const std::vector<std::array<float, 4>> turns = {{0.7f, 0.7f, 0, 0}, {0, 0, 3, 0}};
@@ -213,17 +221,24 @@ TEST_F(UsdWriterTest, InstancesAndPlatesPleaseConsumers) {
     EXPECT_THAT(usdFaults(layer), IsEmpty());
     const UsdPrim* instancer = layer.at("/groom/instances");
     ASSERT_TRUE(instancer);
-    EXPECT_THAT(instancer->relationships.at("prototypes"),
-                ElementsAre("/groom/instances/prototypes/leaf_1", "/groom/instances/prototypes/bead",
-                            "/groom/instances/prototypes/leaf_1_2"));
-    EXPECT_THAT(instancer->attributes.at("protoIndices").samples[1].second.wholes, ElementsAre(1, 2));
+    EXPECT_THAT(
+        instancer->relationships.at("prototypes"),
+        ElementsAre("/groom/instances/prototypes/leaf_1", "/groom/instances/prototypes/bead",
+                    "/groom/instances/prototypes/leaf_1_2"));
+    EXPECT_THAT(instancer->attributes.at("protoIndices").samples[1].second.wholes,
+                ElementsAre(1, 2));
     EXPECT_EQ(instancer->attributes.at("positions").samples[2].second.count, 0u);
     EXPECT_EQ(layer.at("/groom/instances/prototypes/bead")->type, "Xform");
     EXPECT_EQ(layer.at("/groom/instances/prototypes/bead")->metadata.at("doc"),
               "Corvelle prototype 'bead': reference its geometry here");
-    EXPECT_EQ(layer.at("/groom/scaleInstances/prototypes/leaf_1")->metadata.at("doc"), "Corvelle prototype 'leaf 1'");
+    EXPECT_EQ(layer.at("/groom/scaleInstances/prototypes/leaf_1")->metadata.at("doc"),
+              "Corvelle prototype 'leaf 1'");
     EXPECT_EQ(layer.at("/groom/strands")->attributes.at("visibility").token, "invisible");
-    EXPECT_EQ(layer.at("/groom/scales")->attributes.at("primvars:scaleRootColor").samples[0].second.numbers[0], 0.5);
+    EXPECT_EQ(layer.at("/groom/scales")
+                  ->attributes.at("primvars:scaleRootColor")
+                  .samples[0]
+                  .second.numbers[0],
+              0.5);
     // The box holds what stands there, turned and scaled: a quarter turn about x lays y along z.
     const auto& box = instancer->attributes.at("extent").samples[0].second.numbers;
     EXPECT_NEAR(box[5], 6.0, 1e-4);
@@ -234,7 +249,8 @@ TEST_F(UsdWriterTest, TellsWhatItCannotWriteAndCleansUpWhenDropped) {
     const std::string nowhere = folder.file("none/hair.usda");
     {
         UsdWriter writer(nowhere);
-        EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &tuft}); }), "cannot write '" + nowhere + ".spool0'");
+        EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &tuft}); }),
+                  "cannot write '" + nowhere + ".spool0'");
         EXPECT_EQ(errorOf([&] { writer.close(); }), "cannot write '" + nowhere + "'");
     }
     {
@@ -247,7 +263,8 @@ TEST_F(UsdWriterTest, TellsWhatItCannotWriteAndCleansUpWhenDropped) {
     std::filesystem::create_symlink("/dev/full", path + ".spool1");
     const StrandSet many = makeTuft({.strands = 20'000});
     UsdWriter writer(path);
-    EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &many}); }), "cannot write '" + path + ".spool1'");
+    EXPECT_EQ(errorOf([&] { writer.writeFrame(1, {.strands = &many}); }),
+              "cannot write '" + path + ".spool1'");
 }
 
 TEST_F(UsdWriterTest, KeepsNoMemoryOfTheFramesBefore) {

@@ -31,11 +31,11 @@ float polylineLength(std::span<const Vec3f> points) {
 
 void polylineLengths(std::span<const Vec3f> points, std::span<float> out) {
     requireSize("polylineLengths", out.size(), points.size());
-    float sum = 0.0f;
-    for (std::size_t i = 0; i < points.size(); ++i) {
-        if (i > 0) sum += distance(points[i - 1], points[i]);
-        out[i] = sum;
-    }
+    if (points.empty()) return;
+    // The roots side by side first, then the sums, which wait for one another.
+    for (std::size_t i = 1; i < points.size(); ++i) out[i] = distance(points[i - 1], points[i]);
+    out[0] = 0.0f;
+    for (std::size_t i = 1; i < points.size(); ++i) out[i] += out[i - 1];
 }
 
 float polylineShares(std::span<const Vec3f> points, std::span<float> out) {

@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "model/hash.h"
+#include "model/rampSlopes.h"
 
 namespace corvelle {
 
@@ -21,9 +22,11 @@ float slopeOf(const Ramp::Key& left, const Ramp::Key& right) {
     return span > 0.0f ? (right.second - left.second) / span : 0.0f;
 }
 
+}  // namespace
+
 /// The derivative at every key (Fritsch, Butland 1984): a weighted harmonic mean of the slopes on
 /// both sides, 0 at peaks and flats.
-std::vector<float> tangentsOf(const std::vector<Ramp::Key>& keys) {
+std::vector<float> rampSlopes(const std::vector<Ramp::Key>& keys) {
     std::vector<float> tangents(keys.size(), 0.0f);
     if (keys.size() < 2) return tangents;
     const std::size_t last = keys.size() - 1;
@@ -40,11 +43,9 @@ std::vector<float> tangentsOf(const std::vector<Ramp::Key>& keys) {
     return tangents;
 }
 
-}  // namespace
-
 Ramp::Ramp(std::vector<Key> keys, bool linear) : keys_(std::move(keys)), linear_(linear) {
     std::stable_sort(keys_.begin(), keys_.end(), before);
-    if (!linear_) tangents_ = tangentsOf(keys_);
+    if (!linear_) tangents_ = rampSlopes(keys_);
 }
 
 float Ramp::operator()(float x) const {
@@ -75,7 +76,8 @@ void Ramp::sample(std::span<const float> x, std::span<float> out) const {
         } else {
             while (segment > 0 && keys_[segment].first > at) --segment;
             while (segment + 1 < last && !(keys_[segment + 1].first > at)) ++segment;
-            out[i] = keys_[segment + 1].first > at ? withinSegment(segment, at) : keys_[last].second;
+            out[i] =
+                keys_[segment + 1].first > at ? withinSegment(segment, at) : keys_[last].second;
         }
     }
 }

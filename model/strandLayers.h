@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 namespace corvelle {
 
@@ -26,6 +27,9 @@ public:
 class FeatherLayer {
 public:
     virtual ~FeatherLayer() = default;
+    /// The export group of the layer's feathers (their strands' `groupId`), 0 for none, and its name.
+    virtual std::int32_t groupId() const { return 0; }
+    virtual std::string groupName() const { return {}; }
 };
 
 }  // namespace corvelle

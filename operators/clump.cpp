@@ -441,8 +441,7 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
             most = std::max(most, in.pointCountOf(s));
             total += in.pointCountOf(s);
         }
-        PullScratch scratch;
-        scratch.reserve(most);
+        StrandPuller puller(axes, shape.pull, most);
         std::vector<float> pointStrengths(perPoint ? total : 0);
         if (perPoint)
             shape.strength->samplePoints(in, batch, pointStrengths);
@@ -484,8 +483,9 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
                 member.lockX = x * scale;
                 member.lockZ = z * scale;
             }
-            pullStrand(member, axes, std::size_t(axis), shape.pull, scratch, to);
+            puller.pull(member, std::size_t(axis), to);
         }
+        puller.finish();
     });
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 #include "model/parallel.h"
 #include "model/polyline.h"
@@ -84,7 +85,7 @@ ClumpAxes::ClumpAxes(std::span<const AxisCurve> curves, const AxisSettings& sett
     : offsets_(curves.size() + 1, 0) {
     std::size_t most = 0;
     for (std::size_t a = 0; a < curves.size(); ++a) {
-        offsets_[a + 1] = offsets_[a] + curves[a].points.size();
+        offsets_[a + 1] = offsets_[a] + curves[a].points.size() + 1;
         most = std::max(most, curves[a].points.size());
     }
     const bool framed = settings.frames || settings.flatten != FlattenMode::None;
@@ -94,6 +95,7 @@ ClumpAxes::ClumpAxes(std::span<const AxisCurve> curves, const AxisSettings& sett
         std::vector<Vec3f> scratch(framed ? 2 * most : 0);
         for (std::size_t a = begin; a < end; ++a) {
             const std::size_t n = curves[a].points.size();
+            points_[offsets_[a] + n].arc = std::numeric_limits<float>::quiet_NaN();
             measureAxis(curves[a].points, settings.extend,
                         std::span(points_).subspan(offsets_[a], n));
             if (framed)

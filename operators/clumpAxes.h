@@ -46,17 +46,21 @@ public:
 
     ClumpAxes(std::span<const AxisCurve> curves, const AxisSettings& settings);
     std::size_t size() const { return offsets_.size() - 1; }
+    /// One more may be read behind the last, of an arc that nothing is at or past (NaN).
     std::span<const Point> pointsOf(std::size_t axis) const {
-        return std::span(points_).subspan(offsets_[axis], offsets_[axis + 1] - offsets_[axis]);
+        return std::span(points_).subspan(offsets_[axis], pointCountOf(axis));
     }
     /// Empty unless locks or ribbons were asked for.
     std::span<const Frame> framesOf(std::size_t axis) const {
         if (frames_.empty()) return {};
-        return std::span(frames_).subspan(offsets_[axis], offsets_[axis + 1] - offsets_[axis]);
+        return std::span(frames_).subspan(offsets_[axis], pointCountOf(axis));
     }
-    float lengthOf(std::size_t axis) const { return points_[offsets_[axis + 1] - 1].arc; }
+    float lengthOf(std::size_t axis) const { return points_[offsets_[axis + 1] - 2].arc; }
 
 private:
+    std::size_t pointCountOf(std::size_t axis) const {
+        return offsets_[axis + 1] - offsets_[axis] - 1;
+    }
     std::vector<std::size_t> offsets_;
     std::vector<Point> points_;
     std::vector<Frame> frames_;

@@ -13,6 +13,7 @@
 #include "operators/previewStrands.h"
 #include "operators/registerOperators.h"
 #include "operators/testing/nodeBench.h"
+#include "operators/testing/pointStream.h"
 
 namespace corvelle {
 namespace {
@@ -52,15 +53,9 @@ const StrandSet& load() {
 }
 
 void stream(benchmark::State& state) {
-    const StrandSet& in = load();
-    std::vector<Vec3f> p(in.points().begin(), in.points().end());
-    const std::vector<Vec3f> q(p.rbegin(), p.rend());
+    PointStream points(load().points());
     for (auto _ : state) {
-        runWithThreads(unsigned(state.range(0)), [&] {
-            parallelRange(0, p.size(), kStrandGrain * kPoints, [&](std::size_t b, std::size_t e) {
-                for (std::size_t i = b; i < e; ++i) p[i] += (q[i] - p[i]) * 0.25f;
-            });
-        });
+        runWithThreads(unsigned(state.range(0)), [&] { points.step(kStrandGrain * kPoints); });
         benchmark::ClobberMemory();
     }
 }

@@ -149,8 +149,9 @@ PointIndex rootIndex(const StrandSet& strands, std::span<const std::uint32_t> li
     return PointIndex(positions);
 }
 
-/// The nearest of the listed strands to each place, none farther than the spacing. Past half of it a
-/// place must be the nearest to its strand too: those beyond the border of the hair would crowd it.
+/// The nearest of the listed strands to each place, none farther than the spacing. Past half of it
+/// a place must be the nearest to its strand too: those beyond the border of the hair would crowd
+/// it.
 std::vector<std::uint32_t> snapped(std::span<const Vec3f> places, const StrandSet& strands,
                                    std::span<const std::uint32_t> listed, double spacing) {
     const PointIndex index = rootIndex(strands, listed), placeIndex(places);
@@ -288,17 +289,20 @@ std::uint64_t strandRootsHash(const StrandSet& strands) {
     std::vector<std::uint64_t> hashes((count + kHashBlock - 1) / kHashBlock);
     parallelRange(0, hashes.size(), 1, [&](std::size_t b, std::size_t e) {
         for (std::size_t block = b; block < e; ++block) {
+            // Chains side by side: each waits for its own last step alone.
             std::uint64_t h = hashCombine(0xA53E5BEFF0BC09F6u, std::uint64_t(block));
+            std::uint64_t xy = h, zu = h, tv = h;
             const std::size_t end = std::min(count, (block + 1) * kHashBlock);
             for (std::size_t s = block * kHashBlock; s < end; ++s) {
                 const StrandRoot& root = strands.roots()[s];
                 const Vec3f p = rootPoint(strands, s);
                 h = hashCombine(h, strands.ids()[s]);
-                h = hashCombine(h, bitsOf(p.x, p.y));
-                h = hashCombine(h, bitsOf(p.z, root.u));
-                h = hashCombine(h, std::uint64_t(std::uint32_t(root.triangle)) << 32 |
-                                       std::bit_cast<std::uint32_t>(root.v));
+                xy = hashCombine(xy, bitsOf(p.x, p.y));
+                zu = hashCombine(zu, bitsOf(p.z, root.u));
+                tv = hashCombine(tv, std::uint64_t(std::uint32_t(root.triangle)) << 32 |
+                                         std::bit_cast<std::uint32_t>(root.v));
             }
+            h = hashCombine(hashCombine(hashCombine(h, xy), zu), tv);
             hashes[block] = h;
         }
     });

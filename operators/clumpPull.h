@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -30,17 +31,40 @@ struct ClumpMember {
     float lockX = 0.0f, lockZ = 0.0f;  ///< cm: its place on the disc, along the axis' frame
 };
 
-/// Room for the worker, reused from strand to strand.
-struct PullScratch {
-    std::vector<float> shares, pulls, volumes;
-    void reserve(std::size_t points);
-};
+/// Pulls strands toward their axes (or pushes them away), then squashes them across the ribbon,
+/// then spreads them by `volumize`: each on the offset from the axis that the one before left.
+/// Roots stay. A strand longer than its axis follows it by arc length from the root, any other by
+/// its share of the length.
+///
+/// Strands that are only pulled, as most are, wait for others of their point count and are pulled
+/// four side by side: a strand's bits do not depend on its company. One puller per batch, not
+/// shared between threads; no allocation a strand.
+class StrandPuller {
+public:
+    StrandPuller(const ClumpAxes& axes, const PullSettings& settings, std::size_t mostPoints);
+    /// `member.points` and out [points] must live until `finish`.
+    void pull(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out);
+    void finish();
 
-/// Pulls a strand toward its axis (or pushes it away), then squashes it across the ribbon, then
-/// spreads it by `volumize`: each on the offset from the axis that the one before left. The root
-/// stays. A strand longer than the axis follows it by arc length from the root, any other by its
-/// share of the length. out [points]. No allocation.
-void pullStrand(const ClumpMember& member, const ClumpAxes& axes, std::size_t axis,
-                const PullSettings& settings, PullScratch& scratch, std::span<Vec3f> out);
+private:
+    static constexpr std::size_t kLanes = 4;
+    struct Waiting {
+        const float* points = nullptr;
+        float* out = nullptr;
+        float strength = 0.0f;
+        std::size_t axis = 0;
+    };
+    void pullOne(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out);
+    void pullWaiting();
+
+    const ClumpAxes& axes_;
+    const PullSettings& settings_;
+    bool pulls_ = false;  ///< no part of the profile is below 0
+    bool line_ = false;   ///< the profile is a straight line from one end to the other...
+    float from_ = 0.0f, by_ = 0.0f;  ///< ...with these values
+    std::vector<float> shares_, strengths_, volumes_, lanes_;
+    std::array<Waiting, kLanes> waiting_;
+    std::size_t count_ = 0, points_ = 0;  ///< of those that wait
+};
 
 }  // namespace corvelle

@@ -395,7 +395,8 @@ TEST_F(ClumpTest, VolumizeSpreadsClumpsAndCopiedShapesFlowTogether) {
 
     bench.op().set("volumize", 0.0);
     bench.op().set("strength", 1.0);
-    const auto centers = pickClumpCenters(hair, previewStrands(hair), scalp.get(), {.count = 100}, {});
+    const auto centers =
+        pickClumpCenters(hair, previewStrands(hair), scalp.get(), {.count = 100}, {});
     const auto unrest = [&](const StrandSet& set) {  // how the axes of neighbours differ
         std::vector<Vec3f> roots, ways;
         for (const std::uint32_t s : centers) {

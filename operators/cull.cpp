@@ -61,12 +61,13 @@ void copyChanged(const StrandSet& in, StrandSet& out, std::span<const std::uint3
                 [&] { return out.mutablePoints(); });
     copier.copy(in.widths(), std::as_const(out).widths(), true,
                 [&] { return out.mutableWidths(); });
-    for (const auto& [name, channel] : in.strandChannels())
-        copier.copy(channel.values.span(), std::span<const float>(*out.strandChannel(name)), false,
-                    [&] { return out.mutableStrandChannel(name, channel.defaultValue); });
-    for (const auto& [name, channel] : in.pointChannels())
-        copier.copy(channel.values.span(), std::span<const float>(*out.pointChannel(name)), true,
-                    [&] { return out.mutablePointChannel(name, channel.defaultValue); });
+    for (const StrandSet::Channels::value_type& c : in.strandChannels())
+        copier.copy(c.second.values.span(), std::span<const float>(*out.strandChannel(c.first)),
+                    false,
+                    [&] { return out.mutableStrandChannel(c.first, c.second.defaultValue); });
+    for (const StrandSet::Channels::value_type& c : in.pointChannels())
+        copier.copy(c.second.values.span(), std::span<const float>(*out.pointChannel(c.first)),
+                    true, [&] { return out.mutablePointChannel(c.first, c.second.defaultValue); });
 }
 
 class Cull final : public Operator {

@@ -88,14 +88,17 @@ public:
         shares_.resize(points.size());
         const float length = polylineShares(points, shares_);
         float start = 0.0f;
+        const auto tooMany = [&](float turns) { return !(2.0f * turns < float(run_.maxSegments)); };
         if (group >= 0) {
             const std::size_t g = std::size_t(group);
+            if (tooMany(run_.lines.turns(g))) return false;
             start = run_.lines.draws(g).start;
             layCells(run_.lines.turns(g));
             for (std::size_t i = 0; i < cells_.size(); ++i)
                 turns_[i] = run_.lines.turnsAt(g, cells_[i]);
         } else {
             const CurlDraws draws = curlDraws(run_.settings, load.strands.ids()[s]);
+            if (tooMany(draws.frequency * length)) return false;
             start = draws.start;
             layCells(draws.frequency * length);
             integrateTurns(cells_, length, draws, run_.settings, scratch_, turns_);
@@ -290,10 +293,12 @@ private:
     /// The strands with the points they want, wound.
     StrandSet refinedAndWound(const CurlRun& run, const EvalContext& context, const CurlLoad& load,
                               std::span<const std::uint64_t> counts) const {
-        const StrandSet line =
-            refinedStrands(load.strands, counts, [&](std::uint32_t s, std::vector<float>& params) {
-                return CurlPlanner(run).places(load, s, params);
-            });
+        const StrandSet line = refinedStrands(load.strands, counts, [&]() -> PlacePoints {
+            const auto planner = std::make_shared<CurlPlanner>(run);
+            return [planner, &load](std::uint32_t s, std::vector<float>& params) {
+                return planner->places(load, s, params);
+            };
+        });
         StrandSet out = line;
         windStrands(run, {line, radiusOf(run, context, line), load.groups},
                     StrandPick(line.strandCount()), out.overwritePoints());

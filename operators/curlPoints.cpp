@@ -13,8 +13,8 @@ namespace corvelle {
 
 namespace {
 
-constexpr float kApart = 1e-4f;  ///< of a segment: nearer to a point there is no need of another
-constexpr float kMostPeaks = 1e6f;
+constexpr float kApart = 1e-4f;     ///< of a segment: nearer to a point there is no need of another
+constexpr float kMostPeaks = 1e6f;  ///< floats tell halves apart up to there
 
 /// A strand's points at places on its straight segments.
 void placeStraight(const StrandSet& in, const SplineJob& job, std::uint32_t s,
@@ -66,7 +66,7 @@ void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, f
     for (std::size_t i = 0; i + 1 < n; ++i) {
         params.push_back(float(i));
         const float span = shares[i + 1] - shares[i];
-        while (params.size() < std::size_t(kMostPeaks)) {
+        while (peak < kMostPeaks) {
             const float at = turnsOf();
             while (cell + 1 < cells && turns[cell + 1] < at) ++cell;
             if (!(at < turns[cells])) break;
@@ -84,7 +84,7 @@ void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, f
 }
 
 StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> counts,
-                         const PlacePoints& place) {
+                         const std::function<PlacePoints()>& makePlacer) {
     StrandSet out;
     out.allocate(counts, StrandSet::kLeavePoints | StrandSet::kLeaveWidths);
     takeStrandData(in, out);
@@ -101,6 +101,7 @@ StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> cou
         std::array<std::uint32_t, StrandPick::kBatch> even;
         std::size_t count = 0;
         std::vector<float> params;
+        const PlacePoints place = makePlacer();
         for (const std::uint32_t s : batch) {
             if (counts[s] == in.pointCountOf(s))
                 copyPoints(job, s);

@@ -19,7 +19,8 @@ std::size_t segmentsForTurns(float turns, int perTurn, std::size_t most);
 
 /// The params of points (index and fraction) that a zigzag needs: those of the line's own points
 /// and of every peak of its wave between them, ascending. `turns` [m] are those at the shares k /
-/// (m - 1) of the length, from 0 up; `start` is where the wave begins; shares [n] are the points'.
+/// (m - 1) of the length, from 0 up; `start` is where the wave begins, -1 to 1; shares [n] are the
+/// points'.
 void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, float start,
                   std::vector<float>& params);
 
@@ -28,6 +29,6 @@ void zigzagPlaces(std::span<const float> shares, std::span<const float> turns, f
 /// interpolation; a strand that keeps its count keeps its bits.
 using PlacePoints = std::function<bool(std::uint32_t strand, std::vector<float>& params)>;
 StrandSet refinedStrands(const StrandSet& in, std::span<const std::uint64_t> counts,
-                         const PlacePoints& place);
+                         const std::function<PlacePoints()>& makePlacer);
 
 }  // namespace corvelle

@@ -27,7 +27,8 @@ CurlDraws curlDraws(const CurlSettings& settings, std::uint64_t who) {
     out.radius = 1.0f + settings.randomness * drawSigned(base(kRadius), who);
     out.frequency =
         settings.frequency * (1.0f + settings.randomness * drawSigned(base(kFrequency), who));
-    out.start = settings.phase + settings.phaseRandom * draw(base(kPhase), who);
+    out.start =
+        turnFraction(turnFraction(settings.phase) + settings.phaseRandom * draw(base(kPhase), who));
     out.spacing = hashCombine(base(kSpacing), who);
     return out;
 }

@@ -274,6 +274,28 @@ public:
         clearanceCache_.copyFrom(from->clearanceCache_);
     }
 
+    GuideSharing sharing(const EvalContext& context, const NodeInputs& inputs) {
+        GuideSharing out{inputs.strands(0), inputs.guides(1), {}};
+        if (!out.strands || !out.guides || out.guides->empty()) return {};
+        const ScalpPtr connected = inputs.mesh(2);
+        std::vector<std::size_t> counts;
+        const auto roots = rootData(context, inputs, *out.strands, out.guides, connected,
+                                    connected ? connected : context.scalp(), false, counts);
+        out.rows.resize(out.strands->strandCount());
+        parallelRange(0, out.rows.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s) {
+                const auto pairs = roots->weights.of(s);
+                auto& shares = out.rows[s].shares;
+                std::partial_sort_copy(pairs.begin(), pairs.end(), shares.begin(), shares.end(),
+                                       [](const GuideWeight& a, const GuideWeight& b) {
+                                           return a.weight != b.weight ? a.weight > b.weight
+                                                                       : a.guide < b.guide;
+                                       });
+            }
+        });
+        return out;
+    }
+
     std::string details() const {
         const std::lock_guard lock(detailMutex_);
         return details_;
@@ -577,6 +599,11 @@ private:
 std::string interpolateDetails(const Operator& op) {
     const auto* node = dynamic_cast<const Interpolate*>(&op);
     return node ? node->details() : std::string();
+}
+
+GuideSharing guideSharing(Operator& op, const EvalContext& context, const NodeInputs& inputs) {
+    auto* node = dynamic_cast<Interpolate*>(&op);
+    return node ? node->sharing(context, inputs) : GuideSharing();
 }
 
 void registerInterpolateOperator() {

@@ -5,6 +5,7 @@
 
 #include "model/hash.h"
 #include "model/polyline.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
 
@@ -28,7 +29,7 @@ float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings
 
 void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
     const std::size_t n = in.size();
-    if (share >= 1.0f || n < 2) {
+    if (!(share < 1.0f) || n < 2) {
         std::copy(in.begin(), in.end(), out.begin());
         return;
     }
@@ -100,11 +101,20 @@ public:
         std::array<float, StrandPick::kBatch> keeps, fractions;
         keep->sampleStrands(in, strands, std::span(keeps).first(strands.size()));
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            trimStrand(in.pointsOf(s), keptShare(in.ids()[s], keeps[k], fractions[k], settings),
-                       out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
-        }
+        for (std::size_t k = 0; k < strands.size(); ++k)
+            keeps[k] = keptShare(in.ids()[strands[k]], keeps[k], fractions[k], settings);
+        if (in.points().empty()) return;
+        const TrimJob job{&in.points()[0].x, &out.points[0].x, in.offsets().data()};
+        LaneScratch scratch;
+        forEachLaneRun(
+            in, strands,
+            [&](std::size_t first, std::size_t count, std::size_t n) {
+                laneKernels().trim(job, &strands[first], &keeps[first], count, n, scratch.of(n));
+            },
+            [&](std::size_t k) {
+                const std::size_t s = strands[k];
+                trimStrand(in.pointsOf(s), keeps[k], out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
+            });
     }
 };
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <compare>
 #include <numeric>
 
 #include "model/hash.h"
@@ -133,9 +134,19 @@ std::vector<std::uint32_t> curveOrder(std::span<const Vec3f> places) {
     return order;
 }
 
+/// Puts those at equal distances in the order of their ids.
+void sortTies(std::span<Neighbor> near, std::span<const std::uint32_t> strands,
+              std::span<const std::uint64_t> ids) {
+    for (std::size_t i = 1; i < near.size(); ++i)
+        for (std::size_t j = i; j > 0 && near[j].distanceSquared == near[j - 1].distanceSquared &&
+                                ids[strands[near[j].index]] < ids[strands[near[j - 1].index]];
+             --j)
+            std::swap(near[j], near[j - 1]);
+}
+
 }  // namespace
 
-/// The candidates of one group, ascending by id.
+/// The candidates of one group.
 struct NeighborTable::Group {
     std::uint64_t key = 0;
     std::vector<std::uint32_t> strands;
@@ -154,28 +165,35 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
 
     std::vector<Vec3f> roots(n);
     for (std::size_t s = 0; s < n; ++s) roots[s] = rootOf(strands, s);
-    std::vector<std::uint32_t> candidates = previewStrands(strands);
-    std::sort(candidates.begin(), candidates.end(), [&](std::uint32_t a, std::uint32_t b) {
-        const std::uint64_t ga = channels.group(a), gb = channels.group(b);
-        if (ga != gb) return ga < gb;
-        const std::uint64_t ia = strands.ids()[a], ib = strands.ids()[b];
-        return ia != ib ? ia < ib : a < b;
-    });
+    // Along the curve, so that trees are built from places that lie together already.
+    const std::vector<std::uint32_t> order = curveOrder(roots);
+    std::vector<bool> candidate(n, false);
+    for (const std::uint32_t s : previewStrands(strands)) candidate[s] = true;
+    struct Member {
+        std::uint64_t group;
+        std::uint32_t place, strand;
+        auto operator<=>(const Member&) const = default;
+    };
+    std::vector<Member> members;
+    members.reserve(n);
+    for (const std::uint32_t s : order)
+        if (candidate[s]) members.push_back({channels.group(s), std::uint32_t(members.size()), s});
+    if (channels.region || channels.clump) std::sort(members.begin(), members.end());
     std::vector<Group> groups;
-    for (const std::uint32_t s : candidates) {
-        if (groups.empty() || groups.back().key != channels.group(s))
-            groups.push_back({channels.group(s), {}, {}});
-        groups.back().strands.push_back(s);
+    for (const Member& member : members) {
+        if (groups.empty() || groups.back().key != member.group)
+            groups.push_back({member.group, {}, {}});
+        groups.back().strands.push_back(member.strand);
     }
     parallelRange(0, groups.size(), 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t g = begin; g < end; ++g) {
             std::vector<Vec3f> places;
+            places.reserve(groups[g].strands.size());
             for (const std::uint32_t s : groups[g].strands) places.push_back(roots[s]);
             groups[g].index = PointIndex(places);
         }
     });
 
-    const std::vector<std::uint32_t> order = curveOrder(roots);
     parallelRange(0, n, kStrandGrain, [&](std::size_t begin, std::size_t end) {
         std::array<Neighbor, kMostLooked> near;
         const Group* group = nullptr;
@@ -195,25 +213,33 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
                 lastReach = -1.0f;
             }
             std::uint32_t* const to = neighbors_.data() + s * count_;
-            std::size_t wanted = count_ + 1, kept = 0;  // itself mostly among them
+            // Itself is mostly among them, and one more tells whether others lie as far as the
+            // last.
+            const std::size_t first = count_ + 2;
+            std::size_t wanted = first, kept = 0;
             while (true) {
                 float reach = settings.maxDistance;
-                if (wanted == count_ + 1 && lastReach >= 0.0f)
+                if (wanted == first && lastReach >= 0.0f)
                     reach = std::min(reach,
                                      (lastReach + distance(lastRoot, roots[s])) * 1.0001f + 1e-30f);
                 const std::size_t looked =
                     group->index.nearest(roots[s], std::span(near).first(wanted), reach);
-                if (wanted == count_ + 1 && looked == wanted) {
+                if (wanted == first && looked == wanted) {
                     lastRoot = roots[s];
                     lastReach = std::sqrt(near[looked - 1].distanceSquared);
                 }
+                sortTies(std::span(near).first(looked), group->strands, strands.ids());
                 kept = 0;
-                for (std::size_t j = 0; j < looked && kept < count_; ++j) {
+                std::size_t j = 0;
+                for (; j < looked && kept < count_; ++j) {
                     const std::uint32_t other = group->strands[near[j].index];
                     if (other == s || (parts && parts->separates(roots[s], roots[other]))) continue;
                     to[kept++] = other;
                 }
-                if (kept == count_ || looked < wanted || wanted == near.size()) break;
+                // All that lies as far as the last one taken must be known, for the ids to decide.
+                const bool tied = j > 0 && looked > 0 &&
+                                  near[j - 1].distanceSquared == near[looked - 1].distanceSquared;
+                if (looked < wanted || wanted == near.size() || (kept == count_ && !tied)) break;
                 wanted = std::min(2 * wanted, near.size());
             }
             found_[s] = std::uint8_t(kept);

@@ -82,6 +82,7 @@ void registerOperators() {
         registerExtraOperators();
         registerFieldOperators();
         registerCompoundOperators();
+        registerAlembicOperators();
     });
 }
 

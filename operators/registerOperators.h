@@ -18,6 +18,7 @@ void registerCinematicOperators();    // Flow, Flyaway, Tangle
 void registerExtraOperators();        // Cull, Smooth, Straighten, ToStrands, Twist
 void registerCompoundOperators();     // Compound, Input
 void registerFieldOperators();        // Curve, Control, Expression, FieldNoise, FieldRemap, FieldCombine, Map
+void registerAlembicOperators();    // ImportCurves
 
 /// All of them, once: call it before any graph is made. Later calls do nothing.
 void registerOperators();

@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 
 #include "model/polyline.h"
 #include "operators/polynomialTrig.h"
@@ -37,7 +38,12 @@ struct Segments {
     std::array<float, kBlock> x, y, z, share, cosine;
 };
 
-void turnBlock(Segments& s, std::size_t count, Vec3f b) {
+constexpr std::size_t kLanes = 4;
+
+/// Turns them all, `count` a multiple of kLanes; true when none is opposite to `b` and every share
+/// is above 0.
+bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
+    std::int32_t odd = 0;
     for (std::size_t i = 0; i < count; ++i) {
         const float size = std::sqrt(s.x[i] * s.x[i] + s.y[i] * s.y[i] + s.z[i] * s.z[i]);
         const float inverse = size > 0.0f ? 1.0f / size : 0.0f;
@@ -54,7 +60,9 @@ void turnBlock(Segments& s, std::size_t count, Vec3f b) {
         s.y[i] = y * scale;
         s.z[i] = z * scale;
         s.cosine[i] = cosine;
+        odd += std::int32_t(cosine < kOpposite) + std::int32_t(!(share > 0.0f));
     }
+    return odd == 0;
 }
 
 }  // namespace
@@ -79,7 +87,6 @@ void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const f
     out[0] = points[0];
     bool anyTurned = false;
     Segments s;
-    if (shares.size() == 1) s.share.fill(shares[0]);
     for (std::size_t begin = 1; begin < n; begin += kBlock) {
         const std::size_t count = std::min(kBlock, n - begin);
         for (std::size_t i = 0; i < count; ++i) {
@@ -90,7 +97,21 @@ void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const f
         }
         if (shares.size() > 1)
             std::copy_n(shares.begin() + std::ptrdiff_t(begin), count, s.share.begin());
-        turnBlock(s, count, b);
+        else
+            std::fill_n(s.share.begin(), count, shares[0]);
+        // Whole lanes: those past the end hold segments of no length.
+        const std::size_t lanes = (count + kLanes - 1) / kLanes * kLanes;
+        for (std::size_t i = count; i < lanes; ++i) {
+            s.x[i] = s.y[i] = s.z[i] = 0.0f;
+            s.share[i] = 1.0f;
+        }
+        if (turnBlock(s, lanes, b)) {
+            anyTurned = true;
+            Vec3f last = out[begin - 1];
+            for (std::size_t i = 0; i < count; ++i)
+                out[begin + i] = last += Vec3f{s.x[i], s.y[i], s.z[i]};
+            continue;
+        }
         for (std::size_t i = 0; i < count; ++i) {
             const std::size_t at = begin + i;
             const bool turns = s.share[i] > 0.0f;

@@ -1,5 +1,7 @@
 #include "operators/splineLanesAvx2.h"
 
+#include "operators/laneKernels.h"
+
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
 #include <immintrin.h>
@@ -10,7 +12,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx2")))
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
-#include "operators/splineLanes.h"
+#include "operators/strandLanes.h"
 
 namespace corvelle {
 
@@ -105,6 +107,11 @@ SplineLanesFunction splineLanesAvx2() {
     return __builtin_cpu_supports("avx2") ? resampleLanes<Float8> : nullptr;
 }
 
+const LaneKernels* laneKernelsAvx2() {
+    static const LaneKernels kernels{trimLanes<Float8>, widthLanes<Float8>};
+    return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
+}
+
 }  // namespace corvelle
 
 #else
@@ -112,6 +119,7 @@ SplineLanesFunction splineLanesAvx2() {
 namespace corvelle {
 
 SplineLanesFunction splineLanesAvx2() { return nullptr; }
+const LaneKernels* laneKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
 

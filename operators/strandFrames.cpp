@@ -10,6 +10,8 @@ namespace {
 
 constexpr float kTinySquared = 1e-24f;  ///< cm^2: shorter steps say nothing of a direction
 
+constexpr std::size_t kSettle = 16;
+
 Vec3f squareTo(Vec3f v, Vec3f unit) {
     const Vec3f laid = laidOnto(v, unit);
     return laid == Vec3f{} ? anyPerpendicular(unit) : laid;
@@ -31,7 +33,7 @@ void transportFrames(std::span<const Vec3f> points, Vec3f rootNormal, std::span<
         const Vec3f across = i + 1 < n ? points[i + 1] - points[i - 1] : step;
         const float acrossSquared = lengthSquared(across);
         if (stepSquared > kTinySquared && acrossSquared > kTinySquared) {
-            const Vec3f after = across / std::sqrt(acrossSquared);
+            const Vec3f after = across * (1.0f / std::sqrt(acrossSquared));
             // Mirrored in the plane half way along the step, then in the one that makes the
             // mirrored tangent the new one.
             const float first = 2.0f / stepSquared;
@@ -41,9 +43,14 @@ void transportFrames(std::span<const Vec3f> points, Vec3f rootNormal, std::span<
             Vec3f next = mirrored;
             if (turnSquared > 1e-12f)
                 next = mirrored - turn * (2.0f / turnSquared * dot(turn, mirrored));
-            next = next - after * dot(next, after);  // what rounding left along the tangent
-            const float size = lengthSquared(next);
-            normal = size > 1e-8f ? next / std::sqrt(size) : squareTo(normal, after);
+            // Mirroring keeps lengths and angles; what rounding adds up to is taken away now and
+            // then, not at every point, since each point has to wait for the one before it.
+            if (i % kSettle == 0) {
+                next = next - after * dot(next, after);
+                const float size = lengthSquared(next);
+                next = size > 1e-8f ? next * (1.0f / std::sqrt(size)) : squareTo(normal, after);
+            }
+            normal = next;
             tangent = after;
         }
         tangents[i] = tangent;

@@ -6,9 +6,11 @@
 #include "model/noise.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
+#include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
 #include "operators/noise.h"
 #include "operators/testing/nodeBench.h"
+#include "operators/testing/pointStream.h"
 
 namespace corvelle {
 namespace {
@@ -23,15 +25,9 @@ const StrandSet& load() {
 }
 
 void stream(benchmark::State& state) {
-    const StrandSet& in = load();
-    std::vector<Vec3f> p(in.points().begin(), in.points().end());
-    const std::vector<Vec3f> q(p.rbegin(), p.rend());
+    PointStream points(load().points());
     for (auto _ : state) {
-        runWithThreads(unsigned(state.range(0)), [&] {
-            parallelRange(0, p.size(), kStrandGrain * kPoints, [&](std::size_t begin, std::size_t end) {
-                for (std::size_t i = begin; i < end; ++i) p[i] += (q[i] - p[i]) * 0.25f;
-            });
-        });
+        runWithThreads(unsigned(state.range(0)), [&] { points.step(kStrandGrain * kPoints); });
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
@@ -41,7 +37,10 @@ BENCHMARK(stream)->Name("nodes/baseline stream")->Arg(1)->Arg(2)->UseRealTime()-
 template <class Setup>
 void timeNode(benchmark::State& state, const char* type, Setup&& setup) {
     NodeBench bench(type);
-    setup(bench.op());
+    if constexpr (std::is_invocable_v<Setup, NodeBench&>)
+        setup(bench);
+    else
+        setup(bench.op());
     setIncrementalEvaluation(false);  // the same strands come again: a full run is what is timed
     for (auto _ : state) {
         state.PauseTiming();
@@ -80,6 +79,35 @@ void noise(benchmark::State& state) {
 void hairColor(benchmark::State& state) {
     timeNode(state, "HairColor", [](Operator&) {});
 }
+void cull(benchmark::State& state) {
+    timeNode(state, "Cull", [](Operator& op) { op.set("keep", 0.5); });
+}
+void mirror(benchmark::State& state) {
+    timeNode(state, "Mirror", [](NodeBench& bench) {
+        bench.data.scalp = std::make_shared<const ScalpMesh>(makePlane(40, 40, 25.0f));
+    });
+}
+/// Half of the strands cross it.
+void meshCut(benchmark::State& state) {
+    timeNode(state, "MeshCut", [](NodeBench& bench) {
+        const ScalpMesh sheet = makePlane(40, 40, 25.0f);
+        std::vector<Vec3f> points(sheet.points().begin(), sheet.points().end());
+        for (Vec3f& p : points) p.y = 4.0f;
+        bench.data.colliders["collider"] = {sheet.withPoints(points), -1.0f};
+        bench.connect(1, "ColliderMesh");
+    });
+}
+void restoreLength(benchmark::State& state) {
+    timeNode(state, "RestoreLength", [](NodeBench& bench) {
+        StrandSet longer = load();
+        for (Vec3f& p : longer.mutablePoints()) p = p * 1.2f;
+        bench.feed(std::move(longer), 1);
+    });
+}
+BENCHMARK(cull)->Name("nodes/Cull")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(mirror)->Name("nodes/Mirror")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(meshCut)->Name("nodes/MeshCut")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(restoreLength)->Name("nodes/RestoreLength")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 void comb(benchmark::State& state) {
     timeNode(state, "Comb", [](Operator&) {});
 }

@@ -73,6 +73,11 @@ const std::vector<NodeCase> kCases = {
      true,
      false},
     {"RestoreEvenly", "RestoreLength", {{"mode", std::string("even")}}},
+    {"CurlHelix", "Curl", {{"tolerance", 0.0}, {"radius", expression("t * rand")}, {"frequencyProfile", Ramp({{0.0f, 0.3f}, {1.0f, 1.0f}})}}},
+    {"CurlWave", "Curl", {{"tolerance", 0.0}, {"shape", std::string("wave")}, {"spacingRandom", 0.5}}},
+    {"CurlZigzag", "Curl", {{"tolerance", 0.0}, {"shape", std::string("zigzag")}, {"frequency", 0.8}}},
+    {"CurlCoil", "Curl", {{"tolerance", 0.0}, {"shape", std::string("coil")}, {"coilWidths", 20.0}}},
+    {"CurlAddsPoints", "Curl", {{"frequency", 5.0}, {"maxSegments", 12.0}}, false},
     {"GravityPlain", "Gravity", {{"direction", Vec3f{0.3f, -1.0f, 0.0f}}, {"strength", 1.2}}},
     {"GravityMapped",
      "Gravity",
@@ -354,7 +359,8 @@ TEST_F(OneNodeTest, AnUnconnectedInputSaysSo) {
     for (const char* type :
          {"Length", "Width", "Noise", "Resample", "HairColor", "Output", "Bend", "Direction", "Transform", "Comb",
           "Displace", "Smooth", "Straighten", "Gravity", "Part", "Flow", "Flyaway", "Twist", "BlendNeighbors",
-          "Tangle"}) {
+          "Tangle",
+          "Clump", "Curl"}) {
         registerOperators();
         const OperatorPtr op = OperatorRegistry::instance().create(type);
         EvaluationData data;

@@ -5,6 +5,8 @@
 
 #include "model/hash.h"
 #include "model/polyline.h"
+#include "model/rampSlopes.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
 
@@ -53,6 +55,17 @@ public:
     float randomness = 0.0f;
     std::uint64_t base = 0;
 
+    /// The profile in the form that lanes read; only of a few keys.
+    void prepareLanes() {
+        const auto& keys = profile.keys();
+        if (keys.size() < 2 || keys.size() > kMostLaneKeys || width->perPoint()) return;
+        for (const auto& [position, value] : keys) {
+            positions_.push_back(position);
+            values_.push_back(value);
+        }
+        slopes_ = rampSlopes(keys);
+    }
+
     WrittenArrays writes() const override { return {.widths = true}; }
     bool readsWholeSet() const override { return width->readsWholeSet(); }
     void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const override {
@@ -66,15 +79,37 @@ public:
         } else {
             width->sampleStrands(in, strands, std::span(perStrand).first(strands.size()));
         }
-        for (std::size_t k = 0; k < strands.size(); ++k) {
+        const auto scaleOf = [&](std::size_t k) {
+            return 1.0f + randomness * drawSigned(base, in.ids()[strands[k]]);
+        };
+        const auto single = [&](std::size_t k) {
             const std::size_t s = strands[k];
             const std::size_t count = in.pointCountOf(s);
-            const float scale = 1.0f + randomness * drawSigned(base, in.ids()[s]);
             const auto values = perPoint ? std::span<const float>(points).subspan(starts[k], count)
                                          : std::span<const float>(&perStrand[k], 1);
-            strandWidths(in.pointsOf(s), values, profile, scale, out.widths.subspan(in.offsets()[s], count));
+            strandWidths(in.pointsOf(s), values, profile, scaleOf(k), out.widths.subspan(in.offsets()[s], count));
+        };
+        if (positions_.empty() || in.points().empty()) {
+            for (std::size_t k = 0; k < strands.size(); ++k) single(k);
+            return;
         }
+        std::array<float, StrandPick::kBatch> widths;
+        for (std::size_t k = 0; k < strands.size(); ++k) widths[k] = perStrand[k] * scaleOf(k);
+        const WidthJob job{&in.points()[0].x,
+                           out.widths.data(),
+                           in.offsets().data(),
+                           {positions_.data(), values_.data(), slopes_.data(), positions_.size(), profile.linear()}};
+        LaneScratch scratch;
+        forEachLaneRun(
+            in, strands,
+            [&](std::size_t first, std::size_t count, std::size_t n) {
+                laneKernels().widths(job, &strands[first], &widths[first], count, n, scratch.of(n));
+            },
+            single);
     }
+
+private:
+    std::vector<float> positions_, values_, slopes_;
 };
 
 class Width final : public StrandOperator {
@@ -92,6 +127,7 @@ protected:
         work->profile = ramp("profile");
         work->randomness = float(number("randomness"));
         work->base = drawBase(seed(), "Width.randomness");
+        work->prepareLanes();
         return work;
     }
 };

@@ -48,6 +48,10 @@ ROWS: List[Row] = [
         "interpolate/node", "interpolate/bareBlend", "time", 1.5),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Length", "Width", "Resample")),
+    *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
+      for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Flow", "Flyaway")),
+    *(Row(f"table of {k} neighbours, rate over nanoflann", "operators", f"neighbors/table/{k}/1", f"neighbors/nanoflann/{k}/1", "rate", 1.5)
+      for k in (4, 8)),
     Row("HairColor, one thread, over the stream", "operators", "nodes/HairColor/1", "nodes/baseline stream/1", "time", 5.0),
     Row("Collide by field, none touching, over the stream", "operators",
         "collide/field/touching%:0", "collide/stream", "time", 5.0),

@@ -10,7 +10,7 @@ namespace corvelle {
 
 /// What the caller of an evaluation asks for.
 struct EvaluateOptions {
-    float density = 1.0f;        ///< preview share of the strands, 0 to 1
+    float density = 1.0f;        ///< share of the strands, 0 to 1
     float sculptDensity = 1.0f;  ///< a further factor while a stroke is under way
     double pointBudget = 0.0;    ///< limit on preview points; 0: none
     std::string viewNode;        ///< show this node's strands; empty: the output's

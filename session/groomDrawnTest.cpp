@@ -99,8 +99,8 @@ TEST_F(GroomDrawnTest, ATextThatDoesNotReadIsKeptAndShownEachTime) {
         broken.evaluate(kPreview);
         EXPECT_THAT(
             broken.result().errors,
-            ElementsAre("partData: part data version is newer than this Corvelle supports",
-                        "flowData: flow data version is newer than this Corvelle supports"));
+            ElementsAre("flowData: flow data version is newer than this Corvelle supports",
+                        "partData: part data version is newer than this Corvelle supports"));
         EXPECT_TRUE(broken.result().strands) << "the rest goes on";
     }
     EXPECT_EQ(broken.document().flow, file.flow);

@@ -78,7 +78,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        for (const std::string* text : {&correctiveError_, &partError_, &flowError_})
+        for (const std::string* text : {&correctiveError_, &flowError_, &partError_})
             if (!text->empty()) errors.push_back(*text);
         guidesMoved = shownHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
@@ -113,11 +113,12 @@ void GroomSession::recordScalp() {
     const auto frame = std::llround(framesFromSeconds(seconds_, document_.framesPerSecond));
     const auto& entries = scalpHistory_->entries;
     const auto found = std::ranges::find(entries, frame, &ScalpHistory::Entry::frame);
-    if (found != entries.end() && found->mesh == document_.scalp) return;
+    const ScalpPtr mesh = refinement_.mesh(document_.scalp);
+    if (found != entries.end() && found->mesh == mesh) return;
     // Published histories are shared with evaluations: a new one takes the old one's place.
     auto next = std::make_shared<ScalpHistory>(*scalpHistory_);
     std::erase_if(next->entries, [&](const ScalpHistory::Entry& entry) { return entry.frame == frame; });
-    next->entries.push_back({frame, document_.scalp});
+    next->entries.push_back({frame, mesh});
     if (next->entries.size() > kHistoryFrames) next->entries.erase(next->entries.begin());
     scalpHistory_ = std::move(next);
 }
@@ -148,7 +149,7 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     data_.frame = framesFromSeconds(options.seconds, document_.framesPerSecond);
     data_.viewport = options.preview;
     data_.deferTools = options.deferTools;
-    data_.density = options.preview ? density : 1.0f;
+    data_.density = density;
     data_.pointBudget = options.preview ? options.pointBudget : 0.0;
     data_.growSegments = 0;
     data_.currentScalp = assembled(current);
@@ -173,9 +174,13 @@ void GroomSession::fillData(const EvaluateOptions& options, float density) {
     }
     if (!liveIsCorrected())
         data_.hierarchy = corrected(data_.hierarchy, follow_.following ? follow_.restScalp : current);
+    // Where renders draw another surface than the mesh, nodes work on that one.
+    refinement_.setCages(current, document_.scalps);
+    data_.hierarchy = refinement_.hierarchy(data_.hierarchy);
+    data_.flatGuides = refinement_.guides(data_.flatGuides);
     data_.parts = partLines(data_.scalp);
-    data_.flow = flowField(data_.scalp);
-    data_.maps = shownMaps();
+    data_.flow = flowField(data_.scalp, follow_.following ? follow_.restScalp : current);
+    data_.maps = refinement_.maps(shownMaps());
     data_.colliders.clear();
     for (const auto& [name, mesh] : document_.colliders) data_.colliders[name] = MeshValue{mesh, -1.0f};
     data_.controls.clear();
@@ -190,7 +195,8 @@ void GroomSession::runGraph(const EvaluateOptions& options, EvaluationResult& ne
     const StrandsPtr strands = strandsOf(graph.evaluate(node, data_));
     next.strands = strands;
     if (follow_.following && strands) {
-        next.strands = follow_.deformed(strands, document_.scalp);
+        next.strands = follow_.deformed(strands, refinement_.mesh(follow_.restScalp),
+                                         refinement_.mesh(document_.scalp));
         next.rawStrands = strands;
     }
     numberResult(graph, node, strands, next);
@@ -264,6 +270,35 @@ void GroomSession::measureBounds(const EvaluateOptions& options, const Evaluatio
         next.boundsMin = box.min;
         next.boundsMax = box.max;
     }
+}
+
+std::vector<GuideSharing> GroomSession::guideSharings() {
+    std::vector<GuideSharing> sharings;
+    if (!graph_ || graph_->output() == 0) return sharings;
+    std::vector<NodeId> nodes;
+    graph_->forEachActiveUpstream(graph_->output(), !data_.viewport, [&](const Node& node) {
+        const auto own = graph_->nodes().find(node.id);  // the walk goes on into compounds
+        if (own != graph_->nodes().end() && &own->second == &node && node.op->type() == "Interpolate")
+            nodes.push_back(node.id);
+        return true;
+    });
+    for (const NodeId id : nodes) {
+        const std::vector<NodeId> from = graph_->node(id).inputNodes;
+        const std::vector<std::size_t> outputs = graph_->node(id).inputOutputs;
+        NodeInputs inputs;
+        inputs.values.resize(from.size());
+        inputs.connected.resize(from.size());
+        for (std::size_t slot = 0; slot < from.size(); ++slot) {
+            if (from[slot] == 0) continue;
+            graph_->evaluate(from[slot], data_);  // as a rule kept from the evaluation itself
+            const std::vector<NodeValue>& values = graph_->node(from[slot]).outputs;
+            if (outputs[slot] < values.size()) inputs.values[slot] = values[outputs[slot]];
+            inputs.connected[slot] = true;
+        }
+        GuideSharing sharing = guideSharing(*graph_->node(id).op, EvalContext(data_), inputs);
+        if (sharing.strands) sharings.push_back(std::move(sharing));
+    }
+    return sharings;
 }
 
 std::string GroomSession::nonFiniteText() const {

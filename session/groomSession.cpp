@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "graph/graphJson.h"
+#include "io/curveCaches.h"
 #include "model/carry.h"
 #include "operators/registerOperators.h"
 #include "session/frameRate.h"
@@ -43,6 +44,7 @@ bool samePose(const ScalpPtr& a, const ScalpPtr& b) {
 
 GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
     registerOperators();
+    data_.curves = std::make_shared<AlembicCurveReader>();
     document_.framesPerSecond = effectiveRate(document_.framesPerSecond);
     graph_ = readGraph(document_.graph);
     if (graph_) graph_->setFramesPerSecond(document_.framesPerSecond);
@@ -278,7 +280,7 @@ std::shared_ptr<const PartLines> GroomSession::partLines(const ScalpPtr& scalp) 
     if (parts->lines.empty() || !scalp) return nullptr;
     auto& held = partLines_;
     if (held.scalp != scalp || !held.data || (held.data != parts && !(*held.data == *parts)))
-        held = {parts, scalp, partLinesOn(*parts, scalp)};
+        held = {parts, scalp, partLinesOn(refinement_.parts(*parts), scalp)};
     return partLines_.lines;
 }
 
@@ -299,12 +301,12 @@ void GroomSession::readFlow() {
     flow_ = std::make_shared<const FlowData>(std::move(flow));
 }
 
-std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp) {
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp, const ScalpPtr& cage) {
     const std::shared_ptr<const FlowData> flow = shownFlow();
-    if (flow->empty() || !scalp) return nullptr;
+    if (flow->empty() || !scalp || !cage) return nullptr;
     auto& held = flowField_;
     if (held.scalp != scalp || !held.data || (held.data != flow && !(*held.data == *flow)))
-        held = {flow, scalp, flowFieldOn(*flow, scalp)};
+        held = {flow, scalp, flowFieldOn(refinement_.flow(*flow, *cage, *scalp), scalp)};
     return held.field;
 }
 
@@ -337,20 +339,21 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text :
-         {&hierarchyError_, &graphError_, &partError_, &flowError_, &correctiveError_})
+    for (const std::string* text : {&hierarchyError_, &graphError_, &flowError_, &partError_,
+                                     &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }
 
 ScalpPtr GroomSession::assembled(const ScalpPtr& own) {
-    if (document_.scalps.empty()) return own;
+    if (document_.scalps.empty()) return refinement_.mesh(own);
     auto found = std::ranges::find_if(assembled_, [&](const Assembled& made) {
         return made.result && made.own == own && made.named == document_.scalps;
     });
     if (found == assembled_.end()) {
         found = assembled_.end() - 1;
-        *found = {own, assembleScalps(own, document_.scalps), document_.scalps};
+        *found = {own, assembleScalps(refinement_.mesh(own), refinement_.meshes(document_.scalps)),
+                  document_.scalps};
     }
     std::rotate(assembled_.begin(), found, found + 1);
     return assembled_.front().result;

@@ -17,8 +17,10 @@
 #include "model/flowData.h"
 #include "model/guideHierarchy.h"
 #include "model/partData.h"
+#include "operators/interpolate.h"
 #include "session/evaluationResult.h"
 #include "session/scalpFollow.h"
+#include "session/scalpRefinement.h"
 #include "session/undoStack.h"
 
 namespace corvelle {
@@ -169,6 +171,9 @@ public:
     ScalpPtr evaluationScalp() { return assembled(document_.scalp); }
     /// What nodes are given, as the last evaluation gave it.
     const EvaluationData& evaluationData() const { return data_; }
+    /// Which guides shaped which strands in the last evaluation: of each Interpolate node of the graph's
+    /// own that was in use, the one nearest the output first. Throws GraphError as an evaluation does.
+    std::vector<GuideSharing> guideSharings();
 
     // Evaluation on another thread while the session goes on. Null when one cannot start: no graph, a
     // stroke under way, a view node, or `after` belongs to another graph revision.
@@ -214,7 +219,7 @@ private:
     std::shared_ptr<const PartLines> partLines(const ScalpPtr& scalp);
     void readFlow();
     void moveDrawn(const ScalpMesh& old);
-    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp);
+    std::shared_ptr<const FlowField> flowField(const ScalpPtr& scalp, const ScalpPtr& cage);
 
     GroomFile document_;
     std::optional<Graph> graph_;
@@ -282,6 +287,7 @@ private:
         std::shared_ptr<const FlowField> field;
     } flowField_;
 
+    ScalpRefinement refinement_;
     ScalpFollow follow_;
     std::shared_ptr<ScalpHistory> scalpHistory_ = std::make_shared<ScalpHistory>();
     struct Assembled {

@@ -75,17 +75,18 @@ GuidesPtr rerootGuides(const GuidesPtr& guides, const ScalpMesh& scalp) {
     return std::make_shared<const GuideSet>(std::move(curves));
 }
 
-StrandsPtr ScalpFollow::deformed(const StrandsPtr& strands, const ScalpPtr& current) {
+StrandsPtr ScalpFollow::deformed(const StrandsPtr& strands, const ScalpPtr& rest,
+                                 const ScalpPtr& current) {
     if (!following || !strands) return strands;
     const auto found = std::ranges::find_if(slots, [&](const Slot& slot) {
-        return slot.strands == strands && slot.rest == restScalp && slot.current == current;
+        return slot.strands == strands && slot.rest == rest && slot.current == current;
     });
     if (found != slots.end()) {
         std::rotate(slots.begin(), found, found + 1);  // newest first
         return slots[0].result;
     }
     std::rotate(slots.begin(), slots.end() - 1, slots.end());
-    slots[0] = {strands, deformToScalp(strands, *restScalp, *current), restScalp, current};
+    slots[0] = {strands, deformToScalp(strands, *rest, *current), rest, current};
     return slots[0].result;
 }
 

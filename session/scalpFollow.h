@@ -37,7 +37,7 @@ struct ScalpFollow {
         ScalpPtr rest, current;
     } guides;
 
-    StrandsPtr deformed(const StrandsPtr& strands, const ScalpPtr& current);
+    StrandsPtr deformed(const StrandsPtr& strands, const ScalpPtr& rest, const ScalpPtr& current);
 };
 
 }  // namespace corvelle

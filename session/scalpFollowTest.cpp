@@ -109,16 +109,15 @@ TEST_P(ScalpFollowTest, KeepsTheFourNewestDeformations) {
     std::vector<StrandsPtr> results;
     for (std::uint64_t i = 0; i < 4; ++i) {
         scalps.push_back(rest->withPoints(jitteredPoints(*rest, 0.3f, i)));
-        results.push_back(follow.deformed(strands, scalps.back()));
+        results.push_back(follow.deformed(strands, follow.restScalp, scalps.back()));
     }
     for (std::size_t i = 0; i < 4; ++i)
-        EXPECT_EQ(follow.deformed(strands, scalps[i]), results[i]) << i;
-    follow.deformed(strands,
-                    rest->withPoints(jitteredPoints(*rest, 0.3f, 9)));  // the oldest goes: 0
-    EXPECT_EQ(follow.deformed(strands, scalps[1]), results[1]);
-    EXPECT_NE(follow.deformed(strands, scalps[0]), results[0]);
+        EXPECT_EQ(follow.deformed(strands, follow.restScalp, scalps[i]), results[i]) << i;
+    follow.deformed(strands, follow.restScalp, rest->withPoints(jitteredPoints(*rest, 0.3f, 9)));  // the oldest goes: 0
+    EXPECT_EQ(follow.deformed(strands, follow.restScalp, scalps[1]), results[1]);
+    EXPECT_NE(follow.deformed(strands, follow.restScalp, scalps[0]), results[0]);
     follow.following = false;
-    EXPECT_EQ(follow.deformed(strands, scalps[0]), strands);
+    EXPECT_EQ(follow.deformed(strands, follow.restScalp, scalps[0]), strands);
 }
 
 TEST_P(ScalpFollowTest, GuidesAreRootedAtTheClosestPointAndCarriedAlike) {

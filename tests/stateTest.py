@@ -100,7 +100,7 @@ class StateTest(Folder):
         self.assertIsNone(other.do("groom_info")["scalp"])
         other.do("set_scalp", **QUAD)
         started = json.loads(other.do("get_state")["groom"])["maps"]["density"]
-        self.assertEqual((started["values"], started["vertices"]), ([0, 0, 0, 0], 4))
+        self.assertEqual((started["values"], started["vertices"]), ([1, 1, 1, 1], 4))
 
     def test_the_own_scalp_stays_unless_it_is_given_up(self):
         state = self.groom.do("get_state")

@@ -46,18 +46,28 @@ void BrushEdit::clear() {
 
 void brushEdit(const Guide& guide, const ScalpMesh* scalp, const BrushToolSettings& settings,
                const BrushStamp& stamp, Vec3f brushCenter, Vec3f drag, BrushScratch& scratch,
-               BrushEdit& out) {
+               BrushEdit& out, float scale) {
     out.clear();
     const std::span<const Vec3f> points = guide.points;
     if (points.size() < 2) return;
     scratch.weights.resize(points.size());
     stamp.weights(points, scratch.weights);
+    if (scale != 1.0f)
+        for (float& weight : scratch.weights) weight *= scale;
     const float most = *std::max_element(scratch.weights.begin(), scratch.weights.end());
     if (!(most > 0.0f)) return;
-    const BrushWork work{
-        guide,  scalp,  settings,        stamp, brushCenter,
-        drag,   points, scratch.weights, most,  strengthProfile(settings, points, scratch),
-        scratch};
+    const BrushWork work{.guide = guide,
+                         .scalp = scalp,
+                         .settings = settings,
+                         .stamp = stamp,
+                         .scale = scale,
+                         .center = brushCenter,
+                         .drag = drag,
+                         .points = points,
+                         .weights = scratch.weights,
+                         .guideWeight = most,
+                         .profile = strengthProfile(settings, points, scratch),
+                         .scratch = scratch};
     kModes.at(std::size_t(settings.mode))(work, out);
 }
 

@@ -32,10 +32,11 @@ struct BrushScratch {
 };
 
 /// One stamp on one guide, by `settings.mode`: pure, the guide stays as it is. `scalp` may be null.
-/// A guide of fewer than two points gives an empty edit. Cost: O(points).
+/// A guide of fewer than two points gives an empty edit. `scale` multiplies the stamp's weights.
+/// Cost: O(points).
 void brushEdit(const Guide& guide, const ScalpMesh* scalp, const BrushToolSettings& settings,
                const BrushStamp& stamp, Vec3f brushCenter, Vec3f drag, BrushScratch& scratch,
-               BrushEdit& out);
+               BrushEdit& out, float scale = 1.0f);
 BrushEdit brushEdit(const Guide& guide, const ScalpMesh* scalp, const BrushToolSettings& settings,
                     const BrushStamp& stamp, Vec3f brushCenter, Vec3f drag);
 

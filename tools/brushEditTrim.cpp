@@ -77,7 +77,7 @@ void tubeGuide(const BrushWork& work, BrushEdit& edit) {
     work.stamp.weights(work.scratch.points, work.scratch.shares);
     bool touched = false;
     for (std::size_t j = 0; j < count; ++j) {
-        const float a = work.scratch.shares[j];
+        const float a = work.scratch.shares[j] * work.scale;
         if (!(a > 0.0f)) continue;
         touched = true;
         edit.tube[j] *= growth(a, s);

@@ -13,6 +13,7 @@ struct BrushWork {
     const ScalpMesh* scalp;  ///< may be null
     const BrushToolSettings& settings;
     const BrushStamp& stamp;
+    float scale;  ///< of the stamp's weights, counted in below
     Vec3f center, drag;
     std::span<const Vec3f> points;   ///< 2 or more
     std::span<const float> weights;  ///< of the points, root included

@@ -134,7 +134,7 @@ std::shared_ptr<const T> orEmpty(std::shared_ptr<const T> value) {
 }
 
 void drop(StrokeState& state, StrokeHost& host) {
-    if (state.tool) state.tool->cancel();
+    if (state.tool) state.tool->withdraw();
     state.withdraw(host);
     host.setStrokeActive(false);
 }
@@ -194,8 +194,7 @@ bool BrushTool::begin(StrokeHost& host, const ToolView& view, float x, float y, 
             host.addWarning("the scalp's left and right do not match: the stroke is not mirrored");
         }
     }
-    state->hierarchyBefore =
-        orEmpty(state->isCorrective ? host.correctedHierarchy() : host.editHierarchy());
+    state->hierarchyBefore = orEmpty(host.editHierarchy());
     state->hierarchy = *state->hierarchyBefore;
     state->partsBefore = orEmpty(host.parts());
     state->parts = *state->partsBefore;
@@ -280,18 +279,15 @@ StrokeResult BrushTool::finish(StrokeHost& host, StrokeDocument document,
     StrokeState& state = *stroke_;
     StrokeResult result;
     edited_ = state.edited;
-    if (document.empty()) {
-        drop(state, host);
-    } else {
+    if (!document.empty()) {
         result.committed = true;
         result.label = label;
         result.graphChanged = document.has(DocumentSlot::Graph);
         for (std::size_t slot = 0; slot < kDocumentSlots; ++slot)
             if (document.slots[slot]) result.slots.push_back(DocumentSlot(slot));
         host.commit(document, label);
-        state.withdraw(host);
-        host.setStrokeActive(false);
     }
+    drop(state, host);
     document_ = std::move(document);
     stroke_.reset();
     return result;
@@ -370,7 +366,7 @@ bool BrushTool::commitShot(StrokeHost& host) {
     state.tool->settle(state);
     document_ = {};
     const std::vector<std::uint64_t> touched(state.touched.begin(), state.touched.end());
-    const std::shared_ptr<const GuideHierarchy> bare = host.editHierarchy();
+    const std::shared_ptr<const GuideHierarchy> bare = host.bareHierarchy();
     const CorrectiveLayer before = activeLayer(host);
     if (touched.empty() || !bare) return false;
     const std::size_t at = host.activeCorrective();

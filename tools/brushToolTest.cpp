@@ -635,6 +635,44 @@ TEST(BrushTool, PaintsAlongGuidesAndSmoothsLayers) {
     EXPECT_GT(spread().second, before.second);
 }
 
+TEST(BrushTool, PaintsAMapOfTheScalpOnBothSides) {
+    FakeStrokeHost host = makeHost(25, 4, 0);
+    auto maps = std::make_shared<MapCatalogValue>();
+    const std::size_t count = host.mesh->points().size();
+    maps->maps["bald"] = {.kind = PaintedMap::Kind::Vertices,
+                          .channels = 1,
+                          .values = std::make_shared<const std::vector<float>>(count, 0.0f),
+                          .vertices = count};
+    host.catalog = maps;
+    BrushToolSettings settings = shaping(BrushMode::Paint);
+    settings.paintKind = "vertices";
+    settings.attribute = "bald";
+    settings.symmetry = 0;
+    const Points right = {{470, 300}, {480, 320}};
+    BrushTool tool;
+    tool.settings = settings;
+    ASSERT_TRUE(tool.begin(host, frontView(), right[0].x, right[0].y, 1.0f));
+    tool.drag(host, frontView(), right[1].x, right[1].y, 1.0f);
+    ASSERT_NE(host.liveMaps, nullptr);
+    const std::vector<float> painted = *host.liveMaps->find("bald")->values;
+    EXPECT_EQ(tool.end(host, frontView()).slots,
+              std::vector<DocumentSlot>{DocumentSlot::ScalpMaps});
+    EXPECT_EQ(host.liveMaps, nullptr);
+    float left = 0.0f, all = 0.0f;
+    for (std::size_t v = 0; v < count; ++v) {
+        all += painted[v];
+        left += host.mesh->points()[v].x < 0.0f ? painted[v] : 0.0f;
+        if (painted[v] > 0.0f) {
+            EXPECT_GT(host.mesh->points()[v].z, 0.0f) << "the near side alone";
+        }
+    }
+    EXPECT_GT(all, 1.0f);
+    EXPECT_NEAR(left, 0.5f * all, 0.02f * all);
+    settings.attribute = "none of it";
+    EXPECT_THROW(stroke(host, settings, right), std::invalid_argument);
+    EXPECT_FALSE(host.active);
+}
+
 TEST(BrushTool, RefusesWhatCannotStart) {
     FakeStrokeHost host = makeHost(22);
     BrushTool tool;
@@ -693,7 +731,7 @@ TEST(BrushTool, FarDragsAndOddViewsEndInFiniteGuides) {
     FakeStrokeHost host = makeHost(23);
     SplitMix random(5);
     BrushTool tool;
-    for (int round = 0; round < 40; ++round) {
+    for (int round = 0; round < 26; ++round) {
         tool.settings = shaping(kShapes[round % 13], random.nextRange(-3.0f, 3.0f));
         tool.settings.radius = random.nextRange(1.0f, 2000.0f);
         const ToolView view = frontView(double(random.nextRange(5.0f, 60.0f)));
@@ -736,6 +774,19 @@ TEST(BrushTool, SculptsIntoACorrectiveLayer) {
     for (const auto& [id, offsets] : stored.layers[0].offsets)
         for (std::size_t i = 0; i < offsets.size(); ++i)
             EXPECT_LT(distance(shown->guide(id)->points[i], live->guide(id)->points[i]), 1e-3f);
+    // A second stroke adds to what is there.
+    host.layers = std::make_shared<const Correctives>(stored);
+    ASSERT_TRUE(tool.begin(host, frontView(), kAcross[0].x, kAcross[0].y, 1.0f));
+    for (const Vec2f p : kAcross) tool.drag(host, frontView(), p.x, p.y, 1.0f);
+    const auto further = host.live;
+    ASSERT_TRUE(tool.end(host, frontView()).committed);
+    const Correctives twice = readCorrectives(*host.commits.back().at(DocumentSlot::Correctives));
+    const auto both =
+        applyCorrectives(before, twice, correctiveWeights(twice, host.atFrame), host.mesh.get());
+    for (const auto& [id, offsets] : twice.layers[0].offsets)
+        EXPECT_LT(distance(both->guide(id)->points.back(), further->guide(id)->points.back()),
+                  1e-3f);
+    EXPECT_NE(twice, stored);
     host.atFrame = 100.0;
     try {
         tool.begin(host, frontView(), 400, 300, 1.0f);

@@ -42,9 +42,39 @@ BoxReach reachThrough(BoxReach reach, Map map) {
     };
 }
 
+/// A plane of groom space.
+struct SidePlane {
+    double a, b, c, d;
+    /// The least that the plane says of any place of the box.
+    double least(Vec3f low, Vec3f high) const {
+        return a * double(a > 0.0 ? low.x : high.x) + b * double(b > 0.0 ? low.y : high.y) +
+               c * double(c > 0.0 ? low.z : high.z) + d;
+    }
+};
+
+/// `x` times row 0 or 1 of the view's matrix plus `w` times the row of w.
+SidePlane sidePlane(const ToolView& view, std::size_t row, double x, double w) {
+    const std::array<double, 16>& m = view.matrix;
+    const auto mixed = [&](std::size_t k) { return x * m[4 * row + k] + w * m[12 + k]; };
+    return {mixed(0), mixed(1), mixed(2), mixed(3)};
+}
+
 /// `ifBehind`: the answer for a box with a corner behind the camera.
 BoxReach screenReach(const ToolView& view, double x, double y, float radiusPixels, bool ifBehind) {
-    return [view, x, y, radiusPixels, ifBehind](Vec3f low, Vec3f high) {
+    const double reach = double(radiusPixels) + 1.0;
+    const double halfWidth = 0.5 * view.width, halfHeight = 0.5 * view.height;
+    // Nearly all boxes lie wholly to one side of the circle. That takes no division: before the
+    // camera (w > 0), px > x + reach is one plane, and so are the other three.
+    const std::array<SidePlane, 4> sides = {
+        sidePlane(view, 0, halfWidth, halfWidth - x - reach),
+        sidePlane(view, 0, -halfWidth, x - reach - halfWidth),
+        sidePlane(view, 1, halfHeight, halfHeight - y - reach),
+        sidePlane(view, 1, -halfHeight, y - reach - halfHeight)};
+    const SidePlane camera = sidePlane(view, 0, 0.0, 1.0);
+    return [view, x, y, reach, ifBehind, sides, camera](Vec3f low, Vec3f high) {
+        if (!(camera.least(low, high) > 1e-9)) return ifBehind;
+        for (const SidePlane& side : sides)
+            if (side.least(low, high) > 0.0) return false;
         constexpr double kFar = std::numeric_limits<double>::infinity();
         double x0 = kFar, y0 = kFar, x1 = -kFar, y1 = -kFar;
         for (int corner = 0; corner < 8; ++corner) {
@@ -60,7 +90,6 @@ BoxReach screenReach(const ToolView& view, double x, double y, float radiusPixel
         }
         const double dx = std::max({x0 - x, x - x1, 0.0});
         const double dy = std::max({y0 - y, y - y1, 0.0});
-        const double reach = double(radiusPixels) + 1.0;
         return dx * dx + dy * dy <= reach * reach;
     };
 }

@@ -143,6 +143,7 @@ TEST(GuideBoxes, FindsWhatALookAtEveryBoxFinds) {
             boxes[moved].low = randomPlaces(random.nextU64(), 1, 10.0f)[0];
             boxes[moved].high = boxes[moved].low + Vec3f{0.1f, 0.1f, 0.1f};
             tree.update(moved, boxes[moved]);
+            tree.refit();
             BrushStamp stamp;
             stamp.center = randomPlaces(random.nextU64(), 1, 10.0f)[0];
             stamp.radius = random.nextRange(0.1f, 6.0f);

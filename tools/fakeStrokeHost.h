@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "model/correctiveApply.h"
 #include "model/hash.h"
 #include "model/testing/guides.h"
 #include "model/testing/meshes.h"
@@ -34,6 +35,7 @@ public:
     std::shared_ptr<const GuideHierarchy> live;
     std::shared_ptr<const PartData> liveParts;
     std::shared_ptr<const FlowData> liveFlow;
+    MapCatalogPtr catalog, liveMaps;
     int published = 0;
     std::vector<StrokeDocument> commits;
     std::vector<std::string> labels, notes, warnings;
@@ -41,10 +43,14 @@ public:
     bool hasGroom() const override { return isGroom; }
     ScalpPtr scalp() override { return mesh; }
     std::shared_ptr<const GuideHierarchy> hierarchy() override { return guides; }
-    std::shared_ptr<const GuideHierarchy> editHierarchy() override { return guides; }
+    std::shared_ptr<const GuideHierarchy> editHierarchy() override {
+        if (!inLayer) return guides;
+        return applyCorrectives(guides, *layers, correctiveWeights(*layers, atFrame), mesh.get());
+    }
+    std::shared_ptr<const GuideHierarchy> bareHierarchy() override { return guides; }
     std::shared_ptr<const PartData> parts() override { return partLines; }
     std::shared_ptr<const FlowData> flow() override { return flowLines; }
-    MapCatalogPtr maps() override { return nullptr; }
+    MapCatalogPtr maps() override { return catalog; }
     std::string graphText() override { return {}; }
     std::shared_ptr<const PaintImage> image(const std::string& map) override {
         throw std::runtime_error("no image '" + map + "'");
@@ -64,7 +70,7 @@ public:
     }
     void setLiveParts(std::shared_ptr<const PartData> value) override { liveParts = value; }
     void setLiveFlow(std::shared_ptr<const FlowData> value) override { liveFlow = value; }
-    void setLiveMaps(MapCatalogPtr) override {}
+    void setLiveMaps(MapCatalogPtr value) override { liveMaps = std::move(value); }
     void setLiveGraph(const std::string&) override {}
     void commit(StrokeDocument document, const std::string& label) override {
         if (failsCommit) throw std::runtime_error("the host takes nothing");

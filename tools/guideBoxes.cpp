@@ -71,12 +71,19 @@ GuideBox GuideBoxes::joined(std::size_t level, std::uint32_t node) const {
 }
 
 void GuideBoxes::update(std::uint32_t item, const GuideBox& box) {
-    std::uint32_t node = slotOf_[item];
-    levels_[0][node] = box;
-    for (std::size_t level = 1; level < levels_.size(); ++level) {
-        node /= kBranch;
-        levels_[level][node] = joined(level, node);
+    levels_[0][slotOf_[item]] = box;
+    stale_.push_back(slotOf_[item]);
+}
+
+void GuideBoxes::refit() {
+    // Neighbours share most of what lies above them.
+    for (std::size_t level = 1; level < levels_.size() && !stale_.empty(); ++level) {
+        for (std::uint32_t& node : stale_) node /= kBranch;
+        std::sort(stale_.begin(), stale_.end());
+        stale_.erase(std::unique(stale_.begin(), stale_.end()), stale_.end());
+        for (const std::uint32_t node : stale_) levels_[level][node] = joined(level, node);
     }
+    stale_.clear();
 }
 
 void GuideBoxes::visit(const BrushStamp& stamp, std::size_t level, std::uint32_t node,

@@ -22,7 +22,9 @@ public:
     GuideBoxes() = default;
     explicit GuideBoxes(std::span<const GuideBox> boxes);
     std::size_t size() const { return slotOf_.size(); }
+    /// Takes an item's new box in; `refit` before the next question.
     void update(std::uint32_t item, const GuideBox& box);
+    void refit();
     /// The items whose boxes the stamp reaches, ascending.
     void reached(const BrushStamp& stamp, std::vector<std::uint32_t>& out) const;
 
@@ -33,6 +35,7 @@ private:
     GuideBox joined(std::size_t level, std::uint32_t node) const;
 
     std::vector<std::uint32_t> itemAt_, slotOf_;
+    std::vector<std::uint32_t> stale_;           ///< nodes of the level being fitted
     std::vector<std::vector<GuideBox>> levels_;  ///< [0]: by slot; each next one an eighth of it
 };
 

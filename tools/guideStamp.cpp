@@ -75,11 +75,10 @@ void GuideStamper::work(const BrushToolSettings& settings, const BrushStamp& sta
     if (edits_.size() < reached_.size()) edits_.resize(reached_.size());
     const auto body = [&](std::size_t begin, std::size_t end) {
         BrushScratch scratch;
-        BrushStamp own = stamp;
         for (std::size_t i = begin; i < end; ++i) {
             const Guide& guide = *guides_[i];
-            own.scale = candidates_[reached_[i]].scale;
-            brushEdit(guide, scalp_, settings, own, stamp.center, drag, scratch, edits_[i]);
+            brushEdit(guide, scalp_, settings, stamp, stamp.center, drag, scratch, edits_[i],
+                      candidates_[reached_[i]].scale);
             if (settings.collide && scalp_ && edits_[i].movesOnly())
                 keepOffScalp(edits_[i].points, *scalp_, settings.collideOffset,
                              guide.root.triangle);
@@ -156,6 +155,7 @@ std::size_t GuideStamper::stamp(const BrushToolSettings& settings, const BrushSt
         else if (!edit.empty() && apply(settings, reached_[i], edit))
             ++count;
     }
+    boxes_.refit();
     count += erased.size();
     if (!erased.empty()) erase(erased);
     if (chained_) commit();
@@ -177,13 +177,11 @@ std::size_t GuideStamper::smoothLayer(const BrushToolSettings& settings, const B
     std::vector<float> weights;
     std::size_t count = 0;
     for (const std::uint32_t item : reached_) {
-        BrushStamp own = stamp;
-        own.scale = candidates_[item].scale;
         const Guide& before = guide(candidates_[item]);
         weights.resize(before.points.size());
-        own.weights(before.points, weights);
-        const float a =
-            std::min(*std::max_element(weights.begin(), weights.end()) * std::abs(strength), 1.0f);
+        stamp.weights(before.points, weights);
+        const float most = *std::max_element(weights.begin(), weights.end());
+        const float a = std::min(most * candidates_[item].scale * std::abs(strength), 1.0f);
         if (!(a > 0.0f)) continue;
         std::array<Neighbor, kNeighbours + 1> near;
         const std::size_t found = index.nearest(roots[item], near);
@@ -238,6 +236,7 @@ void GuideStamper::commit() {
         boxes_.update(item, boxOf(now->points));
         seen_[item] = now;
     }
+    boxes_.refit();
 }
 
 }  // namespace corvelle

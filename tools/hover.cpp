@@ -58,11 +58,23 @@ struct HoverCache::Screen {
 
     void build() {
         std::vector<Spot> seen;
+        std::vector<std::uint32_t> cellOfSeen;
+        std::size_t pointCount = 0;
+        for (std::size_t g = 0; hierarchy && g < hierarchy->size(); ++g)
+            pointCount += hierarchy->guides()[g]->points.size();
+        seen.reserve(pointCount);
+        cellOfSeen.reserve(pointCount);
+        columns = cells(view.width);
+        rows = cells(view.height);
+        if (columns * rows > kMostCells) columns = rows = 1;
+        firstOfCell.assign(columns * rows + 1, 0);
         const auto add = [&](Vec3f p, HoverHit::Kind kind, std::size_t item, std::size_t point) {
             double x = 0.0, y = 0.0;
             if (!view.project(p, x, y) || x < 0.0 || y < 0.0 || x > view.width || y > view.height)
                 return;
             seen.push_back({float(x), float(y), kind, std::uint32_t(item), std::uint32_t(point)});
+            cellOfSeen.push_back(std::uint32_t(cellOf(float(x), float(y))));
+            ++firstOfCell[cellOfSeen.back() + 1];
         };
         if (hierarchy) {
             const std::set<std::uint32_t> left = hiddenGroupIds(*hierarchy, hidden);
@@ -83,15 +95,10 @@ struct HoverCache::Screen {
             if (scalp->validRoot(flow->pins[p].at))
                 add(scalp->surfacePoint(flow->pins[p].at), HoverHit::Kind::Flow, p, 0);
 
-        columns = cells(view.width);
-        rows = cells(view.height);
-        if (columns * rows > kMostCells) columns = rows = 1;
-        firstOfCell.assign(columns * rows + 1, 0);
-        for (const Spot& spot : seen) ++firstOfCell[cellOf(spot.x, spot.y) + 1];
         for (std::size_t c = 1; c < firstOfCell.size(); ++c) firstOfCell[c] += firstOfCell[c - 1];
         std::vector<std::uint32_t> next(firstOfCell.begin(), firstOfCell.end() - 1);
         spots.resize(seen.size());
-        for (const Spot& spot : seen) spots[next[cellOf(spot.x, spot.y)]++] = spot;
+        for (std::size_t s = 0; s < seen.size(); ++s) spots[next[cellOfSeen[s]]++] = seen[s];
         occlusion = std::make_shared<const ScreenOcclusionCache>(view, scalp);
     }
 

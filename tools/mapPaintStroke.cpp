@@ -25,7 +25,7 @@ public:
         return std::exchange(stale_, false);
     }
     void document(StrokeState&, StrokeDocument& document) override { map_->finish(document); }
-    void cancel() override { map_->cancel(); }
+    void withdraw() override { map_->cancel(); }
     bool graphChanged() const override { return map_->graphChanged(); }
 
 private:

@@ -186,10 +186,7 @@ class TextureStroke final : public ScalpMapStroke {
 public:
     TextureStroke(StrokeHost& host, const BrushToolSettings& settings, PaintTarget target,
                   const ScalpPtr& scalp)
-        : ScalpMapStroke(host, settings, std::move(target)),
-          paint_(target_.made ? PaintImage::filled(settings.paintResolution,
-                                                   settings.paintResolution, 1, {255})
-                              : host.image(target_.name)) {
+        : ScalpMapStroke(host, settings, std::move(target)), paint_(startImage()) {
         paint_.setChannels(settings.paintChannels);
         paint_.beginEdit(scalp);
     }
@@ -214,6 +211,13 @@ protected:
     }
 
 private:
+    /// What the stroke goes on with: white for a map that is new or has no pixels yet.
+    std::shared_ptr<const PaintImage> startImage() {
+        const PaintedMap* held = before();
+        if (held && (held->image || !held->file.empty())) return host_.image(target_.name);
+        return PaintImage::filled(settings_.paintResolution, settings_.paintResolution,
+                                  held ? held->channels : 1, {255, 255, 255, 255});
+    }
     TexturePaint paint_;
 };
 

@@ -159,6 +159,21 @@ TEST_F(MapStrokes, ATextureStrokePublishesTilesAndHandsOverTheImage) {
               "/x/tint.png");
 }
 
+TEST_F(MapStrokes, ATextureMapWithoutPixelsStartsWhite) {
+    hold(R"({"new":{"kind":"texture","channels":4}})");
+    settings.paintKind = "texture";
+    settings.paintTexture = "new";
+    settings.paintResolution = 32;
+    settings.paintColor = {0, 0, 0, 1};
+    const auto stroke = begin();
+    EXPECT_TRUE(stroke->stamp({&middle, 1.0f, false}));
+    stroke->publish();
+    const PaintedMap& map = *host.shownMaps->find("new");
+    EXPECT_EQ(map.file, "new.png");
+    EXPECT_EQ(map.image->sampleColor(0.0f, 0.0f), (Color4f{1, 1, 1, 1}));
+    EXPECT_LT(map.image->sampleColor(0.5f, 0.5f).r, 0.2f);
+}
+
 TEST_F(MapStrokes, AMapOfAnotherScalpStartsOverWithANotice) {
     hold(R"({"old":{"values":[0,0,0]}})");
     settings.paintKind = "vertices";
@@ -184,7 +199,8 @@ TEST_F(MapStrokes, NamesWhatCannotBePainted) {
     settings.paintKind = "texture";
     settings.paintTexture = "none";
     EXPECT_EQ(errorOf([&] { begin(); }), "this groom has no texture map named none");
-    hold(R"({"none":{"kind":"texture"},"layer":{"kind":"guides","layer":"mask"}})");
+    hold(
+        R"({"none":{"kind":"texture","texture":"n.png"},"layer":{"kind":"guides","layer":"mask"}})");
     host.images["none"] = PaintImage::filled(4, 4, 1, {0});
     const auto bare = std::make_shared<const ScalpMesh>(makeIcosphere(1, 1.0f));
     EXPECT_EQ(errorOf([&] { beginMapStroke(host, settings, bare); }),

@@ -1,5 +1,9 @@
 // Strokes that make guides: placed along the pen's way, or drawn in the air.
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <cstdint>
+#include <map>
 #include <utility>
 
 #include "model/polyline.h"
@@ -11,9 +15,39 @@ namespace {
 constexpr float kClickPixels = 3.0f;
 constexpr int kMostSteps = 4096;
 
+/// Places in cells of the least distance between them, so that a look at 27 cells finds what is
+/// too near.
+class SparsePlaces {
+public:
+    explicit SparsePlaces(float least) : least_(least) {}
+    bool isFree(Vec3f place) const {
+        const std::array<std::int64_t, 3> at = cellOf(place);
+        for (std::int64_t i = 0; i < 27; ++i) {
+            const auto cell =
+                cells_.find({at[0] + i % 3 - 1, at[1] + i / 3 % 3 - 1, at[2] + i / 9 - 1});
+            if (cell == cells_.end()) continue;
+            for (const Vec3f& other : cell->second)
+                if (distance(other, place) < least_) return false;
+        }
+        return true;
+    }
+    void add(Vec3f place) { cells_[cellOf(place)].push_back(place); }
+
+private:
+    std::array<std::int64_t, 3> cellOf(Vec3f p) const {
+        const auto along = [&](float x) {
+            return std::int64_t(std::clamp(std::floor(double(x) / double(least_)), -1e15, 1e15));
+        };
+        return {along(p.x), along(p.y), along(p.z)};
+    }
+    float least_;
+    std::map<std::array<std::int64_t, 3>, std::vector<Vec3f>> cells_;
+};
+
 class PlaceStroke final : public ToolStroke {
 public:
-    explicit PlaceStroke(const StrokeState& state) : makes_(state) {}
+    explicit PlaceStroke(const StrokeState& state)
+        : makes_(state), roots_(0.999f * std::max(state.settings.spacing, 0.001f)) {}
 
     bool press(StrokeState& state, StrokeHost&, const StrokePoint& point) override {
         placeTo(state, point);
@@ -29,7 +63,7 @@ private:
         const auto hit = state.hitAt(point.x, point.y);
         if (!hit) return before_.reset();
         state.goTo(*hit, state.settings.radius);
-        const float spacing = state.settings.spacing;
+        const float spacing = std::max(state.settings.spacing, 0.001f);
         if (!before_) {
             placeAt(state, *hit);
             toNext_ = spacing;
@@ -50,18 +84,15 @@ private:
     }
 
     void placeAt(StrokeState& state, const SurfaceHit& hit) {
-        const float least = 0.999f * state.settings.spacing;
-        for (const Vec3f& root : roots_)
-            if (distance(root, hit.position) < least) return;
+        if (!roots_.isFree(hit.position)) return;
         for (const std::uint64_t id : makes_.add(state, hit, makes_.matched(state, hit)))
-            if (const GuidePtr guide = state.hierarchy.guide(id))
-                roots_.push_back(guide->points.front());
+            if (const GuidePtr guide = state.hierarchy.guide(id)) roots_.add(guide->points.front());
     }
 
     NewGuides makes_;
     std::optional<Vec3f> before_;
     float toNext_ = 0.0f;  ///< cm of way to the next root
-    std::vector<Vec3f> roots_;
+    SparsePlaces roots_;
 };
 
 class DrawStroke final : public ToolStroke {

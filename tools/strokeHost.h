@@ -50,8 +50,9 @@ public:
     virtual std::shared_ptr<const Correctives> correctives() { return nullptr; }
     virtual bool isCorrectiveActive() { return false; }
     virtual std::size_t activeCorrective() { return 0; }  ///< the layer strokes go into
-    /// `editHierarchy` with every layer at the frame: what a stroke in a layer works on.
-    virtual std::shared_ptr<const GuideHierarchy> correctedHierarchy() { return editHierarchy(); }
+    /// While strokes go into a layer `editHierarchy` has every layer at the frame: this is it
+    /// without any. Must be overridden by hosts with layers.
+    virtual std::shared_ptr<const GuideHierarchy> bareHierarchy() { return editHierarchy(); }
     virtual double frame() { return 0.0; }
 
     // The stroke under way. Live values are published as shared snapshots, never serialised.

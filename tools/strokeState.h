@@ -94,8 +94,8 @@ public:
     virtual void release(StrokeState&, StrokeHost&) {}
     /// What it puts into the document beside guides, parts and flow.
     virtual void document(StrokeState&, StrokeDocument&) {}
-    /// Takes back what it has shown the host itself.
-    virtual void cancel() {}
+    /// Takes back what it has shown the host itself: the document shows it now, or nothing does.
+    virtual void withdraw() {}
     virtual bool graphChanged() const { return false; }
     /// The view has changed.
     virtual void viewChanged(StrokeState&) {}

@@ -87,10 +87,12 @@ Vec3f narrow(const Vec4& v) { return {float(v[0]), float(v[1]), float(v[2])}; }
 }  // namespace
 
 bool ToolView::project(Vec3f position, double& x, double& y) const {
-    const Vec4 clip = toClip(*this, position);
-    if (!(clip[3] > kNearestW)) return false;
-    x = (clip[0] / clip[3] * 0.5 + 0.5) * width;
-    y = (clip[1] / clip[3] * 0.5 + 0.5) * height;
+    const double a = double(position.x), b = double(position.y), c = double(position.z);
+    const Matrix& m = matrix;
+    const double w = m[12] * a + m[13] * b + m[14] * c + m[15];
+    if (!(w > kNearestW)) return false;
+    x = ((m[0] * a + m[1] * b + m[2] * c + m[3]) / w * 0.5 + 0.5) * width;
+    y = ((m[4] * a + m[5] * b + m[6] * c + m[7]) / w * 0.5 + 0.5) * height;
     return true;
 }
 

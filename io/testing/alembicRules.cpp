@@ -1,12 +1,13 @@
 #include "io/testing/alembicRules.h"
 
-#include <Alembic/AbcCoreOgawa/All.h>
-#include <Alembic/AbcGeom/All.h>
 #include <algorithm>
 #include <cmath>
 #include <map>
 #include <set>
 #include <sstream>
+
+#include <Alembic/AbcCoreOgawa/All.h>
+#include <Alembic/AbcGeom/All.h>
 
 namespace corvelle {
 
@@ -47,14 +48,19 @@ struct Archive {
 
 std::vector<double> timesOf(const Abc::TimeSamplingPtr& sampling, std::size_t count) {
     std::vector<double> times;
-    for (std::size_t i = 0; i < count; ++i) times.push_back(sampling->getSampleTime(Abc::index_t(i)));
+    for (std::size_t i = 0; i < count; ++i)
+        times.push_back(sampling->getSampleTime(Abc::index_t(i)));
     return times;
 }
 
 Property propertyOf(const Abc::ICompoundProperty& parent, const Abc::PropertyHeader& header) {
     const Abc::IArrayProperty array(parent, header.getName());
-    Property out{header.getName(), AbcG::GetGeometryScope(header.getMetaData()), header.getDataType(),
-                 header.getMetaData().get("arrayExtent"), {}, {}};
+    Property out{header.getName(),
+                 AbcG::GetGeometryScope(header.getMetaData()),
+                 header.getDataType(),
+                 header.getMetaData().get("arrayExtent"),
+                 {},
+                 {}};
     for (std::size_t i = 0; i < array.getNumSamples(); ++i) {
         Alembic::Util::Dimensions size;
         array.getDimensions(size, Abc::ISampleSelector(Abc::index_t(i)));
@@ -68,8 +74,12 @@ void collect(const Abc::IObject& object, Archive& out) {
     for (std::size_t i = 0; i < object.getNumChildren(); ++i) {
         const Abc::IObject child = object.getChild(i);
         if (AbcG::ICurves::matches(child.getHeader())) {
-            Curves curves{child.getFullName(), AbcG::ICurves(child, Abc::kWrapExisting).getSchema(),
-                          {}, {}, {}, {}};
+            Curves curves{child.getFullName(),
+                          AbcG::ICurves(child, Abc::kWrapExisting).getSchema(),
+                          {},
+                          {},
+                          {},
+                          {}};
             for (std::size_t s = 0; s < curves.schema.getNumSamples(); ++s) {
                 const auto sample = curves.schema.getValue(Abc::ISampleSelector(Abc::index_t(s)));
                 curves.curves.push_back(sample.getNumCurves());
@@ -122,7 +132,8 @@ std::string shapeOfSamples(const Archive&, const Curves& object) {
 std::string widthsPerVertex(const Archive&, const Curves& object) {
     AbcG::IFloatGeomParam widths = object.schema.getWidthsParam();
     if (!widths.valid()) return "no widths";
-    if (widths.getScope() != AbcG::kVertexScope || widths.isIndexed()) return "widths not per vertex";
+    if (widths.getScope() != AbcG::kVertexScope || widths.isIndexed())
+        return "widths not per vertex";
     if (widths.getNumSamples() != object.points.size()) return "widths lack samples";
     for (std::size_t s = 0; s < object.points.size(); ++s)
         if (widths.getExpandedValue(Abc::ISampleSelector(Abc::index_t(s))).getVals()->size() !=
@@ -213,7 +224,8 @@ std::string knownAttributes(const Archive& archive, const Curves& object) {
         const auto known = std::ranges::find(kKnown, attribute.name, &Known::name);
         if (known == std::end(kKnown)) return attribute.name + " is no name that importers know";
         if (attribute.scope != known->scope || attribute.type.getPod() != known->pod ||
-            attribute.type.getExtent() != known->extent || attribute.arrayExtent != known->arrayExtent)
+            attribute.type.getExtent() != known->extent ||
+            attribute.arrayExtent != known->arrayExtent)
             return attribute.name + " has another type or scope";
     }
     for (const Known& known : kKnown)
@@ -224,7 +236,8 @@ std::string knownAttributes(const Archive& archive, const Curves& object) {
 std::string guideMarks(const Archive& archive, const Curves& object) {
     if (!archive.groomLayout) return {};
     if (!object.isGuides())
-        return object.attribute("groom_guide") ? "hair marked as guides" : "";  // even all 0 makes guides
+        return object.attribute("groom_guide") ? "hair marked as guides"
+                                               : "";  // even all 0 makes guides
     if (!object.attribute("groom_guide")) return "guides that are not marked";
     const Abc::IInt16ArrayProperty marks(object.schema.getArbGeomParams(), "groom_guide");
     for (std::size_t s = 0; s < marks.getNumSamples(); ++s) {
@@ -247,7 +260,8 @@ std::string guideShares(const Archive& archive, const Curves& object) {
             for (std::size_t i = 0; i < values->size(); ++i) guides.insert((*values)[i]);
         }
     }
-    const Abc::IInt32ArrayProperty closest(object.schema.getArbGeomParams(), "groom_closest_guides");
+    const Abc::IInt32ArrayProperty closest(object.schema.getArbGeomParams(),
+                                           "groom_closest_guides");
     const Abc::IFloatArrayProperty weights(object.schema.getArbGeomParams(), "groom_guide_weights");
     for (std::size_t s = 0; s < closest.getNumSamples(); ++s) {
         const Abc::ISampleSelector at{Abc::index_t(s)};
@@ -256,7 +270,8 @@ std::string guideShares(const Archive& archive, const Curves& object) {
         for (std::size_t i = 0; i < ids->size(); ++i) {
             const float share = (*shares)[i];
             if (!(share >= 0.0f && share <= 1.0f)) return "a weight outside of 0 to 1";
-            if (share > 0.0f && !guides.contains((*ids)[i])) return text("guide ", (*ids)[i], " is not there");
+            if (share > 0.0f && !guides.contains((*ids)[i]))
+                return text("guide ", (*ids)[i], " is not there");
             if (i % 3 != 0 && share > (*shares)[i - 1]) return "weights that rise";
         }
     }
@@ -280,10 +295,12 @@ std::string stampedVersion(const Archive& archive, const Curves&) {
     const Abc::IObject xform = top.getChild(0);
     if (!AbcG::IXform::matches(xform.getHeader())) return "the top object is no Xform";
     for (const Abc::ICompoundProperty& properties :
-         {top.getProperties(), AbcG::IXform(xform, Abc::kWrapExisting).getSchema().getUserProperties()}) {
+         {top.getProperties(),
+          AbcG::IXform(xform, Abc::kWrapExisting).getSchema().getUserProperties()}) {
         for (const char* name : {"groom_version_major", "groom_version_minor"}) {
             const auto* header = properties.getPropertyHeader(name);
-            if (!header || !header->isScalar() || header->getDataType().getPod() != Alembic::Util::kInt16POD)
+            if (!header || !header->isScalar() ||
+                header->getDataType().getPod() != Alembic::Util::kInt16POD)
                 return text("no int16 ", name);
         }
         if (!properties.getPropertyHeader("groom_tool")) return "no groom_tool";
@@ -295,8 +312,8 @@ std::string stampedVersion(const Archive& archive, const Curves&) {
 }
 
 std::string identityAbove(const Archive&, const Curves& object) {
-    for (Abc::IObject up = object.schema.getObject().getParent(); up.valid() && up.getParent().valid();
-         up = up.getParent()) {
+    for (Abc::IObject up = object.schema.getObject().getParent();
+         up.valid() && up.getParent().valid(); up = up.getParent()) {
         if (!AbcG::IXform::matches(up.getHeader())) return "not below an Xform";
         AbcG::IXformSchema schema = AbcG::IXform(up, Abc::kWrapExisting).getSchema();
         if (schema.getNumSamples() == 0) return "an Xform without a sample";
@@ -308,7 +325,8 @@ std::string identityAbove(const Archive&, const Curves& object) {
 std::string strandIds(const Archive& archive, const Curves& object) {
     if (archive.groomLayout) return {};
     const Property* ids = object.attribute("strandId");
-    return ids && ids->type.getPod() == Alembic::Util::kUint64POD && ids->scope == AbcG::kUniformScope
+    return ids && ids->type.getPod() == Alembic::Util::kUint64POD &&
+                   ids->scope == AbcG::kUniformScope
                ? ""
                : "no strandId per curve";
 }
@@ -350,13 +368,15 @@ std::string meshFault(AbcG::IPolyMesh& mesh) {
                             uvs.getExpandedValue(at).getVals()->size() != corners))
             return "uvs not per corner";
         AbcG::IN3fGeomParam normals = schema.getNormalsParam();
-        if (normals.valid() && (normals.getScope() != AbcG::kVertexScope ||
-                                normals.getExpandedValue(at).getVals()->size() != sample.getPositions()->size()))
+        if (normals.valid() &&
+            (normals.getScope() != AbcG::kVertexScope ||
+             normals.getExpandedValue(at).getVals()->size() != sample.getPositions()->size()))
             return "normals not per vertex";
         const Abc::ICompoundProperty params = schema.getArbGeomParams();
         for (std::size_t p = 0; params.valid() && p < params.getNumProperties(); ++p) {
             const Property property = propertyOf(params, params.getPropertyHeader(p));
-            if (property.scope != AbcG::kUniformScope || property.lengths.size() != schema.getNumSamples() ||
+            if (property.scope != AbcG::kUniformScope ||
+                property.lengths.size() != schema.getNumSamples() ||
                 property.lengths[s] != sample.getFaceCounts()->size())
                 return property.name + " not per face";
         }

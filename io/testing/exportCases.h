@@ -1,8 +1,7 @@
 #pragma once
 
-// Runs of frames that writers must bring through, whatever the format, and a folder for their files.
-
-#include <unistd.h>
+// Runs of frames that writers must bring through, whatever the format, and a folder for their
+// files.
 
 #include <filesystem>
 #include <fstream>
@@ -11,6 +10,8 @@
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include "io/exportFrame.h"
 #include "model/hash.h"
@@ -35,7 +36,8 @@ struct ExportCase {
 /// Strands moved by `frame`, with uvs and colours that tell them apart.
 inline OwnedFrame ownedFrame(StrandSet strands, int frame = 0) {
     OwnedFrame out{std::move(strands), {}, {}, {}, {}};
-    for (Vec3f& p : out.strands.mutablePoints()) p += Vec3f{0.1f, 0.0f, -0.03f} * float(frame) * p.y;
+    for (Vec3f& p : out.strands.mutablePoints())
+        p += Vec3f{0.1f, 0.0f, -0.03f} * float(frame) * p.y;
     for (const std::uint64_t id : out.strands.ids()) {
         const float tone = unitHash(id);
         out.uvs.push_back({tone, 1.0f - tone});
@@ -44,7 +46,8 @@ inline OwnedFrame ownedFrame(StrandSet strands, int frame = 0) {
     return out;
 }
 
-inline StrandSet lineStrands(const std::vector<std::pair<std::uint64_t, std::size_t>>& idsAndPoints) {
+inline StrandSet lineStrands(
+    const std::vector<std::pair<std::uint64_t, std::size_t>>& idsAndPoints) {
     StrandSet out;
     for (const auto& [id, count] : idsAndPoints) {
         std::vector<Vec3f> points;
@@ -60,7 +63,8 @@ inline StrandSet lineStrands(const std::vector<std::pair<std::uint64_t, std::siz
 
 inline std::vector<ExportCase> exportCases() {
     std::vector<ExportCase> cases;
-    const auto add = [&](std::string name, int frames, const std::function<StrandSet(int)>& strands) {
+    const auto add = [&](std::string name, int frames,
+                         const std::function<StrandSet(int)>& strands) {
         ExportCase made{std::move(name), {}};
         for (int f = 0; f < frames; ++f) made.frames.push_back(ownedFrame(strands(f), f));
         cases.push_back(std::move(made));
@@ -69,20 +73,24 @@ inline std::vector<ExportCase> exportCases() {
     add("empty", 3, [](int) { return StrandSet(); });
     add("oneStrand", 2, [](int) { return lineStrands({{7, 5}}); });
     add("twoPoints", 3, [](int) { return makeTuft({.strands = 50, .pointsPerStrand = 2}); });
-    add("uneven", 3, [](int) { return makeTuft({.strands = 80, .pointsPerStrand = 9, .uneven = true}); });
+    add("uneven", 3,
+        [](int) { return makeTuft({.strands = 80, .pointsPerStrand = 9, .uneven = true}); });
     add("varyingCounts", 4, [](int f) {
-        return makeTuft({.strands = std::size_t(40 + 13 * (f % 3)), .pointsPerStrand = std::size_t(4 + f)});
+        return makeTuft(
+            {.strands = std::size_t(40 + 13 * (f % 3)), .pointsPerStrand = std::size_t(4 + f)});
     });
     add("comesLate", 3, [](int f) { return f == 0 ? StrandSet() : makeTuft({.strands = 20}); });
     add("goes", 3, [](int f) { return f == 2 ? StrandSet() : makeTuft({.strands = 20}); });
     add("points255", 2, [](int) { return lineStrands({{1, 255}, {2, 3}}); });
     add("points256", 2, [](int) { return lineStrands({{1, 256}, {2, 3}}); });
     add("highIds", 2, [=](int) {
-        return lineStrands({{high, 3}, {high + 5, 3}, {~std::uint64_t(0), 3}, {std::uint64_t(1) << 32, 4}});
+        return lineStrands(
+            {{high, 3}, {high + 5, 3}, {~std::uint64_t(0), 3}, {std::uint64_t(1) << 32, 4}});
     });
     add("oddChannels", 2, [](int) {
         StrandSet out = makeTuft({.strands = 10});
-        for (const char* name : {"a b", "1st", "", "st", "widths", "schön", "a-b", "a_b", "share", "_hidden", "x\ny"})
+        for (const char* name :
+             {"a b", "1st", "", "st", "widths", "schön", "a-b", "a_b", "share", "_hidden", "x\ny"})
             out.mutableStrandChannel(name, 0.25f);
         out.mutablePointChannel("share", 0.5f);
         out.mutablePointChannel("roughness", 0.3f);

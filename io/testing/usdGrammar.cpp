@@ -53,7 +53,9 @@ public:
 
 private:
     [[noreturn]] void fail(const std::string& what) const {
-        const auto line = 1 + std::count(text_.begin(), text_.begin() + std::ptrdiff_t(std::min(at_, text_.size())), '\n');
+        const auto line =
+            1 + std::count(text_.begin(),
+                           text_.begin() + std::ptrdiff_t(std::min(at_, text_.size())), '\n');
         throw std::runtime_error("line " + std::to_string(line) + ": " + what);
     }
     char peek() {
@@ -104,7 +106,9 @@ private:
     std::string numberText() {
         peek();
         const std::size_t from = at_;
-        while (at_ < text_.size() && (isPart(text_[at_]) || text_[at_] == '+' || text_[at_] == '-' || text_[at_] == '.')) ++at_;
+        while (at_ < text_.size() &&
+               (isPart(text_[at_]) || text_[at_] == '+' || text_[at_] == '-' || text_[at_] == '.'))
+            ++at_;
         if (from == at_) fail("expected a number");
         return std::string(text_.substr(from, at_ - from));
     }
@@ -112,10 +116,12 @@ private:
         const std::string text = numberText();
         if (text == "nan" || text == "inf" || text == "-inf")
             return text == "nan" ? std::numeric_limits<double>::quiet_NaN()
-                                 : std::copysign(std::numeric_limits<double>::infinity(), text[0] == '-' ? -1.0 : 1.0);
+                                 : std::copysign(std::numeric_limits<double>::infinity(),
+                                                 text[0] == '-' ? -1.0 : 1.0);
         double value = 0.0;
         const auto end = std::from_chars(text.data(), text.data() + text.size(), value);
-        if (end.ec != std::errc() || end.ptr != text.data() + text.size()) fail("no number: " + text);
+        if (end.ec != std::errc() || end.ptr != text.data() + text.size())
+            fail("no number: " + text);
         return value;
     }
     void element(const TypeRow& type, UsdValues& out) {
@@ -123,8 +129,10 @@ private:
             const std::string text = numberText();
             std::int64_t value = 0;
             const auto end = std::from_chars(text.data(), text.data() + text.size(), value);
-            if (end.ec != std::errc() || end.ptr != text.data() + text.size()) fail("no whole number of 64 bits: " + text);
-            if (double(value) < type.lo || double(value) > type.hi) fail("out of the type's range: " + text);
+            if (end.ec != std::errc() || end.ptr != text.data() + text.size())
+                fail("no whole number of 64 bits: " + text);
+            if (double(value) < type.lo || double(value) > type.hi)
+                fail("out of the type's range: " + text);
             out.wholes.push_back(value);
             out.numbers.push_back(double(value));
         } else if (type.width == 1) {
@@ -153,7 +161,8 @@ private:
         while (!take(')')) {
             const std::string key = word();
             need('=');
-            if (!out.try_emplace(key, peek() == '"' ? quoted() : numberText()).second) fail("metadata twice: " + key);
+            if (!out.try_emplace(key, peek() == '"' ? quoted() : numberText()).second)
+                fail("metadata twice: " + key);
         }
     }
     void relationship(UsdPrim& prim) {
@@ -172,7 +181,8 @@ private:
             while (from < path.size()) {
                 if (path[from] != '/') fail("a path that is not absolute: " + path);
                 const std::size_t to = std::min(path.find('/', from + 1), path.size());
-                if (!isIdentifier(std::string_view(path).substr(from + 1, to - from - 1))) fail("a bad path: " + path);
+                if (!isIdentifier(std::string_view(path).substr(from + 1, to - from - 1)))
+                    fail("a bad path: " + path);
                 from = to;
             }
             if (!seen.insert(path).second) fail("a target twice: " + path);
@@ -184,7 +194,8 @@ private:
         std::string typeName = word();
         const bool isArray = take('[');
         if (isArray) need(']');
-        const auto type = std::ranges::find(kTypes, typeName, [](const TypeRow& row) { return std::string(row.name); });
+        const auto type = std::ranges::find(
+            kTypes, typeName, [](const TypeRow& row) { return std::string(row.name); });
         if (type == std::end(kTypes)) fail("an unknown type: " + typeName);
         const std::string name = word();
         std::string_view rest = name;
@@ -194,7 +205,8 @@ private:
             rest = colon == rest.size() ? std::string_view() : rest.substr(colon + 1);
         }
         UsdAttributeText& attribute = prim.attributes[name];
-        if (!attribute.type.empty() && attribute.type != typeName) fail("another type before: " + name);
+        if (!attribute.type.empty() && attribute.type != typeName)
+            fail("another type before: " + name);
         attribute.type = typeName;
         attribute.width = type->width;
         if (take('.')) {
@@ -204,7 +216,8 @@ private:
             need('{');
             while (!take('}')) {
                 const double time = number();
-                if (!attribute.samples.empty() && !(time > attribute.samples.back().first)) fail("times that do not rise: " + name);
+                if (!attribute.samples.empty() && !(time > attribute.samples.back().first))
+                    fail("times that do not rise: " + name);
                 need(':');
                 attribute.samples.emplace_back(time, array(*type));
                 need(',');
@@ -277,7 +290,9 @@ void oneClock(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
     for (const auto& [name, attribute] : prim.attributes) {
         if (attribute.samples.empty()) continue;
         if (!first) first = &attribute.samples;
-        const bool same = std::ranges::equal(attribute.samples, *first, {}, [](const auto& s) { return s.first; }, [](const auto& s) { return s.first; });
+        const bool same = std::ranges::equal(
+            attribute.samples, *first, {}, [](const auto& s) { return s.first; },
+            [](const auto& s) { return s.first; });
         if (!same) faults.push_back(name + " has other times");
     }
 }
@@ -295,14 +310,18 @@ void lengths(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
     for (const auto& [name, attribute] : prim.attributes)
         for (std::size_t s = 0; s < attribute.samples.size(); ++s) {
             const std::size_t count = attribute.samples[s].second.count;
-            if (name.starts_with("primvars:") && attribute.interpolation.empty()) faults.push_back(name + " without interpolation");
-            if (attribute.interpolation == "vertex" && count != countAt(prim, vertex, s)) faults.push_back(name + " is not one per vertex");
-            if (attribute.interpolation == "uniform" && count != countAt(prim, uniform, s)) faults.push_back(name + " is not one per curve or face");
+            if (name.starts_with("primvars:") && attribute.interpolation.empty())
+                faults.push_back(name + " without interpolation");
+            if (attribute.interpolation == "vertex" && count != countAt(prim, vertex, s))
+                faults.push_back(name + " is not one per vertex");
+            if (attribute.interpolation == "uniform" && count != countAt(prim, uniform, s))
+                faults.push_back(name + " is not one per curve or face");
         }
     for (std::size_t s = 0; s < prim.attributes.begin()->second.samples.size(); ++s) {
         if (prim.type == "PointInstancer") {
             for (const char* name : {"protoIndices", "orientations", "scales"})
-                if (countAt(prim, name, s) != countAt(prim, "positions", s)) faults.push_back(std::string(name) + " is not one per instance");
+                if (countAt(prim, name, s) != countAt(prim, "positions", s))
+                    faults.push_back(std::string(name) + " is not one per instance");
             continue;
         }
         double total = 0.0;
@@ -319,7 +338,8 @@ void extents(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
     if (prim.type != "BasisCurves" && prim.type != "Mesh" && prim.type != "PointInstancer") return;
     const auto extent = prim.attributes.find("extent");
     if (extent == prim.attributes.end()) {
-        if (!prim.attributes.empty() && prim.attributes.begin()->second.samples.size() > 0) faults.push_back("no extent");
+        if (!prim.attributes.empty() && prim.attributes.begin()->second.samples.size() > 0)
+            faults.push_back("no extent");
         return;
     }
     const char* points = prim.type == "PointInstancer" ? "positions" : "points";
@@ -341,12 +361,20 @@ void extents(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
 
 void strandIds(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
     if (prim.type != "BasisCurves" || prim.attributes.size() <= 2) return;
-    const auto whole = prim.attributes.find("primvars:strandId"), low = prim.attributes.find("primvars:strandIdLow"), high = prim.attributes.find("primvars:strandIdHigh");
-    if (whole == prim.attributes.end() || low == prim.attributes.end() || high == prim.attributes.end()) return faults.push_back("no strand ids");
+    const auto whole = prim.attributes.find("primvars:strandId"),
+               low = prim.attributes.find("primvars:strandIdLow"),
+               high = prim.attributes.find("primvars:strandIdHigh");
+    if (whole == prim.attributes.end() || low == prim.attributes.end() ||
+        high == prim.attributes.end())
+        return faults.push_back("no strand ids");
     for (std::size_t s = 0; s < whole->second.samples.size(); ++s) {
-        const auto &w = whole->second.samples[s].second.wholes, &l = low->second.samples[s].second.wholes, &h = high->second.samples[s].second.wholes;
+        const auto &w = whole->second.samples[s].second.wholes,
+                   &l = low->second.samples[s].second.wholes,
+                   &h = high->second.samples[s].second.wholes;
         for (std::size_t i = 0; i < w.size(); ++i)
-            if (std::uint64_t(w[i]) != (std::uint64_t(std::uint32_t(h[i])) << 32 | std::uint32_t(l[i]))) return faults.push_back("low and high ids are not the id's");
+            if (std::uint64_t(w[i]) !=
+                (std::uint64_t(std::uint32_t(h[i])) << 32 | std::uint32_t(l[i])))
+                return faults.push_back("low and high ids are not the id's");
     }
 }
 
@@ -356,8 +384,10 @@ void rotations(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
     for (const auto& [time, values] : found->second.samples)
         for (std::size_t i = 0; i + 3 < values.numbers.size(); i += 4) {
             double squares = 0.0;
-            for (std::size_t k = 0; k < 4; ++k) squares += values.numbers[i + k] * values.numbers[i + k];
-            if (std::abs(std::sqrt(squares) - 1.0) > 1e-3) return faults.push_back("a rotation that is not unit");
+            for (std::size_t k = 0; k < 4; ++k)
+                squares += values.numbers[i + k] * values.numbers[i + k];
+            if (std::abs(std::sqrt(squares) - 1.0) > 1e-3)
+                return faults.push_back("a rotation that is not unit");
         }
 }
 
@@ -369,7 +399,8 @@ void prototypes(const UsdPrim& prim, const UsdLayer& layer, Faults& faults) {
         if (!layer.at(target)) faults.push_back("no prim " + target);
     for (const auto& [time, values] : prim.attributes.at("protoIndices").samples)
         for (const std::int64_t index : values.wholes)
-            if (index < 0 || std::size_t(index) >= found->second.size()) return faults.push_back("a prototype index out of range");
+            if (index < 0 || std::size_t(index) >= found->second.size())
+                return faults.push_back("a prototype index out of range");
 }
 
 void linearCurves(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
@@ -378,7 +409,8 @@ void linearCurves(const UsdPrim& prim, const UsdLayer&, Faults& faults) {
         const auto found = prim.attributes.find(name);
         return found != prim.attributes.end() && found->second.token == value;
     };
-    if (!is("type", "linear") || !is("wrap", "nonperiodic")) faults.push_back("not linear and nonperiodic");
+    if (!is("type", "linear") || !is("wrap", "nonperiodic"))
+        faults.push_back("not linear and nonperiodic");
 }
 
 struct Rule {
@@ -386,8 +418,8 @@ struct Rule {
     void (*check)(const UsdPrim&, const UsdLayer&, Faults&);
 };
 constexpr Rule kRules[] = {
-    {"hosts", oneClock},          {"renderers", lengths},     {"hosts", extents},
-    {"renderers", strandIds},     {"renderers", rotations},   {"hosts", prototypes},
+    {"hosts", oneClock},         {"renderers", lengths},   {"hosts", extents},
+    {"renderers", strandIds},    {"renderers", rotations}, {"hosts", prototypes},
     {"renderers", linearCurves},
 };
 
@@ -395,7 +427,8 @@ void check(const UsdPrim& prim, const UsdLayer& layer, Faults& out) {
     for (const Rule& rule : kRules) {
         Faults faults;
         if (!prim.attributes.empty()) rule.check(prim, layer, faults);
-        for (const std::string& fault : faults) out.push_back(std::string(rule.consumer) + ": " + prim.path + ": " + fault);
+        for (const std::string& fault : faults)
+            out.push_back(std::string(rule.consumer) + ": " + prim.path + ": " + fault);
     }
     for (const auto& child : prim.children) check(*child, layer, out);
 }
@@ -403,7 +436,8 @@ void check(const UsdPrim& prim, const UsdLayer& layer, Faults& out) {
 }  // namespace
 
 const UsdPrim* UsdPrim::child(std::string_view wanted) const {
-    const auto found = std::ranges::find(children, wanted, [](const auto& prim) { return std::string_view(prim->name); });
+    const auto found = std::ranges::find(
+        children, wanted, [](const auto& prim) { return std::string_view(prim->name); });
     return found == children.end() ? nullptr : found->get();
 }
 
@@ -422,7 +456,8 @@ UsdLayer parseUsd(std::string_view text) { return Parser(text).layer(); }
 std::vector<std::string> usdFaults(const UsdLayer& layer) {
     Faults faults;
     const auto named = layer.metadata.find("defaultPrim");
-    if (named == layer.metadata.end() || !layer.root.child(named->second)) faults.push_back("hosts: the default prim is not there");
+    if (named == layer.metadata.end() || !layer.root.child(named->second))
+        faults.push_back("hosts: the default prim is not there");
     for (const char* key : {"metersPerUnit", "upAxis", "framesPerSecond", "timeCodesPerSecond"})
         if (!layer.metadata.contains(key)) faults.push_back(std::string("hosts: no ") + key);
     for (const auto& prim : layer.root.children) check(*prim, layer, faults);

@@ -9,9 +9,9 @@
 
 namespace corvelle {
 
-// A reader of USD text layers for tests: as strict as the strictest consumer. It refuses what any of
-// them refuses: names that are no identifiers, prims or relationship targets named twice, raw line
-// feeds in strings, numbers out of the range of their type, unknown types.
+// A reader of USD text layers for tests: as strict as the strictest consumer. It refuses what any
+// of them refuses: names that are no identifiers, prims or relationship targets named twice, raw
+// line feeds in strings, numbers out of the range of their type, unknown types.
 
 /// The values of one attribute at one time: all numbers, tuple after tuple.
 struct UsdValues {
@@ -46,7 +46,8 @@ struct UsdLayer {
 /// Throws std::runtime_error with the line of the first fault.
 UsdLayer parseUsd(std::string_view text);
 
-/// What consumers ask of a layer beyond its grammar, by a table of rules: "<consumer>: <prim>: <what>".
+/// What consumers ask of a layer beyond its grammar, by a table of rules: "<consumer>: <prim>:
+/// <what>".
 std::vector<std::string> usdFaults(const UsdLayer& layer);
 
 }  // namespace corvelle

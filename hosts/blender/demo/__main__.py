@@ -1,4 +1,5 @@
-"""Grows hair on a head, or on any .obj, through corvelle-helper, and draws it.
+"""Grows hair on a head, or on any .obj, through corvelle-helper, and draws it. Then saves the groom and
+exports ten frames of the head turning, to Alembic and to USD, beside the picture.
 
     scripts/demo [--scalp FILE.obj] [--strands N] [--picture FILE.png]
     scripts/demo --look NAME [--picture FILE.png]
@@ -21,12 +22,13 @@ from .head import Mesh, make_head, read_obj  # noqa: E402
 from .looks import LOOKS, dress  # noqa: E402
 from .picture import Hair, draw, write_png  # noqa: E402
 from .sculpt import sculpt  # noqa: E402
+from .sendOut import send_out  # noqa: E402
 from .stage import Guides, grown_area, stage, take_hair, timed, views_of  # noqa: E402
 
 SEGMENTS = 15
 
 
-def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: bool) -> Tuple[Hair, Any]:
+def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: bool, stem: Path) -> Tuple[Hair, Any]:
     """Sends the mesh and guides, sets up the graph, and takes the hair. Host space throughout."""
     with stage(helper_path, mesh, guides) as session:
         session.set_graph(session.get_graph())
@@ -51,7 +53,9 @@ def groom(helper_path: str, mesh: Mesh, guides: Guides, strands: int, short: boo
         again = timed("evaluate", lambda: session.evaluate(mode="render"))
         print(f"  {again['changedStrands']} strands changed")
         timed("set_guides, back", lambda: session.set_guides(*guides, ids=np.arange(1, len(guides[1]) + 1)))
-        return take_hair(session)
+        hair, answer = take_hair(session)
+        timed("save the groom, export its frames", lambda: send_out(session, mesh, answer["strandCount"], stem))
+        return hair, answer
 
 
 def show_look(helper_path: str, name: str, picture: str) -> int:
@@ -84,7 +88,8 @@ def main() -> int:
 
     mesh = timed("make the mesh", lambda: read_obj(options.scalp) if options.scalp else make_head())
     guides = timed("make the guides", lambda: mesh_guides(mesh) if options.scalp else head_guides())
-    hair, answer = groom(options.helper, mesh, guides, options.strands, bool(options.scalp))
+    hair, answer = groom(options.helper, mesh, guides, options.strands, bool(options.scalp),
+                         Path(options.picture).resolve().with_suffix(""))
     if not answer["strandCount"]:
         print("no hair grew")
         return 1

@@ -1,6 +1,7 @@
 #include "hosts/blender/helper/command.h"
 #include "hosts/blender/helper/displayCommand.h"
 #include "hosts/blender/helper/evaluateCommands.h"
+#include "hosts/blender/helper/exportCommands.h"
 #include "hosts/blender/helper/graphCommands.h"
 #include "hosts/blender/helper/groomCommands.h"
 #include "hosts/blender/helper/guideCommands.h"
@@ -50,10 +51,10 @@ constexpr Command kCommands[] = {
     {"list_presets"},
     {"apply_preset", kSession},
     {"insert_preset", kSession},
-    {"export_open", kSession},
-    {"export_frame", kSession},
-    {"export_close", kSession},
-    {"export", kSession},
+    {"export_open", kSession, exportOpenCommand},
+    {"export_frame", kSession, exportFrameCommand},
+    {"export_close", kSession, exportCloseCommand},
+    {"export", kSession, exportCommand},
     {"new_groom", kSession, newGroomCommand},
     {"get_state", kSession, getStateCommand},
     {"set_state", kSession, setStateCommand},

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "hosts/blender/helper/exportCommands.h"
 #include "hosts/blender/helper/requestError.h"
 #include "hosts/blender/helper/strandArrays.h"
 #include "session/groomSession.h"
@@ -74,6 +75,7 @@ Json evaluateCommand(const CommandContext& context) {
     const EvaluateRequest request = readEvaluate(context.request, session.seconds);
 
     const auto start = std::chrono::steady_clock::now();
+    playGuideCache(session, session.seconds);
     groom.evaluate(request.options);
     const auto elapsed = std::chrono::steady_clock::now() - start;
     const std::shared_ptr<const EvaluationResult> result = groom.sharedResult();

@@ -14,6 +14,7 @@
 namespace corvelle {
 
 class AlembicGuideCache;
+class GroomExport;
 class GroomSession;
 class SimulationBake;
 struct EvaluationResult;
@@ -41,6 +42,8 @@ struct HelperSession {
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
     std::shared_ptr<ToolState> tools;  ///< this session's alone; null until first used
     std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
+    std::map<std::int32_t, std::shared_ptr<GroomExport>> exports;  ///< open ones, by number
+    std::int32_t nextExport = 1;
     std::map<std::string, std::shared_ptr<SimulationBake>> simulationBakes;  ///< by Simulate node
     /// The groom as it was last opened or saved; null: neither.
     std::shared_ptr<const GroomFile> file;

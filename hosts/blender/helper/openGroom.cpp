@@ -31,6 +31,13 @@ void installGroom(HelperSession& session, OpenedGroom opened) {
 
 std::size_t changeScalp(GroomSession& groom, ScalpPtr given) {
     const ScalpPtr old = groom.scalp();
+    // Hosts send a mesh without the levels that its render refines it by: those of the groom stay.
+    if (old && given && old->subdivision() > 0 && given->subdivision() == 0 &&
+        old->topologyHash() == given->topologyHash()) {
+        ScalpMesh mesh = *given;
+        mesh.setSubdivision(old->subdivision(), old->subdivisionFrom());
+        given = std::make_shared<const ScalpMesh>(std::move(mesh));
+    }
     groom.setScalp(std::move(given));
     const ScalpPtr& scalp = groom.scalp();
     const bool topologyChanged = old && scalp && old->topologyHash() != scalp->topologyHash();

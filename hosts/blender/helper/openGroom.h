@@ -26,7 +26,7 @@ struct OpenedGroom {
 void installGroom(HelperSession& session, OpenedGroom opened);
 
 /// Gives the groom a scalp, and roots the flat guides again by position where its triangles are
-/// others. How many were.
+/// others. How many were. On the same triangles the groom's subdivision levels stay.
 std::size_t changeScalp(GroomSession& groom, ScalpPtr scalp);
 
 }  // namespace corvelle

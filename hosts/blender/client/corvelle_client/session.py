@@ -214,6 +214,60 @@ class Session(ToolCommands):
         """Warnings, times and errors that the last evaluation left."""
         return self.request("node_status")
 
+    # ---- export --------------------------------------------------------------------------------
+
+    def export(
+        self,
+        path: str,
+        *,
+        format: Optional[str] = None,
+        name: Optional[str] = None,
+        first: Optional[float] = None,
+        last: Optional[float] = None,
+        step: Optional[float] = None,
+        density: Optional[float] = None,
+        guides: Optional[bool] = None,
+    ) -> Dict[str, Any]:
+        """Writes a whole run of frames, "alembic" or "usd", of the scene as the helper has it now:
+        frames ``first`` to ``last`` (both the current one if left out). Answers ``path``, ``frames``,
+        ``strands`` of the last frame and ``warnings``."""
+        frames = {"first": first, "last": last, "step": step}
+        given = {key: value for key, value in frames.items() if value is not None}
+        return self.request(
+            "export",
+            path=path,
+            format=format,
+            name=name,
+            frames=given or None,
+            density=density,
+            guides=guides,
+        )
+
+    def export_open(
+        self,
+        path: str,
+        *,
+        format: Optional[str] = None,
+        name: Optional[str] = None,
+        guides: Optional[bool] = None,
+    ) -> int:
+        """Begins an export that is fed frame by frame, and answers its number. Between the frames the
+        host may move the scalp, guides and params."""
+        return int(
+            self.request("export_open", path=path, format=format, name=name, guides=guides)["export"]
+        )
+
+    def export_frame(
+        self, export: int, *, frame: Optional[float] = None, density: Optional[float] = None
+    ) -> Dict[str, Any]:
+        """Evaluates for rendering and writes one frame (the current one if left out); frames must
+        increase."""
+        return self.request("export_frame", export=export, frame=frame, density=density)
+
+    def export_close(self, export: int) -> Dict[str, Any]:
+        """Finishes the file. Answers ``path``, ``frames`` and ``warnings``."""
+        return self.request("export_close", export=export)
+
     # ---- graph ---------------------------------------------------------------------------------
 
     def get_graph(self) -> Any:

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "hosts/blender/helper/command.h"
+
+namespace corvelle {
+
+// Hair out to Alembic and USD: a job that is fed frame by frame, or a whole run in one request.
+
+Json exportOpenCommand(const CommandContext& context);
+Json exportFrameCommand(const CommandContext& context);
+Json exportCloseCommand(const CommandContext& context);
+Json exportCommand(const CommandContext& context);
+
+/// Gives the groom the guides of the session's guide cache at a time; without a cache nothing
+/// happens.
+void playGuideCache(HelperSession& session, double seconds);
+
+}  // namespace corvelle
