@@ -211,7 +211,7 @@ void GroomSession::setScalp(ScalpPtr scalp) {
             replaceHierarchy(std::make_shared<const GuideHierarchy>(std::move(moved)));
             document_.hierarchy = guidesToJson(*hierarchy_);
         }
-        moveDrawn(*old);
+        if (old) moveDrawn(*old);
         bindScalp_ = held;
         return;
     }
