@@ -157,8 +157,7 @@ void rebindTools(HelperSession& session) {
 }
 
 Json toolsJson(HelperSession& session) {
-    if (!session.tools) return Json::object();
-    ToolState& tools = *session.tools;
+    ToolState& tools = toolsOf(session);
     Json ids = Json::array();
     for (const std::uint64_t id : tools.selection.ids()) ids.push_back(id);
     return {

@@ -108,7 +108,7 @@ bool cancelStroke(HelperSession& session);
 /// old groom goes.
 void rebindTools(HelperSession& session);
 
-/// Tool, settings, selection and hidden groups, for a host to keep; an empty object without tools.
+/// Tool, settings, selection and hidden groups, for a host to keep.
 Json toolsJson(HelperSession& session);
 /// Takes them back. What does not read is left out: a saved scene opens all the same.
 void restoreTools(HelperSession& session, const Json& json);
