@@ -57,6 +57,8 @@ ROWS: List[Row] = [
         "collide/field/touching%:0", "collide/stream", "time", 5.0),
     Row("Collide by field, a tenth touching, over the stream", "operators",
         "collide/field/touching%:10", "collide/stream", "time", 5.0),
+    Row("Alembic, strands against the bare library", "io", "alembicWrite/strands", "alembicWrite/baseline", "rate", 0.85),
+    Row("USD, a frame against a bare number-to-text loop", "io", "usdWrite/frame", "usdWrite/baseline", "rate", 0.8),
     Row("Noise over the bare noise loop", "operators", "nodes/Noise/1", "nodes/baseline noise/1", "time", 1.2),
     *(Row(f"expression {name} over C++", "expr", f"expression/{name}/batch", f"expression/{name}/plain", "time", target)
       for name, target in FORMULAS),
