@@ -46,6 +46,7 @@ public:
     std::shared_ptr<const VectorField> direction;
     FieldPtr strength;
     Ramp profile;
+    LaneRamp keys;     ///< the profile again
     ScalpPtr surface;  ///< to lay the direction on; null: as it is
 
     WrittenArrays writes() const override { return {.points = true}; }
@@ -63,21 +64,24 @@ public:
         if (!flat)
             for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
         std::vector<float> scratch(most);
+        Toward toward;
         for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
-            const float strong = clampShare(strengths[k]);
-            const Vec3f toward =
-                laidOnSurface(directions[k], scalpNormal(surface.get(), in.roots()[s]));
-            if (flat) {
-                turnSegments(points, toward, std::span(&strong, 1), to);
-                continue;
-            }
-            const std::span<float> shares = std::span(scratch).first(points.size());
-            segmentShares(points, profile, strong, shares);
-            turnSegments(points, toward, shares, to);
+            strengths[k] = clampShare(strengths[k]);
+            directions[k] =
+                laidOnSurface(directions[k], scalpNormal(surface.get(), in.roots()[strands[k]]));
+            toward.set(k, directions[k], strengths[k]);
         }
+        turnStrands(
+            in, strands, toward, flat ? nullptr : &keys, false, out.points, [&](std::size_t k) {
+                const std::size_t s = strands[k];
+                const auto points = in.pointsOf(s);
+                const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+                if (flat)
+                    return turnSegments(points, directions[k], std::span(&strengths[k], 1), to);
+                const std::span<float> shares = std::span(scratch).first(points.size());
+                segmentShares(points, profile, strengths[k], shares);
+                turnSegments(points, directions[k], shares, to);
+            });
     }
 };
 
@@ -98,6 +102,7 @@ protected:
         work->direction = vectorFromParam(*this, "direction", context, strands);
         work->strength = fieldFromParam(*this, "strength", context, strands);
         work->profile = ramp("profile");
+        work->keys = LaneRamp(work->profile);
         if (work->strength->constant().value_or(1.0f) <= 0.0f || work->profile.isConstant(0.0f) ||
             work->direction->constant() == Vec3f{})
             return nullptr;

@@ -2,6 +2,7 @@
 #include <array>
 
 #include "model/polyline.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
@@ -39,6 +40,7 @@ public:
     std::shared_ptr<const VectorField> direction;
     FieldPtr distance;
     Ramp profile;
+    LaneRamp keys;   ///< the profile again
     ScalpPtr scalp;  ///< whose normals rooted strands move along; null: all along the direction
 
     WrittenArrays writes() const override { return {.points = true}; }
@@ -60,15 +62,18 @@ public:
             distance->samplePoints(in, strands, distances);
         else
             distance->sampleStrands(in, strands, std::span(perStrand).first(strands.size()));
-        for (std::size_t k = 0; k < strands.size(); ++k) {
+        const auto wayOf = [&](std::size_t k) {
+            const Vec3f normal = scalpNormal(scalp.get(), in.roots()[strands[k]]);
+            return normal == Vec3f{} ? normalized(directions[k]) : normal;
+        };
+        const auto single = [&](std::size_t k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
             const std::size_t n = points.size();
-            if (n == 0) continue;
+            if (n == 0) return;
             const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], n);
             const std::span<float> amounts = std::span(scratch).first(n);
-            const Vec3f normal = scalpNormal(scalp.get(), in.roots()[s]);
-            const Vec3f way = normal == Vec3f{} ? normalized(directions[k]) : normal;
+            const Vec3f way = wayOf(k);
             polylineShares(points, amounts);
             profile.sample(amounts, amounts);
             to[0] = points[0];
@@ -79,7 +84,18 @@ public:
                 const Vec3f step = way * perStrand[k];
                 for (std::size_t i = 1; i < n; ++i) to[i] = points[i] + step * amounts[i];
             }
+        };
+        if (perPoint || !keys.fits()) {
+            for (std::size_t k = 0; k < strands.size(); ++k) single(k);
+            return;
         }
+        std::array<float, 4 * StrandPick::kBatch> steps;
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const Vec3f step = wayOf(k) * perStrand[k];
+            std::ranges::copy(std::array{step.x, step.y, step.z, 0.0f}, &steps[4 * k]);
+        }
+        const StepJob job{lanePoints(in, strands, out.points), steps.data(), keys.keys()};
+        deformStrands(laneKernels().step, job, in, strands, single);
     }
 };
 
@@ -101,6 +117,7 @@ protected:
         work->direction = vectorFromParam(*this, "direction", context, strands);
         work->distance = fieldFromParam(*this, "distance", context, strands);
         work->profile = ramp("profile");
+        work->keys = LaneRamp(work->profile);
         if (work->distance->constant() == 0.0f || work->profile.isConstant(0.0f)) return nullptr;
         if (!work->scalp && work->direction->constant() == Vec3f{}) return nullptr;
         return work;

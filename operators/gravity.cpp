@@ -50,7 +50,8 @@ class GravityWork final : public StrandWork {
 public:
     std::shared_ptr<const VectorField> direction;
     FieldPtr strength;
-    Ramp giving;  ///< 1 - stiffness * profile: a cubic of mirrored keys is the mirrored cubic
+    Ramp giving;    ///< 1 - stiffness * profile: a cubic of mirrored keys is the mirrored cubic
+    LaneRamp keys;  ///< the same again
 
     WrittenArrays writes() const override { return {.points = true}; }
     bool readsWholeSet() const override {
@@ -65,14 +66,19 @@ public:
         std::size_t most = 0;
         for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
         std::vector<float> scratch(most);
+        Toward toward;
         for (std::size_t k = 0; k < strands.size(); ++k) {
+            strengths[k] = std::max(strengths[k], 0.0f);
+            toward.set(k, directions[k], strengths[k]);
+        }
+        turnStrands(in, strands, toward, &keys, false, out.points, [&](std::size_t k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
             const std::span<float> shares = std::span(scratch).first(points.size());
-            segmentShares(points, giving, std::max(strengths[k], 0.0f), shares);
+            segmentShares(points, giving, strengths[k], shares);
             turnSegments(points, directions[k], shares,
                          out.points.subspan(in.offsets()[s], points.size()));
-        }
+        });
     }
 };
 
@@ -93,6 +99,7 @@ protected:
         work->direction = vectorFromParam(*this, "direction", context, strands);
         work->strength = fieldFromParam(*this, "strength", context, strands);
         work->giving = givingProfile(ramp("stiffnessProfile"), float(number("stiffness")));
+        work->keys = LaneRamp(work->giving);
         if (work->strength->constant().value_or(1.0f) <= 0.0f || work->giving.isConstant(0.0f) ||
             work->direction->constant() == Vec3f{})
             return nullptr;

@@ -35,13 +35,63 @@ struct WidthJob {
     RampKeys profile;
 };
 
-/// `strands` [count] of n >= 2 points; `numbers` [count]: the shares, or widths. Scratch
-/// [8 * kLaneScratchPerPoint * n], 32-byte aligned.
+/// Points to write anew, of listed strands. What a job holds for each strand goes by the strand's
+/// place in the list.
+struct LanePoints {
+    const float* from = nullptr;  ///< x, y, z of each point
+    float* to = nullptr;          ///< apart from `from`
+    const std::uint64_t* offsets = nullptr;
+    const std::uint32_t* strands = nullptr;
+};
+
+/// Turns segments toward a direction: see turnSegments.
+struct TurnJob {
+    LanePoints points;
+    /// 4 a place: the unit direction, or zeros, and the strength: 0 to 1, or any with a profile.
+    const float* toward = nullptr;
+    bool straighten = false;  ///< toward the strand's own chord instead: see straightenStrand
+    RampKeys profile;         ///< of the strength: see segmentShares; no keys: the same everywhere
+    /// [places] 1 for a strand that takes the scalar form: what was written of it is not its
+    /// result.
+    std::uint8_t* again = nullptr;
+};
+
+/// Adds a step to each point but the root, times the profile at its share of the length.
+struct StepJob {
+    LanePoints points;
+    const float* steps = nullptr;  ///< 4 a place: x, y, z, unused
+    RampKeys profile;
+};
+
+/// Smooths: see smoothStrand.
+struct SmoothJob {
+    LanePoints points;
+    const float* strengths = nullptr;  ///< 0 to 1
+    RampKeys profile;                  ///< of the strength; no keys: the same everywhere
+    int passes = 0;
+};
+
+/// Puts the root somewhere and the other points where a matrix takes them from the old root.
+struct PlaceJob {
+    LanePoints points;
+    const float* places = nullptr;  ///< 12 a place: the matrix by rows, the root
+};
+
+template <class Job>
+using LaneDeform = void (*)(const Job& job, std::size_t first, std::size_t count, std::size_t n,
+                            float* scratch);
+
+/// `strands` [count] of n >= 2 points; `numbers` [count]: the shares, or widths. Deforms take the
+/// places `first` on instead. Scratch [8 * kLaneScratchPerPoint * n], 32-byte aligned.
 struct LaneKernels {
     void (*trim)(const TrimJob& job, const std::uint32_t* strands, const float* numbers,
                  std::size_t count, std::size_t n, float* scratch) = nullptr;
     void (*widths)(const WidthJob& job, const std::uint32_t* strands, const float* numbers,
                    std::size_t count, std::size_t n, float* scratch) = nullptr;
+    LaneDeform<TurnJob> turn = nullptr;
+    LaneDeform<StepJob> step = nullptr;
+    LaneDeform<SmoothJob> smooth = nullptr;
+    LaneDeform<PlaceJob> place = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
 /// More keys are cheaper one strand after the other.

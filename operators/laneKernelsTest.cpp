@@ -1,11 +1,17 @@
 #include <gtest/gtest.h>
 
 #include "model/hash.h"
+#include "model/polyline.h"
 #include "model/rampSlopes.h"
 #include "model/testing/tuft.h"
 #include "operators/laneKernels.h"
 #include "operators/laneRuns.h"
 #include "operators/length.h"
+#include "operators/segmentTurn.h"
+#include "operators/smooth.h"
+#include "operators/straighten.h"
+#include "operators/strandOperator.h"
+#include "operators/transform.h"
 #include "operators/width.h"
 
 namespace corvelle {
@@ -86,6 +92,145 @@ TEST_P(LaneKernelsTest, WidenWithTheBitsOfOneStrandAlone) {
             EXPECT_EQ(out, wanted);
         }
     }
+}
+
+const Ramp kRise({{0.0f, -0.2f}, {0.4f, 0.7f}, {1.0f, 1.4f}});
+
+/// Directions of every kind: along and against the strands' own, and none at all.
+std::vector<Vec3f> directionsFor(const StrandSet& set) {
+    SplitMix random(9);
+    std::vector<Vec3f> out(set.strandCount());
+    for (std::size_t s = 0; s < out.size(); ++s) {
+        const auto points = set.pointsOf(s);
+        out[s] = {random.nextRange(-2, 2), random.nextRange(-2, 2), random.nextRange(-2, 2)};
+        if (s % 5 == 1) out[s] = points[0] - points[1];
+        if (s % 5 == 2) out[s] = points[1] - points[0];
+        if (s == 20) out[s] = {};
+    }
+    return out;
+}
+
+/// The strands of `set` with the kernel's result, at either width. `job` without its points.
+template <class Job>
+std::vector<Vec3f> deformed(const StrandSet& set, const std::vector<std::uint32_t>& all,
+                            LaneDeform<Job> kernel, Job job) {
+    std::vector<Vec3f> out(set.pointCount());
+    job.points = lanePoints(set, all, out);
+    LaneScratch scratch;
+    const std::size_t n = set.pointCountOf(0);
+    kernel(job, 0, 23, n, scratch.of(n));  // as a batch is split: the groups fall elsewhere
+    kernel(job, 23, all.size() - 23, n, scratch.of(n));
+    return out;
+}
+
+TEST_P(LaneKernelsTest, TurnWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<float> strengths = numbers(1.3f);
+    const std::vector<Vec3f> directions = directionsFor(set);
+    const LaneRamp rise(kRise);
+    for (const bool straighten : {false, true}) {
+        for (const bool profiled : {false, true}) {
+            if (straighten && profiled) continue;
+            std::vector<Vec3f> wanted(set.pointCount());
+            Toward toward;
+            for (const std::uint32_t s : all) {
+                const std::span<Vec3f> out = std::span(wanted).subspan(s * n, n);
+                toward.set(s, directions[s], strengths[s]);
+                if (straighten) {
+                    toward.set(s, {1, 0, 0}, strengths[s]);
+                    straightenStrand(set.pointsOf(s), strengths[s], out);
+                } else if (profiled) {
+                    std::vector<float> shares(n);
+                    segmentShares(set.pointsOf(s), kRise, strengths[s], shares);
+                    turnSegments(set.pointsOf(s), directions[s], shares, out);
+                } else {
+                    turnSegments(set.pointsOf(s), directions[s], {&strengths[s], 1}, out);
+                }
+            }
+            for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+                std::vector<std::uint8_t> again(all.size());
+                std::vector<Vec3f> out = deformed<TurnJob>(set, all, laneKernels(lanes).turn,
+                                                           {{},
+                                                            toward.data(),
+                                                            straighten,
+                                                            profiled ? rise.keys() : RampKeys{},
+                                                            again.data()});
+                std::size_t lanesDid = 0;
+                for (const std::uint32_t s : all) {
+                    lanesDid += !again[s];
+                    for (std::size_t i = s * n; !again[s] && i < (s + 1) * n; ++i)
+                        EXPECT_EQ(out[i], wanted[i]) << s << " " << straighten << profiled;
+                }
+                EXPECT_GT(lanesDid, all.size() / 2) << "too few to prove anything";
+                if (!straighten) {
+                    EXPECT_LT(lanesDid, all.size()) << "some point straight away";
+                }
+            }
+        }
+    }
+}
+
+TEST_P(LaneKernelsTest, StepWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<Vec3f> directions = directionsFor(set);
+    std::vector<float> steps;
+    std::vector<Vec3f> wanted(set.pointCount());
+    for (const std::uint32_t s : all) {
+        const Vec3f step = directions[s];
+        steps.insert(steps.end(), {step.x, step.y, step.z, 0.0f});
+        const auto points = set.pointsOf(s);
+        std::vector<float> amounts(n);
+        polylineShares(points, amounts);
+        kRise.sample(amounts, amounts);
+        wanted[s * n] = points[0];
+        for (std::size_t i = 1; i < n; ++i) wanted[s * n + i] = points[i] + step * amounts[i];
+    }
+    const LaneRamp rise(kRise);
+    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+        EXPECT_EQ(
+            deformed<StepJob>(set, all, laneKernels(lanes).step, {{}, steps.data(), rise.keys()}),
+            wanted);
+}
+
+TEST_P(LaneKernelsTest, SmoothWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<float> strengths = numbers(1.3f);
+    const LaneRamp rise(kRise);
+    for (const bool profiled : {false, true}) {
+        std::vector<Vec3f> wanted(set.pointCount()), before(n);
+        std::vector<float> amounts(n);
+        for (const std::uint32_t s : all) {
+            std::fill(amounts.begin(), amounts.end(), strengths[s]);
+            if (profiled) {
+                polylineShares(set.pointsOf(s), amounts);
+                kRise.sample(amounts, amounts);
+                for (float& a : amounts) a = clampShare(a * strengths[s]);
+            }
+            smoothStrand(set.pointsOf(s), amounts, 3, before, std::span(wanted).subspan(s * n, n));
+        }
+        for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+            EXPECT_EQ(
+                deformed<SmoothJob>(set, all, laneKernels(lanes).smooth,
+                                    {{}, strengths.data(), profiled ? rise.keys() : RampKeys{}, 3}),
+                wanted);
+    }
+}
+
+TEST_P(LaneKernelsTest, PlaceWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<Vec3f> directions = directionsFor(set);
+    std::vector<float> places;
+    std::vector<Vec3f> wanted(set.pointCount());
+    for (const std::uint32_t s : all) {
+        const Rotation turn = Rotation::shortest({0, 1, 0}, directions[s]);
+        const Vec3f root = set.pointsOf(s)[0] + directions[s];
+        for (const Vec3f& row : {turn.row0, turn.row1, turn.row2, root})
+            places.insert(places.end(), {row.x, row.y, row.z});
+        placeStrand(set.pointsOf(s), 1.0f, turn, root, std::span(wanted).subspan(s * n, n));
+    }
+    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+        EXPECT_EQ(deformed<PlaceJob>(set, all, laneKernels(lanes).place, {{}, places.data()}),
+                  wanted);
 }
 
 }  // namespace

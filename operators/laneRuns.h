@@ -5,6 +5,8 @@
 #include <span>
 #include <vector>
 
+#include "model/ramp.h"
+#include "model/rampSlopes.h"
 #include "model/strandSet.h"
 #include "operators/laneKernels.h"
 
@@ -47,6 +49,49 @@ void forEachLaneRun(const StrandSet& set, std::span<const std::uint32_t> strands
             for (std::size_t i = k; i < end; ++i) single(i);
         k = end;
     }
+}
+
+/// A ramp in the form that lanes read.
+class LaneRamp {
+public:
+    LaneRamp() = default;
+    explicit LaneRamp(const Ramp& ramp) : linear_(ramp.linear()) {
+        if (ramp.keys().size() < 2 || ramp.keys().size() > kMostLaneKeys) return;
+        for (const auto& [position, value] : ramp.keys()) {
+            positions_.push_back(position);
+            values_.push_back(value);
+        }
+        slopes_ = rampSlopes(ramp.keys());
+    }
+    /// False where one strand after the other is the way.
+    bool fits() const { return !positions_.empty(); }
+    RampKeys keys() const {
+        return {positions_.data(), values_.data(), slopes_.data(), positions_.size(), linear_};
+    }
+
+private:
+    std::vector<float> positions_, values_, slopes_;
+    bool linear_ = false;
+};
+
+/// The points of a job, which must not outlive its arguments' arrays.
+inline LanePoints lanePoints(const StrandSet& in, std::span<const std::uint32_t> strands,
+                             std::span<Vec3f> to) {
+    if (in.points().empty()) return {};
+    return {&in.points()[0].x, &to[0].x, in.offsets().data(), strands.data()};
+}
+
+/// Deforms the listed strands by a kernel, those that do not fill the lanes by single(k).
+template <class Job, class Single>
+void deformStrands(LaneDeform<Job> kernel, const Job& job, const StrandSet& in,
+                   std::span<const std::uint32_t> strands, Single&& single) {
+    LaneScratch scratch;
+    forEachLaneRun(
+        in, strands,
+        [&](std::size_t first, std::size_t count, std::size_t n) {
+            kernel(job, first, count, n, scratch.of(n));
+        },
+        single);
 }
 
 }  // namespace corvelle

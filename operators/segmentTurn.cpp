@@ -7,7 +7,7 @@
 #include <cstdint>
 
 #include "model/polyline.h"
-#include "operators/polynomialTrig.h"
+#include "operators/deformLanes.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
@@ -15,8 +15,6 @@ namespace corvelle {
 namespace {
 
 constexpr std::size_t kBlock = 32;
-/// Below this cosine two directions no longer span a plane that floats can tell.
-constexpr float kOpposite = -0.9999f;
 
 /// From the unit `a` to the unit `b`, which are not opposite.
 Vec3f turned(Vec3f a, Vec3f b, float share) {
@@ -44,23 +42,14 @@ constexpr std::size_t kLanes = 4;
 /// is above 0.
 bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
     std::int32_t odd = 0;
+    const float toward[3] = {b.x, b.y, b.z};
     for (std::size_t i = 0; i < count; ++i) {
-        const float size = std::sqrt(s.x[i] * s.x[i] + s.y[i] * s.y[i] + s.z[i] * s.z[i]);
-        const float inverse = size > 0.0f ? 1.0f / size : 0.0f;
-        const float ax = s.x[i] * inverse, ay = s.y[i] * inverse, az = s.z[i] * inverse;
-        const float cosine = ax * b.x + ay * b.y + az * b.z;
-        const float angle = arcCosine(cosine);
-        const float share = s.share[i], keep = 1.0f - share;
-        const float wa = keep * sineRatio(keep * angle);
-        const float wb = share * sineRatio(share * angle);
-        const float x = ax * wa + b.x * wb, y = ay * wa + b.y * wb, z = az * wa + b.z * wb;
-        const float is = std::sqrt(x * x + y * y + z * z);
-        const float scale = is > 0.0f ? size / is : 0.0f;
-        s.x[i] = x * scale;
-        s.y[i] = y * scale;
-        s.z[i] = z * scale;
-        s.cosine[i] = cosine;
-        odd += std::int32_t(cosine < kOpposite) + std::int32_t(!(share > 0.0f));
+        float v[3] = {s.x[i], s.y[i], s.z[i]};
+        s.cosine[i] = turnAcross(v, toward, s.share[i]);
+        s.x[i] = v[0];
+        s.y[i] = v[1];
+        s.z[i] = v[2];
+        odd += std::int32_t(s.cosine[i] < kOpposite) + std::int32_t(!(s.share[i] > 0.0f));
     }
     return odd == 0;
 }
@@ -128,6 +117,14 @@ void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const f
             }
         }
     }
+}
+
+void Toward::set(std::size_t place, Vec3f direction, float strength) {
+    const Vec3f b = normalized(direction);
+    numbers_[4 * place] = b.x;
+    numbers_[4 * place + 1] = b.y;
+    numbers_[4 * place + 2] = b.z;
+    numbers_[4 * place + 3] = b == Vec3f{} ? 0.0f : strength;
 }
 
 }  // namespace corvelle

@@ -1,9 +1,13 @@
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <span>
 
 #include "model/ramp.h"
 #include "model/vec3f.h"
+#include "operators/laneRuns.h"
+#include "operators/strandLoop.h"
 
 namespace corvelle {
 
@@ -23,5 +27,35 @@ void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float str
 /// (SIGGRAPH 1985), its angle and sines by polynomials (polynomialTrig.h): within 1e-5.
 void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const float> shares,
                   std::span<Vec3f> out);
+
+/// Where the strands of a batch turn and how strongly, by their places in it.
+class Toward {
+public:
+    /// Any direction; a zero one keeps the strand. `strength` 0 to 1, or any above with a profile.
+    void set(std::size_t place, Vec3f direction, float strength);
+    const float* data() const { return numbers_.data(); }
+
+private:
+    std::array<float, 4 * StrandPick::kBatch> numbers_;
+};
+
+/// Turns the listed strands as turnSegments does, several side by side; single(k) does the same for
+/// the strand at place k alone, where that is no use or no way. `profile`: of the strength, see
+/// segmentShares; null for the same everywhere. `straighten`: toward the strands' own chords, of
+/// `toward` just the strengths.
+template <class Single>
+void turnStrands(const StrandSet& in, std::span<const std::uint32_t> strands, const Toward& toward,
+                 const LaneRamp* profile, bool straighten, std::span<Vec3f> out, Single&& single) {
+    if (profile && !profile->fits()) {
+        for (std::size_t k = 0; k < strands.size(); ++k) single(k);
+        return;
+    }
+    std::array<std::uint8_t, StrandPick::kBatch> again{};
+    const TurnJob job{lanePoints(in, strands, out), toward.data(), straighten,
+                      profile ? profile->keys() : RampKeys{}, again.data()};
+    deformStrands(laneKernels().turn, job, in, strands, single);
+    for (std::size_t k = 0; k < strands.size(); ++k)
+        if (again[k]) single(k);
+}
 
 }  // namespace corvelle

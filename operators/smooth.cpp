@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "model/polyline.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
 
@@ -62,6 +63,7 @@ class SmoothWork final : public StrandWork {
 public:
     FieldPtr strength;
     Ramp profile;
+    LaneRamp keys;  ///< the profile again
     int passes = 0;
 
     WrittenArrays writes() const override { return {.points = true}; }
@@ -75,11 +77,12 @@ public:
         std::vector<float> amounts(most);
         std::vector<Vec3f> before(most);
         const bool flat = profile.isConstant(1.0f);
-        for (std::size_t k = 0; k < strands.size(); ++k) {
+        for (std::size_t k = 0; k < strands.size(); ++k) strengths[k] = clampShare(strengths[k]);
+        const auto single = [&](std::size_t k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
             const std::span<float> amount = std::span(amounts).first(points.size());
-            const float share = clampShare(strengths[k]);
+            const float share = strengths[k];
             if (flat) {
                 std::ranges::fill(amount, share);
             } else {
@@ -89,7 +92,14 @@ public:
             }
             smoothStrand(points, amount, passes, std::span(before).first(points.size()),
                          out.points.subspan(in.offsets()[s], points.size()));
+        };
+        if (!flat && !keys.fits()) {
+            for (std::size_t k = 0; k < strands.size(); ++k) single(k);
+            return;
         }
+        const SmoothJob job{lanePoints(in, strands, out.points), strengths.data(),
+                            flat ? RampKeys{} : keys.keys(), passes};
+        deformStrands(laneKernels().smooth, job, in, strands, single);
     }
 };
 
@@ -106,6 +116,7 @@ protected:
         auto work = std::make_unique<SmoothWork>();
         work->strength = fieldFromParam(*this, "strength", context, strands);
         work->profile = ramp("profile");
+        work->keys = LaneRamp(work->profile);
         work->passes = whole("iterations");
         if (work->passes <= 0 || work->profile.isConstant(0.0f) ||
             work->strength->constant().value_or(1.0f) <= 0.0f)

@@ -12,6 +12,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx2")))
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
+#include "operators/deformLanes.h"
 #include "operators/strandLanes.h"
 
 namespace corvelle {
@@ -22,6 +23,9 @@ struct Mask8 {
     __m256 bits;
     CORVELLE_AVX2 friend inline Mask8 operator&(Mask8 a, Mask8 b) {
         return {_mm256_and_ps(a.bits, b.bits)};
+    }
+    CORVELLE_AVX2 friend inline Mask8 operator|(Mask8 a, Mask8 b) {
+        return {_mm256_or_ps(a.bits, b.bits)};
     }
     CORVELLE_AVX2 friend inline int laneBits(Mask8 a) { return _mm256_movemask_ps(a.bits); }
 };
@@ -108,7 +112,8 @@ SplineLanesFunction splineLanesAvx2() {
 }
 
 const LaneKernels* laneKernelsAvx2() {
-    static const LaneKernels kernels{trimLanes<Float8>, widthLanes<Float8>};
+    static const LaneKernels kernels{trimLanes<Float8>, widthLanes<Float8>,  turnLanes<Float8>,
+                                     stepLanes<Float8>, smoothLanes<Float8>, placeLanes<Float8>};
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "model/polyline.h"
+#include "operators/deformLanes.h"
 #include "operators/nodeFactories.h"
 #include "operators/segmentTurn.h"
 #include "operators/strandOperator.h"
@@ -11,9 +12,6 @@
 namespace corvelle {
 
 namespace {
-
-/// A chord shorter than this share of the strand says nothing of where it goes.
-constexpr float kClosed = 1e-6f;
 
 Vec3f overallDirection(std::span<const Vec3f> points) {
     const Vec3f chord = points.back() - points.front();
@@ -53,11 +51,14 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> strengths;
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        for (std::size_t k = 0; k < strands.size(); ++k) {
+        Toward toward;
+        for (std::size_t k = 0; k < strands.size(); ++k)
+            toward.set(k, {1.0f, 0.0f, 0.0f}, clampShare(strengths[k]));
+        turnStrands(in, strands, toward, nullptr, true, out.points, [&](std::size_t k) {
             const std::size_t s = strands[k];
             straightenStrand(in.pointsOf(s), clampShare(strengths[k]),
                              out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
-        }
+        });
     }
 };
 

@@ -24,6 +24,19 @@ CORVELLE_LANES_TARGET inline F measureAcross(const F* points, std::size_t n, F* 
     return arc;
 }
 
+/// The share of the arc length at each point: see polylineShares. segments [n - 1], shares [n].
+template <class F>
+CORVELLE_LANES_TARGET inline void sharesAcross(const F* points, std::size_t n, F* segments,
+                                               F* shares) {
+    const F total = measureAcross(points, n, segments, shares);
+    const F zero(0.0f), most(3.4028235e38f);
+    for (std::size_t i = 0; i < n; ++i) {
+        const F byIndex(float(i) / float(n - 1));
+        const F measured = select(most < total, byIndex, shares[i] / total);
+        shares[i] = select(total > zero, measured, byIndex);
+    }
+}
+
 template <class F>
 CORVELLE_LANES_TARGET inline void trimAcross(const TrimJob& job, const std::uint32_t* strands,
                                              const float* shares, std::size_t n, float* scratch) {
@@ -120,13 +133,8 @@ CORVELLE_LANES_TARGET inline void widthsAcross(const WidthJob& job, const std::u
     for (std::size_t l = 0; l < kLanes; ++l) numbers[l] = widths[l];
     const F width = F::load(numbers);
     gatherLanes(from, 3 * n, points);
-    const F total = measureAcross(points, n, segments, shares);
-    for (std::size_t i = 0; i < n; ++i) {
-        const F byIndex(float(i) / float(n - 1));
-        const F measured = select(F(3.4028235e38f) < total, byIndex, shares[i] / total);
-        const F at = select(total > F(0.0f), measured, byIndex);
-        shares[i] = rampAcross(job.profile, at) * width;
-    }
+    sharesAcross(points, n, segments, shares);
+    for (std::size_t i = 0; i < n; ++i) shares[i] = rampAcross(job.profile, shares[i]) * width;
     scatterLanes(shares, n, to);
 }
 

@@ -5,7 +5,6 @@
 
 #include "model/hash.h"
 #include "model/polyline.h"
-#include "model/rampSlopes.h"
 #include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
@@ -57,13 +56,7 @@ public:
 
     /// The profile in the form that lanes read; only of a few keys.
     void prepareLanes() {
-        const auto& keys = profile.keys();
-        if (keys.size() < 2 || keys.size() > kMostLaneKeys || width->perPoint()) return;
-        for (const auto& [position, value] : keys) {
-            positions_.push_back(position);
-            values_.push_back(value);
-        }
-        slopes_ = rampSlopes(keys);
+        if (!width->perPoint()) keys_ = LaneRamp(profile);
     }
 
     WrittenArrays writes() const override { return {.widths = true}; }
@@ -89,7 +82,7 @@ public:
                                          : std::span<const float>(&perStrand[k], 1);
             strandWidths(in.pointsOf(s), values, profile, scaleOf(k), out.widths.subspan(in.offsets()[s], count));
         };
-        if (positions_.empty() || in.points().empty()) {
+        if (!keys_.fits() || in.points().empty()) {
             for (std::size_t k = 0; k < strands.size(); ++k) single(k);
             return;
         }
@@ -98,7 +91,7 @@ public:
         const WidthJob job{&in.points()[0].x,
                            out.widths.data(),
                            in.offsets().data(),
-                           {positions_.data(), values_.data(), slopes_.data(), positions_.size(), profile.linear()}};
+                           keys_.keys()};
         LaneScratch scratch;
         forEachLaneRun(
             in, strands,
@@ -109,7 +102,7 @@ public:
     }
 
 private:
-    std::vector<float> positions_, values_, slopes_;
+    LaneRamp keys_;
 };
 
 class Width final : public StrandOperator {

@@ -1,0 +1,262 @@
+#pragma once
+
+#include "operators/polynomialTrig.h"
+#include "operators/strandLanes.h"
+
+// The deformers of laneKernels.h over F, under the rules of splineLanes.h.
+
+namespace corvelle {
+
+namespace {
+
+/// Below this cosine two directions no longer span a plane that floats can tell.
+constexpr float kOpposite = -0.9999f;
+/// A chord shorter than this share of the strand says nothing of where it goes.
+constexpr float kClosed = 1e-6f;
+
+/// Turns the segment v toward the unit b by a share, keeping its length: see turnSegments. Returns
+/// the cosine between the two; of no use where that is below kOpposite.
+template <class F>
+CORVELLE_LANES_TARGET inline F turnAcross(F v[3], const F b[3], F share) {
+    const F zero(0.0f), one(1.0f);
+    const F size = lengthAcross(v);
+    const F inverse = select(size > zero, one / size, zero);
+    for (int x = 0; x < 3; ++x) v[x] = v[x] * inverse;
+    const F cosine = v[0] * b[0] + v[1] * b[1] + v[2] * b[2];
+    const F angle = arcCosine(cosine), keep = one - share;
+    const F own = keep * sineRatio(keep * angle), other = share * sineRatio(share * angle);
+    for (int x = 0; x < 3; ++x) v[x] = v[x] * own + b[x] * other;
+    const F is = lengthAcross(v);
+    const F scale = select(is > zero, size / is, zero);
+    for (int x = 0; x < 3; ++x) v[x] = v[x] * scale;
+    return cosine;
+}
+
+/// The strands at some places of a job's list: where they are and where they go.
+template <class F>
+struct StrandGroup {
+    const float* from[F::kLanes];
+    float* to[F::kLanes];
+    std::size_t places[F::kLanes];
+};
+
+/// One number of each.
+template <class F>
+CORVELLE_LANES_TARGET inline F numberAcross(const StrandGroup<F>& group, const float* numbers) {
+    alignas(F) float lanes[F::kLanes];
+    for (std::size_t l = 0; l < F::kLanes; ++l) lanes[l] = numbers[group.places[l]];
+    return F::load(lanes);
+}
+/// `count` numbers of each, a multiple of 4 that stand together.
+template <class F>
+CORVELLE_LANES_TARGET inline void numbersAcross(const StrandGroup<F>& group, const float* numbers,
+                                                std::size_t count, F* out) {
+    const float* from[F::kLanes];
+    for (std::size_t l = 0; l < F::kLanes; ++l) from[l] = numbers + count * group.places[l];
+    gatherLanes(from, count, out);
+}
+
+/// See clampShare.
+template <class F>
+CORVELLE_LANES_TARGET inline F clampAcross(F x) {
+    const F zero(0.0f);
+    return select(x > zero, lower(F(1.0f), x), zero);
+}
+
+/// The chord from root to tip; `closed` gets a bit for each strand whose chord says nothing.
+template <class F>
+CORVELLE_LANES_TARGET inline void chordAcross(const F* points, std::size_t n, F* scratch, F b[3],
+                                              int& closed) {
+    for (int x = 0; x < 3; ++x) b[x] = points[3 * (n - 1) + std::size_t(x)] - points[x];
+    const F size = lengthAcross(b), zero(0.0f);
+    const F total = measureAcross(points, n, scratch, scratch + n);
+    const int all = laneBits(zero < F(1.0f));
+    closed = all & ~laneBits(size > F(kClosed) * total);
+    for (int x = 0; x < 3; ++x) b[x] = select(size > zero, b[x] / size, zero);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGroup<F>& group,
+                                            std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const segments = points + 3 * n;
+    F* const shares = segments + n;
+    gatherLanes(group.from, 3 * n, points);
+    F b[4];
+    numbersAcross(group, job.toward, 4, b);
+    const F strength = b[3], zero(0.0f), half(0.5f);
+    int again = 0;
+    if (job.straighten) chordAcross(points, n, segments, b, again);
+    const bool profiled = job.profile.count > 0;
+    if (profiled) sharesAcross(points, n, segments, shares);
+    F last[3], before[3];
+    for (int x = 0; x < 3; ++x) last[x] = before[x] = points[x];
+    F share = strength, moved = zero;
+    for (std::size_t i = 1; i < n; ++i) {
+        F* const p = points + 3 * i;
+        if (profiled)
+            share =
+                clampAcross(rampAcross(job.profile, half * (shares[i] + shares[i - 1])) * strength);
+        F segment[3], turned[3];
+        for (int x = 0; x < 3; ++x) turned[x] = segment[x] = p[x] - before[x];
+        const F cosine = turnAcross(turned, b, share);
+        const auto turns = share > zero;
+        again |= laneBits(turns & (cosine < F(kOpposite)));
+        moved = select(turns, F(1.0f), moved);
+        const auto off = moved > zero;
+        for (int x = 0; x < 3; ++x) {
+            before[x] = p[x];
+            last[x] = select(off, last[x] + select(turns, turned[x], segment[x]), p[x]);
+            p[x] = last[x];
+        }
+    }
+    for (std::size_t l = 0; l < F::kLanes; ++l)
+        job.again[group.places[l]] = std::uint8_t((again >> l) & 1);
+    scatterLanes(points, 3 * n, group.to);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void stepGroup(const StepJob& job, const StrandGroup<F>& group,
+                                            std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const segments = points + 3 * n;
+    F* const shares = segments + n;
+    gatherLanes(group.from, 3 * n, points);
+    F step[4];
+    numbersAcross(group, job.steps, 4, step);
+    sharesAcross(points, n, segments, shares);
+    for (std::size_t i = 1; i < n; ++i) {
+        const F amount = rampAcross(job.profile, shares[i]);
+        F* const p = points + 3 * i;
+        for (int x = 0; x < 3; ++x) p[x] = p[x] + step[x] * amount;
+    }
+    scatterLanes(points, 3 * n, group.to);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void smoothGroup(const SmoothJob& job, const StrandGroup<F>& group,
+                                              std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const out = points + 3 * n;
+    F* const halves = out + 3 * n;  // half the amount at each point
+    gatherLanes(group.from, 3 * n, points);
+    if (n < 3) return scatterLanes(points, 3 * n, group.to);
+    const F strength = numberAcross(group, job.strengths), zero(0.0f), half(0.5f), two(2.0f);
+    auto moves = strength > zero;
+    if (job.profile.count > 0) {
+        sharesAcross(points, n, halves + n, halves);
+        moves = zero > zero;
+        for (std::size_t i = 0; i < n; ++i) {
+            const F amount = clampAcross(rampAcross(job.profile, halves[i]) * strength);
+            moves = moves | (amount > zero);
+            halves[i] = half * amount;
+        }
+    } else {
+        for (std::size_t i = 0; i < n; ++i) halves[i] = half * strength;
+    }
+    if (laneBits(moves) == 0) return scatterLanes(points, 3 * n, group.to);
+    for (std::size_t i = 0; i < 3 * n; ++i) out[i] = points[i];
+    for (int pass = 0; pass < job.passes; ++pass) {
+        for (int x = 0; x < 3; ++x) {
+            F* const q = out + x;
+            F first = q[0], second = q[0], here = q[3];  // as they were: i - 2, i - 1, i
+            for (std::size_t i = 1; i + 1 < n; ++i) {
+                const F next = q[3 * (i + 1)], target = (second + next) * half;
+                q[3 * i] = here + (target - here) * halves[i];
+                first = second;
+                second = here;
+                here = next;
+            }
+            const F straight = second * two - first;
+            q[3 * (n - 1)] = here + (straight - here) * halves[n - 1];
+        }
+    }
+    // The lengths come back. `out` keeps the smoothed places until they are read.
+    F smoothed[3], last[3];
+    for (int x = 0; x < 3; ++x) smoothed[x] = last[x] = out[x];
+    for (std::size_t i = 1; i < n; ++i) {
+        const F* const p = points + 3 * i;
+        F* const q = out + 3 * i;
+        F segment[3], along[3];
+        for (int x = 0; x < 3; ++x) {
+            segment[x] = p[x] - p[x - 3];
+            along[x] = q[x] - smoothed[x];
+            smoothed[x] = q[x];
+        }
+        const F is = lengthAcross(along), scale = lengthAcross(segment) / is;
+        for (int x = 0; x < 3; ++x) {
+            last[x] = last[x] + select(is > zero, along[x] * scale, segment[x]);
+            q[x] = select(moves, last[x], p[x]);
+        }
+    }
+    scatterLanes(out, 3 * n, group.to);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void placeGroup(const PlaceJob& job, const StrandGroup<F>& group,
+                                             std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    gatherLanes(group.from, 3 * n, points);
+    F place[12];
+    numbersAcross(group, job.places, 12, place);
+    const F* const root = place + 9;
+    F from[3];
+    for (int x = 0; x < 3; ++x) {
+        from[x] = points[x];
+        points[x] = root[x];
+    }
+    for (std::size_t i = 1; i < n; ++i) {
+        F* const p = points + 3 * i;
+        F v[3];
+        for (int x = 0; x < 3; ++x) v[x] = p[x] - from[x];
+        for (int x = 0; x < 3; ++x) {
+            const F* const row = place + 3 * x;
+            p[x] = root[x] + (row[0] * v[0] + row[1] * v[1] + row[2] * v[2]);
+        }
+    }
+    scatterLanes(points, 3 * n, group.to);
+}
+
+/// All of the places, kLanes at a time; the last one fills up the lanes left over.
+template <class F, class Job>
+CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, const StrandGroup<F>&,
+                                                                std::size_t, float*),
+                                                 const Job& job, std::size_t first,
+                                                 std::size_t count, std::size_t n, float* scratch) {
+    StrandGroup<F> group;
+    for (std::size_t k = 0; k < count; k += F::kLanes) {
+        for (std::size_t l = 0; l < F::kLanes; ++l) {
+            const std::size_t place = first + (k + l < count ? k + l : count - 1);
+            const std::uint64_t start = 3 * job.points.offsets[job.points.strands[place]];
+            group.places[l] = place;
+            group.from[l] = job.points.from + start;
+            group.to[l] = job.points.to + start;
+        }
+        across(job, group, n, scratch);
+    }
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void turnLanes(const TurnJob& job, std::size_t first,
+                                            std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, TurnJob>(turnGroup<F>, job, first, count, n, scratch);
+}
+template <class F>
+CORVELLE_LANES_TARGET inline void stepLanes(const StepJob& job, std::size_t first,
+                                            std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, StepJob>(stepGroup<F>, job, first, count, n, scratch);
+}
+template <class F>
+CORVELLE_LANES_TARGET inline void smoothLanes(const SmoothJob& job, std::size_t first,
+                                              std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, SmoothJob>(smoothGroup<F>, job, first, count, n, scratch);
+}
+template <class F>
+CORVELLE_LANES_TARGET inline void placeLanes(const PlaceJob& job, std::size_t first,
+                                             std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, PlaceJob>(placeGroup<F>, job, first, count, n, scratch);
+}
+
+}  // namespace
+
+}  // namespace corvelle
