@@ -17,9 +17,11 @@ Vec3f anyPerpendicular(Vec3f a) {
 }
 
 Rotation Rotation::after(const Rotation& first) const {
-    const Rotation columns = first.inverse();
-    const auto row = [&](Vec3f r) {
-        return Vec3f{dot(r, columns.row0), dot(r, columns.row1), dot(r, columns.row2)};
+    // By components: vectors handed about are stored in parts and loaded whole, which waits.
+    const Vec3f &a = first.row0, &b = first.row1, &c = first.row2;
+    const auto row = [&](const Vec3f& r) {
+        return Vec3f{r.x * a.x + r.y * b.x + r.z * c.x, r.x * a.y + r.y * b.y + r.z * c.y,
+                     r.x * a.z + r.y * b.z + r.z * c.z};
     };
     return {row(row0), row(row1), row(row2)};
 }

@@ -7,6 +7,8 @@
 
 #include "model/hash.h"
 #include "model/polyline.h"
+#include "operators/deformLanes.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
@@ -16,26 +18,6 @@ namespace corvelle {
 namespace {
 
 constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
-constexpr float kSharpest =
-    1e-5f;  ///< share of the length that a kink takes: above the shares' rounding
-
-/// `v` turned by `angle` (-pi to pi) about a unit axis: Rodrigues' formula, with the sine and
-/// cosine of half the angle by their series, to within a float's rounding. A library's would be
-/// most of the node's time, a point at a time.
-Vec3f turned(Vec3f v, Vec3f axis, float angle) {
-    const float h = 0.5f * angle, q = h * h;
-    const float sine =
-        h * (1.0f +
-             q * (-1.0f / 6 +
-                  q * (1.0f / 120 + q * (-1.0f / 5040 + q * (1.0f / 362880 - q / 39916800.0f)))));
-    const float cosine =
-        1.0f +
-        q * (-0.5f +
-             q * (1.0f / 24 + q * (-1.0f / 720 +
-                                   q * (1.0f / 40320 + q * (-1.0f / 3628800 + q / 479001600.0f)))));
-    const Vec3f once = cross(axis, v);
-    return v + once * (2.0f * sine * cosine) + cross(axis, once) * (2.0f * sine * sine);
-}
 
 }  // namespace
 
@@ -45,7 +27,7 @@ Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares
         const Vec3f segment = normalized(points[i] - points[i - 1]);
         if (segment == Vec3f{}) continue;
         direction = segment;
-        if (shares[i] > start + kSharpest) break;
+        if (shares[i] > start + kSharpestBend) break;
     }
     return direction;
 }
@@ -55,15 +37,21 @@ float limitedToScalp(float angle, float toNormal) {
     return std::clamp(angle, -toPlane, toNormal);
 }
 
+float sharesToTurn(BendSpan span) { return 1.0f / std::max(span.end - span.start, kSharpestBend); }
+
 void bendStrand(std::span<const Vec3f> points, std::span<const float> shares, BendSpan span,
                 Vec3f axis, float angle, std::span<Vec3f> out) {
-    const float perShare = 1.0f / std::max(span.end - span.start, kSharpest);
+    const float perShare = sharesToTurn(span);
+    const float about[3] = {axis.x, axis.y, axis.z};
     bool moved = false;
     out[0] = points[0];
     for (std::size_t i = 1; i < points.size(); ++i) {
         const float turn = angle * std::clamp((shares[i] - span.start) * perShare, 0.0f, 1.0f);
         moved = moved || turn != 0.0f;
-        out[i] = moved ? out[i - 1] + turned(points[i] - points[i - 1], axis, turn) : points[i];
+        const Vec3f segment = points[i] - points[i - 1];
+        float v[3] = {segment.x, segment.y, segment.z};
+        bendAcross(v, about, turn);
+        out[i] = moved ? out[i - 1] + Vec3f{v[0], v[1], v[2]} : points[i];
     }
 }
 
@@ -142,31 +130,55 @@ public:
         std::size_t most = 0;
         for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
         std::vector<float> scratch(most);
+        // The directions first, the turns from them one by one, then the bends.
+        std::array<float, 4 * StrandPick::kBatch> headings, bends;
+        deformStrands(laneKernels().heading,
+                      HeadingJob{lanePoints(in, strands, out.points), span.start, headings.data()},
+                      in, strands, [&](std::size_t k) {
+                          const auto points = in.pointsOf(strands[k]);
+                          const std::span<float> shares = std::span(scratch).first(points.size());
+                          polylineShares(points, shares);
+                          put(headings, k, bendDirection(points, shares, span.start), 0.0f);
+                      });
         for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
             const float degrees = std::clamp(angles[k], -180.0f, 180.0f) *
-                                  (1.0f - randomness * draw(base, in.ids()[s]));
-            if (degrees == 0.0f || points.size() < 2 ||
-                !bend(in.roots()[s], points, degrees * kRadians, scratch, to))
-                std::copy(points.begin(), points.end(), to.begin());
+                                  (1.0f - randomness * draw(base, in.ids()[strands[k]]));
+            const Turn bend = bendOf(in, strands[k], vectorAt(headings, k), degrees * kRadians);
+            put(bends, k, bend.axis, bend.angle);
         }
+        deformStrands(laneKernels().bend,
+                      BendJob{lanePoints(in, strands, out.points), bends.data(), span.start,
+                              sharesToTurn(span)},
+                      in, strands, [&](std::size_t k) {
+                          const std::size_t s = strands[k];
+                          const auto points = in.pointsOf(s);
+                          if (points.empty()) return;
+                          const std::span<float> shares = std::span(scratch).first(points.size());
+                          polylineShares(points, shares);
+                          bendStrand(points, shares, span, vectorAt(bends, k), bends[4 * k + 3],
+                                     out.points.subspan(in.offsets()[s], points.size()));
+                      });
     }
 
 private:
-    /// False when the strand, or what it should bend toward, has no direction.
-    bool bend(const StrandRoot& root, std::span<const Vec3f> points, float turn,
-              std::span<float> scratch, std::span<Vec3f> to) const {
-        const std::span<float> shares = scratch.first(points.size());
-        polylineShares(points, shares);
-        const Vec3f from = bendDirection(points, shares, span.start);
-        const Vec3f toward = target(root, points);
-        if (from == Vec3f{} || toward == Vec3f{}) return false;
+    struct Turn {
+        Vec3f axis;
+        float angle = 0.0f;  ///< 0: the strand stays
+    };
+    /// None when the strand, or what it should bend toward, has no direction.
+    Turn bendOf(const StrandSet& in, std::size_t s, Vec3f from, float turn) const {
+        if (turn == 0.0f || from == Vec3f{}) return {};
+        const Vec3f toward = target(in.roots()[s], in.pointsOf(s));
+        if (toward == Vec3f{}) return {};
+        if (along != Along::Normal) return {shortestAxis(from, toward), turn};
         const ShortestArc arc = shortestArc(from, toward);
-        bendStrand(points, shares, span, arc.axis,
-                   along == Along::Normal ? limitedToScalp(turn, arc.angle) : turn, to);
-        return true;
+        return {arc.axis, limitedToScalp(turn, arc.angle)};
+    }
+    static void put(std::span<float> numbers, std::size_t k, Vec3f v, float w) {
+        std::ranges::copy(std::array{v.x, v.y, v.z, w}, &numbers[4 * k]);
+    }
+    static Vec3f vectorAt(std::span<const float> numbers, std::size_t k) {
+        return {numbers[4 * k], numbers[4 * k + 1], numbers[4 * k + 2]};
     }
     Vec3f target(const StrandRoot& root, std::span<const Vec3f> points) const {
         if (along == Along::Normal) return rootNormal(scalp.get(), root, firstDirection(points));

@@ -20,6 +20,9 @@ Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares
 /// normal nor sinks below the tangent plane. Radians, positive toward the normal.
 float limitedToScalp(float angle, float toNormal);
 
+/// What share of the turn a share of the length takes.
+float sharesToTurn(BendSpan span);
+
 /// Turns each segment about the unit `axis`, right-handed, by the share of `angle` (radians)
 /// reached at its tip end: none up to the start, all of it from the end on. Segments keep their
 /// lengths, and the points up to the start their places. `angle` -pi to pi. out [n].

@@ -11,15 +11,16 @@ namespace {
 
 /// Below this cosine two directions no longer span a plane that floats can tell.
 constexpr float kOpposite = -0.9999f;
+/// Share of the length that a kink takes: above the shares' rounding.
+constexpr float kSharpestBend = 1e-5f;
 /// A chord shorter than this share of the strand says nothing of where it goes.
 constexpr float kClosed = 1e-6f;
 
-/// Turns the segment v toward the unit b by a share, keeping its length: see turnSegments. Returns
-/// the cosine between the two; of no use where that is below kOpposite.
+/// Turns the segment v, of length `size`, toward the unit b by a share, keeping its length: see
+/// turnSegments. Returns the cosine between the two; of no use where that is below kOpposite.
 template <class F>
-CORVELLE_LANES_TARGET inline F turnAcross(F v[3], const F b[3], F share) {
+CORVELLE_LANES_TARGET inline F turnAcross(F v[3], F size, const F b[3], F share) {
     const F zero(0.0f), one(1.0f);
-    const F size = lengthAcross(v);
     const F inverse = select(size > zero, one / size, zero);
     for (int x = 0; x < 3; ++x) v[x] = v[x] * inverse;
     const F cosine = v[0] * b[0] + v[1] * b[1] + v[2] * b[2];
@@ -30,6 +31,30 @@ CORVELLE_LANES_TARGET inline F turnAcross(F v[3], const F b[3], F share) {
     const F scale = select(is > zero, size / is, zero);
     for (int x = 0; x < 3; ++x) v[x] = v[x] * scale;
     return cosine;
+}
+
+/// v turned by `angle` (-pi to pi) about a unit axis: Rodrigues' formula, with the sine and cosine
+/// of half the angle by their series, to within a float's rounding.
+template <class F>
+CORVELLE_LANES_TARGET inline void bendAcross(F v[3], const F axis[3], F angle) {
+    const F one(1.0f), two(2.0f);
+    const F h = F(0.5f) * angle, q = h * h;
+    const F sine =
+        h * (one + q * (F(-1.0f / 6) +
+                        q * (F(1.0f / 120) +
+                             q * (F(-1.0f / 5040) + q * (F(1.0f / 362880) - q / F(39916800.0f))))));
+    const F cosine =
+        one + q * (F(-0.5f) +
+                   q * (F(1.0f / 24) +
+                        q * (F(-1.0f / 720) + q * (F(1.0f / 40320) + q * (F(-1.0f / 3628800) +
+                                                                          q / F(479001600.0f))))));
+    const F once[3] = {axis[1] * v[2] - axis[2] * v[1], axis[2] * v[0] - axis[0] * v[2],
+                       axis[0] * v[1] - axis[1] * v[0]};
+    const F twice[3] = {axis[1] * once[2] - axis[2] * once[1],
+                        axis[2] * once[0] - axis[0] * once[2],
+                        axis[0] * once[1] - axis[1] * once[0]};
+    const F aside = two * sine * cosine, back = two * sine * sine;
+    for (int x = 0; x < 3; ++x) v[x] = v[x] + once[x] * aside + twice[x] * back;
 }
 
 /// The strands at some places of a job's list: where they are and where they go.
@@ -89,6 +114,7 @@ CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGrou
     if (job.straighten) chordAcross(points, n, segments, b, again);
     const bool profiled = job.profile.count > 0;
     if (profiled) sharesAcross(points, n, segments, shares);
+    const bool measured = profiled || job.straighten;
     F last[3], before[3];
     for (int x = 0; x < 3; ++x) last[x] = before[x] = points[x];
     F share = strength, moved = zero;
@@ -99,7 +125,8 @@ CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGrou
                 clampAcross(rampAcross(job.profile, half * (shares[i] + shares[i - 1])) * strength);
         F segment[3], turned[3];
         for (int x = 0; x < 3; ++x) turned[x] = segment[x] = p[x] - before[x];
-        const F cosine = turnAcross(turned, b, share);
+        const F size = measured ? segments[i - 1] : lengthAcross(segment);
+        const F cosine = turnAcross(turned, size, b, share);
         const auto turns = share > zero;
         again |= laneBits(turns & (cosine < F(kOpposite)));
         moved = select(turns, F(1.0f), moved);
@@ -217,6 +244,62 @@ CORVELLE_LANES_TARGET inline void placeGroup(const PlaceJob& job, const StrandGr
     scatterLanes(points, 3 * n, group.to);
 }
 
+template <class F>
+CORVELLE_LANES_TARGET inline void headingGroup(const HeadingJob& job, const StrandGroup<F>& group,
+                                               std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const segments = points + 3 * n;
+    F* const shares = segments + n;
+    gatherLanes(group.from, 3 * n, points);
+    sharesAcross(points, n, segments, shares);
+    const F zero(0.0f), one(1.0f), limit(job.start + kSharpestBend);
+    F found[4] = {zero, zero, zero, zero}, size = one, open = one;
+    for (std::size_t i = 1; i < n && laneBits(open > zero) != 0; ++i) {
+        const auto takes = (segments[i - 1] > zero) & (open > zero);
+        for (int x = 0; x < 3; ++x)
+            found[x] =
+                select(takes, points[3 * i + std::size_t(x)] - points[3 * (i - 1) + std::size_t(x)],
+                       found[x]);
+        size = select(takes, segments[i - 1], size);
+        open = select(takes & (shares[i] > limit), zero, open);
+    }
+    for (int x = 0; x < 3; ++x) found[x] = found[x] / size;
+    float* to[F::kLanes];
+    for (std::size_t l = 0; l < F::kLanes; ++l) to[l] = job.headings + 4 * group.places[l];
+    scatterLanes(found, 4, to);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void bendGroup(const BendJob& job, const StrandGroup<F>& group,
+                                            std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const segments = points + 3 * n;
+    F* const shares = segments + n;
+    gatherLanes(group.from, 3 * n, points);
+    sharesAcross(points, n, segments, shares);
+    F bend[4];
+    numbersAcross(group, job.bends, 4, bend);
+    const F zero(0.0f), one(1.0f), start(job.start), perShare(job.perShare);
+    F last[3], before[3], moved = zero;
+    for (int x = 0; x < 3; ++x) last[x] = before[x] = points[x];
+    for (std::size_t i = 1; i < n; ++i) {
+        F* const p = points + 3 * i;
+        const F past = (shares[i] - start) * perShare;
+        const F turn = bend[3] * select(past < zero, zero, lower(one, past));
+        moved = select((turn < zero) | (turn > zero), one, moved);
+        const auto off = moved > zero;
+        F v[3];
+        for (int x = 0; x < 3; ++x) v[x] = p[x] - before[x];
+        bendAcross(v, bend, turn);
+        for (int x = 0; x < 3; ++x) {
+            before[x] = p[x];
+            last[x] = select(off, last[x] + v[x], p[x]);
+            p[x] = last[x];
+        }
+    }
+    scatterLanes(points, 3 * n, group.to);
+}
+
 /// All of the places, kLanes at a time; the last one fills up the lanes left over.
 template <class F, class Job>
 CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, const StrandGroup<F>&,
@@ -250,6 +333,16 @@ template <class F>
 CORVELLE_LANES_TARGET inline void smoothLanes(const SmoothJob& job, std::size_t first,
                                               std::size_t count, std::size_t n, float* scratch) {
     eachPlaceGroup<F, SmoothJob>(smoothGroup<F>, job, first, count, n, scratch);
+}
+template <class F>
+CORVELLE_LANES_TARGET inline void headingLanes(const HeadingJob& job, std::size_t first,
+                                               std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, HeadingJob>(headingGroup<F>, job, first, count, n, scratch);
+}
+template <class F>
+CORVELLE_LANES_TARGET inline void bendLanes(const BendJob& job, std::size_t first,
+                                            std::size_t count, std::size_t n, float* scratch) {
+    eachPlaceGroup<F, BendJob>(bendGroup<F>, job, first, count, n, scratch);
 }
 template <class F>
 CORVELLE_LANES_TARGET inline void placeLanes(const PlaceJob& job, std::size_t first,

@@ -8,6 +8,7 @@
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
+#include "operators/transform.h"
 
 namespace corvelle {
 
@@ -16,22 +17,10 @@ Vec3f leanDirection(Vec3f normal, Vec3f rollZero, float inclination, float roll)
     return normalized(normal * std::cos(inclination) + side * std::sin(inclination));
 }
 
-void turnStrand(std::span<const Vec3f> points, Vec3f target, float share, std::span<Vec3f> out) {
-    const Vec3f first = firstDirection(points);
-    if (first == Vec3f{} || share == 0.0f) {
-        std::copy(points.begin(), points.end(), out.begin());
-        return;
-    }
-    Rotation rotation;
-    if (share == 1.0f) {
-        rotation = Rotation::shortest(first, target);  // without any trigonometry
-    } else {
-        const ShortestArc arc = shortestArc(first, target);
-        rotation = Rotation::about(arc.axis, arc.angle * share);
-    }
-    const Vec3f root = points[0];
-    out[0] = root;
-    for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + rotation(points[i] - root);
+Rotation shareOfTurn(Vec3f first, Vec3f target, float share) {
+    if (share == 1.0f) return Rotation::shortest(first, target);  // without any trigonometry
+    const ShortestArc arc = shortestArc(first, target);
+    return Rotation::about(arc.axis, arc.angle * share);
 }
 
 namespace {
@@ -115,21 +104,34 @@ public:
         inclination->sampleStrands(in, strands, std::span(inclinations).first(strands.size()));
         roll->sampleStrands(in, strands, std::span(rolls).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        Placements placements;
+        std::array<bool, StrandPick::kBatch> stays;
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
+            const Vec3f first = firstDirection(points);
+            const float share = std::clamp(strengths[k], 0.0f, 1.0f);
+            stays[k] = first == Vec3f{} || share == 0.0f;
+            if (stays[k]) {
+                placements.set(k, {}, {});  // of no use, yet a number
+                continue;
+            }
             const std::uint64_t id = in.ids()[s];
             const float lean = std::clamp(inclinations[k], 0.0f, 90.0f) +
                                inclinationRandom * drawSigned(inclinationBase, id);
             const float around =
                 std::clamp(rolls[k], -180.0f, 180.0f) + rollRandom * drawSigned(rollBase, id);
-            const RootFrame frame = rootFrame(scalp.get(), in.roots()[s], firstDirection(points));
+            const RootFrame frame = rootFrame(scalp.get(), in.roots()[s], first);
             const Vec3f target =
                 leanDirection(frame.y, rollZero(in.roots()[s], frame),
                               std::clamp(lean, 0.0f, 90.0f) * kRadians, around * kRadians);
-            turnStrand(points, target, std::clamp(strengths[k], 0.0f, 1.0f),
-                       out.points.subspan(in.offsets()[s], points.size()));
+            placements.set(k, shareOfTurn(first, target, share), points[0]);
         }
+        placements.apply(in, strands, out.points);
+        for (std::size_t k = 0; k < strands.size(); ++k)
+            if (stays[k])
+                std::ranges::copy(in.pointsOf(strands[k]),
+                                  out.points.begin() + std::ptrdiff_t(in.offsets()[strands[k]]));
     }
 
 private:

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <span>
-
 #include "model/vec3f.h"
 #include "operators/rootFrame.h"
 
@@ -12,8 +10,7 @@ namespace corvelle {
 /// it.
 Vec3f leanDirection(Vec3f normal, Vec3f rollZero, float inclination, float roll);
 
-/// Turns a strand about its root as a rigid whole: its first segment goes `share` (0 to 1) of the
-/// shortest arc to the unit `target`. A strand without a length is copied. points [n], out [n].
-void turnStrand(std::span<const Vec3f> points, Vec3f target, float share, std::span<Vec3f> out);
+/// The turn by `share` (0 to 1) of the shortest arc from the unit `first` to the unit `target`.
+Rotation shareOfTurn(Vec3f first, Vec3f target, float share);
 
 }  // namespace corvelle

@@ -10,6 +10,7 @@
 #include "operators/nodeFactories.h"
 #include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
+#include "operators/transform.h"
 
 namespace corvelle {
 
@@ -23,16 +24,8 @@ Vec3f chordDirection(std::span<const Vec3f> points) {
     return chord == Vec3f{} ? firstDirection(points) : chord;
 }
 
-}  // namespace
-
-void layStrand(std::span<const Vec3f> points, Vec3f normal, Vec3f way, float lift,
-               std::span<Vec3f> out) {
-    if (points.empty()) return;
-    const Vec3f chord = chordDirection(points);
-    if (chord == Vec3f{}) {
-        std::copy(points.begin(), points.end(), out.begin());
-        return;
-    }
+/// The turn that lays a unit chord: see layStrand.
+Rotation turnToLay(Vec3f chord, Vec3f normal, Vec3f way, float lift) {
     // Two frames of the chord, the upright direction beside it and what is square to both. A chord
     // along the normal has no heading: it is tipped the straight way.
     const float sine = std::clamp(dot(chord, normal), -1.0f, 1.0f);
@@ -40,15 +33,25 @@ void layStrand(std::span<const Vec3f> points, Vec3f normal, Vec3f way, float lif
     if (heading == Vec3f{}) heading = way;
     const Vec3f up = normalized(normal * std::sqrt(1.0f - sine * sine) - heading * sine);
     const Vec3f across = cross(chord, up);
-    const Vec3f toChord = way * std::cos(lift) + normal * std::sin(lift);
-    const Vec3f toUp = normal * std::cos(lift) - way * std::sin(lift);
+    const float cosine = std::cos(lift), rise = std::sin(lift);
+    const Vec3f toChord = way * cosine + normal * rise;
+    const Vec3f toUp = normal * cosine - way * rise;
     const Vec3f toAcross = cross(toChord, toUp);
-    const Vec3f root = points[0];
-    out[0] = root;
-    for (std::size_t i = 1; i < points.size(); ++i) {
-        const Vec3f v = points[i] - root;
-        out[i] = root + toChord * dot(chord, v) + toUp * dot(up, v) + toAcross * dot(across, v);
-    }
+    return {chord * toChord.x + up * toUp.x + across * toAcross.x,
+            chord * toChord.y + up * toUp.y + across * toAcross.y,
+            chord * toChord.z + up * toUp.z + across * toAcross.z};
+}
+
+}  // namespace
+
+void layStrand(std::span<const Vec3f> points, Vec3f normal, Vec3f way, float lift,
+               std::span<Vec3f> out) {
+    if (points.empty()) return;
+    const Vec3f chord = chordDirection(points);
+    if (chord == Vec3f{})
+        std::copy(points.begin(), points.end(), out.begin());
+    else
+        placeStrand(points, 1.0f, turnToLay(chord, normal, way, lift), points[0], out);
 }
 
 namespace {
@@ -89,16 +92,20 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> lifts;
         lift->sampleStrands(in, strands, std::span(lifts).first(strands.size()));
+        Placements placements;
+        std::array<bool, StrandPick::kBatch> stays;
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            if (points.empty()) continue;
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+            const Vec3f chord = points.empty() ? Vec3f{} : chordDirection(points);
+            placements.set(k, {}, {});
+            stays[k] = chord == Vec3f{};
+            if (stays[k]) continue;
             const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], firstDirection(points));
             Vec3f way = flow ? flow->at(points[0], normal) : Vec3f{};
-            if (way == Vec3f{}) way = laidOnto(chordDirection(points), normal);
+            if (way == Vec3f{}) way = laidOnto(chord, normal);
             if (way == Vec3f{}) {  // it stands upright, and nothing says where to
-                std::copy(points.begin(), points.end(), to.begin());
+                stays[k] = true;
                 continue;
             }
             if (rollRandom > 0.0f) {
@@ -106,8 +113,13 @@ public:
                 way = normalized(way * std::cos(roll) + cross(normal, way) * std::sin(roll));
             }
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
-            layStrand(points, normal, way, degrees * kRadians, to);
+            placements.set(k, turnToLay(chord, normal, way, degrees * kRadians), points[0]);
         }
+        placements.apply(in, strands, out.points);
+        for (std::size_t k = 0; k < strands.size(); ++k)
+            if (stays[k])
+                std::ranges::copy(in.pointsOf(strands[k]),
+                                  out.points.begin() + std::ptrdiff_t(in.offsets()[strands[k]]));
     }
 };
 

@@ -7,8 +7,9 @@
 namespace corvelle {
 
 const LaneKernels& laneKernels(SplineLanes lanes) {
-    static const LaneKernels four{trimLanes<Float4>, widthLanes<Float4>,  turnLanes<Float4>,
-                                  stepLanes<Float4>, smoothLanes<Float4>, placeLanes<Float4>};
+    static const LaneKernels four{trimLanes<Float4>,    widthLanes<Float4>,  turnLanes<Float4>,
+                                  stepLanes<Float4>,    smoothLanes<Float4>, placeLanes<Float4>,
+                                  headingLanes<Float4>, bendLanes<Float4>};
     static const LaneKernels* const eight = laneKernelsAvx2();
     return eight && lanes != SplineLanes::Four ? *eight : four;
 }

@@ -71,6 +71,20 @@ struct SmoothJob {
     int passes = 0;
 };
 
+/// The direction of each strand where its bend starts: see bendDirection.
+struct HeadingJob {
+    LanePoints points;          ///< `to` is left alone
+    float start = 0.0f;         ///< share of the length
+    float* headings = nullptr;  ///< 4 a place: x, y, z, unused
+};
+
+/// Bends: see bendStrand.
+struct BendJob {
+    LanePoints points;
+    const float* bends = nullptr;  ///< 4 a place: the unit axis, the angle
+    float start = 0.0f, perShare = 1.0f;
+};
+
 /// Puts the root somewhere and the other points where a matrix takes them from the old root.
 struct PlaceJob {
     LanePoints points;
@@ -92,6 +106,8 @@ struct LaneKernels {
     LaneDeform<StepJob> step = nullptr;
     LaneDeform<SmoothJob> smooth = nullptr;
     LaneDeform<PlaceJob> place = nullptr;
+    LaneDeform<HeadingJob> heading = nullptr;
+    LaneDeform<BendJob> bend = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
 /// More keys are cheaper one strand after the other.

@@ -4,6 +4,7 @@
 #include "model/polyline.h"
 #include "model/rampSlopes.h"
 #include "model/testing/tuft.h"
+#include "operators/bend.h"
 #include "operators/laneKernels.h"
 #include "operators/laneRuns.h"
 #include "operators/length.h"
@@ -231,6 +232,34 @@ TEST_P(LaneKernelsTest, PlaceWithTheBitsOfOneStrandAlone) {
     for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
         EXPECT_EQ(deformed<PlaceJob>(set, all, laneKernels(lanes).place, {{}, places.data()}),
                   wanted);
+}
+
+TEST_P(LaneKernelsTest, BendWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<Vec3f> directions = directionsFor(set);
+    for (const BendSpan span : {BendSpan{0.0f, 1.0f}, BendSpan{0.3f, 0.6f}, BendSpan{0.5f, 0.5f}}) {
+        std::vector<float> bends, shares(n), wantedHeadings;
+        std::vector<Vec3f> wanted(set.pointCount());
+        for (const std::uint32_t s : all) {
+            const Vec3f axis = normalized(directions[s]);
+            const float angle = s % 4 == 0 ? 0.0f : 0.1f * float(s % 60) - 3.0f;
+            bends.insert(bends.end(), {axis.x, axis.y, axis.z, angle});
+            const auto points = set.pointsOf(s);
+            polylineShares(points, shares);
+            const Vec3f heading = bendDirection(points, shares, span.start);
+            wantedHeadings.insert(wantedHeadings.end(), {heading.x, heading.y, heading.z, 0.0f});
+            bendStrand(points, shares, span, axis, angle, std::span(wanted).subspan(s * n, n));
+        }
+        for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+            std::vector<float> headings(4 * all.size(), -1.0f);
+            deformed<HeadingJob>(set, all, laneKernels(lanes).heading,
+                                 {{}, span.start, headings.data()});
+            EXPECT_EQ(headings, wantedHeadings);
+            EXPECT_EQ(deformed<BendJob>(set, all, laneKernels(lanes).bend,
+                                        {{}, bends.data(), span.start, sharesToTurn(span)}),
+                      wanted);
+        }
+    }
 }
 
 }  // namespace

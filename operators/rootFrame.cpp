@@ -10,15 +10,6 @@ Vec3f firstDirection(std::span<const Vec3f> points) {
     return {};
 }
 
-Vec3f laidOnto(Vec3f v, Vec3f normal) {
-    constexpr float kParallel = 1e-4f;  // sine of the angle below which v says nothing
-    const Vec3f unit = normalized(v);
-    const Vec3f laid = unit - normal * dot(unit, normal);
-    if (!(lengthSquared(laid) > kParallel * kParallel)) return {};
-    const Vec3f once = normalized(laid);  // a second pass takes what rounding left along the normal
-    return normalized(once - normal * dot(once, normal));
-}
-
 Vec3f scalpNormal(const ScalpMesh* scalp, const StrandRoot& root) {
     return scalp && scalp->validRoot(root) ? scalp->surfaceNormal(root) : Vec3f{};
 }
@@ -42,16 +33,34 @@ RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first)
     return frame;
 }
 
-ShortestArc shortestArc(Vec3f from, Vec3f to) {
+namespace {
+
+/// The sine times the axis of the turn between two directions.
+struct WideCross {
+    double x, y, z, sine;
+};
+
+WideCross wideCross(Vec3f from, Vec3f to) {
     // In double: near the half turn a float cross product is mostly rounding.
     const double x = double(from.y) * to.z - double(from.z) * to.y;
     const double y = double(from.z) * to.x - double(from.x) * to.z;
     const double z = double(from.x) * to.y - double(from.y) * to.x;
-    const double sine = std::sqrt(x * x + y * y + z * z);
+    return {x, y, z, std::sqrt(x * x + y * y + z * z)};
+}
+
+Vec3f axisOf(const WideCross& c, Vec3f from) {
+    if (!(c.sine > 1e-6)) return anyPerpendicular(from);
+    return {float(c.x / c.sine), float(c.y / c.sine), float(c.z / c.sine)};
+}
+
+}  // namespace
+
+Vec3f shortestAxis(Vec3f from, Vec3f to) { return axisOf(wideCross(from, to), from); }
+
+ShortestArc shortestArc(Vec3f from, Vec3f to) {
+    const WideCross c = wideCross(from, to);
     const double cosine = double(from.x) * to.x + double(from.y) * to.y + double(from.z) * to.z;
-    const float angle = float(std::atan2(sine, cosine));
-    if (!(sine > 1e-6)) return {anyPerpendicular(from), angle};
-    return {{float(x / sine), float(y / sine), float(z / sine)}, angle};
+    return {axisOf(c, from), float(std::atan2(c.sine, cosine))};
 }
 
 }  // namespace corvelle

@@ -22,7 +22,14 @@ struct RootFrame {
 Vec3f firstDirection(std::span<const Vec3f> points);
 
 /// `v` less its share along the unit `normal`, unit; zero where the two are parallel.
-Vec3f laidOnto(Vec3f v, Vec3f normal);
+inline Vec3f laidOnto(Vec3f v, Vec3f normal) {
+    constexpr float kParallel = 1e-4f;  // sine of the angle below which v says nothing
+    const Vec3f unit = normalized(v);
+    const Vec3f laid = unit - normal * dot(unit, normal);
+    if (!(lengthSquared(laid) > kParallel * kParallel)) return {};
+    const Vec3f once = normalized(laid);  // a second pass takes what rounding left along the normal
+    return normalized(once - normal * dot(once, normal));
+}
 
 /// The scalp's unit normal at the root; zero when unrooted.
 Vec3f scalpNormal(const ScalpMesh* scalp, const StrandRoot& root);
@@ -44,5 +51,7 @@ struct ShortestArc {
 };
 /// Between unit directions. Parallel and antiparallel ones turn about `anyPerpendicular(from)`.
 ShortestArc shortestArc(Vec3f from, Vec3f to);
+/// Its axis alone, at a fraction of the cost.
+Vec3f shortestAxis(Vec3f from, Vec3f to);
 
 }  // namespace corvelle

@@ -45,7 +45,7 @@ bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
     const float toward[3] = {b.x, b.y, b.z};
     for (std::size_t i = 0; i < count; ++i) {
         float v[3] = {s.x[i], s.y[i], s.z[i]};
-        s.cosine[i] = turnAcross(v, toward, s.share[i]);
+        s.cosine[i] = turnAcross(v, lengthAcross(v), toward, s.share[i]);
         s.x[i] = v[0];
         s.y[i] = v[1];
         s.z[i] = v[2];
@@ -117,14 +117,6 @@ void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const f
             }
         }
     }
-}
-
-void Toward::set(std::size_t place, Vec3f direction, float strength) {
-    const Vec3f b = normalized(direction);
-    numbers_[4 * place] = b.x;
-    numbers_[4 * place + 1] = b.y;
-    numbers_[4 * place + 2] = b.z;
-    numbers_[4 * place + 3] = b == Vec3f{} ? 0.0f : strength;
 }
 
 }  // namespace corvelle

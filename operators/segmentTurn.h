@@ -32,7 +32,14 @@ void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const f
 class Toward {
 public:
     /// Any direction; a zero one keeps the strand. `strength` 0 to 1, or any above with a profile.
-    void set(std::size_t place, Vec3f direction, float strength);
+    void set(std::size_t place, Vec3f direction, float strength) {
+        const Vec3f b = normalized(direction);
+        float* const to = &numbers_[4 * place];
+        to[0] = b.x;
+        to[1] = b.y;
+        to[2] = b.z;
+        to[3] = b == Vec3f{} ? 0.0f : strength;
+    }
     const float* data() const { return numbers_.data(); }
 
 private:

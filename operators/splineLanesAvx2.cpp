@@ -112,8 +112,9 @@ SplineLanesFunction splineLanesAvx2() {
 }
 
 const LaneKernels* laneKernelsAvx2() {
-    static const LaneKernels kernels{trimLanes<Float8>, widthLanes<Float8>,  turnLanes<Float8>,
-                                     stepLanes<Float8>, smoothLanes<Float8>, placeLanes<Float8>};
+    static const LaneKernels kernels{trimLanes<Float8>,    widthLanes<Float8>,  turnLanes<Float8>,
+                                     stepLanes<Float8>,    smoothLanes<Float8>, placeLanes<Float8>,
+                                     headingLanes<Float8>, bendLanes<Float8>};
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 

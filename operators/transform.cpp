@@ -5,6 +5,7 @@
 #include <numbers>
 
 #include "model/hash.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
 
@@ -29,6 +30,20 @@ void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& tur
     const Vec3f from = points[0];
     out[0] = root;
     for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + scaled(points[i] - from);
+}
+
+void Placements::apply(const StrandSet& in, std::span<const std::uint32_t> strands,
+                       std::span<Vec3f> out) const {
+    deformStrands(laneKernels().place, PlaceJob{lanePoints(in, strands, out), numbers_.data()}, in,
+                  strands, [&](std::size_t k) {
+                      const std::size_t s = strands[k];
+                      const float* at = &numbers_[12 * k];
+                      const auto vector = [&](int row) {
+                          return Vec3f{at[3 * row], at[3 * row + 1], at[3 * row + 2]};
+                      };
+                      placeStrand(in.pointsOf(s), 1.0f, {vector(0), vector(1), vector(2)},
+                                  vector(3), out.subspan(in.offsets()[s], in.pointCountOf(s)));
+                  });
 }
 
 namespace {
@@ -108,6 +123,7 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> scales;
         scale->sampleStrands(in, strands, std::span(scales).first(strands.size()));
+        Placements placements;
         const bool ownTurn = !(rotateRandom == Vec3f{});
         const Rotation setTurn = world ? turnInFrame(rotate, {}) : Rotation{};
         for (std::size_t k = 0; k < strands.size(); ++k) {
@@ -131,9 +147,10 @@ public:
                 if (!(ownRotate == Vec3f{})) turn = turnInFrame(ownRotate, frame);
                 root = points[0] + frame.toWorld(translate + ownMove);
             }
-            placeStrand(points, ownSize, turn, root,
-                        out.points.subspan(in.offsets()[s], points.size()));
+            placements.set(k, {turn.row0 * ownSize, turn.row1 * ownSize, turn.row2 * ownSize},
+                           root);
         }
+        placements.apply(in, strands, out.points);
     }
 
 private:
