@@ -599,7 +599,7 @@ class LongRunTest(Sculpting):
         for action in kept:
             self.apply(replay, action)
         self.assertEqual(json.dumps(self.document(), sort_keys=True), json.dumps(self.document(replay), sort_keys=True))
-        self.assertGreater(len(kept), STROKES // 8)
+        self.assertGreater(len(kept), STROKES // 20)
         if STROKES >= 2000:
             self.assertLess(self.memory() - early, 64 << 20)
         pid = self.helper.process.pid

@@ -71,7 +71,7 @@ EXAMPLES: Dict[str, Example] = {
     "Flow": Example({"lift": 15}, (("Length", {"keep": 0.12}),), view=TOP, dress="fur"),
     "Flyaway": Example({"fraction": 0.15, "stray": 6.0}, (LOCKS,)),
     "Gravity": Example({"strength": 0.8}, (("Direction", {"inclination": 20, "strength": 0.9}),)),
-    "HairColor": Example({"melanin": {"expression": "0.2 + 0.7 * t"}, "redness": 0.8}),
+    "HairColor": Example({"melanin": {"expression": "fit(y, -8, 10, 0.9, 0.25)"}, "redness": 0.8}),
     "Length": Example({"keep": 0.6, "trimMax": 0.4}),
     "MeshCut": Example({"mode": "obstacle"}, wires={"mesh": ("ColliderMesh", {"name": "scissors"})}, dress="fringe"),
     "Mirror": Example({"axis": "x", "mode": "replace"}, (("Bend", {"angle": {"expression": "x > 0 ? 70 : 0"}}),),
