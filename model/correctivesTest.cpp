@@ -263,7 +263,7 @@ TEST_P(CorrectiveApply, OffsetsOfAnotherPointCountAndOfNoGuideDoNoHarm) {
     EXPECT_EQ(out->guides()[1], guides->guides()[1]);
     EXPECT_EQ(out->guides()[2], guides->guides()[2]) << "a sum past the floats is left out";
     EXPECT_EQ(applied(all, ScalpMesh(), guides)->guides()[0]->points[n - 1],
-              guide->points[n - 1] + Vec3f{0, 0, 2});
+              (guide->points[n - 1] + Vec3f{0, 0, 2}));
 }
 
 }  // namespace

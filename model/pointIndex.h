@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -37,24 +38,45 @@ public:
     /// The nearest point alone; false for an empty index or none within `maxDistance`.
     bool nearestOne(Vec3f position, Neighbor& out,
                     float maxDistance = std::numeric_limits<float>::infinity()) const;
+    /// Points of a bucket at most. The buckets of an index hold its finite points, each one once,
+    /// those of a bucket near to one another.
+    static constexpr std::size_t kBucket = 16;
+    static constexpr std::size_t kMostTogether = 32;
+    std::size_t bucketCount() const { return (indices_.size() + kBucket - 1) / kBucket; }
+    /// What `nearest` gives for all points of a bucket, found together in a fraction of the time.
+    struct BucketNeighbors {
+        std::size_t points = 0;
+        std::array<std::uint32_t, kBucket> index;  ///< [points] of the points, in `asking`
+        std::array<std::uint32_t, kBucket> found;  ///< [points] how many
+        std::array<std::array<Neighbor, kMostTogether>, kBucket> near;  ///< [points][found]
+    };
+    /// For the points of a bucket of `asking`, which may be this: the `count` nearest of this
+    /// index, 1 to kMostTogether. The pruning of whole subtrees for many queries at once follows
+    /// Gray, Moore, "N-body problems in statistical learning", NIPS 2000.
+    void nearestToBucket(const PointIndex& asking, std::size_t bucket, std::size_t count,
+                         float maxDistance, BucketNeighbors& out) const;
     /// Calls visit(index, distanceSquared) for each point within `radius`, in tree order.
     template <class Visit>
     void forEachWithin(Vec3f position, float radius, Visit&& visit) const;
 
 private:
-    static constexpr std::uint32_t kBucket = 16;  // points of a leaf, a multiple of 4
-    /// An inner node splits at a plane into `left` and left + 1; a leaf is a run of buckets.
+    static_assert(kBucket % 4 == 0);
+    /// An inner node splits at a plane into `left` and left + 1; a leaf is a bucket.
     struct Node {
         float low = 0.0f, high = 0.0f;  ///< the left side ends at low, the right begins at high
         std::uint32_t left = 0;         ///< inner: index of the left child; leaf: first point
         std::uint32_t axis = kLeaf;     ///< 0 to 2; kLeaf + count for a leaf
     };
     static constexpr std::uint32_t kLeaf = 4;
+    struct Box {
+        Vec3f low, high;
+    };
     struct Builder;
 
     std::size_t count_ = 0;
     Vec3f low_, high_;
     std::vector<Node> nodes_;
+    std::vector<Box> boxes_;              ///< [nodes] round the points of each
     std::vector<float> xs_, ys_, zs_;     ///< bucket order, each leaf padded to fours by NaN
     std::vector<std::uint32_t> indices_;  ///< bucket order
 };

@@ -85,6 +85,38 @@ TEST_P(PointIndexTest, FindsTheNeighboursThatSortingAllFinds) {
     }
 }
 
+TEST_P(PointIndexTest, FindsForABucketWhatItFindsForEachOfItsPoints) {
+    SplitMix random(GetParam() + 7);
+    std::vector<Vec3f> others(random.nextU64() % 300);
+    for (Vec3f& p : others) p = randomPoint(random, 8.0f);
+    if (!others.empty()) others[0] = {kNan, 0.0f, 0.0f};
+    const PointIndex elsewhere(others);
+    PointIndex::BucketNeighbors near;
+    for (const auto& [asking, places] :
+         {std::pair(&index, &points),
+          std::pair<const PointIndex*, decltype(&points)>(&elsewhere, &others)})
+        for (const float reach : {kInfinity, 1.5f, 0.0f}) {
+            std::vector<int> asked(places->size(), 0);
+            const std::size_t count = 1 + random.nextU64() % PointIndex::kMostTogether;
+            for (std::size_t b = 0; b < asking->bucketCount(); ++b) {
+                index.nearestToBucket(*asking, b, count, reach, near);
+                for (std::size_t q = 0; q < near.points; ++q) {
+                    ++asked[near.index[q]];
+                    std::vector<Neighbor> plain(count);
+                    plain.resize(index.nearest((*places)[near.index[q]], plain, reach));
+                    expectSame(std::span(near.near[q]).first(near.found[q]), plain);
+                }
+            }
+            for (std::size_t i = 0; i < asked.size(); ++i)
+                ASSERT_EQ(asked[i], isFinite((*places)[i]) ? 1 : 0);
+        }
+    PointIndex().nearestToBucket(index, 0, 3, kInfinity, near);
+    EXPECT_EQ(near.points, std::min(points.size(), PointIndex::kBucket));
+    EXPECT_EQ(near.found[0], 0u);
+    index.nearestToBucket(index, 0, 3, kNan, near);
+    EXPECT_EQ(near.found[0], 0u);
+}
+
 TEST_P(PointIndexTest, GivesAllPointsWhenMoreAreAskedFor) {
     std::vector<Neighbor> found(points.size() + 10);
     EXPECT_EQ(index.nearest({}, found), points.size());

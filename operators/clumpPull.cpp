@@ -135,8 +135,14 @@ void StrandPuller::pullWaiting() {
     for (std::size_t i = 1; i < n; ++i) {
         const Float4 arc = arcs[i] * perShare;
         arc.store(asked);
-        for (std::size_t l = 0; l < kLanes; ++l)
-            while (at[l][1].arc <= asked[l]) ++at[l];
+        for (std::size_t l = 0; l < kLanes; ++l) {
+            // Mostly none or two steps, by chance, where strands go on as their axis does.
+            const ClumpAxes::Point* point = at[l];
+            point += point[1].arc <= asked[l];
+            point += point[1].arc <= asked[l];
+            while (point[1].arc <= asked[l]) ++point;
+            at[l] = point;
+        }
         Float4 place[4], step[4];
         axisLanes(at, place, step);
         const Float4 pull = lower(strengths * pulls[i], one), gone = arc - place[3];

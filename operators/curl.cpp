@@ -5,6 +5,7 @@
 
 #include "graph/operator.h"
 #include "model/polyline.h"
+#include "operators/curlLanes.h"
 #include "operators/curlLines.h"
 #include "operators/curlParams.h"
 #include "operators/curlPoints.h"
@@ -169,28 +170,41 @@ void windStrands(const CurlRun& run, const CurlLoad& load, const StrandPick& pic
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
         std::vector<float> radii;
         sampleRadii(run, load, batch, radii);
-        std::size_t most = 0;
-        for (const std::uint32_t s : batch) most = std::max(most, in.pointCountOf(s));
-        CurlScratch scratch;
-        scratch.reserve(most);
-        std::size_t at = 0;
-        for (const std::uint32_t s : batch) {
+        std::size_t most = 0, total = 0;
+        bool even = true;
+        struct Place {
+            std::size_t count, k, at;  ///< points, place in the batch, first of `radii`
+            auto operator<=>(const Place&) const = default;
+        };
+        std::array<Place, StrandPick::kBatch> places;
+        for (std::size_t k = 0; k < batch.size(); ++k) {
+            const std::size_t count = in.pointCountOf(batch[k]);
+            places[k] = {count, k, total};
+            even = even && count == places[0].count;
+            most = std::max(most, count);
+            total += count;
+        }
+        // Those of one point count are wound together.
+        const std::span<Place> order = std::span(places).first(batch.size());
+        if (!even) std::sort(order.begin(), order.end());
+        CurlWinder winder(run.settings, most);
+        for (const Place& place : order) {
+            const std::uint32_t s = batch[place.k];
             const auto points = in.pointsOf(s);
             const std::span<Vec3f> to = out.subspan(in.offsets()[s], points.size());
-            const auto own = std::span<const float>(radii).subspan(at, points.size());
-            at += points.size();
+            const auto own = std::span<const float>(radii).subspan(place.at, points.size());
             if (points.size() < 2) {
                 std::copy(points.begin(), points.end(), to.begin());
             } else if (const std::int32_t group = load.groupOf(s); group >= 0) {
-                curlAlongLine(points, own, run.lines, std::size_t(group), run.settings, scratch,
-                              to);
+                curlAlongLine(points, own, run.lines, std::size_t(group), run.settings,
+                              winder.scratch(), to);
             } else {
                 const RootFrame frame =
                     rootFrame(run.scalp.get(), in.roots()[s], firstDirection(points));
-                curlStrand(points, own, frame.x, curlDraws(run.settings, in.ids()[s]), run.settings,
-                           scratch, to);
+                winder.wind(points, own, frame.x, curlDraws(run.settings, in.ids()[s]), to);
             }
         }
+        winder.finish();
     });
 }
 

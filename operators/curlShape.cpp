@@ -77,16 +77,9 @@ float integrateTurns(std::span<const float> shares, float length, const CurlDraw
 }
 
 Vec3f curlOffset(CurlKind kind, float turns, float start, const CurlFrame& frame) {
-    const float at = start + turns;
-    if (kind == CurlKind::Helix)
-        return frame.normal * cosineOfTurns(at) + frame.binormal * sineOfTurns(at);
-    const Vec3f plane = frame.normal * cosineOfTurns(start) + frame.binormal * sineOfTurns(start);
-    return plane * (kind == CurlKind::Wave ? sineOfTurns(at) : triangleOfTurns(at));
-}
-
-float curlEase(float turns) {
-    const float x = turns < 0.25f ? 4.0f * turns : 1.0f;
-    return x * x * (3.0f - 2.0f * x);
+    const auto wide = [](Vec3f v) { return Wide3<float>{v.x, v.y, v.z}; };
+    const auto offset = curlOffset(kind, turns, start, wide(frame.normal), wide(frame.binormal));
+    return {offset.x, offset.y, offset.z};
 }
 
 void curlStrand(std::span<const Vec3f> points, std::span<const float> radii, Vec3f across,

@@ -7,6 +7,8 @@
 
 #include "model/ramp.h"
 #include "model/vec3f.h"
+#include "operators/frameLanes.h"
+#include "operators/turnWave.h"
 
 namespace corvelle {
 
@@ -60,8 +62,22 @@ struct CurlFrame {
 /// Where a curl of radius 1 lies beside its center line after `turns`.
 Vec3f curlOffset(CurlKind kind, float turns, float start, const CurlFrame& frame);
 
+/// The same over F, float or Float4.
+template <class F>
+inline Wide3<F> curlOffset(CurlKind kind, F turns, F start, const Wide3<F>& normal,
+                           const Wide3<F>& binormal) {
+    const F at = start + turns;
+    if (kind == CurlKind::Helix) return normal * cosineOfTurns(at) + binormal * sineOfTurns(at);
+    const Wide3<F> plane = normal * cosineOfTurns(start) + binormal * sineOfTurns(start);
+    return plane * (kind == CurlKind::Wave ? sineOfTurns(at) : triangleOfTurns(at));
+}
+
 /// How far the curl has come out after `turns`: 0 at the root to 1 from a quarter turn on.
-float curlEase(float turns);
+template <class F>
+inline F curlEase(F turns) {
+    const F x = select(turns < F(0.25f), F(4.0f) * turns, F(1.0f));
+    return x * x * (F(3.0f) - F(2.0f) * x);
+}
 
 /// Winds a strand round itself. `across` is the direction that its plane starts from, at the root:
 /// the scalp's own. radii [n] cm, before the profile and what is random. The root stays.

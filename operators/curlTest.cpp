@@ -1,6 +1,8 @@
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <numbers>
+#include <numeric>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include "model/polyline.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
+#include "operators/curlLanes.h"
 #include "operators/curlPoints.h"
 #include "operators/curlShape.h"
 #include "operators/strandFrames.h"
@@ -75,6 +78,50 @@ TEST(StrandFrames, StaySquareAndDoNotTurnAboutTheStrand) {
     const Vec3f dot3[] = {{1, 1, 1}, {1, 1, 1}, {1, 1, 1}};
     transportFrames(dot3, {0, 1, 0}, std::span(tangents).first(3), std::span(normals).first(3));
     EXPECT_TRUE(isFinite(normals[2]) && isFinite(tangents[2]));
+}
+
+TEST(CurlWinder, WindsStrandsSideBySideToTheBitsOfEachAlone) {
+    StrandSet set = makeTuft(
+        {.strands = 400, .pointsPerStrand = 40, .seed = 3, .uneven = true, .degenerate = true});
+    auto points = set.mutablePoints();
+    for (const std::size_t s :
+         {11u, 30u, 52u})  // a doubled point, one that is no number, a far one
+        if (set.pointCountOf(s) > 2)
+            points[set.offsets()[s] + 1] = s == 11   ? points[set.offsets()[s]]
+                                           : s == 30 ? Vec3f{std::nanf(""), 0.0f, 0.0f}
+                                                     : Vec3f{3e38f, -3e38f, 0.0f};
+    std::vector<std::uint32_t> order(set.strandCount());  // so that lanes fill up
+    std::iota(order.begin(), order.end(), 0u);
+    std::ranges::stable_sort(order, {}, [&](std::uint32_t s) { return set.pointCountOf(s); });
+    for (const CurlKind kind : {CurlKind::Helix, CurlKind::Wave, CurlKind::Zigzag})
+        for (const float spacing : {0.0f, 0.5f}) {
+            CurlSettings settings{.kind = kind, .spacingRandom = spacing};
+            settings.profile = Ramp({{0.0f, 0.2f}, {0.4f, 1.0f}, {1.0f, 0.5f}});
+            CurlWinder winder(settings, 40);
+            CurlScratch scratch;
+            scratch.reserve(40);
+            std::vector<Vec3f> wound(points.size()), alone(points.size());
+            std::vector<float> radii(points.size());
+            for (std::size_t i = 0; i < radii.size(); ++i) radii[i] = 0.01f * float(i % 70);
+            for (const std::uint32_t s : order) {
+                const std::size_t at = set.offsets()[s], n = set.pointCountOf(s);
+                if (n < 2) continue;
+                const auto own = std::span<const float>(radii).subspan(at, n);
+                const CurlDraws draws = curlDraws(settings, set.ids()[s]);
+                winder.wind(set.pointsOf(s), own, {1, 0, 0}, draws,
+                            std::span(wound).subspan(at, n));
+                curlStrand(set.pointsOf(s), own, {1, 0, 0}, draws, settings, scratch,
+                           std::span(alone).subspan(at, n));
+            }
+            winder.finish();
+            for (std::size_t i = 0; i < wound.size(); ++i)
+                for (int x = 0; x < 3; ++x)
+                    if (!std::isnan(alone[i][x]) || !std::isnan(wound[i][x])) {
+                        ASSERT_EQ(std::bit_cast<std::uint32_t>(wound[i][x]),
+                                  std::bit_cast<std::uint32_t>(alone[i][x]))
+                            << "point " << i;
+                    }
+        }
 }
 
 TEST_F(CurlTest, AskForTheSegmentsThatATurnNeeds) {

@@ -83,56 +83,7 @@ std::uint64_t joined(std::uint64_t h, std::span<const std::uint64_t> keys) {
     return h;
 }
 
-/// The bits of a number below 1024, two apart.
-std::uint32_t spreadBits(std::uint32_t x) {
-    x = (x | x << 16) & 0x030000ffu;
-    x = (x | x << 8) & 0x0300f00fu;
-    x = (x | x << 4) & 0x030c30c3u;
-    return (x | x << 2) & 0x09249249u;
-}
-
-/// All indices of `places` in the order of a Z curve through their box, so that one search begins
-/// near the last one. Places that are no numbers come last.
-std::vector<std::uint32_t> curveOrder(std::span<const Vec3f> places) {
-    Vec3f low{3e38f, 3e38f, 3e38f}, high = -low;
-    for (const Vec3f p : places) {
-        if (!isFinite(p)) continue;
-        low = componentMin(low, p);
-        high = componentMax(high, p);
-    }
-    const Vec3f size = high - low;
-    const float most = std::max({size.x, size.y, size.z});
-    const float scale = most > 0.0f && std::isfinite(most) ? 1023.0f / most : 0.0f;
-    struct Entry {
-        std::uint32_t code, index;
-    };
-    std::vector<Entry> entries(places.size()), sorted(places.size());
-    parallelRange(0, places.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i) {
-            entries[i] = {1u << 30, std::uint32_t(i)};
-            if (!isFinite(places[i])) continue;
-            const Vec3f at = (places[i] - low) * scale;
-            entries[i].code = spreadBits(std::uint32_t(at.x)) |
-                              spreadBits(std::uint32_t(at.y)) << 1 |
-                              spreadBits(std::uint32_t(at.z)) << 2;
-        }
-    });
-    constexpr int kDigit = 11;  // three passes over 31 bits
-    std::vector<std::uint32_t> starts(std::size_t(1) << kDigit);
-    for (int shift = 0; shift < 3 * kDigit; shift += kDigit) {
-        const auto digit = [&](const Entry& e) {
-            return std::size_t(e.code >> shift) & (starts.size() - 1);
-        };
-        std::fill(starts.begin(), starts.end(), 0u);
-        for (const Entry& e : entries) ++starts[digit(e)];
-        std::exclusive_scan(starts.begin(), starts.end(), starts.begin(), 0u);
-        for (const Entry& e : entries) sorted[starts[digit(e)]++] = e;
-        entries.swap(sorted);
-    }
-    std::vector<std::uint32_t> order(places.size());
-    for (std::size_t i = 0; i < order.size(); ++i) order[i] = entries[i].index;
-    return order;
-}
+constexpr std::size_t kBucketGrain = 64;
 
 /// Puts those at equal distances in the order of their ids.
 void sortTies(std::span<Neighbor> near, std::span<const std::uint32_t> strands,
@@ -146,15 +97,58 @@ void sortTies(std::span<Neighbor> near, std::span<const std::uint32_t> strands,
 
 }  // namespace
 
-/// The candidates of one group.
+/// The strands of one group, and those of them that may be neighbours.
 struct NeighborTable::Group {
     std::uint64_t key = 0;
-    std::vector<std::uint32_t> strands;
-    PointIndex index;  ///< over `strands`
+    std::vector<std::uint32_t> strands, candidates;
+    PointIndex asking, asked;  ///< `asking` is empty where all are candidates
+    const PointIndex& all() const { return asking.size() > 0 ? asking : asked; }
+};
+
+/// What takes the neighbours of a strand out of what lies near.
+struct NeighborTable::Picker {
+    const StrandSet& set;
+    std::span<const Vec3f> roots;
+    const PartLines* parts = nullptr;
+    float maxDistance = 0.0f;
+
+    /// From the nearest `wanted` candidates, of which `near` are there. False when more have to be
+    /// known: those across a part leave room, or others may lie as far as the last one taken, for
+    /// the ids to decide.
+    bool pick(std::uint32_t strand, const Group& group, std::span<Neighbor> near,
+              std::size_t wanted, std::span<std::uint32_t> out, std::size_t& kept) const {
+        sortTies(near, group.candidates, set.ids());
+        kept = 0;
+        std::size_t j = 0;
+        for (; j < near.size() && kept < out.size(); ++j) {
+            const std::uint32_t other = group.candidates[near[j].index];
+            if (other == strand || (parts && parts->separates(roots[strand], roots[other])))
+                continue;
+            out[kept++] = other;
+        }
+        if (near.size() < wanted) return true;
+        return kept == out.size() && near[j - 1].distanceSquared != near.back().distanceSquared;
+    }
+
+    /// Looks further, in growing numbers.
+    std::size_t lookOn(std::uint32_t strand, const Group& group,
+                       std::span<std::uint32_t> out) const {
+        std::array<Neighbor, kMostLooked> near;
+        for (std::size_t wanted = 2 * (out.size() + 2);;
+             wanted = std::min(2 * wanted, near.size())) {
+            const std::size_t looked =
+                group.asked.nearest(roots[strand], std::span(near).first(wanted), maxDistance);
+            std::size_t kept = 0;
+            if (pick(strand, group, std::span(near).first(looked), wanted, out, kept) ||
+                wanted == near.size())
+                return kept;
+        }
+    }
 };
 
 NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& settings)
     : count_(std::clamp<std::size_t>(settings.count, 1, kMost)) {
+    static_assert(kMost + 2 <= PointIndex::kMostTogether);
     const std::size_t n = strands.strandCount();
     const Channels channels(strands, settings);
     keys_ = keysOf(strands, channels);
@@ -165,84 +159,55 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
 
     std::vector<Vec3f> roots(n);
     for (std::size_t s = 0; s < n; ++s) roots[s] = rootOf(strands, s);
-    // Along the curve, so that trees are built from places that lie together already.
-    const std::vector<std::uint32_t> order = curveOrder(roots);
-    std::vector<bool> candidate(n, false);
-    for (const std::uint32_t s : previewStrands(strands)) candidate[s] = true;
-    struct Member {
-        std::uint64_t group;
-        std::uint32_t place, strand;
-        auto operator<=>(const Member&) const = default;
-    };
-    std::vector<Member> members;
-    members.reserve(n);
-    for (const std::uint32_t s : order)
-        if (candidate[s]) members.push_back({channels.group(s), std::uint32_t(members.size()), s});
+    std::vector<std::uint8_t> candidate(n, 0);
+    for (const std::uint32_t s : previewStrands(strands)) candidate[s] = 1;
+    std::vector<std::pair<std::uint64_t, std::uint32_t>> members(n);
+    for (std::uint32_t s = 0; s < n; ++s) members[s] = {channels.group(s), s};
     if (channels.region || channels.clump) std::sort(members.begin(), members.end());
     std::vector<Group> groups;
-    for (const Member& member : members) {
-        if (groups.empty() || groups.back().key != member.group)
-            groups.push_back({member.group, {}, {}});
-        groups.back().strands.push_back(member.strand);
+    for (const auto& [key, s] : members) {
+        if (groups.empty() || groups.back().key != key) groups.push_back({.key = key});
+        groups.back().strands.push_back(s);
+        if (candidate[s]) groups.back().candidates.push_back(s);
     }
     parallelRange(0, groups.size(), 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t g = begin; g < end; ++g) {
-            std::vector<Vec3f> places;
-            places.reserve(groups[g].strands.size());
-            for (const std::uint32_t s : groups[g].strands) places.push_back(roots[s]);
-            groups[g].index = PointIndex(places);
+        std::vector<Vec3f> places;
+        const auto indexOf = [&](std::span<const std::uint32_t> listed) {
+            places.clear();
+            for (const std::uint32_t s : listed) places.push_back(roots[s]);
+            return PointIndex(places);
+        };
+        for (Group& group : std::span(groups).subspan(begin, end - begin)) {
+            group.asked = indexOf(group.candidates);
+            if (group.candidates.size() < group.strands.size())
+                group.asking = indexOf(group.strands);
         }
     });
 
-    parallelRange(0, n, kStrandGrain, [&](std::size_t begin, std::size_t end) {
-        std::array<Neighbor, kMostLooked> near;
-        const Group* group = nullptr;
-        // The last search of the group, when it found all that it looked for: as many lie within
-        // its reach, so as many lie within that and the step from there to here.
-        Vec3f lastRoot;
-        float lastReach = -1.0f;
-        for (std::size_t i = begin; i < end; ++i) {
-            const std::uint32_t s = order[i];
-            const std::uint64_t key = channels.group(s);
-            if (!group || group->key != key) {
-                const auto at = std::lower_bound(
-                    groups.begin(), groups.end(), key,
-                    [](const Group& g, std::uint64_t wanted) { return g.key < wanted; });
-                if (at == groups.end() || at->key != key) continue;
-                group = &*at;
-                lastReach = -1.0f;
+    struct Job {
+        std::uint32_t group, bucket;
+    };
+    std::vector<Job> jobs;
+    for (std::uint32_t g = 0; g < groups.size(); ++g)
+        for (std::uint32_t b = 0; b < groups[g].all().bucketCount(); ++b) jobs.push_back({g, b});
+    const Picker picker{strands, roots, parts, settings.maxDistance};
+    parallelRange(0, jobs.size(), kBucketGrain, [&](std::size_t begin, std::size_t end) {
+        PointIndex::BucketNeighbors near;
+        // Itself is mostly among them, and one more tells whether others lie as far as the last.
+        const std::size_t wanted = count_ + 2;
+        for (const Job job : std::span(jobs).subspan(begin, end - begin)) {
+            const Group& group = groups[job.group];
+            group.asked.nearestToBucket(group.all(), job.bucket, wanted, settings.maxDistance,
+                                        near);
+            for (std::size_t q = 0; q < near.points; ++q) {
+                const std::uint32_t s = group.strands[near.index[q]];
+                const std::span<std::uint32_t> to(neighbors_.data() + s * count_, count_);
+                const std::span<Neighbor> found = std::span(near.near[q]).first(near.found[q]);
+                std::size_t kept = 0;
+                if (!picker.pick(s, group, found, wanted, to, kept))
+                    kept = picker.lookOn(s, group, to);
+                found_[s] = std::uint8_t(kept);
             }
-            std::uint32_t* const to = neighbors_.data() + s * count_;
-            // Itself is mostly among them, and one more tells whether others lie as far as the
-            // last.
-            const std::size_t first = count_ + 2;
-            std::size_t wanted = first, kept = 0;
-            while (true) {
-                float reach = settings.maxDistance;
-                if (wanted == first && lastReach >= 0.0f)
-                    reach = std::min(reach,
-                                     (lastReach + distance(lastRoot, roots[s])) * 1.0001f + 1e-30f);
-                const std::size_t looked =
-                    group->index.nearest(roots[s], std::span(near).first(wanted), reach);
-                if (wanted == first && looked == wanted) {
-                    lastRoot = roots[s];
-                    lastReach = std::sqrt(near[looked - 1].distanceSquared);
-                }
-                sortTies(std::span(near).first(looked), group->strands, strands.ids());
-                kept = 0;
-                std::size_t j = 0;
-                for (; j < looked && kept < count_; ++j) {
-                    const std::uint32_t other = group->strands[near[j].index];
-                    if (other == s || (parts && parts->separates(roots[s], roots[other]))) continue;
-                    to[kept++] = other;
-                }
-                // All that lies as far as the last one taken must be known, for the ids to decide.
-                const bool tied = j > 0 && looked > 0 &&
-                                  near[j - 1].distanceSquared == near[looked - 1].distanceSquared;
-                if (looked < wanted || wanted == near.size() || (kept == count_ && !tied)) break;
-                wanted = std::min(2 * wanted, near.size());
-            }
-            found_[s] = std::uint8_t(kept);
         }
     });
 }

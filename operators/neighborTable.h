@@ -50,6 +50,7 @@ public:
 
 private:
     struct Group;
+    struct Picker;
 
     std::size_t count_ = 0;
     std::vector<std::uint32_t> neighbors_;  ///< [strands][count_]

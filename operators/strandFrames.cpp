@@ -2,15 +2,14 @@
 
 #include <cstddef>
 
+#include "operators/frameLanes.h"
 #include "operators/rootFrame.h"
 
 namespace corvelle {
 
 namespace {
 
-constexpr float kTinySquared = 1e-24f;  ///< cm^2: shorter steps say nothing of a direction
-
-constexpr std::size_t kSettle = 16;
+Wide3<float> wide(Vec3f v) { return {v.x, v.y, v.z}; }
 
 Vec3f squareTo(Vec3f v, Vec3f unit) {
     const Vec3f laid = laidOnto(v, unit);
@@ -19,12 +18,18 @@ Vec3f squareTo(Vec3f v, Vec3f unit) {
 
 }  // namespace
 
+void rootDirections(std::span<const Vec3f> points, Vec3f rootNormal, Vec3f& tangent,
+                    Vec3f& normal) {
+    tangent = firstDirection(points);
+    if (tangent == Vec3f{}) tangent = {0.0f, 1.0f, 0.0f};
+    normal = squareTo(rootNormal, tangent);
+}
+
 void transportFrames(std::span<const Vec3f> points, Vec3f rootNormal, std::span<Vec3f> tangents,
                      std::span<Vec3f> normals) {
     const std::size_t n = points.size();
-    Vec3f tangent = firstDirection(points);
-    if (tangent == Vec3f{}) tangent = {0.0f, 1.0f, 0.0f};
-    Vec3f normal = squareTo(rootNormal, tangent);
+    Vec3f tangent, normal;
+    rootDirections(points, rootNormal, tangent, normal);
     tangents[0] = tangent;
     normals[0] = normal;
     for (std::size_t i = 1; i < n; ++i) {
@@ -32,23 +37,16 @@ void transportFrames(std::span<const Vec3f> points, Vec3f rootNormal, std::span<
         const float stepSquared = lengthSquared(step);
         const Vec3f across = i + 1 < n ? points[i + 1] - points[i - 1] : step;
         const float acrossSquared = lengthSquared(across);
-        if (stepSquared > kTinySquared && acrossSquared > kTinySquared) {
+        if (stepSquared > kTinyStepSquared && acrossSquared > kTinyStepSquared) {
             const Vec3f after = across * (1.0f / std::sqrt(acrossSquared));
-            // Mirrored in the plane half way along the step, then in the one that makes the
-            // mirrored tangent the new one.
-            const float first = 2.0f / stepSquared;
-            const Vec3f mirrored = normal - step * (first * dot(step, normal));
-            const Vec3f turn = after - (tangent - step * (first * dot(step, tangent)));
-            const float turnSquared = lengthSquared(turn);
-            Vec3f next = mirrored;
-            if (turnSquared > 1e-12f)
-                next = mirrored - turn * (2.0f / turnSquared * dot(turn, mirrored));
-            // Mirroring keeps lengths and angles; what rounding adds up to is taken away now and
-            // then, not at every point, since each point has to wait for the one before it.
-            if (i % kSettle == 0) {
+            const Wide3<float> turned =
+                reflectedNormal(wide(step), stepSquared, wide(after), wide(tangent), wide(normal));
+            Vec3f next{turned.x, turned.y, turned.z};
+            if (i % kSettleEvery == 0) {
                 next = next - after * dot(next, after);
                 const float size = lengthSquared(next);
-                next = size > 1e-8f ? next * (1.0f / std::sqrt(size)) : squareTo(normal, after);
+                next = size > kTinySideSquared ? next * (1.0f / std::sqrt(size))
+                                               : squareTo(normal, after);
             }
             normal = next;
             tangent = after;

@@ -21,4 +21,7 @@ namespace corvelle {
 void transportFrames(std::span<const Vec3f> points, Vec3f rootNormal, std::span<Vec3f> tangents,
                      std::span<Vec3f> normals);
 
+/// The tangent and the normal at the root, as transportFrames begins.
+void rootDirections(std::span<const Vec3f> points, Vec3f rootNormal, Vec3f& tangent, Vec3f& normal);
+
 }  // namespace corvelle

@@ -359,7 +359,7 @@ TEST_F(DenseTest, RenderIsFullWhateverThePreviewWas) {
     thin.density = 0.3f;
     groom.evaluate(thin);
     const EvaluationResult preview = groom.result();
-    groom.evaluate({.density = 0.3f, .pointBudget = 100});
+    groom.evaluate({.pointBudget = 100});
     EXPECT_GT(groom.result().strands->strandCount(), 2 * preview.strands->strandCount());
     EXPECT_GT(groom.result().serial, preview.serial);
     groom.evaluate(thin);

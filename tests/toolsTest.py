@@ -557,7 +557,8 @@ class LongRunTest(Sculpting):
         for _ in range(rng.randrange(4)):
             x, y = x + rng.uniform(-20, 20), y + rng.uniform(-20, 20)
             points.append([x, y])
-        return ("stroke", {"tool": rng.choice(self.TOOLS), "radius": rng.choice([20, 60, 150]), "points": points,
+        tool = "erase" if rng.random() < 0.003 else rng.choice(self.TOOLS)  # few: what is gone cannot be brushed
+        return ("stroke", {"tool": tool, "radius": rng.choice([20, 60, 150]), "points": points,
                            "ctrl": rng.random() < 0.2})
 
     def memory(self):

@@ -116,7 +116,8 @@ def make_head(rings: int = 64, segments: int = 96) -> Mesh:
         [u0, u1, (u0 + u1) / 2], [1.0 / rings, 1.0 / rings, 0.0])
 
     faceIndices = np.concatenate(indices).astype(np.int32)
-    mask = scalp_mask(directions).astype(np.float32)[faceIndices]
+    # A hairline, but no lone hairs below it.
+    mask = np.clip(1.25 * scalp_mask(directions) - 0.25, 0.0, 1.0).astype(np.float32)[faceIndices]
     color = np.stack([mask, mask, mask, np.ones_like(mask)], axis=1)
     return Mesh(points, np.concatenate(counts), faceIndices, np.concatenate(uvs).astype(np.float32), {"scalp": color})
 

@@ -55,7 +55,6 @@ EXAMPLES: Dict[str, Example] = {
     "Clump": Example({"count": 160, "strength": 0.9}),
     "Collide": Example({}, (("Gravity", {"strength": 0.9, "direction": [0.6, -0.4, 0.7]}),), wires={"scalp": ("Scalp", {})}),
     "Comb": Example({"direction": [0, 0, -1], "strength": 0.7}),
-    "Compound": Example(),
     "Cull": Example({"keep": {"expression": "x > 0 ? 1 : 0.25"}}),
     "Curl": Example({"radius": 0.8, "frequency": 0.25, "coherence": "clump"}, (FINE, LOCKS)),
     "Control": Example({"name": "darkness", "default": 0.9}, drives=("color", "melanin")),

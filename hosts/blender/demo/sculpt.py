@@ -43,8 +43,8 @@ RECORDED: List[Tuple[str, Dict[str, Any], List[Tuple[float, float]], Dict[str, b
     ("length", {"radius": 90, "strength": -1.0}, DOWN, {}),
     ("erase", {"radius": 30}, ACROSS[3:6], {}),
     ("paint", {"radius": 90, "attribute": "painted", "paintKind": "vertices", "value": 0.0}, ACROSS, {}),
-    ("width", {"radius": 90, "strength": 1.0}, ACROSS, {"ctrl": True}),
-    ("density", {"radius": 60, "strength": 1.0}, DOWN, {"ctrl": True}),
+    ("width", {"radius": 90, "strength": 1.0, "value": 1.0}, ACROSS, {"ctrl": True}),
+    ("density", {"radius": 60, "strength": 1.0, "value": 1.0}, DOWN, {"ctrl": True}),
     ("freeze", {"radius": 60}, DOWN, {}),
 ]
 
@@ -61,7 +61,7 @@ def _camera() -> Dict[str, Any]:
     return make_view(np.eye(4), matrix, WIDTH, HEIGHT)
 
 
-def _picture(session: Session, mesh: Any) -> np.ndarray:
+def _seen(session: Session) -> Hair:
     """The hair, and the lines that a viewport would draw over it."""
     answer = keep(session.evaluate(mode="render", attributes=["color"]))
     for text in answer["errors"]:
@@ -77,8 +77,11 @@ def _picture(session: Session, mesh: Any) -> np.ndarray:
         positions.append(points)
         colors.append(each[::2].astype(np.float32))
         offsets = np.concatenate([offsets, offsets[-1] + 2 * np.arange(1, len(points) // 2 + 1)])
-    hair = Hair(np.concatenate(positions), offsets, np.concatenate(colors))
-    return draw(hair, (mesh.points, mesh.triangles()), [LOOK], WIDTH, HEIGHT)
+    return Hair(np.concatenate(positions), offsets, np.concatenate(colors))
+
+
+def _same(a: Hair, b: Hair) -> bool:
+    return all(np.array_equal(x, y) for x, y in ((a.positions, b.positions), (a.offsets, b.offsets), (a.colors, b.colors)))
 
 
 def sculpt(helper_path: str, folder: str) -> int:
@@ -95,18 +98,21 @@ def sculpt(helper_path: str, folder: str) -> int:
         session.map_create("painted", "vertices")
         view = _camera()
         for number, (tool, settings, line, held) in enumerate(RECORDED, 1):
-            before = _picture(session, mesh)
+            if tool == "density":  # a colour set drives it so far, and that cannot be painted
+                session.set_param("scatter", "density", STRANDS / 1400.0)
+            before = _seen(session)
             session.tool_set(tool, **settings)
             pixels = [[x * WIDTH, y * HEIGHT] for x, y in line]
             answer = session.stroke(pixels, view=view, **held)
-            done = bool(answer.get("committed"))
-            failed += not done
-            after = _picture(session, mesh)
+            failed += not answer.get("committed")
+            after = _seen(session)
+            surface = (mesh.points, mesh.triangles())
             path = str(Path(folder) / f"{number:02}_{tool}.png")
-            write_png(path, np.concatenate([before, after], axis=1))
+            write_png(path, np.concatenate([draw(hair, surface, [LOOK], WIDTH, HEIGHT) for hair in (before, after)], axis=1))
             told = ", ".join(answer.get("stroke", [])) or "nothing"
             print(f"  {path}: changed {told}" + "".join("; " + text for text in answer["warnings"]))
             session.undo()
-            assert np.array_equal(_picture(session, mesh), before), f"{tool}: undo left something behind"
-            session.redo()
+            if not _same(_seen(session), before):
+                print(f"  {tool}: undo left something behind")
+                failed += 1
     return 1 if failed else 0
