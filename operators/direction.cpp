@@ -121,9 +121,9 @@ public:
                                inclinationRandom * drawSigned(inclinationBase, id);
             const float around =
                 std::clamp(rolls[k], -180.0f, 180.0f) + rollRandom * drawSigned(rollBase, id);
-            const RootFrame frame = rootFrame(scalp.get(), in.roots()[s], first);
+            const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], first);
             const Vec3f target =
-                leanDirection(frame.y, rollZero(in.roots()[s], frame),
+                leanDirection(normal, rollZero(in.roots()[s], normal, first),
                               std::clamp(lean, 0.0f, 90.0f) * kRadians, around * kRadians);
             placements.set(k, shareOfTurn(first, target, share), points[0]);
         }
@@ -135,11 +135,13 @@ public:
     }
 
 private:
-    /// Where roll 0 points: the frame's own x where the direction says nothing.
-    Vec3f rollZero(const StrandRoot& root, const RootFrame& frame) const {
-        if (alongTangent && !(rootTangent(scalp.get(), root) == Vec3f{})) return frame.x;
-        const Vec3f laid = laidOnto(direction, frame.y);
-        return laid == Vec3f{} ? frame.x : laid;
+    /// Where roll 0 points: the root frame's own x where the direction says nothing.
+    Vec3f rollZero(const StrandRoot& root, Vec3f normal, Vec3f first) const {
+        if (alongTangent)
+            if (const Vec3f tangent = rootTangent(scalp.get(), root); !(tangent == Vec3f{}))
+                return tangent;
+        const Vec3f laid = laidOnto(direction, normal);
+        return laid == Vec3f{} ? rootFrame(scalp.get(), root, first).x : laid;
     }
 };
 

@@ -24,12 +24,11 @@ Vec3f chordDirection(std::span<const Vec3f> points) {
     return chord == Vec3f{} ? firstDirection(points) : chord;
 }
 
-/// The turn that lays a unit chord: see layStrand.
-Rotation turnToLay(Vec3f chord, Vec3f normal, Vec3f way, float lift) {
+/// The turn that lays a unit chord: see layStrand. `heading` is the chord laid onto the surface.
+inline Rotation turnToLay(Vec3f chord, Vec3f heading, Vec3f normal, Vec3f way, float lift) {
     // Two frames of the chord, the upright direction beside it and what is square to both. A chord
     // along the normal has no heading: it is tipped the straight way.
     const float sine = std::clamp(dot(chord, normal), -1.0f, 1.0f);
-    Vec3f heading = laidOnto(chord, normal);
     if (heading == Vec3f{}) heading = way;
     const Vec3f up = normalized(normal * std::sqrt(1.0f - sine * sine) - heading * sine);
     const Vec3f across = cross(chord, up);
@@ -51,7 +50,8 @@ void layStrand(std::span<const Vec3f> points, Vec3f normal, Vec3f way, float lif
     if (chord == Vec3f{})
         std::copy(points.begin(), points.end(), out.begin());
     else
-        placeStrand(points, 1.0f, turnToLay(chord, normal, way, lift), points[0], out);
+        placeStrand(points, 1.0f, turnToLay(chord, laidOnto(chord, normal), normal, way, lift),
+                    points[0], out);
 }
 
 namespace {
@@ -103,7 +103,8 @@ public:
             if (stays[k]) continue;
             const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], firstDirection(points));
             Vec3f way = flow ? flow->at(points[0], normal) : Vec3f{};
-            if (way == Vec3f{}) way = laidOnto(chord, normal);
+            const Vec3f heading = laidOnto(chord, normal);
+            if (way == Vec3f{}) way = heading;
             if (way == Vec3f{}) {  // it stands upright, and nothing says where to
                 stays[k] = true;
                 continue;
@@ -113,7 +114,8 @@ public:
                 way = normalized(way * std::cos(roll) + cross(normal, way) * std::sin(roll));
             }
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
-            placements.set(k, turnToLay(chord, normal, way, degrees * kRadians), points[0]);
+            placements.set(k, turnToLay(chord, heading, normal, way, degrees * kRadians),
+                           points[0]);
         }
         placements.apply(in, strands, out.points);
         for (std::size_t k = 0; k < strands.size(); ++k)
