@@ -163,7 +163,9 @@ Json recordJson(const Record& record, const Rows& fields) {
 
 template <class Record, class Rows>
 void applyRecord(Record& record, const Rows& fields, const Json& values, std::string_view unknown) {
-    for (const auto& [key, value] : values.items()) {
+    for (const auto& entry : values.items()) {
+        const std::string& key = entry.key();
+        const Json& value = entry.value();
         const auto field =
             std::ranges::find_if(fields, [&](const auto& row) { return key == row.key; });
         if (field == fields.end())
