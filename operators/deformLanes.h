@@ -350,6 +350,20 @@ CORVELLE_LANES_TARGET inline void placeLanes(const PlaceJob& job, std::size_t fi
     eachPlaceGroup<F, PlaceJob>(placeGroup<F>, job, first, count, n, scratch);
 }
 
+template <class F>
+LaneKernels kernelsOver() {
+    return {.lanes = F::kLanes,
+            .resample = resampleLanes<F>,
+            .trim = trimLanes<F>,
+            .widths = widthLanes<F>,
+            .turn = turnLanes<F>,
+            .step = stepLanes<F>,
+            .smooth = smoothLanes<F>,
+            .place = placeLanes<F>,
+            .heading = headingLanes<F>,
+            .bend = bendLanes<F>};
+}
+
 }  // namespace
 
 }  // namespace corvelle
