@@ -311,6 +311,12 @@ CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, cons
         for (std::size_t l = 0; l < F::kLanes; ++l) {
             const std::size_t place = first + (k + l < count ? k + l : count - 1);
             const std::uint64_t start = 3 * job.points.offsets[job.points.strands[place]];
+            if (k + l + F::kLanes < count) {
+                const std::uint64_t next =
+                    3 * job.points.offsets[job.points.strands[place + F::kLanes]];
+                fetchFloats(job.points.from + next, 3 * n);
+                fetchFloats(job.points.to + next, 3 * n);
+            }
             group.places[l] = place;
             group.from[l] = job.points.from + start;
             group.to[l] = job.points.to + start;
