@@ -311,6 +311,12 @@ CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, cons
         for (std::size_t l = 0; l < F::kLanes; ++l) {
             const std::size_t place = first + (k + l < count ? k + l : count - 1);
             const std::uint64_t start = 3 * job.points.offsets[job.points.strands[place]];
+            if (k + l + F::kLanes < count) {
+                const std::uint64_t next =
+                    3 * job.points.offsets[job.points.strands[place + F::kLanes]];
+                fetchFloats(job.points.from + next, 3 * n);
+                fetchFloats(job.points.to + next, 3 * n);
+            }
             group.places[l] = place;
             group.from[l] = job.points.from + start;
             group.to[l] = job.points.to + start;
@@ -348,6 +354,20 @@ template <class F>
 CORVELLE_LANES_TARGET inline void placeLanes(const PlaceJob& job, std::size_t first,
                                              std::size_t count, std::size_t n, float* scratch) {
     eachPlaceGroup<F, PlaceJob>(placeGroup<F>, job, first, count, n, scratch);
+}
+
+template <class F>
+LaneKernels kernelsOver() {
+    return {.lanes = F::kLanes,
+            .resample = resampleLanes<F>,
+            .trim = trimLanes<F>,
+            .widths = widthLanes<F>,
+            .turn = turnLanes<F>,
+            .step = stepLanes<F>,
+            .smooth = smoothLanes<F>,
+            .place = placeLanes<F>,
+            .heading = headingLanes<F>,
+            .bend = bendLanes<F>};
 }
 
 }  // namespace

@@ -96,8 +96,13 @@ using LaneDeform = void (*)(const Job& job, std::size_t first, std::size_t count
                             float* scratch);
 
 /// `strands` [count] of n >= 2 points; `numbers` [count]: the shares, or widths. Deforms take the
-/// places `first` on instead. Scratch [8 * kLaneScratchPerPoint * n], 32-byte aligned.
+/// places `first` on instead. Scratch [lanes * kLaneScratchPerPoint * n], for `resample`
+/// [lanes * laneScratch], aligned for all lanes at once.
 struct LaneKernels {
+    std::size_t lanes = 0;  ///< strands side by side
+    /// Strands of n points each to m each.
+    void (*resample)(const SplineJob& job, const std::uint32_t* strands, std::size_t count,
+                     std::size_t n, std::size_t m, float* scratch) = nullptr;
     void (*trim)(const TrimJob& job, const std::uint32_t* strands, const float* numbers,
                  std::size_t count, std::size_t n, float* scratch) = nullptr;
     void (*widths)(const WidthJob& job, const std::uint32_t* strands, const float* numbers,
@@ -110,12 +115,16 @@ struct LaneKernels {
     LaneDeform<BendJob> bend = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
+inline constexpr std::size_t kMostLanes = 16;
+inline constexpr std::size_t kLaneAlignment = kMostLanes * sizeof(float);  ///< bytes
 /// More keys are cheaper one strand after the other.
 inline constexpr std::size_t kMostLaneKeys = 8;
 
-/// The widest ones that the processor takes; `lanes` asks for others.
+/// The widest ones that the processor takes; `lanes` asks for others, and gets fewer lanes where it
+/// does not take them.
 const LaneKernels& laneKernels(SplineLanes lanes = SplineLanes::Widest);
-/// Eight strands side by side; null where processor or compiler cannot.
+/// Eight strands side by side, and sixteen; null where processor or compiler cannot.
 const LaneKernels* laneKernelsAvx2();
+const LaneKernels* laneKernelsAvx512();
 
 }  // namespace corvelle

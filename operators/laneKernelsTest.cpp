@@ -18,6 +18,9 @@
 namespace corvelle {
 namespace {
 
+/// Those that this processor does not take come as narrower ones.
+constexpr SplineLanes kWidths[] = {SplineLanes::Four, SplineLanes::Eight, SplineLanes::Sixteen};
+
 /// Strands of n points, some with points on top of one another, some of no length at all.
 StrandSet strandsOf(std::size_t n, std::uint64_t seed) {
     StrandSet set =
@@ -53,7 +56,7 @@ TEST_P(LaneKernelsTest, TrimWithTheBitsOfOneStrandAlone) {
     std::vector<Vec3f> wanted(set.pointCount());
     for (const std::uint32_t s : all)
         trimStrand(set.pointsOf(s), shares[s], std::span(wanted).subspan(s * n, n));
-    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+    for (const SplineLanes lanes : kWidths) {
         std::vector<Vec3f> out(set.pointCount());
         const TrimJob job{&set.points()[0].x, &out[0].x, set.offsets().data()};
         LaneScratch scratch;
@@ -81,7 +84,7 @@ TEST_P(LaneKernelsTest, WidenWithTheBitsOfOneStrandAlone) {
             values.push_back(value);
         }
         const std::vector<float> slopes = rampSlopes(profile.keys());
-        for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+        for (const SplineLanes lanes : kWidths) {
             std::vector<float> out(set.pointCount());
             const WidthJob job{&set.points()[0].x,
                                out.data(),
@@ -148,7 +151,7 @@ TEST_P(LaneKernelsTest, TurnWithTheBitsOfOneStrandAlone) {
                     turnSegments(set.pointsOf(s), directions[s], {&strengths[s], 1}, out);
                 }
             }
-            for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+            for (const SplineLanes lanes : kWidths) {
                 std::vector<std::uint8_t> again(all.size());
                 std::vector<Vec3f> out = deformed<TurnJob>(set, all, laneKernels(lanes).turn,
                                                            {{},
@@ -187,7 +190,7 @@ TEST_P(LaneKernelsTest, StepWithTheBitsOfOneStrandAlone) {
         for (std::size_t i = 1; i < n; ++i) wanted[s * n + i] = points[i] + step * amounts[i];
     }
     const LaneRamp rise(kRise);
-    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+    for (const SplineLanes lanes : kWidths)
         EXPECT_EQ(
             deformed<StepJob>(set, all, laneKernels(lanes).step, {{}, steps.data(), rise.keys()}),
             wanted);
@@ -209,7 +212,7 @@ TEST_P(LaneKernelsTest, SmoothWithTheBitsOfOneStrandAlone) {
             }
             smoothStrand(set.pointsOf(s), amounts, 3, before, std::span(wanted).subspan(s * n, n));
         }
-        for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+        for (const SplineLanes lanes : kWidths)
             EXPECT_EQ(
                 deformed<SmoothJob>(set, all, laneKernels(lanes).smooth,
                                     {{}, strengths.data(), profiled ? rise.keys() : RampKeys{}, 3}),
@@ -229,7 +232,7 @@ TEST_P(LaneKernelsTest, PlaceWithTheBitsOfOneStrandAlone) {
             places.insert(places.end(), {row.x, row.y, row.z});
         placeStrand(set.pointsOf(s), 1.0f, turn, root, std::span(wanted).subspan(s * n, n));
     }
-    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight})
+    for (const SplineLanes lanes : kWidths)
         EXPECT_EQ(deformed<PlaceJob>(set, all, laneKernels(lanes).place, {{}, places.data()}),
                   wanted);
 }
@@ -250,7 +253,7 @@ TEST_P(LaneKernelsTest, BendWithTheBitsOfOneStrandAlone) {
             wantedHeadings.insert(wantedHeadings.end(), {heading.x, heading.y, heading.z, 0.0f});
             bendStrand(points, shares, span, axis, angle, std::span(wanted).subspan(s * n, n));
         }
-        for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight}) {
+        for (const SplineLanes lanes : kWidths) {
             std::vector<float> headings(4 * all.size(), -1.0f);
             deformed<HeadingJob>(set, all, laneKernels(lanes).heading,
                                  {{}, span.start, headings.data()});

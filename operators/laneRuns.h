@@ -16,9 +16,9 @@ namespace corvelle {
 class LaneScratch {
 public:
     float* of(std::size_t n) {
-        const std::size_t floats = kLanes * kLaneScratchPerPoint * n;
+        const std::size_t floats = kMostLanes * kLaneScratchPerPoint * n;
         if (floats <= onStack_.size()) return onStack_.data();
-        constexpr std::size_t kAlignment = 32 / sizeof(float);
+        constexpr std::size_t kAlignment = kLaneAlignment / sizeof(float);
         if (onHeap_.size() < floats + kAlignment) onHeap_.resize(floats + kAlignment);
         const auto past =
             (reinterpret_cast<std::uintptr_t>(onHeap_.data()) / sizeof(float)) % kAlignment;
@@ -26,8 +26,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLanes = 8;
-    alignas(32) std::array<float, kLanes * kLaneScratchPerPoint * 32> onStack_;
+    alignas(kLaneAlignment) std::array<float, kMostLanes * kLaneScratchPerPoint * 32> onStack_;
     std::vector<float> onHeap_;
 };
 

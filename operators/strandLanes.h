@@ -138,6 +138,15 @@ CORVELLE_LANES_TARGET inline void widthsAcross(const WidthJob& job, const std::u
     scatterLanes(shares, n, to);
 }
 
+inline void fetchStrand(const TrimJob& job, std::uint32_t strand, std::size_t n) {
+    fetchFloats(job.from + 3 * job.offsets[strand], 3 * n);
+    fetchFloats(job.to + 3 * job.offsets[strand], 3 * n);
+}
+inline void fetchStrand(const WidthJob& job, std::uint32_t strand, std::size_t n) {
+    fetchFloats(job.points + 3 * job.offsets[strand], 3 * n);
+    fetchFloats(job.to + job.offsets[strand], n);
+}
+
 /// All of the strands, kLanes at a time; a last one fills up the lanes left over.
 template <class F, class Job>
 CORVELLE_LANES_TARGET inline void eachGroup(void (*across)(const Job&, const std::uint32_t*,
@@ -149,6 +158,7 @@ CORVELLE_LANES_TARGET inline void eachGroup(void (*across)(const Job&, const std
     float values[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         for (std::size_t l = 0; l < F::kLanes; ++l) {
+            if (k + l + F::kLanes < count) fetchStrand(job, strands[k + l + F::kLanes], n);
             const std::size_t at = k + l < count ? k + l : count - 1;
             group[l] = strands[at];
             values[l] = numbers[at];

@@ -1,5 +1,3 @@
-#include "operators/splineLanesAvx2.h"
-
 #include "operators/laneKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
@@ -107,14 +105,8 @@ CORVELLE_AVX2 inline void storeAcross(const Float8* in, float* const* to) {
 
 }  // namespace
 
-SplineLanesFunction splineLanesAvx2() {
-    return __builtin_cpu_supports("avx2") ? resampleLanes<Float8> : nullptr;
-}
-
 const LaneKernels* laneKernelsAvx2() {
-    static const LaneKernels kernels{trimLanes<Float8>,    widthLanes<Float8>,  turnLanes<Float8>,
-                                     stepLanes<Float8>,    smoothLanes<Float8>, placeLanes<Float8>,
-                                     headingLanes<Float8>, bendLanes<Float8>};
+    static const LaneKernels kernels = kernelsOver<Float8>();
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
@@ -124,7 +116,6 @@ const LaneKernels* laneKernelsAvx2() {
 
 namespace corvelle {
 
-SplineLanesFunction splineLanesAvx2() { return nullptr; }
 const LaneKernels* laneKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
