@@ -1,8 +1,7 @@
 #include "operators/laneKernels.h"
 
 #include "model/simd4.h"
-#include "operators/deformLanes.h"
-#include "operators/strandLanes.h"
+#include "operators/laneTable.h"
 
 namespace corvelle {
 

@@ -47,8 +47,11 @@ struct LanePoints {
 /// Turns segments toward a direction: see turnSegments.
 struct TurnJob {
     LanePoints points;
-    /// 4 a place: the unit direction, or zeros, and the strength: 0 to 1, or any with a profile.
+    /// 4 a place: the direction, of any length, and the strength: 0 to 1, or any with a profile.
     const float* toward = nullptr;
+    /// 4 a place: the normal to lay it square to, and one unused; null: as it is. See
+    /// laidOnSurface.
+    const float* normals = nullptr;
     bool straighten = false;  ///< toward the strand's own chord instead: see straightenStrand
     RampKeys profile;         ///< of the strength: see segmentShares; no keys: the same everywhere
     /// [places] 1 for a strand that takes the scalar form: what was written of it is not its
@@ -71,24 +74,45 @@ struct SmoothJob {
     int passes = 0;
 };
 
-/// The direction of each strand where its bend starts: see bendDirection.
-struct HeadingJob {
-    LanePoints points;          ///< `to` is left alone
-    float start = 0.0f;         ///< share of the length
-    float* headings = nullptr;  ///< 4 a place: x, y, z, unused
-};
-
-/// Bends: see bendStrand.
+/// Bends: see bendToward, bendStrand.
 struct BendJob {
     LanePoints points;
-    const float* bends = nullptr;  ///< 4 a place: the unit axis, the angle
+    const float* bends = nullptr;  ///< 4 a place: toward where, unit or zeros; the angle
     float start = 0.0f, perShare = 1.0f;
+    /// From the scalp: toward where is its normal (zeros: the strand's own direction), and no bend
+    /// passes it or the tangent plane.
+    bool limited = false;
 };
 
-/// Puts the root somewhere and the other points where a matrix takes them from the old root.
-struct PlaceJob {
+// Setting strands about their roots as a whole. `numbers` are kNumbers a place; normals and
+// tangents in them are the scalp's at the root, unit, or zeros where it has none: see rootFrame.
+// Angles are radians from -pi to pi.
+
+/// See the Direction node.
+struct LeanJob {
+    static constexpr std::size_t kNumbers = 12;
     LanePoints points;
-    const float* places = nullptr;  ///< 12 a place: the matrix by rows, the root
+    /// Normal, inclination; tangent, roll; share of the turn, three unused.
+    const float* numbers = nullptr;
+    float direction[3] = {0.0f, 0.0f, 0.0f};
+    bool alongTangent = false;  ///< roll 0 points along the tangent rather than the direction
+};
+
+/// See layStrand.
+struct LayJob {
+    static constexpr std::size_t kNumbers = 8;
+    LanePoints points;
+    /// Normal, lift; way along the surface, unit, or zeros for the strand's own, and a roll off it.
+    const float* numbers = nullptr;
+};
+
+/// Scales and turns about the root, and moves it: see turnInFrame.
+struct TransformJob {
+    static constexpr std::size_t kNumbers = 16;
+    LanePoints points;
+    /// Normal, scale; tangent, unused; angles about x, y and z, unused; the move, unused.
+    const float* numbers = nullptr;
+    bool world = false;  ///< about the world's axes, and the move is where the root goes
 };
 
 template <class Job>
@@ -110,9 +134,10 @@ struct LaneKernels {
     LaneDeform<TurnJob> turn = nullptr;
     LaneDeform<StepJob> step = nullptr;
     LaneDeform<SmoothJob> smooth = nullptr;
-    LaneDeform<PlaceJob> place = nullptr;
-    LaneDeform<HeadingJob> heading = nullptr;
     LaneDeform<BendJob> bend = nullptr;
+    LaneDeform<LeanJob> lean = nullptr;
+    LaneDeform<LayJob> lay = nullptr;
+    LaneDeform<TransformJob> transform = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
 inline constexpr std::size_t kMostLanes = 16;

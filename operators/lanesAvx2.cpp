@@ -10,8 +10,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx2")))
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
-#include "operators/deformLanes.h"
-#include "operators/strandLanes.h"
+#include "operators/laneTable.h"
 
 namespace corvelle {
 

@@ -14,8 +14,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx512f,avx512dq")))
 #define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq"), always_inline))
 
-#include "operators/deformLanes.h"
-#include "operators/strandLanes.h"
+#include "operators/laneTable.h"
 
 namespace corvelle {
 
