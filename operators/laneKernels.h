@@ -91,6 +91,19 @@ struct PlaceJob {
     const float* places = nullptr;  ///< 12 a place: the matrix by rows, the root
 };
 
+/// Pulls points toward places on the axes of the strands' clumps: see StrandPuller.
+struct PullJob {
+    LanePoints points;
+    /// 8 floats a point of an axis: see ClumpAxes::Point. Behind the last of each stands one more,
+    /// of an arc that nothing is at or past.
+    const float* axes = nullptr;
+    const std::size_t* axisOffsets = nullptr;  ///< [axes + 1], in points
+    std::size_t mostAxisPoints = 0;
+    const std::uint32_t* axisOf = nullptr;  ///< [places]
+    const float* strengths = nullptr;       ///< [places], 0 and up
+    RampKeys profile;                       ///< of the strength, 0 and up
+    bool straight = false;                  ///< the profile is a straight line, its keys at 0 and 1
+};
 template <class Job>
 using LaneDeform = void (*)(const Job& job, std::size_t first, std::size_t count, std::size_t n,
                             float* scratch);
@@ -108,8 +121,13 @@ struct LaneKernels {
     LaneDeform<PlaceJob> place = nullptr;
     LaneDeform<HeadingJob> heading = nullptr;
     LaneDeform<BendJob> bend = nullptr;
+    LaneDeform<PullJob> pull = nullptr;  ///< scratch as for pullScratchPoints
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
+/// As many points as a pull takes scratch for: it lays the axes of its strands side by side too.
+inline std::size_t pullScratchPoints(const PullJob& job, std::size_t n) {
+    return n + job.mostAxisPoints + 1;
+}
 /// More keys are cheaper one strand after the other.
 inline constexpr std::size_t kMostLaneKeys = 8;
 

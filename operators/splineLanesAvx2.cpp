@@ -13,6 +13,7 @@
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
 #include "operators/deformLanes.h"
+#include "operators/pullLanes.h"
 #include "operators/strandLanes.h"
 
 namespace corvelle {
@@ -60,6 +61,9 @@ struct Float8 {
     }
     CORVELLE_AVX2 friend inline Mask8 operator<(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LT_OQ)};
+    }
+    CORVELLE_AVX2 friend inline Mask8 operator<=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LE_OQ)};
     }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
@@ -114,7 +118,7 @@ SplineLanesFunction splineLanesAvx2() {
 const LaneKernels* laneKernelsAvx2() {
     static const LaneKernels kernels{trimLanes<Float8>,    widthLanes<Float8>,  turnLanes<Float8>,
                                      stepLanes<Float8>,    smoothLanes<Float8>, placeLanes<Float8>,
-                                     headingLanes<Float8>, bendLanes<Float8>};
+                                     headingLanes<Float8>, bendLanes<Float8>,  pullLanes<Float8>};
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
