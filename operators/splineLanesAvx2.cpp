@@ -13,6 +13,7 @@
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
 #include "operators/deformLanes.h"
+#include "operators/liftLanes.h"
 #include "operators/pullLanes.h"
 #include "operators/strandLanes.h"
 
@@ -118,7 +119,7 @@ SplineLanesFunction splineLanesAvx2() {
 const LaneKernels* laneKernelsAvx2() {
     static const LaneKernels kernels{trimLanes<Float8>,    widthLanes<Float8>,  turnLanes<Float8>,
                                      stepLanes<Float8>,    smoothLanes<Float8>, placeLanes<Float8>,
-                                     headingLanes<Float8>, bendLanes<Float8>,  pullLanes<Float8>};
+                                     headingLanes<Float8>, bendLanes<Float8>,  pullLanes<Float8>, liftLanes<Float8>};
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
