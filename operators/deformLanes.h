@@ -308,7 +308,21 @@ CORVELLE_LANES_TARGET inline void bendGroup(const BendJob& job, const StrandGrou
     scatterLanes(points, 3 * n, group.to);
 }
 
-/// All of the places, kLanes at a time; the last one fills up the lanes left over.
+/// Lane l of a group takes the k-th of `count` places; the last one fills up the lanes left over.
+/// Returns the place.
+template <class F>
+CORVELLE_LANES_TARGET inline std::size_t laneTo(const LanePoints& points, std::size_t first,
+                                                std::size_t count, std::size_t k, std::size_t l,
+                                                StrandGroup<F>& group) {
+    const std::size_t place = first + (k < count ? k : count - 1);
+    const std::uint64_t start = 3 * points.offsets[points.strands[place]];
+    group.places[l] = place;
+    group.from[l] = points.from + start;
+    group.to[l] = points.to + start;
+    return place;
+}
+
+/// All of the places, kLanes at a time.
 template <class F, class Job>
 CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, const StrandGroup<F>&,
                                                                 std::size_t, float*),
@@ -317,17 +331,13 @@ CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, cons
     StrandGroup<F> group;
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         for (std::size_t l = 0; l < F::kLanes; ++l) {
-            const std::size_t place = first + (k + l < count ? k + l : count - 1);
-            const std::uint64_t start = 3 * job.points.offsets[job.points.strands[place]];
+            const std::size_t place = laneTo(job.points, first, count, k + l, l, group);
             if (k + l + F::kLanes < count) {
                 const std::uint64_t next =
                     3 * job.points.offsets[job.points.strands[place + F::kLanes]];
                 fetchFloats(job.points.from + next, 3 * n);
                 fetchFloats(job.points.to + next, 3 * n);
             }
-            group.places[l] = place;
-            group.from[l] = job.points.from + start;
-            group.to[l] = job.points.to + start;
         }
         across(job, group, n, scratch);
     }

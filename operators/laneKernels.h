@@ -115,6 +115,39 @@ struct TransformJob {
     bool world = false;  ///< about the world's axes, and the move is where the root goes
 };
 
+/// Pulls points toward places on the axes of the strands' clumps: see StrandPuller.
+struct PullJob {
+    LanePoints points;
+    /// 8 floats a point of an axis: see ClumpAxes::Point. Behind the last of each stands one more,
+    /// of an arc that nothing is at or past.
+    const float* axes = nullptr;
+    const std::size_t* axisOffsets = nullptr;  ///< [axes + 1], in points
+    std::size_t mostAxisPoints = 0;
+    const std::uint32_t* axisOf = nullptr;  ///< [places]
+    const float* strengths = nullptr;       ///< [places], 0 and up
+    RampKeys profile;                       ///< of the strength, 0 and up
+    bool straight = false;                  ///< the profile is a straight line, its keys at 0 and 1
+};
+/// A signed distance on the nodes of a grid: see DistanceField.
+struct FieldGrid {
+    const float* values = nullptr;      ///< x fastest; two floats more may be read behind them
+    float low[3] = {}, last[3] = {};    ///< the first node, cm; the last one, in nodes
+    float cell = 0.0f, inverse = 0.0f;  ///< cm, and 1 over it
+    std::size_t row = 0, plane = 0;     ///< nodes in each
+};
+
+/// Lifts points up a distance field: see liftStrands.
+struct LiftJob {
+    LanePoints points;              ///< `to` may be `from`
+    const float* wanted = nullptr;  ///< heights of the points, cm
+    std::size_t wantedStride = 0;   ///< of them a place
+    FieldGrid field;
+    float band = 0.0f;        ///< cm: nothing is lifted higher
+    float slack = 0.0f;       ///< cm...
+    float slackShare = 0.0f;  ///< ...and a share of the height that a point may be too low by
+    std::uint8_t* lifted = nullptr;  ///< [places] 1 for a strand that moved, else 0
+};
+
 template <class Job>
 using LaneDeform = void (*)(const Job& job, std::size_t first, std::size_t count, std::size_t n,
                             float* scratch);
@@ -138,10 +171,16 @@ struct LaneKernels {
     LaneDeform<LeanJob> lean = nullptr;
     LaneDeform<LayJob> lay = nullptr;
     LaneDeform<TransformJob> transform = nullptr;
+    LaneDeform<PullJob> pull = nullptr;  ///< scratch as for pullScratchPoints
+    LaneDeform<LiftJob> lift = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
 inline constexpr std::size_t kMostLanes = 16;
 inline constexpr std::size_t kLaneAlignment = kMostLanes * sizeof(float);  ///< bytes
+/// As many points as a pull takes scratch for: it lays the axes of its strands side by side too.
+inline std::size_t pullScratchPoints(const PullJob& job, std::size_t n) {
+    return n + job.mostAxisPoints + 1;
+}
 /// More keys are cheaper one strand after the other.
 inline constexpr std::size_t kMostLaneKeys = 8;
 

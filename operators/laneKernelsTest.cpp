@@ -5,6 +5,7 @@
 #include "model/rampSlopes.h"
 #include "model/testing/tuft.h"
 #include "operators/bend.h"
+#include "operators/clumpPull.h"
 #include "operators/laneKernels.h"
 #include "operators/laneRuns.h"
 #include "operators/length.h"
@@ -295,6 +296,60 @@ TEST_P(LaneKernelsTest, BendWithTheBitsOfOneStrandAlone) {
                     wanted);
         }
     }
+}
+
+/// Axes of 1 to 90 points, some of one point over another, shorter and longer than the strands.
+std::vector<std::vector<Vec3f>> axesFor(const StrandSet& set) {
+    SplitMix random(21);
+    const float length = polylineLength(set.pointsOf(1));
+    std::vector<std::vector<Vec3f>> out;
+    for (const std::size_t points : {1u, 2u, 5u, 16u, 17u, 40u, 90u}) {
+        std::vector<Vec3f> axis(points);
+        const float step = length * random.nextRange(0.4f, 2.0f) / float(points);
+        for (std::size_t i = 1; i < points; ++i)
+            axis[i] = axis[i - 1] + (i % 6 == 3 ? Vec3f{}
+                                                : Vec3f{random.nextRange(-0.3f, 0.3f),
+                                                        random.nextRange(0.2f, 1.8f),
+                                                        random.nextRange(-0.3f, 0.3f)} *
+                                                      step);
+        out.push_back(std::move(axis));
+    }
+    return out;
+}
+
+TEST_P(LaneKernelsTest, PullWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const std::vector<float> strengths = numbers(1.3f);
+    const auto shapes = axesFor(set);
+    std::vector<AxisCurve> curves;
+    for (const auto& shape : shapes) curves.push_back({.points = shape, .frame = {}});
+    std::vector<std::uint32_t> axisOf(set.strandCount());
+    for (std::uint32_t s = 0; s < axisOf.size(); ++s)  // runs of one axis, then all mixed
+        axisOf[s] = s < 24 ? s / 12 : (5 * s) % std::uint32_t(shapes.size());
+    const Ramp profiles[] = {Ramp({{0.0f, 0.0f}, {1.0f, 1.0f}}),
+                             Ramp({{0.1f, 0.3f}, {0.5f, 1.0f}, {0.9f, 0.2f}})};
+    for (const Ramp& profile : profiles)
+        for (const bool extend : {false, true}) {
+            const PullSettings settings{.profile = profile, .volumizeProfile = {}};
+            const ClumpAxes axes(curves, {.extend = extend});
+            const PlainPull plain(axes, settings);
+            ASSERT_TRUE(plain.fits());
+            StrandPuller single(axes, settings, n);
+            std::vector<Vec3f> wanted(set.pointCount());
+            for (const std::uint32_t s : all)
+                single.pull({.points = set.pointsOf(s), .strength = strengths[s], .strengths = {}},
+                            axisOf[s], std::span(wanted).subspan(s * n, n));
+            std::vector<Vec3f> alone(set.pointCount());
+            for (const std::uint32_t s : all)
+                plain.pull(set, {&s, 1}, {&axisOf[s], 1}, {&strengths[s], 1}, alone);
+            for (std::size_t i = 0; i < alone.size(); ++i)
+                EXPECT_LT(distance(alone[i], wanted[i]), 1e-4f) << i << " " << extend;
+            for (const SplineLanes lanes : kWidths) {
+                std::vector<Vec3f> out(set.pointCount());
+                plain.pull(set, all, axisOf, strengths, out, lanes);
+                EXPECT_EQ(out, alone);
+            }
+        }
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "operators/deformLanes.h"
+#include "operators/liftLanes.h"
 #include "operators/placeLanes.h"
+#include "operators/pullLanes.h"
 #include "operators/strandLanes.h"
 
 namespace corvelle {
@@ -21,7 +23,9 @@ LaneKernels kernelsOver() {
             .bend = bendLanes<F>,
             .lean = placeLanes<F, LeanJob>,
             .lay = placeLanes<F, LayJob>,
-            .transform = placeLanes<F, TransformJob>};
+            .transform = placeLanes<F, TransformJob>,
+            .pull = pullLanes<F>,
+            .lift = liftLanes<F>};
 }
 
 }  // namespace

@@ -58,6 +58,9 @@ struct Float8 {
     CORVELLE_AVX2 friend inline Mask8 operator<(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LT_OQ)};
     }
+    CORVELLE_AVX2 friend inline Mask8 operator<=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LE_OQ)};
+    }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
     }

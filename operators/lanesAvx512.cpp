@@ -60,6 +60,9 @@ struct Float16 {
     CORVELLE_AVX512 friend inline Mask16 operator<(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_LT_OQ)};
     }
+    CORVELLE_AVX512 friend inline Mask16 operator<=(Float16 a, Float16 b) {
+        return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_LE_OQ)};
+    }
     CORVELLE_AVX512 friend inline Mask16 operator>(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_GT_OQ)};
     }

@@ -46,11 +46,20 @@ ROWS: List[Row] = [
     Row("Scatter again, cached, over the first time", "operators", "scatter/cached", "scatter/first", "time", 0.01),
     Row("Interpolate, weights cached, over the bare blend", "operators",
         "interpolate/node", "interpolate/bareBlend", "time", 1.5),
+    Row("Interpolate keeping clearance, weights cached, over the bare blend", "operators",
+        "interpolate/nodeKeepingClearance/combed:1", "interpolate/bareBlend", "time", 1.5),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Length", "Width", "Resample")),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Bend", "Direction",
                    "Transform", "Flow", "Flyaway")),
+    Row("Clump, centers cached, one thread, over the stream", "operators",
+        "clump/pull, centers cached/1", "clump/baseline stream/1", "time", 6.0),
+    *(Row(f"{count} clump centers picked over blue noise", "operators",
+          f"clump/pick centers/{count}", f"clump/baseline blue noise/{count}", "time", 1.0)
+      for count in (300, 1000, 5000)),
+    *(Row(f"Curl, {what}, one thread, over the bare helix", "operators", f"curl/{name}/1", "curl/bare helix/1", "time", 2.0)
+      for what, name in (("by strand", "helix"), ("by clump", "helix by clump"))),
     *(Row(f"table of {k} neighbours, rate over nanoflann", "operators", f"neighbors/table/{k}/1", f"neighbors/nanoflann/{k}/1", "rate", 1.5)
       for k in (4, 8)),
     Row("HairColor, one thread, over the stream", "operators", "nodes/HairColor/1", "nodes/baseline stream/1", "time", 5.0),
