@@ -10,6 +10,7 @@ namespace corvelle {
 namespace {
 
 constexpr float kLeastStep = 0.002f;  // of the scalp's diagonal, from point to point
+constexpr char kTooFew[] = "a part needs at least two points on the scalp";
 
 class PartStroke final : public ToolStroke {
 public:
@@ -33,6 +34,7 @@ public:
 
     void release(StrokeState& state, StrokeHost& host) override {
         state.parts = *state.partsBefore;
+        if (lines_.empty()) host.addWarning(kTooFew);
         if (!state.isScriptedEnd) append(state, &host);
         state.edited = !(state.parts == *state.partsBefore);
     }
@@ -92,8 +94,7 @@ PartLine partFromStroke(const ScalpMesh& scalp, const std::string& name,
         if (scalp.closestPoint(place, ScalpMesh::kAnyDistance, hit))
             line.points.push_back(hit.root());
     }
-    if (line.points.size() < 2)
-        throw std::invalid_argument("a part needs at least two points on the scalp");
+    if (line.points.size() < 2) throw std::invalid_argument(kTooFew);
     return line;
 }
 

@@ -7,6 +7,7 @@
 #include "expr/testing/pictures.h"
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
+#include "tools/smoothPasses.h"
 #include "tools/texturePaint.h"
 
 namespace corvelle {
