@@ -570,10 +570,9 @@ class LongRunTest(Sculpting):
         """Does an action; whether it became a step. `disturb` sends what is bad into a stroke."""
         kind, fields = action
         if kind == "edit":
-            depth = groom.do("undo_state")
+            before = groom.do("get_state", texts=True, textures=False)["texts"]
             groom.do("guides_edit", **fields)
-            after = groom.do("undo_state")
-            return after != depth
+            return groom.do("get_state", texts=True, textures=False)["texts"] != before
         settings = {**self.PLAIN, **fields["settings"]}
         groom.do("tool_set", tool=fields["tool"], settings=settings)
         if fields["selected"]:
@@ -593,16 +592,18 @@ class LongRunTest(Sculpting):
             groom.do("selection_set", ids=[], softSelectRadius=0.0)
         return committed
 
-    def action(self, rng):
+    def action(self, rng, ids):
+        """One of the things an artist may do to the guides `ids`."""
         draw = rng.random()
         if draw < 0.15:
-            ids = rng.sample(range(1, len(COUNTS) + 1), 3)
+            ids = rng.sample(ids, min(3, len(ids)))
             return ("edit", rng.choice([
                 {"op": "freeze", "ids": ids}, {"op": "unfreeze", "ids": ids}, {"op": "unfreeze_all"},
-                {"op": "set_attribute", "ids": ids, "attribute": "g", "value": 0.25}, {"op": "delete_guides", "ids": ids[:1]},
+                {"op": "set_attribute", "ids": ids, "attribute": "g", "value": 0.25},
                 {"op": "generate_children", "group": "guides", "count": 1, "seed": rng.randrange(9)},
-                {"op": "lock", "ids": ids}, {"op": "mirror_all", "fromPositive": rng.random() < 0.5},
-                {"op": "remove_layer", "name": "g"}]))
+                {"op": "lock", "ids": ids}, {"op": "remove_layer", "name": "g"}]
+                + [{"op": "delete_guides", "ids": ids[:1]}, {"op": "mirror_all", "fromPositive": rng.random() < 0.5}]
+                * (rng.random() < 0.2)))
         x, y = rng.uniform(200, 440), rng.uniform(200, 400)
         points = [[x, y]]
         for _ in range(rng.randrange(4)):
@@ -610,8 +611,8 @@ class LongRunTest(Sculpting):
             points.append([x, y])
         settings = {"radius": rng.choice([20, 60, 150])}
         tool = rng.choice(self.SHAPING if rng.random() < 0.6 else self.OTHERS)
-        if draw < 0.25:  # guides made and taken away
-            tool = rng.choice(["place", "draw", "erase"])
+        if draw < 0.25 or len(ids) < 15:  # guides made and taken away, about as many
+            tool = "erase" if 15 <= len(ids) and rng.random() < len(ids) / 150 else rng.choice(["place", "draw"])
             settings.update(matchNeighbors=rng.random() < 0.7, soloNewGuides=rng.random() < 0.1)
         if tool == "paint":
             settings.update(rng.choice(self.MAPS), value=rng.random(), pointwise=rng.random() < 0.3)
@@ -622,7 +623,7 @@ class LongRunTest(Sculpting):
         if tool in self.SHAPING:
             settings.update(propagate=rng.random() < 0.3, stretch=rng.random() < 0.3,
                             targets=rng.choice(["guides", "guides", "guides,parts,flow"]))
-        selected = rng.sample(range(1, len(COUNTS) + 1), 6) if rng.random() < 0.1 else []
+        selected = rng.sample(ids, min(6, len(ids))) if rng.random() < 0.1 else []
         settings["selectedOnly"] = bool(selected)
         return ("stroke", {"tool": tool, "settings": settings, "points": points, "selected": selected,
                            "ctrl": rng.random() < 0.2, "shift": rng.random() < 0.1 and len(points) > 1,
@@ -672,11 +673,11 @@ class LongRunTest(Sculpting):
                 if before:
                     self.assertEqual(self.document(), before)
             else:
-                action = self.action(rng)
+                before = self.ids(self.groom)
+                action = self.action(rng, sorted(before))
                 state = self.groom.do("undo_state")
-                before = self.ids(self.groom) if self.makes_guides(action) else None
                 if self.apply_or_fail(self.groom, action, disturb):
-                    made = self.ids(self.groom) - before if before is not None else set()
+                    made = self.ids(self.groom) - before if self.makes_guides(action) else set()
                     kept.append((action, [i for i in sorted(made) if i < 2**53]))
                     undone = []
                 else:
@@ -695,6 +696,7 @@ class LongRunTest(Sculpting):
         for part in ours:
             self.assertEqual(self.comparable(ours[part]), self.comparable(theirs[part]), part)
         self.assertGreater(len(kept), STROKES // 20)
+        self.assertGreater(len(ours["texts"]["guideData"]), 5000)
         if STROKES >= 2000:
             self.assertLess(self.memory() - early, 64 << 20)
         pid = self.helper.process.pid
