@@ -1,4 +1,5 @@
 #include "operators/laneKernels.h"
+#include "operators/neighborKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
@@ -11,6 +12,7 @@
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
 #include "operators/deformLanes.h"
+#include "operators/neighborLanes.h"
 #include "operators/strandLanes.h"
 
 namespace corvelle {
@@ -58,6 +60,9 @@ struct Float8 {
     }
     CORVELLE_AVX2 friend inline Mask8 operator<(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LT_OQ)};
+    }
+    CORVELLE_AVX2 friend inline Mask8 operator>=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GE_OQ)};
     }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
@@ -110,6 +115,11 @@ const LaneKernels* laneKernelsAvx2() {
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
+const NeighborKernels* neighborKernelsAvx2() {
+    static const NeighborKernels kernels = neighborKernelsOver<Float8>();
+    return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
+}
+
 }  // namespace corvelle
 
 #else
@@ -117,6 +127,7 @@ const LaneKernels* laneKernelsAvx2() {
 namespace corvelle {
 
 const LaneKernels* laneKernelsAvx2() { return nullptr; }
+const NeighborKernels* neighborKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
 

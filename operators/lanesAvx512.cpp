@@ -1,4 +1,5 @@
 #include "operators/laneKernels.h"
+#include "operators/neighborKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
@@ -15,6 +16,7 @@
 #define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq"), always_inline))
 
 #include "operators/deformLanes.h"
+#include "operators/neighborLanes.h"
 #include "operators/strandLanes.h"
 
 namespace corvelle {
@@ -60,6 +62,9 @@ struct Float16 {
     }
     CORVELLE_AVX512 friend inline Mask16 operator<(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_LT_OQ)};
+    }
+    CORVELLE_AVX512 friend inline Mask16 operator>=(Float16 a, Float16 b) {
+        return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_GE_OQ)};
     }
     CORVELLE_AVX512 friend inline Mask16 operator>(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_GT_OQ)};
@@ -118,6 +123,12 @@ const LaneKernels* laneKernelsAvx512() {
     return able ? &kernels : nullptr;
 }
 
+const NeighborKernels* neighborKernelsAvx512() {
+    static const NeighborKernels kernels = neighborKernelsOver<Float16>();
+    const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq");
+    return able ? &kernels : nullptr;
+}
+
 }  // namespace corvelle
 
 #else
@@ -125,6 +136,7 @@ const LaneKernels* laneKernelsAvx512() {
 namespace corvelle {
 
 const LaneKernels* laneKernelsAvx512() { return nullptr; }
+const NeighborKernels* neighborKernelsAvx512() { return nullptr; }
 
 }  // namespace corvelle
 
