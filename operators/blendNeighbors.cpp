@@ -92,7 +92,7 @@ public:
         table_ = cache->table(in, settings);
         ramp_ = LaneRamp(profile);
         // Every strand is read by several: what they all need is worked out once.
-        if (ramp_.fits()) curves_.measure(in, CurveTable::Along::Shares, table_->order());
+        if (ramp_.fits()) curves_.measure(in, table_->order());
     }
 
     std::span<const std::uint32_t> runOrder() const override { return table_->order(); }

@@ -8,8 +8,7 @@
 
 namespace corvelle {
 
-void CurveTable::measure(const StrandSet& strands, Along along,
-                         std::span<const std::uint32_t> order) {
+void CurveTable::measure(const StrandSet& strands, std::span<const std::uint32_t> order) {
     std::vector<float>& rows = points_.reset(4 * strands.pointCount(), 0.0f, true, lock_);
     std::vector<float>& lengths = lengths_.reset(strands.strandCount(), 0.0f, true, lock_);
     starts_.resize(strands.strandCount());
@@ -22,7 +21,6 @@ void CurveTable::measure(const StrandSet& strands, Along along,
         allCurves_ &= strands.pointCountOf(s) >= 2;
     }
     if (rows.empty()) return;
-    const bool shares = along == Along::Shares;
     StrandPick(order).forEachBatch([&](std::span<const std::uint32_t> batch) {
         std::array<std::uint32_t, StrandPick::kBatch> listed;
         std::size_t count = 0;
@@ -32,18 +30,12 @@ void CurveTable::measure(const StrandSet& strands, Along along,
             {&strands.points()[0].x, rows.data(), strands.offsets().data(), list.data()},
             rows.data(),
             lengths.data(),
-            starts_.data(),
-            shares};
+            starts_.data()};
         std::vector<float> places;
         deformStrands(neighborKernels().measure, job, strands, list, [&](std::size_t k) {
             const auto points = strands.pointsOf(list[k]);
             places.resize(points.size());
-            if (shares) {
-                lengths[list[k]] = polylineShares(points, places);
-            } else {
-                polylineLengths(points, places);
-                lengths[list[k]] = places.empty() ? 0.0f : places.back();
-            }
+            lengths[list[k]] = polylineShares(points, places);
             float* row = rows.data() + 4 * starts_[list[k]];
             for (std::size_t i = 0; i < points.size(); ++i, row += 4) {
                 row[0] = points[i].x;

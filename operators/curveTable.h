@@ -15,9 +15,8 @@ namespace corvelle {
 /// Cost: O(points), parallel; 16 bytes a point, taken from the pool of big arrays.
 class CurveTable {
 public:
-    enum class Along { Shares, Lengths };
     /// `order`: all strands, those near to one another close together; speed alone depends on it.
-    void measure(const StrandSet& strands, Along along, std::span<const std::uint32_t> order);
+    void measure(const StrandSet& strands, std::span<const std::uint32_t> order);
     bool empty() const { return lengths_.size() == 0; }
     /// Valid while the strands live.
     CurveRows rows() const { return rows_; }

@@ -18,13 +18,12 @@ struct CurveRows {
     const std::uint64_t* offsets = nullptr;  ///< of the set: how many points a strand has
 };
 
-/// Writes the rows of strands.
+/// Writes the rows of strands, by shares of the length.
 struct MeasureJob {
     LanePoints points;  ///< `to` is left alone
     float* rows = nullptr;
     float* lengths = nullptr;  ///< [strands]
     const std::uint64_t* starts = nullptr;
-    bool shares = true;  ///< along the curve: shares of the length; else arc lengths, cm
 };
 
 /// Blends strands toward the mean shape of others: see addShape and blendToward.
@@ -42,8 +41,7 @@ struct BlendJob {
 /// Pulls strands toward a partner: see stickStrand.
 struct StickJob {
     LanePoints points;
-    CurveRows curves;                         ///< of all strands, by arc lengths
-    const std::uint32_t* partners = nullptr;  ///< [places] of 2 or more points each
+    const std::uint32_t* partners = nullptr;  ///< [places] of as many points as the strand
     const float* spans = nullptr;             ///< 4 a place: begin, end, the strength, unused
     float reach = 0.0f;
 };

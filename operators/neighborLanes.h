@@ -21,8 +21,7 @@ CORVELLE_LANES_TARGET inline void measureGroup(const MeasureJob& job, const Stra
     F* const along = segments + n;
     F* const rows = along + n;
     gatherLanes(group.from, 3 * n, points);
-    const F total = job.shares ? sharesAcross(points, n, segments, along)
-                               : measureAcross(points, n, segments, along);
+    const F total = sharesAcross(points, n, segments, along);
     for (std::size_t i = 0; i < n; ++i) {
         for (std::size_t x = 0; x < 3; ++x) rows[4 * i + x] = points[3 * i + x];
         rows[4 * i + 3] = along[i];
@@ -70,11 +69,25 @@ struct CurveWalk {
     }
 };
 
+/// One curve for each lane, of as many points, that lie side by side already.
+template <class F>
+struct GatheredWalk {
+    const F* points;  ///< [3 rows]
+    const F* along;   ///< [rows]
+    std::size_t rows;
+
+    CORVELLE_LANES_TARGET inline void next(F row[4]) {
+        for (int x = 0; x < 3; ++x) row[x] = points[x];
+        row[3] = *along++;
+        points += 3;
+    }
+};
+
 /// Goes along the curves and the places on them, [n] and ascending, together: take.point(i, in, p)
 /// with the point p of the curves at places[i], for the lanes `in`; each lane comes up once for
 /// each i but 0, which is its root. Places past a curve's end do not come up, and slow it down.
-template <class F, class Take>
-CORVELLE_LANES_TARGET inline void walkCurves(CurveWalk<F>& curves, const F* places, std::size_t n,
+template <class F, class Walk, class Take>
+CORVELLE_LANES_TARGET inline void walkCurves(Walk& curves, const F* places, std::size_t n,
                                              Take& take) {
     const F zero(0.0f), one(1.0f);
     const int all = laneBits(zero < one);
@@ -111,30 +124,38 @@ inline void fetchOthers(const BlendJob& job, std::size_t place) {
     for (std::uint32_t j = 0; j < job.counts[place]; ++j)
         fetchCurve(job.curves, job.neighbors[place][j]);
 }
-inline void fetchOthers(const StickJob& job, std::size_t place) {
-    fetchCurve(job.curves, job.partners[place]);
+
+/// What a job reads and writes at a place, asked of the caches.
+inline void fetchPlace(const MeasureJob& job, std::size_t place, std::size_t n) {
+    fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
+}
+inline void fetchPlace(const BlendJob& job, std::size_t place, std::size_t n) {
+    const std::uint32_t s = job.points.strands[place];
+    fetchCurve(job.curves, s);
+    for (std::uint32_t j = 0; j < job.counts[place]; ++j)
+        fetchCurve(job.curves, job.neighbors[place][j]);
+    fetchFloats(job.points.to + 3 * job.points.offsets[s], 3 * n);
+}
+inline void fetchPlace(const StickJob& job, std::size_t place, std::size_t n) {
+    fetchFloats(job.points.from + 3 * job.points.offsets[job.partners[place]], 3 * n);
+    fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
+    fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
 
-/// As eachPlaceGroup, for jobs that read rows.
+/// As eachPlaceGroup, with the next group's share of the caches by fetchPlace.
 template <class F, class Job>
-CORVELLE_LANES_TARGET inline void eachRowGroup(void (*across)(const Job&, const StrandGroup<F>&,
-                                                              std::size_t, float*),
-                                               const Job& job, std::size_t first, std::size_t count,
-                                               std::size_t n, float* scratch) {
+CORVELLE_LANES_TARGET inline void eachFetchedGroup(
+    void (*across)(const Job&, const StrandGroup<F>&, std::size_t, float*), const Job& job,
+    std::size_t first, std::size_t count, std::size_t n, float* scratch) {
     StrandGroup<F> group;
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         for (std::size_t l = 0; l < F::kLanes; ++l) {
+            if (k + l + F::kLanes < count) fetchPlace(job, first + k + l + F::kLanes, n);
             const std::size_t place = first + (k + l < count ? k + l : count - 1);
-            if (k + l + F::kLanes < count) {
-                const std::uint32_t next = job.points.strands[place + F::kLanes];
-                fetchCurve(job.curves, next);
-                fetchOthers(job, place + F::kLanes);
-                fetchFloats(job.points.to + 3 * job.points.offsets[next], 3 * n);
-            }
-            const std::uint32_t s = job.points.strands[place];
+            const std::uint64_t start = 3 * job.points.offsets[job.points.strands[place]];
             group.places[l] = place;
-            group.from[l] = job.curves.rows + 4 * job.curves.starts[s];
-            group.to[l] = job.points.to + 3 * job.points.offsets[s];
+            group.from[l] = job.points.from + start;
+            group.to[l] = job.points.to + start;
         }
         across(job, group, n, scratch);
     }
@@ -166,17 +187,19 @@ CORVELLE_LANES_TARGET inline void blendGroup(const BlendJob& job, const StrandGr
     F* const shares = rows + 4 * n;
     F* const sum = shares + n;
     const F zero(0.0f), one(1.0f);
+    const float* from[kLanes];
     alignas(F) float numbers[kLanes], lengths[kLanes], strengths[kLanes];
     std::uint32_t most = 0;
     for (std::size_t l = 0; l < kLanes; ++l) {
         const std::size_t place = group.places[l];
         const std::uint32_t s = job.points.strands[place];
         lengths[l] = job.curves.lengths[s];
+        from[l] = job.curves.rows + 4 * job.curves.starts[s];
         strengths[l] = job.strengths[place];
         numbers[l] = 1.0f / float(job.counts[place]);
         if (job.counts[place] > most) most = job.counts[place];
     }
-    gatherLanes(group.from, 4 * n, rows);
+    gatherLanes(from, 4 * n, rows);
     for (std::size_t i = 0; i < n; ++i) shares[i] = rows[4 * i + 3];
     for (std::size_t i = 0; i < 3 * n; ++i) sum[i] = zero;
     TakeShape<F> take{sum, {}};
@@ -232,22 +255,23 @@ CORVELLE_LANES_TARGET inline F easedAcross(F x) {
 /// Pulls points toward where they would stick.
 template <class F>
 struct TakePull {
-    const F* rows;  ///< 4 a point: where it is, its arc length
-    F* out;
+    const F* lengths;
+    F* points;
     F begin, end, scale, strength, reachSquared;
     F far;  ///< above 0: some point is too far off
 
     template <class Mask>
     CORVELLE_LANES_TARGET inline void point(std::size_t i, Mask in, const F p[3]) {
-        const F zero(0.0f), at = rows[4 * i + 3];
+        const F at = lengths[i];
         const auto takes = in & (at > begin) & (at < end);
+        if (laneBits(takes) == 0) return;
         F pull[3];
-        for (std::size_t x = 0; x < 3; ++x) pull[x] = p[x] - rows[4 * i + x];
+        for (std::size_t x = 0; x < 3; ++x) pull[x] = p[x] - points[3 * i + x];
         const F squared = pull[0] * pull[0] + pull[1] * pull[1] + pull[2] * pull[2];
         far = select(takes & (squared > reachSquared), F(1.0f), far);
         const F amount = strength * easedAcross((at - begin) * scale);
         for (std::size_t x = 0; x < 3; ++x) {
-            F& to = out[3 * i + x];
+            F& to = points[3 * i + x];
             to = select(takes, to + pull[x] * amount, to);
         }
     }
@@ -256,43 +280,39 @@ struct TakePull {
 template <class F>
 CORVELLE_LANES_TARGET inline void stickGroup(const StickJob& job, const StrandGroup<F>& group,
                                              std::size_t n, float* scratch) {
-    constexpr std::size_t kLanes = F::kLanes;
-    F* const rows = reinterpret_cast<F*>(scratch);
-    F* const lengths = rows + 4 * n;
-    F* const out = lengths + n;
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const lengths = points + 3 * n;
+    F* const segments = lengths + n;
+    F* const partner = segments + n;
+    F* const partnerLengths = partner + 3 * n;
     const F zero(0.0f), one(1.0f), most(3.4028235e38f);
-    alignas(F) float own[kLanes], theirs[kLanes];
-    std::uint32_t partners[kLanes];
-    for (std::size_t l = 0; l < kLanes; ++l) {
-        const std::uint32_t s = job.points.strands[group.places[l]];
-        partners[l] = job.partners[group.places[l]];
-        own[l] = job.curves.lengths[s];
-        theirs[l] = job.curves.lengths[partners[l]];
-    }
-    gatherLanes(group.from, 4 * n, rows);
+    const float* from[F::kLanes];
+    for (std::size_t l = 0; l < F::kLanes; ++l)
+        from[l] = job.points.from + 3 * job.points.offsets[job.partners[group.places[l]]];
+    gatherLanes(group.from, 3 * n, points);
+    gatherLanes(from, 3 * n, partner);
     F span[4];
     numbersAcross(group, job.spans, 4, span);
-    const F length = F::load(own), partnerLength = F::load(theirs);
+    const F length = measureAcross(points, n, segments, lengths);
+    const F partnerLength = measureAcross(partner, n, segments, partnerLengths);
     const F whole = span[1] * length, begin = span[0] * length;
     const F end = lower(partnerLength, whole);
     const auto sticks = (end > begin) & (most >= partnerLength);
-    for (std::size_t i = 0; i < n; ++i) {
-        for (std::size_t x = 0; x < 3; ++x) out[3 * i + x] = rows[4 * i + x];
-        lengths[i] = lower(rows[4 * i + 3], partnerLength);  // so that the walk comes to its end
-    }
+    // So that the walk comes to its end: what lies past the partner's does not stick anyway.
+    for (std::size_t i = 0; i < n; ++i) lengths[i] = lower(lengths[i], partnerLength);
     const F reach(job.reach > 0.0f ? job.reach : 3e38f);
     TakePull<F> take{
-        rows,    out,           begin, select(sticks, end, zero - one), one / (end - begin),
+        lengths, points,        begin, select(sticks, end, zero - one), one / (end - begin),
         span[2], reach * reach, zero};
-    CurveWalk<F> curves;
-    for (std::size_t l = 0; l < kLanes; ++l) curves.start(l, job.curves, partners[l]);
+    GatheredWalk<F> curves{partner, partnerLengths, n};
     walkCurves(curves, lengths, n, take);
     const auto stays = take.far > zero;
-    if (laneBits(stays) != 0)
-        for (std::size_t i = 1; i < n; ++i)
-            for (std::size_t x = 0; x < 3; ++x)
-                out[3 * i + x] = select(stays, rows[4 * i + x], out[3 * i + x]);
-    scatterLanes(out, 3 * n, group.to);
+    if (laneBits(stays) != 0) {
+        F* const before = lengths;  // 3 n, of no more use
+        gatherLanes(group.from, 3 * n, before);
+        for (std::size_t i = 0; i < 3 * n; ++i) points[i] = select(stays, before[i], points[i]);
+    }
+    scatterLanes(points, 3 * n, group.to);
 }
 
 /// `turns` less the nearest whole number, -0.5 to 0.5; at halves the sign is the other one's.
@@ -440,17 +460,17 @@ CORVELLE_LANES_TARGET inline void evenLanes(const EvenJob& job, const std::uint3
 template <class F>
 CORVELLE_LANES_TARGET inline void measureLanes(const MeasureJob& job, std::size_t first,
                                                std::size_t count, std::size_t n, float* scratch) {
-    eachPlaceGroup<F, MeasureJob>(measureGroup<F>, job, first, count, n, scratch);
+    eachFetchedGroup<F, MeasureJob>(measureGroup<F>, job, first, count, n, scratch);
 }
 template <class F>
 CORVELLE_LANES_TARGET inline void blendLanes(const BlendJob& job, std::size_t first,
                                              std::size_t count, std::size_t n, float* scratch) {
-    eachRowGroup<F, BlendJob>(blendGroup<F>, job, first, count, n, scratch);
+    eachFetchedGroup<F, BlendJob>(blendGroup<F>, job, first, count, n, scratch);
 }
 template <class F>
 CORVELLE_LANES_TARGET inline void stickLanes(const StickJob& job, std::size_t first,
                                              std::size_t count, std::size_t n, float* scratch) {
-    eachRowGroup<F, StickJob>(stickGroup<F>, job, first, count, n, scratch);
+    eachFetchedGroup<F, StickJob>(stickGroup<F>, job, first, count, n, scratch);
 }
 template <class F>
 CORVELLE_LANES_TARGET inline void twistLanes(const TwistJob& job, std::size_t first,

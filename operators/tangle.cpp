@@ -7,8 +7,8 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
-#include "operators/curveTable.h"
 #include "operators/laneRuns.h"
+#include "operators/neighborKernels.h"
 #include "operators/neighborTable.h"
 #include "operators/nodeFactories.h"
 #include "operators/pointCountOrder.h"
@@ -131,15 +131,12 @@ public:
     bool readsWholeSet() const override { return true; }
     void beginFull(const StrandSet& in) override {
         table_ = cache->table(in, settings);
-        curves_.measure(in, CurveTable::Along::Lengths, table_->order());
         draws_.resize(in.strandCount());
         parallelRange(0, draws_.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
             for (std::size_t s = begin; s < end; ++s)
                 draws_[s] = hashCombine(partnerBase, in.ids()[s]);
         });
     }
-
-    std::span<const std::uint32_t> runOrder() const override { return table_->order(); }
 
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
@@ -149,36 +146,42 @@ public:
         std::array<std::uint32_t, StrandPick::kBatch> stuck, partners;
         std::array<Span, StrandPick::kBatch> spans;
         std::size_t count = 0;
+        std::vector<float> lengths, partnerLengths;
+        const auto alone = [&](std::uint32_t s, std::uint32_t partner, const Span& at) {
+            const auto points = in.pointsOf(s), theirs = in.pointsOf(partner);
+            lengths.resize(points.size());
+            partnerLengths.resize(theirs.size());
+            polylineLengths(points, lengths);
+            polylineLengths(theirs, partnerLengths);
+            stickStrand(points, lengths, theirs, partnerLengths, {at.begin, at.end}, at.strength,
+                        reach, out.points.subspan(in.offsets()[s], points.size()));
+        };
         for (const std::uint32_t k : PointCountOrder(in, strands)) {
             const std::uint32_t s = strands[k];
             const std::uint64_t id = in.ids()[s];
             const std::uint32_t partner = draw(fractionBase, id) < fractions[k] ? partnerOf(s) : s;
-            if (partner == s || in.pointCountOf(s) < 2 || in.pointCountOf(partner) < 2) {
+            if (partner == s) {
                 std::ranges::copy(in.pointsOf(s),
                                   out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
                 continue;
             }
             const float latest = std::max(start, 1.0f - span);
             const float begin = mix(start, latest, draw(spanBase, id));
+            const Span at = {begin, std::min(begin + span, 1.0f), clampShare(strengths[k]), 0.0f};
+            if (in.pointCountOf(partner) != in.pointCountOf(s)) {
+                alone(s, partner, at);
+                continue;
+            }
             stuck[count] = s;
             partners[count] = partner;
-            spans[count++] = {begin, std::min(begin + span, 1.0f), clampShare(strengths[k]), 0.0f};
+            spans[count++] = at;
         }
         if (count == 0) return;
         const std::span<const std::uint32_t> list(stuck.data(), count);
-        const StickJob job{lanePoints(in, list, out.points), curves_.rows(), partners.data(),
-                           &spans[0].begin, reach};
-        std::vector<float> lengths, partnerLengths;
-        deformStrands(neighborKernels().stick, job, in, list, [&](std::size_t k) {
-            const auto points = in.pointsOf(list[k]), theirs = in.pointsOf(partners[k]);
-            lengths.resize(points.size());
-            partnerLengths.resize(theirs.size());
-            polylineLengths(points, lengths);
-            polylineLengths(theirs, partnerLengths);
-            stickStrand(points, lengths, theirs, partnerLengths, {spans[k].begin, spans[k].end},
-                        spans[k].strength, reach,
-                        out.points.subspan(in.offsets()[list[k]], points.size()));
-        });
+        const StickJob job{lanePoints(in, list, out.points), partners.data(), &spans[0].begin,
+                           reach};
+        deformStrands(neighborKernels().stick, job, in, list,
+                      [&](std::size_t k) { alone(list[k], partners[k], spans[k]); });
     }
 
 private:
@@ -198,7 +201,6 @@ private:
     };
 
     std::shared_ptr<const NeighborTable> table_;
-    CurveTable curves_;
     std::vector<std::uint64_t> draws_;  ///< [strands]
 };
 
@@ -210,6 +212,7 @@ public:
         return "Strands stuck together: mats and wet hair.";
     }
     std::vector<ParamSpec> spec() const override { return kParams; }
+    std::uint32_t contextReads() const override { return reads::kParts; }
     void adoptState(const Operator& other) override {
         if (const auto* from = dynamic_cast<const Tangle*>(&other)) cache_.copyFrom(from->cache_);
     }
@@ -232,7 +235,8 @@ protected:
         work->settings = {.count = kCandidates,
                           .maxDistance = float(number("radius")),
                           .regionChannel = text("regionChannel"),
-                          .clumpChannel = boolean("sameClump") ? "clumpId" : ""};
+                          .clumpChannel = boolean("sameClump") ? "clumpId" : "",
+                          .parts = context.parts()};  // hair combed apart does not mat
         work->cache = &cache_;
         return work;
     }
