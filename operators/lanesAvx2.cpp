@@ -1,4 +1,5 @@
 #include "operators/laneKernels.h"
+#include "operators/neighborKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
@@ -11,6 +12,7 @@
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
 #include "operators/laneTable.h"
+#include "operators/neighborLanes.h"
 
 namespace corvelle {
 
@@ -60,6 +62,9 @@ struct Float8 {
     }
     CORVELLE_AVX2 friend inline Mask8 operator<=(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LE_OQ)};
+    }
+    CORVELLE_AVX2 friend inline Mask8 operator>=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GE_OQ)};
     }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
@@ -112,6 +117,11 @@ const LaneKernels* laneKernelsAvx2() {
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
+const NeighborKernels* neighborKernelsAvx2() {
+    static const NeighborKernels kernels = neighborKernelsOver<Float8>();
+    return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
+}
+
 }  // namespace corvelle
 
 #else
@@ -119,6 +129,7 @@ const LaneKernels* laneKernelsAvx2() {
 namespace corvelle {
 
 const LaneKernels* laneKernelsAvx2() { return nullptr; }
+const NeighborKernels* neighborKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
 

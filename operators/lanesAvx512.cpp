@@ -1,4 +1,5 @@
 #include "operators/laneKernels.h"
+#include "operators/neighborKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
@@ -15,6 +16,7 @@
 #define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq"), always_inline))
 
 #include "operators/laneTable.h"
+#include "operators/neighborLanes.h"
 
 namespace corvelle {
 
@@ -62,6 +64,9 @@ struct Float16 {
     }
     CORVELLE_AVX512 friend inline Mask16 operator<=(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_LE_OQ)};
+    }
+    CORVELLE_AVX512 friend inline Mask16 operator>=(Float16 a, Float16 b) {
+        return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_GE_OQ)};
     }
     CORVELLE_AVX512 friend inline Mask16 operator>(Float16 a, Float16 b) {
         return {_mm512_cmp_ps_mask(a.lanes, b.lanes, _CMP_GT_OQ)};
@@ -120,6 +125,12 @@ const LaneKernels* laneKernelsAvx512() {
     return able ? &kernels : nullptr;
 }
 
+const NeighborKernels* neighborKernelsAvx512() {
+    static const NeighborKernels kernels = neighborKernelsOver<Float16>();
+    const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq");
+    return able ? &kernels : nullptr;
+}
+
 }  // namespace corvelle
 
 #else
@@ -127,6 +138,7 @@ const LaneKernels* laneKernelsAvx512() {
 namespace corvelle {
 
 const LaneKernels* laneKernelsAvx512() { return nullptr; }
+const NeighborKernels* neighborKernelsAvx512() { return nullptr; }
 
 }  // namespace corvelle
 

@@ -25,9 +25,10 @@ CORVELLE_LANES_TARGET inline F measureAcross(const F* points, std::size_t n, F* 
 }
 
 /// The share of the arc length at each point: see polylineShares. segments [n - 1], shares [n].
+/// Returns the arc length.
 template <class F>
-CORVELLE_LANES_TARGET inline void sharesAcross(const F* points, std::size_t n, F* segments,
-                                               F* shares) {
+CORVELLE_LANES_TARGET inline F sharesAcross(const F* points, std::size_t n, F* segments,
+                                            F* shares) {
     const F total = measureAcross(points, n, segments, shares);
     const F zero(0.0f), most(3.4028235e38f);
     for (std::size_t i = 0; i < n; ++i) {
@@ -35,6 +36,7 @@ CORVELLE_LANES_TARGET inline void sharesAcross(const F* points, std::size_t n, F
         const F measured = select(most < total, byIndex, shares[i] / total);
         shares[i] = select(total > zero, measured, byIndex);
     }
+    return total;
 }
 
 template <class F>
