@@ -269,7 +269,7 @@ CORVELLE_LANES_TARGET inline F bendTurn(const Lanes3<F>& heading, const Lanes3<F
     arcBetween(heading, toward, arc);
     axis = arc.axis;
     if (limited) angle = limitAcross(angle, arc.angle);
-    return select(isThere(heading) & isThere(toward), angle, F(0.0f));
+    return select(both(isThere(heading), isThere(toward)), angle, F(0.0f));
 }
 
 template <class F>

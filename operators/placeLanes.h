@@ -42,7 +42,7 @@ CORVELLE_LANES_TARGET inline auto placement(const LeanJob& job, const F* numbers
     out.turn =
         LanesTurn<F>::about(arc.axis, select(part, sine, arc.sine), select(part, rest, arc.rest));
     out.root = Lanes3<F>::at(points);
-    return isThere(first) & (share > zero);
+    return both(isThere(first), share > zero);
 }
 
 /// Along `way`, `lift` above the surface: see layStrand. `chord` and `way` unit or zero; the mask
@@ -80,7 +80,7 @@ CORVELLE_LANES_TARGET inline auto placement(const LayJob&, const F* numbers, con
     const auto lies = turnToLay(chord, normalAcross(Lanes3<F>::at(numbers), first),
                                 Lanes3<F>::at(numbers + 4), numbers[3], numbers[7], out.turn);
     out.root = Lanes3<F>::at(points);
-    return lies & isThere(chord);
+    return both(lies, isThere(chord));
 }
 
 /// The turn by radians about x, then y, then z, each -pi to pi: see turnInFrame.

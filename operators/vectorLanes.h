@@ -56,6 +56,13 @@ CORVELLE_LANES_TARGET inline Lanes3<F> select3(M mask, const Lanes3<F>& a, const
     return {select(mask, a.x, b.x), select(mask, a.y, b.y), select(mask, a.z, b.z)};
 }
 
+/// A mask of what is in both.
+inline bool both(bool a, bool b) { return a && b; }
+template <class M>
+CORVELLE_LANES_TARGET inline M both(M a, M b) {
+    return a & b;
+}
+
 /// Of a unit vector or a zero one: which it is.
 template <class F>
 CORVELLE_LANES_TARGET inline auto isThere(const Lanes3<F>& v) {
