@@ -55,8 +55,8 @@ struct ExpressionFunction {
 /// neither `single` nor `batch`.
 std::span<const ExpressionFunction> expressionFunctions();
 
-/// The arithmetic shared by operators and functions.
-/// `x` to the power `y` by the C library, but a square is one exact product.
+/// `x` to the power `y`, as the operator and the function give it: by the C library, but a square is
+/// one exact product.
 inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : std::pow(x, y); }
 
 }  // namespace corvelle

@@ -152,6 +152,7 @@ TEST_F(GraphTest, BypassAndEvaluationPassTheFirstInput) {
     EXPECT_EQ(evaluatedBy(ids[2], viewport), 0u) << "params of a bypassed node change nothing";
     graph.node(ids[0]).bypass = true;
     EXPECT_EQ(evaluateStrands(graph, ids[2], viewport)->strandCount(), 20u) << "a source still runs";
+    EXPECT_EQ(graph.status().at(ids[0]), "bypass");
     const NodeId follow = add("TestFollow", "follow");
     graph.node(follow).bypass = true;
     EXPECT_EQ(errorOf([&] { graph.evaluate(follow, {}); }),

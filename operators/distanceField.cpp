@@ -290,7 +290,7 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
 
     const MeshSides sides(mesh);
     mesh.prepareQueries();
-    values_.resize(nodes);
+    values_.resize(nodes + kReadBehind);
     Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1)};
     build.seed();
     for (int axis = 0; axis < 3; ++axis) build.widen(axis);
@@ -430,6 +430,16 @@ bool DistanceField::surelyOutside(Vec3f position, float below, float above) cons
                       z = unsigned(int(at.z)) / kBlockCells;
     const Range& range = ranges_[(z * blocks_[1] + y) * blocks_[0] + x];
     return range.least >= above || range.most < below;
+}
+
+FieldGrid DistanceField::grid() const {
+    return {.values = values_.data(),
+            .low = {low_.x, low_.y, low_.z},
+            .last = {last_.x, last_.y, last_.z},
+            .cell = cell_,
+            .inverse = inverse_,
+            .row = count_[0],
+            .plane = count_[0] * count_[1]};
 }
 
 std::size_t DistanceField::byteSize() const {

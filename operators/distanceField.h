@@ -10,12 +10,13 @@
 
 #include "model/scalpMesh.h"
 #include "model/vec3f.h"
+#include "operators/laneKernels.h"
 #include "operators/meshSides.h"
 
 namespace corvelle {
 
-/// A signed distance, in centimetres, below 0 inside, and the unit direction it grows in (zero where
-/// there is none).
+/// A signed distance, in centimetres, below 0 inside, and the unit direction it grows in (zero
+/// where there is none).
 struct DistanceSample {
     float distance = 0.0f;
     Vec3f gradient;
@@ -68,12 +69,15 @@ public:
     bool surelyOutside(Vec3f position, float below, float above) const;
 
     float cell() const { return cell_; }
-    std::size_t nodeCount() const { return values_.size(); }
+    std::size_t nodeCount() const { return values_.size() - kReadBehind; }
+    /// For kernels; good while the field is.
+    FieldGrid grid() const;
     std::size_t byteSize() const;
     /// Over every value: for tests.
     std::uint64_t contentHash() const;
 
 private:
+    static constexpr std::size_t kReadBehind = 2;  ///< floats behind the nodes, read but not used
     struct Build;
     struct Place;
     Place place(Vec3f position) const;
@@ -97,13 +101,13 @@ private:
 };
 using DistanceFieldPtr = std::shared_ptr<const DistanceField>;
 
-/// The grid's padding beyond two cells, in cells: a power of two, so that small changes of an offset
-/// do not ask for another field.
+/// The grid's padding beyond two cells, in cells: a power of two, so that small changes of an
+/// offset do not ask for another field.
 std::size_t paddingCells(float offset, float cell, float side);
 
-/// The field of a mesh, made on first use; the four used last are kept, by the mesh's content. Null,
-/// and `whyNot` filled when given, for a mesh that cannot have one. Any thread may call it; two that
-/// ask for one field at once may both make it.
+/// The field of a mesh, made on first use; the four used last are kept, by the mesh's content.
+/// Null, and `whyNot` filled when given, for a mesh that cannot have one. Any thread may call it;
+/// two that ask for one field at once may both make it.
 DistanceFieldPtr sharedDistanceField(const ScalpPtr& mesh, float offset,
                                      std::string* whyNot = nullptr);
 /// The same for the exact distance.

@@ -362,8 +362,8 @@ private:
         run.shapes = shapeCache_.shapes(*guides, normals, counts, boolean("smoothGuides"));
         std::string details = "it does not keep clearance";
         if (boolean("keepClearance") && !run.settings.takeLength && connected)
-            run.clearance =
-                clearanceCache_.goals(*guides, boolean("smoothGuides"), connected, details);
+            run.clearance = clearanceCache_.goals(*guides, boolean("smoothGuides"), connected,
+                                                  counts, details);
         {
             const std::lock_guard lock(detailMutex_);
             details_ = std::move(details);

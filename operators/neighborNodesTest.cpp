@@ -360,6 +360,28 @@ TEST(TangleTest, TwoStrandsMeetAtFullStrength) {
     EXPECT_TRUE(bench.evaluate()->sharesPoints(set));
 }
 
+TEST(TangleTest, NeverSticksAcrossAPart) {
+    StrandSet set = row({0.0f, 0.0f, 0.0f, 0.0f});  // the part runs along x = 1
+    for (Vec3f& p : set.mutablePoints()) p.x -= 0.5f;
+    NodeBench bench("Tangle");
+    bench.op().set("radius", 9.0);
+    bench.op().set("fraction", 1.0);
+    const auto crossings = [&](double seed) {
+        bench.op().set("seed", seed);
+        bench.feed(set);
+        const StrandsPtr out = bench.evaluate();
+        int count = 0;
+        for (std::size_t s = 0; s < 4; ++s)
+            for (const Vec3f& p : out->pointsOf(s)) count += (p.x < 1.0f) != (s < 2);
+        return count;
+    };
+    int without = 0;
+    for (int seed = 0; seed < 8; ++seed) without += crossings(seed);
+    EXPECT_GT(without, 0) << "else this proves nothing";
+    bench.data.parts = middlePart();
+    for (int seed = 0; seed < 8; ++seed) EXPECT_EQ(crossings(seed), 0);
+}
+
 TEST(TangleTest, PullsWithinItsSpanAndNotPastThePartnersTip) {
     std::vector<Vec3f> points, partner;
     for (int i = 0; i <= 20; ++i) points.push_back({0, 0.5f * float(i), 0});
@@ -431,6 +453,32 @@ TEST(TwistTest, TurnsAboutTheMeanOfTheClump) {
             const Vec3f wanted = Rotation::about({0, 1, 0}, angle)(set.pointsOf(s)[i]);
             EXPECT_LT(distance(out->pointsOf(s)[i], wanted), 2e-5f);
         }
+}
+
+TEST(TwistTest, TurnsABigClumpAboutTheMeanOfAllItsStrands) {
+    // As many strands on both sides of the y axis, of two point counts: half a turn swaps the
+    // sides.
+    StrandSet set;
+    SplitMix random(6);
+    for (std::uint64_t s = 0; s < 70; s += 2) {
+        const Vec3f off{random.nextRange(-1, 1), 0, random.nextRange(-1, 1)};
+        for (const float side : {1.0f, -1.0f}) {
+            std::vector<Vec3f> points;
+            const int segments = s < 40 ? 10 : 6;
+            for (int i = 0; i <= segments; ++i)
+                points.push_back(off * side + Vec3f{0, 5.0f * float(i) / float(segments), 0});
+            set.addStrand(s + std::uint64_t(side > 0), points, {}, {});
+        }
+    }
+    std::ranges::fill(set.mutableStrandChannel("clumpId", -1.0f), 2.0f);
+    NodeBench bench("Twist");
+    bench.op().set("turn", 0.1);
+    bench.feed(set);
+    const StrandsPtr out = bench.evaluate();
+    for (std::size_t s = 0; s < set.strandCount(); ++s) {
+        const Vec3f from = set.pointsOf(s).back(), to = out->pointsOf(s).back();
+        EXPECT_LT(distance(to, {-from.x, from.y, -from.z}), 1e-4f);
+    }
 }
 
 TEST(TwistTest, TurnsAboutTheNearestGuideConnected) {

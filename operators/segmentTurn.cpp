@@ -56,6 +56,10 @@ bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
 
 }  // namespace
 
+Vec3f laidOnSurface(Vec3f direction, Vec3f normal) {
+    return vec3(laidOnAcross(unitOf(lanes3(direction)), lanes3(normal)));
+}
+
 void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float strength,
                    std::span<float> out) {
     polylineShares(points, out);

@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 #include "model/hash.h"
+#include "model/parallel.h"
 #include "model/polyline.h"
+#include "operators/laneRuns.h"
+#include "operators/neighborKernels.h"
 #include "operators/neighborTable.h"
 #include "operators/nodeFactories.h"
+#include "operators/pointCountOrder.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
@@ -31,7 +36,7 @@ bool stickStrand(std::span<const Vec3f> points, std::span<const float> lengths,
     if (n < 2 || m < 2) return false;
     const float begin = span.begin * lengths[n - 1];
     const float end = std::min(span.end * lengths[n - 1], partnerLengths[m - 1]);
-    if (!(end > begin)) return false;
+    if (!(end > begin) || !std::isfinite(partnerLengths[m - 1])) return false;
     const float scale = 1.0f / (end - begin);
     bool sticks = false;
     std::size_t k = 0;
@@ -124,54 +129,79 @@ public:
 
     WrittenArrays writes() const override { return {.points = true}; }
     bool readsWholeSet() const override { return true; }
-    void beginFull(const StrandSet& in) override { table_ = cache->table(in, settings); }
+    void beginFull(const StrandSet& in) override {
+        table_ = cache->table(in, settings);
+        draws_.resize(in.strandCount());
+        parallelRange(0, draws_.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s)
+                draws_[s] = hashCombine(partnerBase, in.ids()[s]);
+        });
+    }
 
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> fractions, strengths;
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        std::array<std::uint32_t, StrandPick::kBatch> stuck, partners;
+        std::array<Span, StrandPick::kBatch> spans;
+        std::size_t count = 0;
         std::vector<float> lengths, partnerLengths;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const std::uint64_t id = in.ids()[s];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
-            const std::size_t partner =
-                draw(fractionBase, id) < fractions[k] ? partnerOf(in, s) : s;
-            if (partner == s) {
-                std::copy(points.begin(), points.end(), to.begin());
-                continue;
-            }
-            const auto theirs = in.pointsOf(partner);
+        const auto alone = [&](std::uint32_t s, std::uint32_t partner, const Span& at) {
+            const auto points = in.pointsOf(s), theirs = in.pointsOf(partner);
             lengths.resize(points.size());
             partnerLengths.resize(theirs.size());
             polylineLengths(points, lengths);
             polylineLengths(theirs, partnerLengths);
+            stickStrand(points, lengths, theirs, partnerLengths, {at.begin, at.end}, at.strength,
+                        reach, out.points.subspan(in.offsets()[s], points.size()));
+        };
+        for (const std::uint32_t k : PointCountOrder(in, strands)) {
+            const std::uint32_t s = strands[k];
+            const std::uint64_t id = in.ids()[s];
+            const std::uint32_t partner = draw(fractionBase, id) < fractions[k] ? partnerOf(s) : s;
+            if (partner == s) {
+                std::ranges::copy(in.pointsOf(s),
+                                  out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
+                continue;
+            }
             const float latest = std::max(start, 1.0f - span);
             const float begin = mix(start, latest, draw(spanBase, id));
-            stickStrand(points, lengths, theirs, partnerLengths,
-                        {begin, std::min(begin + span, 1.0f)}, clampShare(strengths[k]), reach, to);
+            const Span at = {begin, std::min(begin + span, 1.0f), clampShare(strengths[k]), 0.0f};
+            if (in.pointCountOf(partner) != in.pointCountOf(s)) {
+                alone(s, partner, at);
+                continue;
+            }
+            stuck[count] = s;
+            partners[count] = partner;
+            spans[count++] = at;
         }
+        if (count == 0) return;
+        const std::span<const std::uint32_t> list(stuck.data(), count);
+        const StickJob job{lanePoints(in, list, out.points), partners.data(), &spans[0].begin,
+                           reach};
+        deformStrands(neighborKernels().stick, job, in, list,
+                      [&](std::size_t k) { alone(list[k], partners[k], spans[k]); });
     }
 
 private:
     /// The strand among the neighbours whose id draws lowest, so that near ones mostly pick the
     /// same and form tufts; itself when it draws lower than all: then they come to it. Were it to
     /// go to one of them, the two would trade places and not meet.
-    std::size_t partnerOf(const StrandSet& in, std::size_t s) const {
-        std::size_t best = s;
-        std::uint64_t least = hashCombine(partnerBase, in.ids()[s]);
-        for (const std::uint32_t other : table_->of(s)) {
-            const std::uint64_t drawn = hashCombine(partnerBase, in.ids()[other]);
-            if (drawn >= least) continue;
-            least = drawn;
-            best = other;
-        }
+    std::uint32_t partnerOf(std::uint32_t s) const {
+        std::uint32_t best = s;
+        for (const std::uint32_t other : table_->of(s))
+            if (draws_[other] < draws_[best]) best = other;
         return best;
     }
 
+    /// As kernels take it.
+    struct Span {
+        float begin, end, strength, unused;
+    };
+
     std::shared_ptr<const NeighborTable> table_;
+    std::vector<std::uint64_t> draws_;  ///< [strands]
 };
 
 class Tangle final : public StrandOperator {
@@ -182,6 +212,7 @@ public:
         return "Strands stuck together: mats and wet hair.";
     }
     std::vector<ParamSpec> spec() const override { return kParams; }
+    std::uint32_t contextReads() const override { return reads::kParts; }
     void adoptState(const Operator& other) override {
         if (const auto* from = dynamic_cast<const Tangle*>(&other)) cache_.copyFrom(from->cache_);
     }
@@ -204,7 +235,8 @@ protected:
         work->settings = {.count = kCandidates,
                           .maxDistance = float(number("radius")),
                           .regionChannel = text("regionChannel"),
-                          .clumpChannel = boolean("sameClump") ? "clumpId" : ""};
+                          .clumpChannel = boolean("sameClump") ? "clumpId" : "",
+                          .parts = context.parts()};  // hair combed apart does not mat
         work->cache = &cache_;
         return work;
     }

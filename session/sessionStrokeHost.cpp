@@ -1,7 +1,7 @@
 #include "session/sessionStrokeHost.h"
 
 #include "session/frameRate.h"
-#include "tools/paramBrush.h"
+#include "tools/strokeErrors.h"
 
 namespace corvelle {
 
@@ -10,7 +10,7 @@ std::shared_ptr<const PaintImage> SessionStrokeHost::image(const std::string& ma
     const MapCatalogPtr maps = groom_->document().maps;
     const PaintedMap* found = maps ? maps->find(map) : nullptr;
     if (!found || found->kind != PaintedMap::Kind::Texture)
-        throw MapNotFound("this groom has no texture map named " + map);
+        throw StrokeNotFound("this groom has no texture map named " + map);
     const GroomFile& document = groom_->document();
     auto read =
         readPaintImage(searchPathResolver(document.directory, document.searchPaths)(found->file));

@@ -195,7 +195,7 @@ TEST_F(MapStrokes, NamesWhatCannotBePainted) {
     settings.paintKind = "vertices";
     settings.attribute = "none";
     EXPECT_EQ(errorOf([&] { begin(); }), "this groom has no vertex map named none");
-    EXPECT_THROW(begin(), MapNotFound);
+    EXPECT_THROW(begin(), StrokeNotFound);
     settings.paintKind = "texture";
     settings.paintTexture = "none";
     EXPECT_EQ(errorOf([&] { begin(); }), "this groom has no texture map named none");
@@ -205,7 +205,7 @@ TEST_F(MapStrokes, NamesWhatCannotBePainted) {
     const auto bare = std::make_shared<const ScalpMesh>(makeIcosphere(1, 1.0f));
     EXPECT_EQ(errorOf([&] { beginMapStroke(host, settings, bare); }),
               "the scalp has no UVs to paint a texture map on");
-    EXPECT_THROW(beginMapStroke(host, settings, bare), PaintStateError);
+    EXPECT_THROW(beginMapStroke(host, settings, bare), StrokeStateError);
     settings.paintTexture = "layer";
     EXPECT_EQ(begin()->guideLayer(), "mask");
     EXPECT_EQ(host.shown, 0);
