@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "model/elementary.h"
 #include "model/ramp.h"
 
 namespace corvelle {
@@ -56,7 +57,7 @@ struct ExpressionFunction {
 std::span<const ExpressionFunction> expressionFunctions();
 
 /// The arithmetic shared by operators and functions.
-/// `x` to the power `y` by the C library, but a square is one exact product.
-inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : std::pow(x, y); }
+/// `x` to the power `y`, but a square is one product.
+inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : math::pow(x, y); }
 
 }  // namespace corvelle

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
 #include "operators/strandOperator.h"
@@ -13,8 +14,8 @@
 namespace corvelle {
 
 Vec3f leanDirection(Vec3f normal, Vec3f rollZero, float inclination, float roll) {
-    const Vec3f side = rollZero * std::cos(roll) + cross(normal, rollZero) * std::sin(roll);
-    return normalized(normal * std::cos(inclination) + side * std::sin(inclination));
+    const Vec3f side = rollZero * math::cos(roll) + cross(normal, rollZero) * math::sin(roll);
+    return normalized(normal * math::cos(inclination) + side * math::sin(inclination));
 }
 
 Rotation shareOfTurn(Vec3f first, Vec3f target, float share) {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/flowData.h"
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
@@ -32,7 +33,7 @@ inline Rotation turnToLay(Vec3f chord, Vec3f heading, Vec3f normal, Vec3f way, f
     if (heading == Vec3f{}) heading = way;
     const Vec3f up = normalized(normal * std::sqrt(1.0f - sine * sine) - heading * sine);
     const Vec3f across = cross(chord, up);
-    const float cosine = std::cos(lift), rise = std::sin(lift);
+    const float cosine = math::cos(lift), rise = math::sin(lift);
     const Vec3f toChord = way * cosine + normal * rise;
     const Vec3f toUp = normal * cosine - way * rise;
     const Vec3f toAcross = cross(toChord, toUp);
@@ -111,7 +112,7 @@ public:
             }
             if (rollRandom > 0.0f) {
                 const float roll = rollRandom * kRadians * drawSigned(rollBase, in.ids()[s]);
-                way = normalized(way * std::cos(roll) + cross(normal, way) * std::sin(roll));
+                way = normalized(way * math::cos(roll) + cross(normal, way) * math::sin(roll));
             }
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
             placements.set(k, turnToLay(chord, heading, normal, way, degrees * kRadians),

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "model/elementary.h"
+
 namespace corvelle {
 
 Vec3f firstDirection(std::span<const Vec3f> points) {
@@ -60,7 +62,7 @@ Vec3f shortestAxis(Vec3f from, Vec3f to) { return axisOf(wideCross(from, to), fr
 ShortestArc shortestArc(Vec3f from, Vec3f to) {
     const WideCross c = wideCross(from, to);
     const double cosine = double(from.x) * to.x + double(from.y) * to.y + double(from.z) * to.z;
-    return {axisOf(c, from), float(std::atan2(c.sine, cosine))};
+    return {axisOf(c, from), float(math::atan2(c.sine, cosine))};
 }
 
 }  // namespace corvelle
