@@ -139,8 +139,10 @@ std::vector<ParamSpec> makeParams() {
         share("grey", 0.0, "Fraction of grey strands (mappable)"),
         {.name = "map",
          .defaultValue = std::string(),
-         .description = "Color read as RGB at each root (empty: none): a map painted in Groom Tools > Paint, by name "
-                        "(a color map's color, a gray map's value as gray), a color set of that name on the scalp, or "
+         .description = "Color read as RGB at each root (empty: none): a map painted in Groom "
+                        "Tools > Paint, by name "
+                        "(a color map's color, a gray map's value as gray), a color set of that "
+                        "name on the scalp, or "
                         "an image file sampled at the scalp's UVs"},
         {.name = "mode",
          .defaultValue = std::string("replace"),
@@ -148,19 +150,26 @@ std::vector<ParamSpec> makeParams() {
          .choices = {"replace", "multiply"}},
         {.name = "colorSource",
          .defaultValue = std::string("auto"),
-         .description = "What Arnold renders the strands by: auto (the pigment, or the RGB for the whole groom when "
-                        "any color node colors by more than it), melanin (the pigment and dye only), rgb (the RGB), or "
-                        "mix (per strand by dyeAmount). Any but auto mixes the two looks strand by strand in one groom",
+         .description = "What Arnold renders the strands by: auto (the pigment, or the RGB for the "
+                        "whole groom when "
+                        "any color node colors by more than it), melanin (the pigment and dye "
+                        "only), rgb (the RGB), or "
+                        "mix (per strand by dyeAmount). Any but auto mixes the two looks strand by "
+                        "strand in one groom",
          .choices = {"auto", "melanin", "rgb", "mix"}},
         share("dyeAmount", 1.0,
-              "With colorSource mix: each strand's share of the RGB look, 0 (the pigment) to 1 (mappable, per strand: "
+              "With colorSource mix: each strand's share of the RGB look, 0 (the pigment) to 1 "
+              "(mappable, per strand: "
               "a map, or an expression such as step(0.7, rand))"),
         level("melaninRandom", 0.1, "Random pigment offset per strand, +/-", "Random"),
         level("rednessRandom", 0.05, "Random redness offset per strand, +/-", "Random"),
-        share("hueRandom", 0.0, "Random hue turn per strand, 0-1 (1: up to half a turn either way)", "Random"),
-        share("saturationRandom", 0.0, "Random saturation scale per strand, 0-1 (+/- that fraction)", "Random"),
+        share("hueRandom", 0.0, "Random hue turn per strand, 0-1 (1: up to half a turn either way)",
+              "Random"),
+        share("saturationRandom", 0.0,
+              "Random saturation scale per strand, 0-1 (+/- that fraction)", "Random"),
         share("valueRandom", 0.0,
-              "Random brightness scale per strand, 0-1 (+/- that fraction): as more or less melanin where the pigment "
+              "Random brightness scale per strand, 0-1 (+/- that fraction): as more or less "
+              "melanin where the pigment "
               "colors the strand, so the look stays the pigment's",
               "Random"),
         {.name = "hueShift",
@@ -171,19 +180,24 @@ std::vector<ParamSpec> makeParams() {
          .softMax = 0.5},
         scale("saturationScale", "Scales the saturation of every strand"),
         scale("valueScale", "Scales the brightness of every strand"),
-        level("clumpShare", 0.5, "Share of the randomness common to a clump (the clumpChannel), 0-1"),
+        share("clumpShare", 0.5,
+              "Share of the randomness common to a clump (the clumpChannel), 0-1"),
         {.name = "clumpChannel",
          .defaultValue = std::string("clumpId"),
-         .description = "The channel naming each strand's clump, for clumpShare: a Clump's clumpChannel (clumpId by "
+         .description = "The channel naming each strand's clump, for clumpShare: a Clump's "
+                        "clumpChannel (clumpId by "
                         "default; with chained Clumps, the one whose clumps should share a color)"},
         {.name = "tipColor",
          .defaultValue = kDefaultTip,
          .description = "Color the strands blend toward at the tip, linear RGB",
          .unit = "color"},
         share("tipStrength", 0.0,
-              "How far toward tipColor the tip goes, 0-1 (mappable, per point: a painted per-point layer or an "
-              "expression of t paints color along the strands; set tipProfile flat to use it alone); above 0 the color "
-              "is also written per point (at 0, per-point colors from an earlier color node are removed)"),
+              "How far toward tipColor the tip goes, 0-1 (mappable, per point: a painted per-point "
+              "layer or an "
+              "expression of t paints color along the strands; set tipProfile flat to use it "
+              "alone); above 0 the color "
+              "is also written per point (at 0, per-point colors from an earlier color node are "
+              "removed)"),
         {.name = "tipProfile",
          .defaultValue = Ramp({{0.0f, 0.0f}, {1.0f, 1.0f}}),
          .description = "Blend to tipColor along the length, root to tip, times tipStrength"},
