@@ -1,6 +1,7 @@
 #pragma once
 
 #include "operators/deformLanes.h"
+#include "operators/partLanes.h"
 #include "operators/placeLanes.h"
 #include "operators/strandLanes.h"
 
@@ -19,6 +20,7 @@ LaneKernels kernelsOver() {
             .step = stepLanes<F>,
             .smooth = smoothLanes<F>,
             .bend = bendLanes<F>,
+            .away = awayLanes<F>,
             .lean = placeLanes<F, LeanJob>,
             .lay = placeLanes<F, LayJob>,
             .transform = placeLanes<F, TransformJob>};

@@ -50,7 +50,8 @@ ROWS: List[Row] = [
       for node in ("Length", "Width", "Resample")),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Bend", "Direction",
-                   "Transform", "Flow", "Flyaway")),
+                   "Transform", "Flow", "Part", "Flyaway")),
+    Row("Part, all hair within its width, one thread, over the stream", "operators", "nodes/PartAll/1", "nodes/baseline stream/1", "time", 5.0),
     *(Row(f"table of {k} neighbours, rate over nanoflann", "operators", f"neighbors/table/{k}/1", f"neighbors/nanoflann/{k}/1", "rate", 1.5)
       for k in (4, 8)),
     Row("HairColor, one thread, over the stream", "operators", "nodes/HairColor/1", "nodes/baseline stream/1", "time", 5.0),
