@@ -22,6 +22,7 @@ void turnAway(std::span<const Vec3f> points, Vec3f normal, Vec3f away,
 
 namespace {
 
+constexpr std::size_t kAhead = 8;  ///< strands, for the caches
 constexpr std::uint64_t kSide = hashOf("Part.side");
 
 const std::vector<ParamSpec> kParams = {
@@ -71,6 +72,10 @@ public:
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
+            if (k + kAhead < strands.size()) {
+                const auto next = in.pointsOf(strands[k + kAhead]);
+                fetchFloats(reinterpret_cast<const float*>(next.data()), 3 * next.size());
+            }
             PartPlace place;
             if (points.size() < 2 || !(strengths[k] > 0.0f) ||
                 !parts->nearest(points[0], part, width, place)) {
