@@ -114,6 +114,16 @@ CORVELLE_LANES_TARGET inline Lanes3<F> laidOnAcross(const Lanes3<F>& unit,
     return select3(size > F(kAlongNormal), laid / size, Lanes3<F>(zero, zero, zero));
 }
 
+/// From the shares of the length at the points, what the segments that end there take of a
+/// strength: see segmentShares.
+template <class F>
+CORVELLE_LANES_TARGET inline void segmentSharesAcross(const RampKeys& profile, F strength,
+                                                      std::size_t n, F* shares) {
+    const F half(0.5f);
+    for (std::size_t i = n; i-- > 1;)
+        shares[i] = clampAcross(rampAcross(profile, half * (shares[i] + shares[i - 1])) * strength);
+}
+
 template <class F>
 CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGroup<F>& group,
                                             std::size_t n, float* scratch) {
@@ -124,7 +134,7 @@ CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGrou
     gatherLanes(group.from, 3 * n, points);
     F b[4];
     numbersAcross(group, job.toward, 4, b);
-    const F zero(0.0f), half(0.5f);
+    const F zero(0.0f);
     F strength = b[3];
     int again = 0;
     if (job.straighten) {
@@ -150,10 +160,7 @@ CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGrou
         if (!measured) segments[i - 1] = lengthAcross(turned);
         shortenAcross(turned, segments[i - 1]);
     }
-    if (profiled)
-        for (std::size_t i = n; i-- > 1;)
-            shares[i] =
-                clampAcross(rampAcross(job.profile, half * (shares[i] + shares[i - 1])) * strength);
+    if (profiled) segmentSharesAcross(job.profile, strength, n, shares);
     for (std::size_t i = 1; i < n; ++i) {
         const F share = profiled ? shares[i] : strength;
         const F cosine = turnAcross(ways + 3 * i, b, share);

@@ -148,6 +148,16 @@ struct LiftJob {
     std::uint8_t* lifted = nullptr;  ///< [places] 1 for a strand that moved, else 0
 };
 
+/// Turns segments about the root's normal, away from a part: see turnAway. `numbers` as above.
+struct AwayJob {
+    static constexpr std::size_t kNumbers = 12;
+    LanePoints points;
+    /// Normal, strength (0 to 1); the root from the place of the part nearest to it, and the side
+    /// to take, -1 or 1, where the two are one; the way of the part there, one unused.
+    const float* numbers = nullptr;
+    RampKeys profile;  ///< of the strength: see segmentShares; no keys: the same everywhere
+};
+
 template <class Job>
 using LaneDeform = void (*)(const Job& job, std::size_t first, std::size_t count, std::size_t n,
                             float* scratch);
@@ -168,6 +178,7 @@ struct LaneKernels {
     LaneDeform<StepJob> step = nullptr;
     LaneDeform<SmoothJob> smooth = nullptr;
     LaneDeform<BendJob> bend = nullptr;
+    LaneDeform<AwayJob> away = nullptr;
     LaneDeform<LeanJob> lean = nullptr;
     LaneDeform<LayJob> lay = nullptr;
     LaneDeform<TransformJob> transform = nullptr;

@@ -57,7 +57,8 @@ ROWS: List[Row] = [
       for node in ("Length", "Width", "Resample")),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Bend", "Direction",
-                   "Transform", "Flow", "Flyaway")),
+                   "Transform", "Flow", "Part", "Flyaway")),
+    Row("Part, all hair within its width, one thread, over the stream", "operators", "nodes/PartAll/1", "nodes/baseline stream/1", "time", 5.0),
     Row("Clump, centers cached, one thread, over the stream", "operators",
         "clump/pull, centers cached/1", "clump/baseline stream/1", "time", 6.0),
     *(Row(f"{count} clump centers picked over blue noise", "operators",
