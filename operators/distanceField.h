@@ -60,13 +60,19 @@ public:
     float distance(Vec3f position) const;
     DistanceSample sample(Vec3f position) const;
     /// The sample where its distance is from `least` up to, not including, `below`; else false, and
-    /// `out` stays. Faster than `sample` where few are.
-    bool sampleWithin(Vec3f position, float least, float below, DistanceSample& out) const;
+    /// `out` stays. `fewAre`: looks at the coarse table first.
+    bool sampleWithin(Vec3f position, float least, float below, DistanceSample& out,
+                      bool fewAre = true) const;
     /// distances[i] at positions[i].
     void distances(std::span<const Vec3f> positions, std::span<float> distances) const;
     /// True when the distance at `position` is surely at or above `above`, or surely below `below`:
     /// a look at a coarse table, far faster than the distance. False says nothing.
     bool surelyOutside(Vec3f position, float below, float above) const;
+
+    /// Bit i for each of up to kMostLooks positions of which surelyOutside says nothing. Several
+    /// are looked at side by side.
+    std::uint32_t perhapsWithin(std::span<const Vec3f> positions, float below, float above) const;
+    static constexpr std::size_t kMostLooks = 32;
 
     float cell() const { return cell_; }
     std::size_t nodeCount() const { return values_.size() - kReadBehind; }

@@ -152,6 +152,16 @@ TEST(DistanceField, ItsQuickAnswersAreNeverWrong) {
             EXPECT_TRUE(d >= 0.1f || d < -0.5f) << d;
         }
         EXPECT_GT(quick, 300u);
+        places[3].x = places[40].z = std::nanf("");
+        places[41] = {1e30f, -1e30f, 0.0f};
+        for (std::size_t i = 0; i + 32 <= 2000; i += 7) {
+            const auto some = std::span<const Vec3f>(places).subspan(i, i % 33);
+            std::uint32_t wanted = 0;
+            for (std::size_t k = 0; k < some.size(); ++k)
+                wanted |= std::uint32_t(!field.surelyOutside(some[k], -0.5f, 0.1f)) << k;
+            EXPECT_EQ(field.perhapsWithin(some, -0.5f, 0.1f), wanted);
+        }
+        places[3] = places[40] = {};
         std::vector<float> batch(places.size());
         field.distances(places, batch);
         for (std::size_t i = 0; i < places.size(); i += 97)

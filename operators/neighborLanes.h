@@ -380,8 +380,8 @@ CORVELLE_LANES_TARGET inline void twistGroup(const TwistJob& job, const StrandGr
         for (std::size_t l = 0; l < kLanes; ++l) {
             const float* at = row[l];
             // Twice without a branch is nearly always enough.
-            at += (at < last[l]) & (at[8 + 3] < places[l]) ? 8 : 0;
-            at += (at < last[l]) & (at[8 + 3] < places[l]) ? 8 : 0;
+            at += 8 * (int(at < last[l]) & int(at[8 + 3] < places[l]));
+            at += 8 * (int(at < last[l]) & int(at[8 + 3] < places[l]));
             while (at < last[l] && at[8 + 3] < places[l]) at += 8;
             row[l] = at;
         }
