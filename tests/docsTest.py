@@ -68,6 +68,85 @@ OPEN = {".times", ".runs", ".notes", ".arrays.attributes", ".spec.paramInputs"}
 EMPTY = {".over"}
 
 
+class Page:
+    """The page's examples against a helper: sessions, files and memory that they can work on."""
+
+    def __init__(self, test):
+        self.test = test
+        self.sections = dict(sections(test.page))
+        self.folder = tempfile.mkdtemp(prefix="corvelle docs ")
+        test.addCleanup(shutil.rmtree, self.folder, True)
+        self.shared = "corvelle_%d_docs" % os.getpid()
+        points = np.array([[0, 0, 0], [0.1, 0, 0], [0.1, 0.1, 0], [0, 0.1, 0]], "<f4")
+        points.tofile("/dev/shm/" + self.shared)
+        test.addCleanup(os.remove, "/dev/shm/" + self.shared)
+        self.helper = Pipes()
+        test.addCleanup(self.helper.__exit__)
+        self.session = None
+
+    def open(self):
+        """A session with a scalp, guides and a graph."""
+        self.session = Groom(self.helper)
+        self.run("set_scalp")
+        self.session.do("guides_edit", op="add_group", name="guides")
+        self.session.do("set_guides", target="hierarchy", **GUIDES)
+        self.session.do("set_graph", graph=self.session.do("get_graph")["graph"])
+
+    def prepare(self, command):
+        """What the examples of a command stand on."""
+        do = self.session.do
+        if command == "load_groom":
+            do("save_groom", path=self.folder + "/hair.groom")
+        elif command in ("export_frame", "export_close"):
+            number = do("export_open", path=self.folder + "/hair.usda", format="usd")["export"]
+            do("export_frame", export=number, frame=1)
+        elif command.startswith("stroke_") or command in ("hover", "select", "pick_level"):
+            do("tool_set", tool="comb")
+            if command != "stroke_begin":
+                self.run("stroke_begin")  # gives the view too
+            if not command.startswith("stroke_"):
+                do("stroke_cancel")
+        elif command == "set_guides":
+            do("set_guides", points=[], counts=[], target="hierarchy")
+        elif command in ("get_param", "set_param", "edit_graph", "list_nodes", "node_spec"):
+            self.run("set_graph")
+        elif command in ("undo", "redo"):
+            do("guides_edit", op="add_group", name="more")
+        elif command == "map_remove":
+            self.run("map_create")
+        elif command in ("get_state", "maps_list"):
+            do("map_create", name="length", kind="texture", resolution=4)
+            do("map_create", name="thin", kind="vertices")
+        elif command in ("stats", "node_status", "display"):
+            do("evaluate")
+
+    def fitted(self, request):
+        out = dict(request)
+        if "session" in out:
+            out["session"] = self.session.number
+        if "path" in out:
+            out["path"] = os.path.join(self.folder, os.path.basename(out["path"]))
+        if out["cmd"] == "update_scalp":
+            out["points"] = {**out["points"], "shm": self.shared}
+        if out["cmd"] == "set_state":
+            out["groom"] = self.session.do("get_state")["groom"]
+        if out["cmd"] == "set_options":
+            out["mapsDir"] = self.folder
+        return out
+
+    def run(self, command, shows=False):
+        """Sends the examples of a command; `shows`: the answers must hold what the page shows."""
+        found = list(examples(self.sections[command]))
+        self.test.assertTrue(found, "%s has no example that is JSON" % command)
+        for request, shown in found:
+            with self.test.subTest(request=json.dumps(request)[:120]):
+                reply = self.helper.ask(**self.fitted(request))
+                self.test.assertEqual(reply.get("error"), None)
+                self.test.assertEqual(reply["id"], request["id"])
+                if shows and shown is not None:
+                    self.test.assertEqual(missing(shown, reply["result"]), [])
+
+
 class DocsTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -96,83 +175,13 @@ class DocsTest(unittest.TestCase):
             self.assertEqual(category, specs[name]["category"], name)
 
     def test_every_example_is_answered_as_the_page_shows(self):
-        folder = tempfile.mkdtemp(prefix="corvelle docs ")
-        self.addCleanup(shutil.rmtree, folder, True)
-        points = np.array([[0, 0, 0], [0.1, 0, 0], [0.1, 0.1, 0], [0, 0.1, 0]], "<f4")
-        shared = "corvelle_%d_docs" % os.getpid()
-        points.tofile("/dev/shm/" + shared)
-        self.addCleanup(os.remove, "/dev/shm/" + shared)
-        helper = Pipes()
-        self.addCleanup(helper.__exit__)
-        session = None
-
-        def fresh():
-            nonlocal session
-            session = Groom(helper)
-            run("set_scalp")
-            session.do("guides_edit", op="add_group", name="guides")
-            session.do("set_guides", target="hierarchy", **GUIDES)
-            session.do("set_graph", graph=session.do("get_graph")["graph"])
-
-        def before(command):
-            """What an example stands on."""
-            if command == "load_groom":
-                session.do("save_groom", path=folder + "/hair.groom")
-            elif command in ("export_frame", "export_close"):
-                number = session.do("export_open", path=folder + "/hair.usda", format="usd")["export"]
-                session.do("export_frame", export=number, frame=1)
-            elif command in ("stroke_begin", "stroke_drag", "stroke_end", "stroke_cancel"):
-                session.do("tool_set", tool="comb")
-                if command != "stroke_begin":
-                    run("stroke_begin")
-            elif command in ("hover", "select", "pick_level"):
-                session.do("tool_set", tool="comb")
-                run("stroke_begin")  # gives the view
-                session.do("stroke_cancel")
-            elif command == "set_guides":
-                session.do("set_guides", points=[], counts=[], target="hierarchy")
-            elif command in ("get_param", "set_param", "edit_graph", "list_nodes", "node_spec"):
-                run("set_graph")
-            elif command in ("undo", "redo"):
-                session.do("guides_edit", op="add_group", name="more")
-            elif command == "map_remove":
-                run("map_create")
-            elif command in ("get_state", "maps_list"):
-                session.do("map_create", name="length", kind="texture", resolution=4)
-                session.do("map_create", name="thin", kind="vertices")
-            elif command in ("stats", "node_status", "display"):
-                session.do("evaluate")
-
-        def fitted(request):
-            """The request with a session, files and memory that are there."""
-            out = dict(request)
-            if "session" in out:
-                out["session"] = session.number
-            if "path" in out:
-                out["path"] = os.path.join(folder, os.path.basename(out["path"]))
-            if out["cmd"] == "update_scalp":
-                out["points"] = {**out["points"], "shm": shared}
-            if out["cmd"] == "set_state":
-                out["groom"] = session.do("get_state")["groom"]
-            if out["cmd"] == "set_options":
-                out["mapsDir"] = folder
-            return out
-
-        def run(command, shows=False):
-            for request, shown in examples(dict(sections(self.page))[command]):
-                with self.subTest(command=command, request=json.dumps(request)[:120]):
-                    reply = helper.ask(**fitted(request))
-                    self.assertEqual(reply.get("error"), None)
-                    self.assertEqual(reply["id"], request["id"])
-                    if shows and shown is not None:
-                        self.assertEqual(missing(shown, reply["result"]), [])
-
-        for command, _ in sections(self.page):
+        page = Page(self)
+        for command in page.sections:
             if command != "shutdown":
-                fresh()
-                before(command)
-                run(command, shows=True)
-        run("shutdown", shows=True)
+                page.open()
+                page.prepare(command)
+                page.run(command, shows=True)
+        page.run("shutdown", shows=True)
 
 
 if __name__ == "__main__":
