@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "model/elementary.h"
 #include "model/guideEdit.h"
 #include "model/guideFollow.h"
 #include "model/guideHierarchy.h"
@@ -50,8 +51,8 @@ std::vector<Vec3f> drawOffsets(std::uint64_t hash, const ChildSettings& settings
             distance *
             (settings.rootSpread + (double(settings.tipSpread) - double(settings.rootSpread)) * t);
         const double turned = angle + double(settings.twist) * t;
-        offsets[i] = Vec3d(reach * std::cos(turned) + jitterN * t,
-                           reach * std::sin(turned) + jitterB * t, 0.0)
+        offsets[i] = Vec3d(reach * math::cos(turned) + jitterN * t,
+                           reach * math::sin(turned) + jitterB * t, 0.0)
                          .narrow();
     }
     return offsets;

@@ -209,7 +209,8 @@ void windStrands(const CurlRun& run, const CurlLoad& load, const StrandPick& pic
 }
 
 bool noWidths(const StrandSet& strands) {
-    return std::ranges::all_of(strands.widths(), [](float width) { return width == 1.0f; });
+    return !strands.widths().empty() &&
+           std::ranges::all_of(strands.widths(), [](float width) { return width == 1.0f; });
 }
 
 class Curl final : public Operator {

@@ -141,7 +141,7 @@ struct LiftJob {
     LanePoints points;              ///< `to` may be `from`
     const float* wanted = nullptr;  ///< heights of the points, cm
     std::size_t wantedStride = 0;   ///< of them a place
-    FieldGrid field;
+    FieldGrid field, floor;  ///< floor: never above the field, quicker to look at
     float band = 0.0f;        ///< cm: nothing is lifted higher
     float slack = 0.0f;       ///< cm...
     float slackShare = 0.0f;  ///< ...and a share of the height that a point may be too low by

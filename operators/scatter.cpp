@@ -440,6 +440,8 @@ NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs
                 const std::size_t n = std::min(kBlock, e - i);
                 for (std::size_t k = 0; k < n; ++k) indices[k] = std::uint32_t(i + k);
                 field->sampleStrands(*out, {indices.data(), n}, {lengths.data() + i, n});
+                for (std::size_t k = i; k < i + n; ++k)  // a map may say less than the param may
+                    lengths[k] = lengths[k] > 0.0f ? lengths[k] : 0.0f;
             }
         });
         setStrandLengths(*out, *scalp, lengths);
