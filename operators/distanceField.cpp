@@ -20,7 +20,9 @@ constexpr float kCellsPerSide = 192.0f;
 constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
 constexpr std::size_t kBlockCells = 2;
-constexpr std::size_t kCoarsest = 8;  ///< step, in nodes, of the coarsest nodes measured
+constexpr std::size_t kCoarsest = 8;   ///< step, in nodes, of the coarsest nodes measured
+constexpr std::size_t kFloorStep = 4;  ///< of the floor's nodes
+static_assert(kCoarsest % kFloorStep == 0);
 /// A node between coarser ones is measured when it is nearer than so many of their steps: beyond,
 /// the distance is smooth enough to be interpolated.
 constexpr float kMeasuredSteps = 4.0f;
@@ -334,6 +336,63 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
                 borderLeast_ = std::min(borderLeast_, values_[node(x, y, z)]);
         }
     borderLeast_ -= kRangeSlack * std::fabs(borderLeast_);
+    makeFloor();
+}
+
+/// Every fourth node, lowered by as much as what is interpolated between them lies above the field
+/// in the cells next to it. Both are trilinear within a cell of the field, so they lie farthest
+/// apart at its nodes.
+void DistanceField::makeFloor() {
+    constexpr std::size_t step = kFloorStep;
+    std::size_t cells[3], nodes[3];
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        cells[axis] = (count_[axis] - 1) / step;
+        nodes[axis] = cells[axis] + 1;
+    }
+    // The most that the interpolation is above the field, for each of the large cells.
+    std::vector<float> above(cells[0] * cells[1] * cells[2], 0.0f);
+    parallelRange(0, cells[1] * cells[2], 4, [&](std::size_t b, std::size_t e) {
+        for (std::size_t row = b; row < e; ++row) {
+            const std::size_t y0 = row % cells[1] * step, z0 = row / cells[1] * step;
+            for (std::size_t dz = 0; dz <= step; ++dz)
+                for (std::size_t dy = 0; dy <= step; ++dy) {
+                    const float ty = float(dy) / float(step), tz = float(dz) / float(step);
+                    const auto between = [&](std::size_t x) {
+                        const auto at = [&](std::size_t y, std::size_t z) {
+                            return values_[node(x, y, z)];
+                        };
+                        return mix(mix(at(y0, z0), at(y0 + step, z0), ty),
+                                   mix(at(y0, z0 + step), at(y0 + step, z0 + step), ty), tz);
+                    };
+                    const float* const own = &values_[node(0, y0 + dy, z0 + dz)];
+                    float left = between(0);
+                    for (std::size_t x = 0; x < cells[0]; ++x) {
+                        const float right = between((x + 1) * step);
+                        float& most = above[row * cells[0] + x];
+                        for (std::size_t dx = 0; dx <= step; ++dx)
+                            most = std::max(most, mix(left, right, float(dx) / float(step)) -
+                                                      own[x * step + dx]);
+                        left = right;
+                    }
+                }
+        }
+    });
+    floor_.assign(nodes[0] * nodes[1] * nodes[2] + kReadBehind, 0.0f);
+    parallelRange(0, nodes[1] * nodes[2], 16, [&](std::size_t b, std::size_t e) {
+        for (std::size_t row = b; row < e; ++row) {
+            const std::size_t y = row % nodes[1], z = row / nodes[1];
+            for (std::size_t x = 0; x < nodes[0]; ++x) {
+                float most = 0.0f;
+                for (std::size_t cz = z - (z > 0); cz < std::min(z + 1, cells[2]); ++cz)
+                    for (std::size_t cy = y - (y > 0); cy < std::min(y + 1, cells[1]); ++cy)
+                        for (std::size_t cx = x - (x > 0); cx < std::min(x + 1, cells[0]); ++cx)
+                            most = std::max(most, above[(cz * cells[1] + cy) * cells[0] + cx]);
+                const float value = values_[node(x * step, y * step, z * step)];
+                floor_[row * nodes[0] + x] =
+                    value - most - kRangeSlack * (cell_ + std::fabs(value));
+            }
+        }
+    });
 }
 
 /// A position on the grid: the first node of its cell, shares within it, and how far off the grid.
@@ -407,8 +466,8 @@ DistanceSample DistanceField::sample(Vec3f position) const {
     return {inside + off, direction(at, slope, off)};
 }
 
-bool DistanceField::sampleWithin(Vec3f position, float least, float below,
-                                 DistanceSample& out, bool fewAre) const {
+bool DistanceField::sampleWithin(Vec3f position, float least, float below, DistanceSample& out,
+                                 bool fewAre) const {
     if (fewAre && surelyOutside(position, least, below)) return false;
     const Place at = place(position);
     Vec3f slope;
@@ -445,6 +504,18 @@ FieldGrid DistanceField::grid() const {
             .plane = count_[0] * count_[1]};
 }
 
+FieldGrid DistanceField::floor() const {
+    constexpr float step = float(kFloorStep);
+    const std::size_t row = (count_[0] - 1) / kFloorStep + 1;
+    return {.values = floor_.data(),
+            .low = {low_.x, low_.y, low_.z},
+            .last = {last_.x / step, last_.y / step, last_.z / step},
+            .cell = cell_ * step,
+            .inverse = inverse_ / step,
+            .row = row,
+            .plane = row * ((count_[1] - 1) / kFloorStep + 1)};
+}
+
 std::uint32_t DistanceField::perhapsWithin(std::span<const Vec3f> positions, float below,
                                            float above) const {
     static_assert(sizeof(Range) == 2 * sizeof(float));
@@ -474,7 +545,7 @@ std::uint32_t DistanceField::perhapsWithin(std::span<const Vec3f> positions, flo
 }
 
 std::size_t DistanceField::byteSize() const {
-    return values_.size() * sizeof(float) + ranges_.size() * sizeof(Range);
+    return (values_.size() + floor_.size()) * sizeof(float) + ranges_.size() * sizeof(Range);
 }
 
 std::uint64_t DistanceField::contentHash() const {

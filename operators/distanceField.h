@@ -78,6 +78,9 @@ public:
     std::size_t nodeCount() const { return values_.size() - kReadBehind; }
     /// For kernels; good while the field is.
     FieldGrid grid() const;
+    /// A grid of cells four times as long, small enough for a cache, whose distances are never above
+    /// the field's own.
+    FieldGrid floor() const;
     std::size_t byteSize() const;
     /// Over every value: for tests.
     std::uint64_t contentHash() const;
@@ -86,6 +89,7 @@ private:
     static constexpr std::size_t kReadBehind = 2;  ///< floats behind the nodes, read but not used
     struct Build;
     struct Place;
+    void makeFloor();
     Place place(Vec3f position) const;
     float blend(const Place& place, Vec3f& slope) const;
     Vec3f direction(const Place& place, Vec3f slope, float off) const;
@@ -98,6 +102,7 @@ private:
     std::array<std::size_t, 3> count_{};   ///< nodes, 2 or more an axis
     Vec3f last_;                           ///< the last node of each axis
     std::vector<float> values_;            ///< x fastest
+    std::vector<float> floor_;             ///< of every fourth node
     std::array<std::size_t, 3> blocks_{};  ///< of kBlockCells cells an axis
     struct Range {
         float least = 0.0f, most = 0.0f;
