@@ -138,11 +138,11 @@ public:
                            curves_.rows(),
                            group.others.data(),
                            group.counts.data(),
-                           group.strengths.data(),
+                           group.strongs.data(),
                            ramp_.keys(),
                            preserveLength};
         deformStrands(neighborKernels().blend, job, in, list,
-                      [&](std::size_t k) { alone(list[k], group.strengths[k]); });
+                      [&](std::size_t k) { alone(list[k], group.strongs[k]); });
     }
 
 private:
@@ -155,11 +155,11 @@ private:
         std::size_t count = 0;
         std::array<std::uint32_t, StrandPick::kBatch> strands, counts;
         std::array<const std::uint32_t*, StrandPick::kBatch> others;
-        std::array<float, StrandPick::kBatch> strengths;
+        std::array<float, StrandPick::kBatch> strongs;
 
-        void add(std::uint32_t strand, float strength, std::span<const std::uint32_t> neighbors) {
+        void add(std::uint32_t strand, float strong, std::span<const std::uint32_t> neighbors) {
             strands[count] = strand;
-            strengths[count] = strength;
+            strongs[count] = strong;
             others[count] = neighbors.data();
             counts[count++] = std::uint32_t(neighbors.size());
         }

@@ -106,41 +106,50 @@ bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> 
     return movedEver;
 }
 
-std::vector<std::uint32_t> touchingStrands(const StrandSet& strands, const StrandPick& pick,
-                                           std::span<const CollideSurface> surfaces,
-                                           const CollideSettings& settings) {
+namespace {
+
+/// 1 for each strand of `pick` that touches a surface; [strands].
+std::vector<std::uint8_t> touchMarks(const StrandSet& strands, const StrandPick& pick,
+                                     std::span<const CollideSurface> surfaces,
+                                     const CollideSettings& settings) {
     std::vector<std::uint8_t> touches(strands.strandCount(), 0);
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
         for (const std::uint32_t s : batch)
             touches[s] = strandTouches(strands.pointsOf(s), surfaces, settings);
     });
+    return touches;
+}
+
+}  // namespace
+
+std::vector<std::uint32_t> touchingStrands(const StrandSet& strands, const StrandPick& pick,
+                                           std::span<const CollideSurface> surfaces,
+                                           const CollideSettings& settings) {
+    const std::vector<std::uint8_t> touches = touchMarks(strands, pick, surfaces, settings);
     std::vector<std::uint32_t> list;
     for (std::size_t s = 0; s < touches.size(); ++s)
         if (touches[s]) list.push_back(std::uint32_t(s));
     return list;
 }
 
-namespace {
-
-void pushListed(const StrandSet& in, std::span<const std::uint32_t> list,
-                std::span<const CollideSurface> surfaces, const CollideSettings& settings,
-                std::span<Vec3f> points) {
-    StrandPick(list).forEachBatch([&](std::span<const std::uint32_t> batch) {
-        for (const std::uint32_t s : batch)
-            collideStrand(in.pointsOf(s), surfaces, settings,
-                          points.subspan(std::size_t(in.offsets()[s]), in.pointCountOf(s)));
-    });
-}
-
-}  // namespace
-
 StrandsPtr collide(const StrandsPtr& in, std::span<const CollideSurface> surfaces,
                    const CollideSettings& settings) {
-    const std::vector<std::uint32_t> touching =
-        touchingStrands(*in, StrandPick(in->strandCount()), surfaces, settings);
-    if (touching.empty()) return in;
+    const StrandPick all(in->strandCount());
+    const std::vector<std::uint8_t> touches = touchMarks(*in, all, surfaces, settings);
+    if (std::ranges::find(touches, 1) == touches.end()) return in;
     auto out = std::make_shared<StrandSet>(*in);
-    pushListed(*in, touching, surfaces, settings, out->mutablePoints());
+    const std::span<Vec3f> points = out->overwritePoints();
+    const std::span<const std::uint64_t> offsets = in->offsets();
+    all.forEachBatch([&](std::span<const std::uint32_t> batch) {
+        // Copied together, then those that touch once more.
+        const auto first = std::ptrdiff_t(offsets[batch.front()]);
+        const auto end = std::ptrdiff_t(offsets[batch.back() + 1]);
+        std::copy(in->points().begin() + first, in->points().begin() + end, points.begin() + first);
+        for (const std::uint32_t s : batch)
+            if (touches[s])
+                collideStrand(in->pointsOf(s), surfaces, settings,
+                              points.subspan(std::size_t(offsets[s]), in->pointCountOf(s)));
+    });
     return out;
 }
 

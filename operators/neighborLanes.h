@@ -87,13 +87,12 @@ struct GatheredWalk {
 /// with the point p of the curves at places[i], for the lanes `in`; each lane comes up once for
 /// each i but 0, which is its root. Places past a curve's end do not come up, and slow it down.
 template <class F, class Walk, class Take>
-CORVELLE_LANES_TARGET inline void walkCurves(Walk& curves, const F* places, std::size_t n,
-                                             Take& take) {
+CORVELLE_LANES_TARGET inline void walkCurves(Walk& curves, const F* places, std::size_t begin,
+                                             std::size_t n, Take& take) {
     const F zero(0.0f), one(1.0f);
     const int all = laneBits(zero < one);
     F here[4], there[4];
     curves.next(here);
-    std::size_t begin = 1;
     for (std::size_t k = 0; k + 1 < curves.rows && begin < n; ++k) {
         curves.next(there);
         F across[3];
@@ -224,7 +223,7 @@ CORVELLE_LANES_TARGET inline void blendGroup(const BlendJob& job, const StrandGr
         F root[4];
         loadAcross(curves.first, root);
         for (int x = 0; x < 3; ++x) take.root[x] = root[x];
-        walkCurves(curves, shares, n, take);
+        walkCurves(curves, shares, 1, n, take);
     }
     const F share = F::load(numbers), strength = F::load(strengths), length = F::load(lengths);
     F* const out = sum;
@@ -314,7 +313,9 @@ CORVELLE_LANES_TARGET inline void stickGroup(const StickJob& job, const StrandGr
         lengths, points,        begin, select(sticks, end, zero - one), one / (end - begin),
         span[2], reach * reach, zero};
     GatheredWalk<F> curves{partner, partnerLengths, n};
-    walkCurves(curves, lengths, n, take);
+    std::size_t first = 1;  // that is within some lane's span
+    while (first < n && laneBits(lengths[first] > begin) == 0) ++first;
+    walkCurves(curves, lengths, first, n, take);
     const auto stays = take.far > zero;
     if (laneBits(stays) != 0) {
         F* const before = lengths;  // 3 n, of no more use
