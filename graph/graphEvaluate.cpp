@@ -120,18 +120,22 @@ NodeValue Graph::evaluate(NodeId outputNode, const EvaluationData& given) {
 
 bool Graph::Walk::run(NodeId target) {
     order(target);
+    const auto stop = [&](Node& node, const std::string& message) {
+        fail(node, message);
+        graph.warnings_.erase(node.id);  // those of an earlier result say nothing of this failure
+    };
     const auto guarded = [&](State& s, auto&& step) {
         Node& node = *s.node;
         try {
             return step();
         } catch (const std::bad_alloc&) {
-            fail(node, "out of memory");
+            stop(node, "out of memory");
             throw;
         } catch (const std::exception& error) {
-            fail(node, error.what());
+            stop(node, error.what());
             throw GraphError("node '" + node.op->name + "': " + error.what());
         } catch (...) {
-            fail(node, "evaluation failed");
+            stop(node, "evaluation failed");
             throw;
         }
     };
@@ -348,6 +352,7 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         result.outputs = previous;
         result.changes.assign(ports.size(), noChanges());
         fresh.runWarnings = n.runWarnings;
+        fresh.runDetails = n.runDetails;
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
         std::vector<NodeValue> handed = handedOutputs(s);
@@ -357,9 +362,11 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         if (!op.update(context, inputs, request, result)) {
             --n.runs;
             op.takeWarnings();
+            op.takeDetails();
             return false;
         }
         fresh.runWarnings = op.takeWarnings();
+        fresh.runDetails = op.takeDetails();
     }
     if (result.outputs.size() != ports.size())
         throw GraphError(op.type() + " made " + std::to_string(result.outputs.size()) +
@@ -372,6 +379,7 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         const std::vector<NodeValue> values =
             full.evaluateAll(EvalContext(data, op.contextReads()), inputs);
         full.takeWarnings();
+        full.takeDetails();
         for (std::size_t i = 0; i < ports.size(); ++i) {
             const std::string reason =
                 checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{},
@@ -472,12 +480,14 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
     } else {
         driveParams(s);
         op.takeWarnings();
+        op.takeDetails();
         incremental = tryUpdate(s, inputs, slots, fresh);
         s.spares.clear();
         if (!incremental) {
             ++n.runs;
             fresh.outputs = op.evaluateAll(EvalContext(data, op.contextReads()), inputs);
             fresh.runWarnings = op.takeWarnings();
+            fresh.runDetails = op.takeDetails();
             if (fresh.outputs.size() != ports.size())
                 throw GraphError(op.type() + " made " + std::to_string(fresh.outputs.size()) +
                                  " values for " + std::to_string(ports.size()) + " outputs");

@@ -128,7 +128,7 @@ public:
         for (std::size_t k = 0; k < strands.size(); ++k) {
             float degrees = std::clamp(angles[k], -180.0f, 180.0f);
             if (randomness > 0.0f) degrees *= 1.0f - randomness * draw(base, in.ids()[strands[k]]);
-            bends.set(k, 0, target(in.roots()[strands[k]]), degrees * kRadians);
+            setTarget(bends, k, in.roots()[strands[k]], degrees * kRadians);
         }
         std::vector<float> scratch;
         deformStrands(laneKernels().bend,
@@ -152,13 +152,13 @@ public:
     }
 
 private:
-    /// Unit, or zero: for a normal that is the strand's own direction.
-    Vec3f target(const StrandRoot& root) const {
-        if (along == Along::Normal) return scalpNormal(scalp.get(), root);
-        if (along == Along::Tangent)
+    /// Toward where: unit, or zero for a normal that is the strand's own direction.
+    void setTarget(LaneNumbers<4>& bends, std::size_t k, const StrandRoot& root, float turn) const {
+        if (along == Along::Normal) return setNormal(bends, k, 0, scalp.get(), root, turn);
+        if (along == Along::Tangent && scalp)
             if (const Vec3f tangent = rootTangent(scalp.get(), root); !(tangent == Vec3f{}))
-                return tangent;
-        return direction;
+                return bends.set(k, 0, tangent, turn);
+        bends.set(k, 0, direction, turn);
     }
 };
 

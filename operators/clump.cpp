@@ -1,5 +1,3 @@
-#include "operators/clump.h"
-
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -107,10 +105,6 @@ public:
         const std::scoped_lock lock(mutex_, from->mutex_);
         cache_ = from->cache_;
     }
-    std::string details() const {
-        const std::lock_guard lock(mutex_);
-        return details_;
-    }
 
 private:
     CentersFrom centersFrom() const;
@@ -127,11 +121,10 @@ private:
                                const CenterCurves& curves);
     void pullAll(const ClumpRun& run, const ClumpShape& shape, const GatheredClumps& clumps,
                  const StrandPick& pick, std::span<Vec3f> out) const;
-    void tell(CentersFrom from);
+    void tellOfParting(CentersFrom from) const;
 
     mutable std::mutex mutex_;
     ClumpCache cache_;
-    std::string details_;
 };
 
 CentersFrom Clump::centersFrom() const {
@@ -543,16 +536,16 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
     });
 }
 
-void Clump::tell(CentersFrom from) {
+/// How a negative strength parts the strands.
+void Clump::tellOfParting(CentersFrom from) const {
     const bool pushes = !isMapped("strength") && number("strength") < 0.0;
-    const std::lock_guard lock(mutex_);
-    details_ = pushes && from == CentersFrom::InputPoints ? kPartsText : "";
+    if (pushes && from == CentersFrom::InputPoints) tell(kPartsText);
 }
 
 NodeValue Clump::evaluate(const EvalContext& context, const NodeInputs& inputs) {
     const StrandsPtr strands = requireStrands(*this, inputs);
     const CentersFrom from = centersFrom();
-    tell(from);
+    tellOfParting(from);
     if (from == CentersFrom::Pick && inputs.isConnected(1)) warn(kIgnoredText);
     if (from != CentersFrom::Pick && !inputs.isConnected(1)) {
         warn(
@@ -628,7 +621,7 @@ bool Clump::update(const EvalContext& context, const NodeInputs& inputs,
     std::sort(dirty.begin(), dirty.end());
     dirty.erase(std::unique(dirty.begin(), dirty.end()), dirty.end());
 
-    tell(from);
+    tellOfParting(from);
     if (from == CentersFrom::Pick && inputs.isConnected(1)) warn(kIgnoredText);
     if (!shape.moves && shape.channel.empty()) {
         result.outputs = {strands};
@@ -648,11 +641,6 @@ bool Clump::update(const EvalContext& context, const NodeInputs& inputs,
 }
 
 }  // namespace
-
-std::string clumpDetails(const Operator& op) {
-    const auto* node = dynamic_cast<const Clump*>(&op);
-    return node ? node->details() : std::string();
-}
 
 OperatorPtr makeClump() { return std::make_unique<Clump>(); }
 

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <limits>
 
+#include "model/elementary.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
 #include "operators/strandFrames.h"
@@ -67,8 +68,8 @@ void carryFrames(const AxisCurve& curve, const AxisSettings& settings, std::span
             carried(surfaceWidth(curve));
             break;
         case FlattenMode::Random:
-            carried(
-                onto(curve.frame.x * std::cos(curve.turn) + curve.frame.z * std::sin(curve.turn)));
+            carried(onto(curve.frame.x * math::cos(curve.turn) +
+                         curve.frame.z * math::sin(curve.turn)));
             break;
         case FlattenMode::Direction:
             carried(curve.frame.x);

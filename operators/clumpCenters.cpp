@@ -4,7 +4,9 @@
 #include <array>
 #include <bit>
 #include <cmath>
+#include <numbers>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/pointIndex.h"
@@ -218,8 +220,9 @@ double clumpSpacing(const ClumpPickSettings& settings, double area) {
     double spacing = settings.size;
     if (!settings.bySize) spacing = settings.count > 0.0 ? std::sqrt(area / settings.count) : 0.0;
     if (!(spacing > 0.0)) return 0.0;
-    const double step =
-        std::pow(10.0, std::round(std::log10(spacing) * kStepsPerDecade) / kStepsPerDecade);
+    constexpr double kLn10 = std::numbers::ln10;
+    const double steps = std::round(math::log(spacing) / kLn10 * kStepsPerDecade);
+    const double step = math::exp(kLn10 * (steps / kStepsPerDecade));
     // Distances are floats: a square past them says nothing.
     return step > 1e-15 && step < 1e15 ? step : 0.0;
 }

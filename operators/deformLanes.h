@@ -18,21 +18,34 @@ constexpr float kClosed = 1e-6f;
 /// Rounding alone leaves about 1e-7 of a unit direction along the normal: no way to comb to.
 constexpr float kAlongNormal = 1e-5f;
 
-/// Turns the segment v, of length `size`, toward the unit b by a share, keeping its length: see
-/// turnSegments. Returns the cosine between the two; of no use where that is below kOpposite.
+// Turning the segment v, of length `size`, toward the unit b by a share, keeping its length: see
+// turnSegments. In three steps, so that many segments go through one before the next: what takes
+// its time in each is then waited for together.
+
+/// v to its direction, or zero.
 template <class F>
-CORVELLE_LANES_TARGET inline F turnAcross(F v[3], F size, const F b[3], F share) {
-    const F zero(0.0f), one(1.0f);
-    const F inverse = select(size > zero, one / size, zero);
+CORVELLE_LANES_TARGET inline void shortenAcross(F v[3], F size) {
+    const F zero(0.0f);
+    const F inverse = select(size > zero, F(1.0f) / size, zero);
     for (int x = 0; x < 3; ++x) v[x] = v[x] * inverse;
+}
+/// Turns it, and changes its length. Returns the cosine between the two; of no use where that is
+/// below kOpposite.
+template <class F>
+CORVELLE_LANES_TARGET inline F turnAcross(F v[3], const F b[3], F share) {
     const F cosine = v[0] * b[0] + v[1] * b[1] + v[2] * b[2];
-    const F angle = arcCosine(cosine), keep = one - share;
+    const F angle = arcCosine(cosine), keep = F(1.0f) - share;
     const F own = keep * sineRatio(keep * angle), other = share * sineRatio(share * angle);
     for (int x = 0; x < 3; ++x) v[x] = v[x] * own + b[x] * other;
+    return cosine;
+}
+/// To its own length again.
+template <class F>
+CORVELLE_LANES_TARGET inline void lengthenAcross(F v[3], F size) {
+    const F zero(0.0f);
     const F is = lengthAcross(v);
     const F scale = select(is > zero, size / is, zero);
     for (int x = 0; x < 3; ++x) v[x] = v[x] * scale;
-    return cosine;
 }
 
 /// v turned by `angle` (-pi to pi) about a unit axis: Rodrigues' formula.
@@ -101,16 +114,27 @@ CORVELLE_LANES_TARGET inline Lanes3<F> laidOnAcross(const Lanes3<F>& unit,
     return select3(size > F(kAlongNormal), laid / size, Lanes3<F>(zero, zero, zero));
 }
 
+/// From the shares of the length at the points, what the segments that end there take of a
+/// strength: see segmentShares.
+template <class F>
+CORVELLE_LANES_TARGET inline void segmentSharesAcross(const RampKeys& profile, F strength,
+                                                      std::size_t n, F* shares) {
+    const F half(0.5f);
+    for (std::size_t i = n; i-- > 1;)
+        shares[i] = clampAcross(rampAcross(profile, half * (shares[i] + shares[i - 1])) * strength);
+}
+
 template <class F>
 CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGroup<F>& group,
                                             std::size_t n, float* scratch) {
     F* const points = reinterpret_cast<F*>(scratch);
     F* const segments = points + 3 * n;
     F* const shares = segments + n;
+    F* const ways = shares + n;
     gatherLanes(group.from, 3 * n, points);
     F b[4];
     numbersAcross(group, job.toward, 4, b);
-    const F zero(0.0f), half(0.5f);
+    const F zero(0.0f);
     F strength = b[3];
     int again = 0;
     if (job.straighten) {
@@ -130,25 +154,32 @@ CORVELLE_LANES_TARGET inline void turnGroup(const TurnJob& job, const StrandGrou
     const bool profiled = job.profile.count > 0;
     if (profiled) sharesAcross(points, n, segments, shares);
     const bool measured = profiled || job.straighten;
+    for (std::size_t i = 1; i < n; ++i) {
+        F* const turned = ways + 3 * i;
+        for (int x = 0; x < 3; ++x) turned[x] = points[3 * i + x] - points[3 * (i - 1) + x];
+        if (!measured) segments[i - 1] = lengthAcross(turned);
+        shortenAcross(turned, segments[i - 1]);
+    }
+    if (profiled) segmentSharesAcross(job.profile, strength, n, shares);
+    for (std::size_t i = 1; i < n; ++i) {
+        const F share = profiled ? shares[i] : strength;
+        const F cosine = turnAcross(ways + 3 * i, b, share);
+        again |= laneBits((share > zero) & (cosine < F(kOpposite)));
+    }
     F last[3], before[3];
     for (int x = 0; x < 3; ++x) last[x] = before[x] = points[x];
-    F share = strength, moved = zero;
+    F moved = zero;
     for (std::size_t i = 1; i < n; ++i) {
         F* const p = points + 3 * i;
-        if (profiled)
-            share =
-                clampAcross(rampAcross(job.profile, half * (shares[i] + shares[i - 1])) * strength);
-        F segment[3], turned[3];
-        for (int x = 0; x < 3; ++x) turned[x] = segment[x] = p[x] - before[x];
-        const F size = measured ? segments[i - 1] : lengthAcross(segment);
-        const F cosine = turnAcross(turned, size, b, share);
-        const auto turns = share > zero;
-        again |= laneBits(turns & (cosine < F(kOpposite)));
+        F* const turned = ways + 3 * i;
+        lengthenAcross(turned, segments[i - 1]);
+        const auto turns = (profiled ? shares[i] : strength) > zero;
         moved = select(turns, F(1.0f), moved);
         const auto off = moved > zero;
         for (int x = 0; x < 3; ++x) {
+            const F segment = p[x] - before[x];
             before[x] = p[x];
-            last[x] = select(off, last[x] + select(turns, turned[x], segment[x]), p[x]);
+            last[x] = select(off, last[x] + select(turns, turned[x], segment), p[x]);
             p[x] = last[x];
         }
     }

@@ -73,7 +73,7 @@ class DirectionWork final : public StrandWork {
 public:
     FieldPtr inclination, roll, strength;
     bool alongTangent = true;
-    Vec3f direction;
+    Vec3f direction;                                    // unit or zero
     float inclinationRandom = 0.0f, rollRandom = 0.0f;  // degrees
     std::uint64_t inclinationBase = 0, rollBase = 0;
     ScalpPtr scalp;
@@ -97,9 +97,10 @@ public:
             if (inclinationRandom > 0.0f)
                 lean += inclinationRandom * drawSigned(inclinationBase, id);
             if (rollRandom > 0.0f) around += rollRandom * drawSigned(rollBase, id);
-            const Vec3f normal = scalpNormal(scalp.get(), in.roots()[s]);
-            numbers.set(k, 0, normal, std::clamp(lean, 0.0f, 90.0f) * kRadians);
-            numbers.set(k, 1, tangent(in.roots()[s], normal), turnRadians(around));
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, scalp.get(), root, std::clamp(lean, 0.0f, 90.0f) * kRadians);
+            setTangent(numbers, k, 1, readsTangent(numbers.at(k)) ? scalp.get() : nullptr, root,
+                       turnRadians(around));
             numbers.set(k, 2, {clampShare(strengths[k]), 0.0f, 0.0f}, 0.0f);
         }
         placeStrands(laneKernels().lean,
@@ -111,10 +112,10 @@ public:
     }
 
 private:
-    /// Where it is read: first of all, or where the direction says nothing along the surface.
-    Vec3f tangent(const StrandRoot& root, Vec3f normal) const {
-        const float off = length(cross(normal, normalized(direction)));
-        return alongTangent || off < 1e-3f ? rootTangent(scalp.get(), root) : Vec3f{};
+    /// First of all, or where the direction says nothing along the surface.
+    bool readsTangent(const float* normal) const {
+        if (alongTangent) return true;
+        return lengthSquared(cross({normal[0], normal[1], normal[2]}, direction)) < 1e-6f;
     }
 };
 
@@ -138,7 +139,7 @@ protected:
         if (work->strength->constant() == 0.0f) return nullptr;
         work->inclination = fieldFromParam(*this, "inclination", context, strands);
         work->roll = fieldFromParam(*this, "roll", context, strands);
-        work->direction = vec3("direction");
+        work->direction = normalized(vec3("direction"));
         work->inclinationRandom = float(number("inclinationRandom"));
         work->rollRandom = float(number("rollRandom"));
         work->inclinationBase = drawBase(seed(), "Direction.inclination");

@@ -63,16 +63,17 @@ public:
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            Vec3f normal = scalpNormal(scalp.get(), in.roots()[s]), way;
-            if (flow && !points.empty()) {
-                if (normal == Vec3f{}) normal = rootNormal(nullptr, {}, firstDirection(points));
-                way = flow->at(points[0], normal);
-            }
             const float roll =
                 rollRandom > 0.0f ? rollRandom * drawSigned(rollBase, in.ids()[s]) : 0.0f;
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
-            numbers.set(k, 0, normal, degrees * kRadians);
-            numbers.set(k, 1, way, roll * kRadians);
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, scalp.get(), root, degrees * kRadians);
+            if (flow && !points.empty()) {
+                const Vec3f normal = rootNormal(scalp.get(), root, firstDirection(points));
+                numbers.set(k, 1, flow->at(points[0], normal), roll * kRadians);
+            } else {
+                numbers.set(k, 1, {}, roll * kRadians);
+            }
         }
         placeStrands(laneKernels().lay, LayJob{lanePoints(in, strands, out.points), numbers.data()},
                      in, strands, out.points);

@@ -141,11 +141,21 @@ struct LiftJob {
     LanePoints points;              ///< `to` may be `from`
     const float* wanted = nullptr;  ///< heights of the points, cm
     std::size_t wantedStride = 0;   ///< of them a place
-    FieldGrid field;
+    FieldGrid field, floor;  ///< floor: never above the field, quicker to look at
     float band = 0.0f;        ///< cm: nothing is lifted higher
     float slack = 0.0f;       ///< cm...
     float slackShare = 0.0f;  ///< ...and a share of the height that a point may be too low by
     std::uint8_t* lifted = nullptr;  ///< [places] 1 for a strand that moved, else 0
+};
+
+/// Turns segments about the root's normal, away from a part: see turnAway. `numbers` as above.
+struct AwayJob {
+    static constexpr std::size_t kNumbers = 12;
+    LanePoints points;
+    /// Normal, strength (0 to 1); the root from the place of the part nearest to it, and the side
+    /// to take, -1 or 1, where the two are one; the way of the part there, one unused.
+    const float* numbers = nullptr;
+    RampKeys profile;  ///< of the strength: see segmentShares; no keys: the same everywhere
 };
 
 template <class Job>
@@ -168,6 +178,7 @@ struct LaneKernels {
     LaneDeform<StepJob> step = nullptr;
     LaneDeform<SmoothJob> smooth = nullptr;
     LaneDeform<BendJob> bend = nullptr;
+    LaneDeform<AwayJob> away = nullptr;
     LaneDeform<LeanJob> lean = nullptr;
     LaneDeform<LayJob> lay = nullptr;
     LaneDeform<TransformJob> transform = nullptr;

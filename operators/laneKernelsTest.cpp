@@ -9,6 +9,8 @@
 #include "operators/laneKernels.h"
 #include "operators/laneRuns.h"
 #include "operators/length.h"
+#include "operators/part.h"
+#include "operators/partLanes.h"
 #include "operators/placeStrands.h"
 #include "operators/rootFrame.h"
 #include "operators/segmentTurn.h"
@@ -266,6 +268,31 @@ TEST_P(LaneKernelsTest, PlaceWithTheBitsOfOneStrandAlone) {
         expectPlacedAlike<TransformJob>(set, all, &LaneKernels::transform, {.world = either});
     }
     expectPlacedAlike<LayJob>(set, all, &LaneKernels::lay, {});
+}
+
+TEST_P(LaneKernelsTest, TurnAwayWithTheBitsOfOneStrandAlone) {
+    const std::size_t n = GetParam();
+    const LaneRamp rise(kRise);
+    auto numbers = placingNumbers<AwayJob::kNumbers>(set);
+    for (const bool profiled : {false, true}) {
+        std::vector<Vec3f> wanted(set.pointCount());
+        std::vector<float> shares(n);
+        for (const std::uint32_t s : all) {
+            const auto points = set.pointsOf(s);
+            const Vec3f v{numbers.at(s)[0], numbers.at(s)[1], numbers.at(s)[2]};
+            numbers.set(s, 0, v, clampShare(numbers.at(s)[3]));
+            const auto at = [&](std::size_t i) { return Lanes3<float>::at(numbers.at(s) + i); };
+            const Lanes3<float> normal = normalAcross(at(0), lanes3(firstDirection(points)));
+            const Vec3f away = vec3(wayFromPart(normal, at(4), at(8), numbers.at(s)[7]));
+            std::ranges::fill(shares, numbers.at(s)[3]);
+            if (profiled) segmentShares(points, kRise, numbers.at(s)[3], shares);
+            turnAway(points, vec3(normal), away, shares, std::span(wanted).subspan(s * n, n));
+        }
+        for (const SplineLanes lanes : kWidths)
+            EXPECT_EQ(deformed<AwayJob>(set, all, laneKernels(lanes).away,
+                                        {{}, numbers.data(), profiled ? rise.keys() : RampKeys{}}),
+                      wanted);
+    }
 }
 
 TEST_P(LaneKernelsTest, BendWithTheBitsOfOneStrandAlone) {

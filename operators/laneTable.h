@@ -2,6 +2,7 @@
 
 #include "operators/deformLanes.h"
 #include "operators/liftLanes.h"
+#include "operators/partLanes.h"
 #include "operators/placeLanes.h"
 #include "operators/pullLanes.h"
 #include "operators/strandLanes.h"
@@ -21,6 +22,7 @@ LaneKernels kernelsOver() {
             .step = stepLanes<F>,
             .smooth = smoothLanes<F>,
             .bend = bendLanes<F>,
+            .away = awayLanes<F>,
             .lean = placeLanes<F, LeanJob>,
             .lay = placeLanes<F, LayJob>,
             .transform = placeLanes<F, TransformJob>,

@@ -123,6 +123,7 @@ CORVELLE_LANES_TARGET inline void liftGroup(const LiftJob& job, const StrandGrou
             const F height = lower(band, wanted[j]);
             const F least = height - F(job.slack) - F(job.slackShare) * upper(height, zero);
             FieldPlace<F> place;
+            if (laneBits(distanceAcross(job.floor, p, place) < least) == 0) continue;  // mostly
             const F distance = distanceAcross(job.field, p, place);
             const auto low = distance < least;
             if (laneBits(low) == 0) continue;

@@ -55,6 +55,15 @@ struct TwistJob {
     const float* turns = nullptr;            ///< [places] a cm
 };
 
+/// Gives segments the lengths of a reference: see restoreSegments.
+struct RestoreJob {
+    LanePoints points;
+    const float* const* references = nullptr;  ///< [places] x, y, z of as many points as the strand
+    /// [places] 1 for a strand that takes the scalar form: what was written of it is not its
+    /// result.
+    std::uint8_t* again = nullptr;
+};
+
 /// Adds up strands at evenly spaced points: see EvenSum.
 struct EvenJob {
     const float* from = nullptr;  ///< x, y, z of each point
@@ -72,6 +81,7 @@ struct NeighborKernels {
     LaneDeform<BlendJob> blend = nullptr;
     LaneDeform<StickJob> stick = nullptr;
     LaneDeform<TwistJob> twist = nullptr;
+    LaneDeform<RestoreJob> restore = nullptr;
     void (*even)(const EvenJob& job, const std::uint32_t* strands, std::size_t n,
                  float* scratch) = nullptr;
 };

@@ -10,6 +10,7 @@
 #include "operators/neighborKernels.h"
 #include "operators/neighborLanes.h"
 #include "operators/pointCountOrder.h"
+#include "operators/restoreLength.h"
 #include "operators/strandOperator.h"
 #include "operators/tangle.h"
 #include "operators/twist.h"
@@ -177,6 +178,36 @@ TEST_P(NeighborKernelsTest, TwistWithTheBitsOfOneStrandAlone) {
                       neighborKernels(lanes).twist,
                       {{}, axes.rows.data(), axes.offsets.data(), listed.data(), turns.data()}),
                   wanted);
+}
+
+TEST_P(NeighborKernelsTest, RestoreWithTheBitsOfOneStrandAlone) {
+    // A third are as long as they should be, to a millionth.
+    std::vector<Vec3f> references(set.points().begin(), set.points().end());
+    SplitMix random(2);
+    std::vector<const float*> starts;
+    for (const std::uint32_t s : all) {
+        for (Vec3f& p : of(references, s)) {
+            p = p + Vec3f{1, 2, 3};
+            if (s % 3 != 0) p = p * (1.0f + random.nextFloat());
+        }
+        starts.push_back(&of(references, s)[0].x);
+    }
+    std::vector<Vec3f> wanted(set.pointCount());
+    for (const std::uint32_t s : all)
+        restoreSegments(set.pointsOf(s), of(references, s), of(wanted, s));
+    for (const SplineLanes lanes : kWidths) {
+        std::vector<std::uint8_t> again(all.size());
+        std::vector<Vec3f> out =
+            deformed<RestoreJob>(neighborKernels(lanes).restore, {{}, starts.data(), again.data()});
+        std::size_t lanesDid = 0;
+        for (std::size_t k = 0; k < all.size(); ++k) {
+            lanesDid += !again[k];
+            if (!again[k]) {
+                EXPECT_TRUE(std::ranges::equal(of(out, all[k]), of(wanted, all[k]))) << k;
+            }
+        }
+        EXPECT_GT(lanesDid, all.size() / 2) << "too few to prove anything";
+    }
 }
 
 TEST_P(NeighborKernelsTest, SpaceOutEvenlyWithTheBitsOfOneStrandAlone) {

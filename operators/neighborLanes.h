@@ -142,6 +142,12 @@ inline void fetchPlace(const StickJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
 
+inline void fetchPlace(const RestoreJob& job, std::size_t place, std::size_t n) {
+    fetchFloats(job.references[place], 3 * n);
+    fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
+    fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
+}
+
 /// As eachPlaceGroup, with the next group's share of the caches by fetchPlace.
 template <class F, class Job>
 CORVELLE_LANES_TARGET inline void eachFetchedGroup(
@@ -175,6 +181,9 @@ struct TakeShape {
         }
     }
 };
+
+/// Relative: less is rounding, not stretch.
+constexpr float kSameLength = 1e-6f;
 
 /// Rows of a curve that adds nothing.
 constexpr float kNoShape[8] = {0, 0, 0, 0, 0, 0, 0, 1};
@@ -371,8 +380,8 @@ CORVELLE_LANES_TARGET inline void twistGroup(const TwistJob& job, const StrandGr
         for (std::size_t l = 0; l < kLanes; ++l) {
             const float* at = row[l];
             // Twice without a branch is nearly always enough.
-            at += (at < last[l]) & (at[8 + 3] < places[l]) ? 8 : 0;
-            at += (at < last[l]) & (at[8 + 3] < places[l]) ? 8 : 0;
+            at += 8 * (int(at < last[l]) & int(at[8 + 3] < places[l]));
+            at += 8 * (int(at < last[l]) & int(at[8 + 3] < places[l]));
             while (at < last[l] && at[8 + 3] < places[l]) at += 8;
             row[l] = at;
         }
@@ -391,6 +400,53 @@ CORVELLE_LANES_TARGET inline void twistGroup(const TwistJob& job, const StrandGr
         twistAcross(points + 3 * i, here, here + 4, turn * here[7]);
     }
     scatterLanes(points, 3 * n, group.to);
+}
+
+template <class F>
+CORVELLE_LANES_TARGET inline void restoreGroup(const RestoreJob& job, const StrandGroup<F>& group,
+                                               std::size_t n, float* scratch) {
+    F* const points = reinterpret_cast<F*>(scratch);
+    F* const reference = points + 3 * n;
+    const float* from[F::kLanes];
+    for (std::size_t l = 0; l < F::kLanes; ++l) from[l] = job.references[group.places[l]];
+    gatherLanes(group.from, 3 * n, points);
+    gatherLanes(from, 3 * n, reference);
+    const F zero(0.0f), one(1.0f), near(kSameLength);
+    F kept = one;  // 0: some segment is not as long as it should be
+    F direction[3] = {zero, zero, zero}, at[3], before[3];
+    for (int x = 0; x < 3; ++x) {
+        at[x] = points[x];
+        before[x] = reference[x];
+    }
+    int again = 0;
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        F* const next = reference + 3 * (i + 1);
+        F own[3], wanted[3];
+        for (std::size_t x = 0; x < 3; ++x) {
+            own[x] = points[3 * (i + 1) + x] - points[3 * i + x];
+            wanted[x] = next[x] - before[x];
+            before[x] = next[x];
+        }
+        const F size = lengthAcross(own), target = lengthAcross(wanted);
+        const F off = size - target;
+        kept = select(near * upper(target, size) >= upper(off, zero - off), kept, zero);
+        const auto any = size > zero;
+        if (i == 0) again = laneBits(zero < one) & ~laneBits(any);
+        const F inverse = one / size;
+        for (std::size_t x = 0; x < 3; ++x) {
+            direction[x] = select(any, own[x] * inverse, direction[x]);
+            at[x] = at[x] + direction[x] * target;
+            next[x] = at[x];
+        }
+    }
+    const auto stays = kept > zero;
+    for (std::size_t x = 0; x < 3; ++x) reference[x] = points[x];
+    if (laneBits(stays) != 0)
+        for (std::size_t i = 3; i < 3 * n; ++i)
+            reference[i] = select(stays, points[i], reference[i]);
+    for (std::size_t l = 0; l < F::kLanes; ++l)
+        job.again[group.places[l]] = std::uint8_t((again >> l) & 1);
+    scatterLanes(reference, 3 * n, group.to);
 }
 
 /// A polyline at m >= 2 points evenly spaced along it: targets ascend, so segments and new points
@@ -479,8 +535,19 @@ CORVELLE_LANES_TARGET inline void twistLanes(const TwistJob& job, std::size_t fi
 }
 
 template <class F>
+CORVELLE_LANES_TARGET inline void restoreLanes(const RestoreJob& job, std::size_t first,
+                                               std::size_t count, std::size_t n, float* scratch) {
+    eachFetchedGroup<F, RestoreJob>(restoreGroup<F>, job, first, count, n, scratch);
+}
+
+template <class F>
 NeighborKernels neighborKernelsOver() {
-    return {measureLanes<F>, blendLanes<F>, stickLanes<F>, twistLanes<F>, evenLanes<F>};
+    return {.measure = measureLanes<F>,
+            .blend = blendLanes<F>,
+            .stick = stickLanes<F>,
+            .twist = twistLanes<F>,
+            .restore = restoreLanes<F>,
+            .even = evenLanes<F>};
 }
 
 }  // namespace

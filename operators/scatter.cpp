@@ -184,6 +184,7 @@ const std::vector<ParamSpec> kParams = {
      .description = "uvGrid: each root moved at random up to this share of its cell",
      .unit = "fraction",
      .animatable = false,
+     .group = "Random",
      .softMin = 0.0,
      .softMax = 1.0,
      .showWhen = kGridOnly,
@@ -439,6 +440,8 @@ NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs
                 const std::size_t n = std::min(kBlock, e - i);
                 for (std::size_t k = 0; k < n; ++k) indices[k] = std::uint32_t(i + k);
                 field->sampleStrands(*out, {indices.data(), n}, {lengths.data() + i, n});
+                for (std::size_t k = i; k < i + n; ++k)  // a map may say less than the param may
+                    lengths[k] = lengths[k] > 0.0f ? lengths[k] : 0.0f;
             }
         });
         setStrandLengths(*out, *scalp, lengths);

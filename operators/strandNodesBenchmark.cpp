@@ -5,6 +5,7 @@
 
 #include "model/noise.h"
 #include "model/parallel.h"
+#include "model/partData.h"
 #include "model/polyline.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
@@ -141,6 +142,25 @@ void flow(benchmark::State& state) {
 void flyaway(benchmark::State& state) {
     timeNode(state, "Flyaway", [](Operator&) {});
 }
+/// A straight part through the middle, under the default width or one that has all hair lean away.
+void part(benchmark::State& state, double width) {
+    timeNode(state, "Part", [width](NodeBench& bench) {
+        const auto scalp = std::make_shared<const ScalpMesh>(makePlane(40, 40, 25.0f));
+        PartLine line{"middle", {}};
+        for (float x = -10.0f; x <= 10.0f; x += 0.5f) {
+            SurfaceHit hit;
+            scalp->closestPoint({x, 0.0f, 0.3f}, 1.0f, hit);
+            line.points.push_back(hit.root());
+        }
+        bench.data.scalp = scalp;
+        bench.data.parts = partLinesOn({{line}}, scalp);
+        if (width > 0.0) bench.op().set("width", width);
+    });
+}
+void partNear(benchmark::State& state) { part(state, 0.0); }
+void partAll(benchmark::State& state) { part(state, 30.0); }
+BENCHMARK(partNear)->Name("nodes/Part")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(partAll)->Name("nodes/PartAll")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(comb)->Name("nodes/Comb")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(gravity)->Name("nodes/Gravity")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(straighten)->Name("nodes/Straighten")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);

@@ -106,6 +106,7 @@ public:
         const bool ownTurn = !(rotateRandom == Vec3f{}), ownMove = !(translateRandom == Vec3f{});
         const bool inFrame =
             !world && (ownTurn || ownMove || !(rotate == Vec3f{}) || !(translate == Vec3f{}));
+        const ScalpMesh* const surface = inFrame ? scalp.get() : nullptr;
         const Rotation setTurn = world ? turnInFrame(rotate, {}) : Rotation{};
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
@@ -123,8 +124,8 @@ public:
             else
                 move += translate;
             const StrandRoot& root = in.roots()[s];
-            numbers.set(k, 0, inFrame ? scalpNormal(scalp.get(), root) : Vec3f{}, ownSize);
-            numbers.set(k, 1, inFrame ? rootTangent(scalp.get(), root) : Vec3f{}, 0.0f);
+            setNormal(numbers, k, 0, surface, root, ownSize);
+            setTangent(numbers, k, 1, surface, root, 0.0f);
             numbers.set(k, 2, {turnRadians(turn.x), turnRadians(turn.y), turnRadians(turn.z)},
                         0.0f);
             numbers.set(k, 3, move, 0.0f);

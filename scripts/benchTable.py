@@ -40,6 +40,9 @@ ROWS: List[Row] = [
     *(Row(f"closest point, {percent} % away, warm, rate over Embree", "model",
           f"closestPoint/warm/{arg}", f"closestPoint/embree/{arg}", "rate", 3.0)
       for arg, percent in ((1, "0.1"), (50, "5"), (300, "30"))),
+    *(Row(f"{name} of a float, over the C library's", "model", f"elementary/{name}/ours",
+          f"elementary/{name}/library", "time", limit)
+      for name, limit in (("sin", 1.1), ("exp", 1.1), ("log", 1.1), ("atan2", 1.1), ("pow", 2.0))),
     Row("moved mesh: refit over a full build", "model", "bvh/refit", "bvh/build", "time", 0.25),
     *(Row(f"nearest {k}, rate over nanoflann", "model", f"nearest/pointIndex/{k}", f"nearest/nanoflann/{k}", "rate", 1.5)
       for k in (13, 14)),
@@ -54,7 +57,8 @@ ROWS: List[Row] = [
       for node in ("Length", "Width", "Resample")),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Bend", "Direction",
-                   "Transform", "Flow", "Flyaway")),
+                   "Transform", "Flow", "Part", "Flyaway")),
+    Row("Part, all hair within its width, one thread, over the stream", "operators", "nodes/PartAll/1", "nodes/baseline stream/1", "time", 5.0),
     Row("Clump, centers cached, one thread, over the stream", "operators",
         "clump/pull, centers cached/1", "clump/baseline stream/1", "time", 6.0),
     *(Row(f"{count} clump centers picked over blue noise", "operators",

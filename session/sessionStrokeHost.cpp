@@ -33,12 +33,14 @@ void SessionStrokeHost::setStrokeActive(bool active) {
     carried_ = nullptr;
 }
 
-void SessionStrokeHost::commit(StrokeDocument document, const std::string& label) {
-    groom_->applyStroke(document, label, mapsDir(), carried_);
+bool SessionStrokeHost::commit(StrokeDocument document, const std::string& label) {
+    const bool changed = groom_->applyStroke(document, label, mapsDir(), carried_);
     carried_ = nullptr;
+    if (!changed) return false;
     std::vector<std::string> painted;
     for (const auto& [name, image] : document.images) painted.push_back(name);
     for (const std::string& text : writePaintImages(*groom_, painted)) notify(text);
+    return true;
 }
 
 GuideHierarchy SessionStrokeHost::toDocumentPose(const GuideHierarchy& edited) {

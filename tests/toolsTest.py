@@ -136,6 +136,8 @@ class ToolsTest(Sculpting):
             self.assertEqual(failure(self.groom.ask("tool_set", tool="cut", settings=settings)), expected)
             self.assertEqual(self.groom.do("tool_get"), before)
         self.assertEqual(failure(self.groom.ask("tool_set", tool="saw")), "not_found: no tool 'saw'")
+        self.assertEqual(failure(self.groom.ask("selection_set", softSelectRadius=1e39)),
+                         'bad_request: "softSelectRadius" must be finite')
         self.assertEqual(failure(self.groom.ask("tool_set", settings=[])), "bad_request: settings is an object")
 
     def test_views_and_points_say_what_is_wrong(self):
@@ -188,6 +190,42 @@ class ToolsTest(Sculpting):
         self.assertEqual((answer["drag"], answer["changed"], answer["stroking"]), (False, False, True))
         self.assertTrue(self.groom.do("stroke_cancel")["cancelled"])
         self.assertFalse(self.groom.do("stroke_cancel")["cancelled"])
+
+    def test_what_the_settings_name_must_be_there(self):
+        self.groom.do("guides_edit", op="add_group", name="top")
+        self.groom.do("guides_edit", op="add_group", name="below", parent="top")
+        for tool, settings, expected in [
+            ("place", {"group": "nobody"}, "not_found: no group named 'nobody'"),
+            ("draw", {"group": "below"}, "state: the group 'below' has no parents to hang a guide on"),
+            ("paint", {"paintKind": "vertices", "attribute": "x"}, "not_found: this groom has no vertex map named x"),
+            ("paint", {"paintKind": "texture", "paintTexture": "x"}, "not_found: this groom has no texture map named x"),
+        ]:
+            self.tool(tool, **settings)
+            self.check([("stroke_begin", {"view": VIEW, "x": 320, "y": 300}, expected)])
+            self.assertFalse(self.groom.do("stroke_cancel")["cancelled"])
+
+    def test_what_fails_leaves_a_stroke_going(self):
+        self.tool("comb", radius=80)
+        self.groom.do("stroke_begin", view=VIEW, x=LINE[0][0], y=LINE[0][1])
+        self.groom.do("stroke_drag", points=LINE[1:3])
+        for cmd, fields in LongRunTest.BAD:
+            if fields.get("name") != "v":
+                self.assertFalse(self.groom.ask(cmd, **fields)["ok"], (cmd, fields))
+        self.assertTrue(self.groom.do("stroke_drag", points=LINE[3:])["changed"])
+        self.groom.do("stroke_end")
+        disturbed = self.document()
+        self.groom = self.new_groom()
+        self.tool("comb", radius=80)
+        self.stroke()
+        self.assertEqual(self.document(), disturbed)
+
+    def test_a_stroke_too_weak_for_a_byte_is_no_step(self):
+        self.groom.do("map_create", name="t", kind="texture", resolution=64, value=0)
+        self.tool("paint", paintKind="texture", paintTexture="t", radius=40, strength=0.0001)
+        state, before = self.groom.do("undo_state"), self.document()
+        answer = self.stroke(LINE[:2])
+        self.assertEqual((answer["committed"], answer["stroke"], answer["undo"]), (False, [], state))
+        self.assertEqual(self.document(), before)
 
     def test_a_view_is_read_in_the_space_of_the_host(self):
         answer = self.groom.do("stroke_begin", view=VIEW, x=300, y=300)
@@ -533,6 +571,43 @@ class DisplayTest(Sculpting):
         self.groom.do("map_create", name="m", kind="guides", value=1)
         answer = self.groom.do("display", strandColors={"mode": "attribute", "source": "map", "name": "m"})
         np.testing.assert_allclose(array_of(answer["strandColors"]["colors"])[0], [1, 0, 0], atol=1e-5)
+
+
+class PagesTest(Sculpting):
+    def test_every_example_of_the_tool_pages_runs(self):
+        pages = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "docs", "BLENDER.md")
+        with open(pages, encoding="utf-8") as file:
+            text = file.read()
+        text = text[text.index("### tool_catalog") : text.index("## Graphs")]
+        commands, answer = [], None
+        for block in re.findall(r"```json\n(.*?)```", text, re.S):
+            value = json.loads(block)
+            if "cmd" not in value:
+                self.holds(value, answer, commands[-1])
+                continue
+            if "session" in value:
+                value["session"] = self.groom.number
+            reply = self.helper.ask(**value)
+            self.assertTrue(reply["ok"], (value, reply))
+            answer = reply["result"]
+            commands.append(value["cmd"])
+        self.assertEqual(len(commands), 23)
+        self.assertEqual(commands, re.findall("^### (.*)$", text, re.M))
+
+    def holds(self, example, answer, where):
+        """The answer has all that the page tells of it, of the same types."""
+        if isinstance(example, dict):
+            for key, value in example.items():
+                self.assertIn(key, answer, where)
+                self.holds(value, answer[key], (where, key))
+        elif isinstance(example, list):
+            self.assertIsInstance(answer, list, where)
+            if example and answer and isinstance(example[0], dict):
+                self.holds({key: value for key, value in example[0].items() if key in answer[0]}, answer[0], where)
+        elif isinstance(example, (bool, str)):
+            self.assertIsInstance(answer, type(example), where)
+        else:
+            self.assertIsInstance(answer, (int, float), where)
 
 
 class LongRunTest(Sculpting):

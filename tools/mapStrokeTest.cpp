@@ -57,7 +57,7 @@ public:
         ++shown;
     }
     void setLiveGraph(const std::string& text) override { shownGraph = text; }
-    void commit(StrokeDocument, const std::string&) override {}
+    bool commit(StrokeDocument, const std::string&) override { return true; }
     GuideHierarchy toDocumentPose(const GuideHierarchy& edited) override { return edited; }
     void notify(const std::string& text) override { notes.push_back(text); }
     void addWarning(const std::string& text) override { notes.push_back(text); }
@@ -117,6 +117,19 @@ TEST_F(MapStrokes, AVertexStrokeShowsLiveValuesAndLeavesTheDocumentToItsEnd) {
     EXPECT_TRUE(document.images.empty());
     EXPECT_EQ(*readScalpMaps(*document.at(DocumentSlot::ScalpMaps)).find("len")->values,
               *host.shownMaps->find("len")->values);
+}
+
+TEST_F(MapStrokes, AGrayMapIsPaintedTowardsWhatItCanHold) {
+    for (const auto& [value, wanted] : {std::pair{9.0f, 0.55f}, {-9.0f, 0.45f}}) {
+        hold(mapsWith("len", vertexMap(0.5f)));
+        settings.paintKind = "vertices";
+        settings.attribute = "len";
+        settings.value = value;
+        const auto stroke = begin();
+        EXPECT_TRUE(stroke->stamp({&middle, 0.1f, false}));
+        stroke->publish();
+        EXPECT_FLOAT_EQ(host.shownMaps->find("len")->values->at(12), wanted);
+    }
 }
 
 TEST_F(MapStrokes, AStrokeThatChangesNothingLeavesNothing) {

@@ -5,6 +5,8 @@
 #include <limits>
 #include <utility>
 
+#include "model/elementary.h"
+
 namespace corvelle {
 namespace {
 
@@ -127,7 +129,7 @@ float ToolView::pixelSize(Vec3f anchor) const {
     // Straight along the plane, so a long way gives the size of a pixel without cancellation.
     const Vec4 left = atDepth(*this, 0.0, 0.5 * height, anchor);
     const Vec4 right = atDepth(*this, width, 0.5 * height, anchor);
-    return float(std::hypot(right[0] - left[0], right[1] - left[1], right[2] - left[2]) / width);
+    return float(math::hypot(right[0] - left[0], right[1] - left[1], right[2] - left[2]) / width);
 }
 
 Vec3f ToolView::towardsEye(Vec3f position) const {
