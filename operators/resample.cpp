@@ -3,6 +3,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/polyline.h"
 #include "operators/nodeFactories.h"
 #include "operators/pointArrays.h"
 #include "operators/splineResample.h"
@@ -205,7 +206,7 @@ private:
                 const auto points = in.pointsOf(batch[k]);
                 int wanted = std::min(whole("minSegments"), segments);
                 if (points.size() >= 2 && mode == Mode::Length) {
-                    const float share = longest > 0.0f ? lengthOf(points) / longest : 1.0f;
+                    const float share = longest > 0.0f ? polylineLength(points) / longest : 1.0f;
                     wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))), wanted, segments);
                 } else if (points.size() >= 2) {
                     spline.build(points);
@@ -234,12 +235,6 @@ private:
         takeStrandData(in, out);
     }
 
-    static float lengthOf(std::span<const Vec3f> points) {
-        float sum = 0.0f;
-        for (std::size_t i = 1; i < points.size(); ++i) sum += distance(points[i], points[i - 1]);
-        return sum;
-    }
-
     /// Of the strands that every preview holds, so that a thinned view gives a strand the same points.
     static float longestInPreview(const StrandSet& in) {
         const std::vector<float>* preview = in.strandChannel("_preview");
@@ -249,7 +244,7 @@ private:
         parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
             for (std::size_t c = begin; c < end; ++c)
                 for (std::size_t s = c * kChunkStrands; s < std::min(in.strandCount(), (c + 1) * kChunkStrands); ++s)
-                    if (!marked || (*preview)[s] >= 0.5f) longest[c] = std::max(longest[c], lengthOf(in.pointsOf(s)));
+                    if (!marked || (*preview)[s] >= 0.5f) longest[c] = std::max(longest[c], polylineLength(in.pointsOf(s)));
         });
         return std::ranges::max(longest);
     }
