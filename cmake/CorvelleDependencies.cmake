@@ -1,7 +1,9 @@
 # What the project stands on. scripts/setup installs all of it; the prefix it uses for the two that
 # are newer than the system's is searched as well.
 
-if(DEFINED ENV{CORVELLE_DEPS})
+if(CMAKE_CROSSCOMPILING)
+    # The toolchain file says where; this machine's own are for other programs.
+elseif(DEFINED ENV{CORVELLE_DEPS})
     list(APPEND CMAKE_PREFIX_PATH "$ENV{CORVELLE_DEPS}")
 elseif(DEFINED ENV{HOME} AND EXISTS "$ENV{HOME}/.cache/corvelle/deps")
     list(APPEND CMAKE_PREFIX_PATH "$ENV{HOME}/.cache/corvelle/deps")

@@ -8,12 +8,12 @@
 
 #include "expr/expressionNoise.h"
 #include "expr/lanes.h"
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/vec3f.h"
 
-// Transcendental functions are the C library's: the same bits on one machine whatever the thread
-// count or batch, while another library may differ in a last bit. Everything else is exact IEEE
-// arithmetic, or hashing, and the same everywhere.
+// Transcendental functions are ours (model/elementary.h), everything else is exact IEEE arithmetic
+// or hashing: the same bits on every machine, whatever the thread count or batch.
 
 namespace corvelle {
 
@@ -29,14 +29,14 @@ constexpr float kDegreesPerRadian = 57.295776f;
 
 // ---- numbers ----
 
-float sine(float x) { return std::sin(x); }
-float cosine(float x) { return std::cos(x); }
-float tangent(float x) { return std::tan(x); }
-float arcTangent(float x) { return std::atan(x); }
+float sine(float x) { return math::sin(x); }
+float cosine(float x) { return math::cos(x); }
+float tangent(float x) { return math::tan(x); }
+float arcTangent(float x) { return math::atan(x); }
 float absolute(float x) { return std::abs(x); }
 float floorOf(float x) { return std::floor(x); }
 float ceilOf(float x) { return std::ceil(x); }
-float exponential(float x) { return std::exp(x); }
+float exponential(float x) { return math::exp(x); }
 float roundOf(float x) { return std::round(x); }  // halves away from zero
 float truncOf(float x) { return std::trunc(x); }
 
@@ -45,15 +45,15 @@ float limit(float x, float lo, float hi) {
     return raised > hi ? hi : raised;
 }
 
-float arcSine(float x) { return std::asin(limit(x, -1.0f, 1.0f)); }
-float arcCosine(float x) { return std::acos(limit(x, -1.0f, 1.0f)); }
+float arcSine(float x) { return math::asin(limit(x, -1.0f, 1.0f)); }
+float arcCosine(float x) { return math::acos(limit(x, -1.0f, 1.0f)); }
 float squareRoot(float x) { return std::sqrt(x > 0.0f ? x : 0.0f); }
 float fraction(float x) { return x - std::floor(x); }
-float logarithm(float x) { return x > 0.0f ? std::log(x) : 0.0f; }
+float logarithm(float x) { return x > 0.0f ? math::log(x) : 0.0f; }
 float signOf(float x) { return float(x > 0.0f) - float(x < 0.0f); }
 float toRadians(float x) { return x * kRadiansPerDegree; }
 float toDegrees(float x) { return x * kDegreesPerRadian; }
-float arcTangent2(float y, float x) { return std::atan2(y, x); }
+float arcTangent2(float y, float x) { return math::atan2(y, x); }
 float minimum(float a, float b) { return b < a ? b : a; }
 float maximum(float a, float b) { return a < b ? b : a; }
 float modulo(float a, float b) { return b == 0.0f ? 0.0f : a - std::floor(a / b) * b; }
@@ -69,10 +69,10 @@ float smoothStep(float a, float b, float x) {
     const float t = linearStep(a, b, x);
     return (3.0f - 2.0f * t) * t * t;  // exact at 0 and 1
 }
-float gammaOf(float x, float g) { return x > 0.0f && g > 0.0f ? std::pow(x, 1.0f / g) : 0.0f; }
+float gammaOf(float x, float g) { return x > 0.0f && g > 0.0f ? math::pow(x, 1.0f / g) : 0.0f; }
 float biasOf(float x, float b) {
     if (!(x > 0.0f && b > 0.0f)) return 0.0f;
-    return b >= 1.0f ? 1.0f : std::pow(x, std::log(b) / std::log(0.5f));
+    return b >= 1.0f ? 1.0f : math::pow(x, math::log(b) / math::log(0.5f));
 }
 float gainOf(float x, float g) {
     const float h = 1.0f - g;
@@ -158,7 +158,7 @@ Vec3f rotateAbout(Vec3f v, Vec3f axis, float angle) {
     const float l = length(axis);
     if (!(l >= kTinyLength)) return v;
     const Vec3f k = axis / l;
-    const float c = std::cos(angle), s = std::sin(angle);
+    const float c = math::cos(angle), s = math::sin(angle);
     return v * c + cross(k, v) * s + k * (dot(k, v) * (1.0f - c));
 }
 

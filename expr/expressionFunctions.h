@@ -6,6 +6,7 @@
 #include <span>
 #include <string_view>
 
+#include "model/elementary.h"
 #include "model/ramp.h"
 
 namespace corvelle {
@@ -55,8 +56,7 @@ struct ExpressionFunction {
 /// neither `single` nor `batch`.
 std::span<const ExpressionFunction> expressionFunctions();
 
-/// The arithmetic shared by operators and functions.
-/// `x` to the power `y` by the C library, but a square is one exact product.
-inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : std::pow(x, y); }
+/// `x` to the power `y`, as the operator and the function give it, but a square is one product.
+inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : math::pow(x, y); }
 
 }  // namespace corvelle

@@ -5,17 +5,16 @@
 #include <utility>
 #include <vector>
 
+#include "expr/nameChars.h"
 #include "expr/texture.h"
 #include "model/hash.h"
+#include "model/platform/files.h"
 
 namespace corvelle {
 
 namespace {
 
 constexpr std::array<std::string_view, 3> kMarkers = {"<UDIM>", "<udim>", "%(UDIM)d"};
-
-bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
-bool isNameChar(char c) { return isNameStart(c) || (c >= '0' && c <= '9'); }
 
 /// The variable name that starts at `at`; empty for none.
 std::string_view nameAt(std::string_view text, std::size_t at) {
@@ -91,14 +90,9 @@ std::uint64_t fileSignature(const std::string& path) {
     if (path.empty()) return 0;
     const std::filesystem::path file = utf8Path(path);
     if (!isFile(file)) return 0;
-    std::error_code error;
-    const auto size = std::filesystem::file_size(file, error);
-    if (error) return 0;
-    const auto time = std::filesystem::last_write_time(file, error);
-    if (error) return 0;
-    std::uint64_t h = hashOf(path);
-    h = hashCombine(h, std::uint64_t(size));
-    return hashCombine(h, std::int64_t(time.time_since_epoch().count()));
+    platform::FileStamp stamp;
+    if (platform::readFileStamp(file, stamp)) return 0;
+    return hashCombine(hashCombine(hashOf(path), stamp.size), stamp.time);
 }
 
 PathResolver searchPathResolver(std::string directory, std::vector<std::string> searchPaths) {

@@ -1,9 +1,10 @@
-#include "expr/searchPaths.h"
-
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "expr/searchPaths.h"
 #include "expr/testing/pictures.h"
 #include "expr/texture.h"
 
@@ -51,9 +52,9 @@ class SearchPathTest : public testing::Test {
 protected:
     const TempFolder folder;
     SearchPathTest() {
-        for (const char* name : {"groom/both.png", "groom/sub/own.png", "one/both.png", "one/deep/a.png",
-                                 "two/a.png", "two/deep/a.png", "two/t.1011.png", "three/b.png",
-                                 "groom/rel/c.png", "one/Ž.png"})
+        for (const char* name :
+             {"groom/both.png", "groom/sub/own.png", "one/both.png", "one/deep/a.png", "two/a.png",
+              "two/deep/a.png", "two/t.1011.png", "three/b.png", "groom/rel/c.png", "one/Ž.png"})
             writeBytes(folder.file(name), name);
     }
     std::string at(const std::string& name) const { return folder.file(name); }
@@ -77,9 +78,11 @@ TEST_F(SearchPathTest, TakesTheFirstThatExists) {
     EXPECT_EQ(found("deep/a.png", both), "one/deep/a.png") << "the joined path";
     EXPECT_EQ(found("deep/a.png", {at("two")}), "two/deep/a.png");
     EXPECT_EQ(found("far/away/a.png", both), "two/a.png") << "the bare name";
-    EXPECT_EQ(found("t.<UDIM>.png", both), "two/t.<UDIM>.png") << "a pattern exists when a tile does";
+    EXPECT_EQ(found("t.<UDIM>.png", both), "two/t.<UDIM>.png")
+        << "a pattern exists when a tile does";
     EXPECT_EQ(found("x/t.%(UDIM)d.png", both), "two/t.%(UDIM)d.png");
-    EXPECT_EQ(found("c.png", {"rel"}), "groom/rel/c.png") << "a relative search path is the groom's";
+    EXPECT_EQ(found("c.png", {"rel"}), "groom/rel/c.png")
+        << "a relative search path is the groom's";
     EXPECT_EQ(found("Ž.png", both), "one/Ž.png");
 }
 
@@ -96,7 +99,8 @@ TEST_F(SearchPathTest, LeavesWhatItDoesNotFind) {
 TEST_F(SearchPathTest, ExpandsPathsAndSearchPaths) {
     setVariable("CORVELLE_TEST_ROOT", folder.path());
     setVariable("CORVELLE_TEST_SUB", "deep");
-    EXPECT_EQ(searchPathResolver({}, {})("$CORVELLE_TEST_ROOT/three/b.png"), folder.path() + "/three/b.png");
+    EXPECT_EQ(searchPathResolver({}, {})("$CORVELLE_TEST_ROOT/three/b.png"),
+              folder.path() + "/three/b.png");
     EXPECT_EQ(found("$CORVELLE_TEST_SUB/a.png", {at("one")}), "one/deep/a.png");
     EXPECT_EQ(found("b.png", {"${CORVELLE_TEST_ROOT}/three"}), "three/b.png");
 }
@@ -107,6 +111,15 @@ TEST_F(SearchPathTest, SignsFilesOnly) {
     EXPECT_EQ(fileSignature(at("two")), 0u);
     EXPECT_EQ(fileSignature(at("two/none.png")), 0u);
     EXPECT_EQ(fileSignature(""), 0u);
+}
+
+TEST_F(SearchPathTest, SignsAFileAnewWithinTheSecondItWasWritten) {
+    writeBytes(at("same.png"), "abcd");
+    const std::uint64_t before = fileSignature(at("same.png"));
+    EXPECT_EQ(fileSignature(at("same.png")), before);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // past the file system's own tick
+    writeBytes(at("same.png"), "abce");
+    EXPECT_NE(fileSignature(at("same.png")), before);
 }
 
 }  // namespace

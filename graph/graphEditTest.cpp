@@ -231,7 +231,26 @@ TEST(SeedCollisions, AreFoundWhereStrandsComeFromOneSource) {
                 ElementsAre("s1 and s2: their strands coincide (same roots and IDs); give each its own seed",
                             "f1 and f2: they pick the same strays; give each its own seed"));
     EXPECT_TRUE(seedCollisions(json(5)).empty());
+    connect("f2", "f1", "strands");  // a cycle ends
+    EXPECT_THAT(seedCollisions(graph), testing::Contains(testing::HasSubstr("f1 and f2")));
     EXPECT_TRUE(seedCollisions({{"nodes", {5, nullptr}}, {"connections", 7}}).empty());
+}
+
+TEST(SeedCollisions, TellTheFirstHundredOfManyPairs) {
+    registerTestOperators();
+    json graph = {{"nodes", json::array()}, {"connections", json::array()}};
+    graph["nodes"].push_back({{"name", "s"}, {"type", "Scatter"}});
+    std::string last = "s";
+    for (int i = 0; i < 3000; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        graph["nodes"].push_back({{"name", name}, {"type", "Flyaway"}});
+        graph["connections"].push_back({{"from", last}, {"to", name}, {"input", "strands"}});
+        last = name;
+    }
+    const std::vector<std::string> warnings = seedCollisions(graph);
+    ASSERT_EQ(warnings.size(), 101u);
+    EXPECT_EQ(warnings.front(), "f0 and f1: they pick the same strays; give each its own seed");
+    EXPECT_EQ(warnings.back(), "more nodes have the same seed; give each its own");
 }
 
 TEST(ScaleGraph, ScalesByUnitAndLeavesTheRest) {

@@ -15,6 +15,8 @@ namespace {
 constexpr const char* kAffectNotApplied =
     "affect is not applied: this node changes how many strands or points there are";
 
+constexpr const char* kBypassed = "bypass";
+
 using Clock = std::chrono::steady_clock;
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -231,7 +233,8 @@ bool Graph::Walk::evaluateNode(State& s) {
         n.lastError.clear();
         memo.emplace(s.hash, &n);
         graph.timings_[n.id] = millisecondsSince(start);
-        graph.status_[n.id] = n.statusText;
+        // A node that is off and has nothing to pass on runs, but is off all the same.
+        graph.status_[n.id] = graph.isActive(n, data.viewport) ? n.statusText : kBypassed;
         const std::string text = joined(n.runWarnings);
         if (text.empty())
             graph.warnings_.erase(n.id);
@@ -473,7 +476,7 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
                 if (ports[i].type == PortType::Strands) fresh.outputs[i] = shared;
         }
         fresh.changes.resize(ports.size());
-        fresh.statusText = "bypass";
+        fresh.statusText = kBypassed;
     } else {
         driveParams(s);
         op.takeWarnings();

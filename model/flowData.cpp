@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "model/elementary.h"
 #include "model/floatText.h"
 #include "model/rootTransfer.h"
 #include "model/surfaceJson.h"
@@ -43,8 +44,8 @@ bool alongTriangle(const ScalpMesh& scalp, std::int32_t triangle, Vec3f directio
                double(direction.z) * axis.z;
     };
     const double d0 = along(axes.first), d1 = along(axes.second);
-    const double left = std::hypot(d0, d1);
-    const double size = std::hypot(double(direction.x), double(direction.y), double(direction.z));
+    const double left = math::hypot(d0, d1);
+    const double size = math::hypot(double(direction.x), double(direction.y), double(direction.z));
     if (!(left >= std::max(kLeast, kRounding * size)) || !std::isfinite(left)) return false;
     pin.d0 = float(d0 / left);
     pin.d1 = float(d1 / left);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/flowData.h"
 #include "model/hash.h"
 #include "model/pointIndex.h"
@@ -52,7 +53,7 @@ public:
             if (!lies || !(sink.radius > 0.0f)) continue;
             const float angle = sink.angle * (std::numbers::pi_v<float> / 180.0f);
             sinkPlaces.push_back(position);
-            sinks_.push_back({position, sink.radius, std::cos(angle), std::sin(angle)});
+            sinks_.push_back({position, sink.radius, math::cos(angle), math::sin(angle)});
             reach_ = std::max(reach_, sink.radius);
         }
         pinIndex_ = PointIndex(pinPlaces);

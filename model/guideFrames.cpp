@@ -2,6 +2,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "model/elementary.h"
 #include "model/guideFollow.h"
 #include "model/polyline.h"
 
@@ -106,7 +107,7 @@ ParentFrames::ParentFrames(const Guide& parent, std::size_t pointCount)
         const float share = float(i) / float(pointCount - 1);
         const double turn = double(parent.tubeTwist) * share;
         points_[i] = Vec3d(points[i]);
-        tube_[i] = {tubeProfile(parent.tubeRadius, share), std::cos(turn), std::sin(turn)};
+        tube_[i] = {tubeProfile(parent.tubeRadius, share), math::cos(turn), math::sin(turn)};
     }
 }
 

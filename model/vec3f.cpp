@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "model/elementary.h"
+
 namespace corvelle {
 
 Vec3f anyPerpendicular(Vec3f a) {
@@ -31,7 +33,7 @@ Rotation Rotation::inverse() const {
 }
 
 Rotation Rotation::about(Vec3f axis, float angleRadians) {
-    const float c = std::cos(angleRadians), s = std::sin(angleRadians), k = 1.0f - c;
+    const float c = math::cos(angleRadians), s = math::sin(angleRadians), k = 1.0f - c;
     const auto [x, y, z] = axis;
     return {{c + x * x * k, x * y * k - z * s, x * z * k + y * s},
             {y * x * k + z * s, c + y * y * k, y * z * k - x * s},

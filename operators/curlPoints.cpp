@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "operators/pointArrays.h"
 #include "operators/strandLoop.h"
 #include "operators/strandSpline.h"
@@ -46,7 +47,7 @@ void copyPoints(const SplineJob& job, std::uint32_t s) {
 
 int segmentsPerTurn(double tolerance) {
     if (!(tolerance > 0.0)) return 0;
-    const double chords = std::numbers::pi / std::acos(1.0 - std::min(tolerance, 1.0));
+    const double chords = std::numbers::pi / math::acos(1.0 - std::min(tolerance, 1.0));
     return std::max(3, int(std::ceil(std::min(chords, 1e6) - 1e-9)));
 }
 

@@ -102,8 +102,15 @@ public:
     std::vector<ParamSpec> spec() const override {
         return {{.name = "expression",
                  .defaultValue = std::string("1"),
-                 .description = "The formula: a number per strand, or per point where it reads t, "
-                                "pt, px, py, pz or a point channel"},
+                 .description =
+                     "Per strand: length, longest, reach, straightness, lift, tipx/y/z, u, v, x, y, "
+                     "z, nx, ny, nz, rand, index, any strand channel (e.g. clumpId, "
+                     "guideInfluence); per point: t (root 0 to tip 1 by arc length), pt (by point "
+                     "index), px/py/pz, pointIndex, any point channel; frame, time; vectors [x, y, "
+                     "z], P, N, tip, pointP, .x .y .z; + - * / ^, comparisons, c ? a : b; sin cos "
+                     "abs sqrt min max clamp mix smoothstep fit remap step, dot cross length "
+                     "normalize rotate, noise fbm turbulence voronoi cellnoise vnoise, curve "
+                     "spline, pick choose cycle, map(\"name\") ..."},
                 {.name = "variables",
                  .defaultValue = std::string("{}"),
                  .description =

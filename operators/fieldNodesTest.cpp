@@ -1,10 +1,13 @@
 #include "operators/fieldNodes.h"
 
+#include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <sstream>
 
 #include <gmock/gmock.h>
 
+#include "expr/expressionFunctions.h"
 #include "expr/testing/pictures.h"
 #include "graph/operator.h"
 #include "graph/scalarField.h"
@@ -274,6 +277,22 @@ TEST_F(FieldNodeTest, ExpressionReadsItsVariablesAndControls) {
     EXPECT_NE(hashOfNode(op), before);
     EXPECT_EQ(variablesWithControls("no json", data.controls), "no json");
     EXPECT_EQ(variablesWithControls("{\"a\":{\"value\":1}}", data.controls), "{\"a\":{\"value\":1}}");
+}
+
+TEST_F(FieldNodeTest, TheHelpOnFormulasNamesFunctionsThatAreThere) {
+    const std::string help = make("Expression")->paramSpec("expression")->description;
+    EXPECT_TRUE(help.starts_with("Per strand: length, longest, reach, straightness, lift, tipx/y/z"));
+    const std::size_t begin = help.find("sin cos"), end = help.find("(\"name\") ...");
+    ASSERT_LT(begin, end);
+    std::string words = help.substr(begin, end - begin);
+    std::replace(words.begin(), words.end(), ',', ' ');
+    std::istringstream list(words);
+    std::size_t count = 0;
+    for (std::string word; list >> word; ++count)
+        EXPECT_TRUE(std::ranges::any_of(expressionFunctions(), [&](const ExpressionFunction& f) {
+            return f.name == word;
+        })) << word;
+    EXPECT_EQ(count, 29u);
 }
 
 TEST_F(FieldNodeTest, ExpressionDeclaresTimeOnlyWhereItReadsIt) {

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
@@ -45,7 +46,7 @@ void strayStrand(std::span<const Vec3f> points, std::span<const float> shares, f
         const Vec3f grown = points[i] + (points[i] - from) * growth;
         const Vec3f straight = root + first * (length * (shares[i] + past * growth));
         const float angle = settings.angle + settings.arcs * kPi * past;
-        const Vec3f side = sideX * std::cos(angle) + sideY * std::sin(angle);
+        const Vec3f side = sideX * math::cos(angle) + sideY * math::sin(angle);
         out[i] = mix(grown, straight, settings.standOut * x2) + side * (settings.stray * x2);
     }
 }

@@ -6,6 +6,7 @@
 #include <cmath>
 
 #include "graph/colorMap.h"
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/polyline.h"
 #include "operators/fieldValues.h"
@@ -55,7 +56,9 @@ constexpr std::uint64_t kSaturationUse = hashOf("HairColor.saturation");
 class StrandRandom {
 public:
     StrandRandom(const HairColorInput& strand, const HairColorSettings& settings)
-        : id_(strand.id), seed_(settings.seed), share_(strand.clump < 0.0f ? 0.0f : settings.clumpShare),
+        : id_(strand.id),
+          seed_(settings.seed),
+          share_(strand.clump < 0.0f ? 0.0f : settings.clumpShare),
           clump_(std::bit_cast<std::uint32_t>(strand.clump)) {}
     float operator()(std::uint64_t use) const {
         const std::uint64_t base = drawBase(seed_, use);
@@ -84,7 +87,8 @@ HairColorResult hairColor(const HairColorInput& strand, const HairColorSettings&
         out.redness = varied(strand.redness, settings.rednessRandom, kRednessUse);
     }
     const bool byMap = strand.map && !settings.multiplyMap;
-    const float value = settings.valueRandom > 0.0f ? 1.0f + settings.valueRandom * random(kValueUse) : 1.0f;
+    const float value =
+        settings.valueRandom > 0.0f ? 1.0f + settings.valueRandom * random(kValueUse) : 1.0f;
     if (!byMap && value != 1.0f) {
         // Lighter or darker as less or more pigment, so that the look stays a pigment's.
         const float green = pigmentColor(out.melanin, out.redness).y * value;
@@ -93,11 +97,13 @@ HairColorResult hairColor(const HairColorInput& strand, const HairColorSettings&
     Vec3f rgb = byMap ? *strand.map * value : pigmentColor(out.melanin, out.redness);
     if (strand.map && settings.multiplyMap) rgb = rgb * *strand.map;
     rgb = rgb * settings.dye;
-    const float hue = settings.hueShift +
-                      (settings.hueRandom > 0.0f ? 0.5f * settings.hueRandom * random(kHueUse) : 0.0f);
+    const float hue =
+        settings.hueShift +
+        (settings.hueRandom > 0.0f ? 0.5f * settings.hueRandom * random(kHueUse) : 0.0f);
     const float saturation =
-        settings.saturationScale *
-        (settings.saturationRandom > 0.0f ? 1.0f + settings.saturationRandom * random(kSaturationUse) : 1.0f);
+        settings.saturationScale * (settings.saturationRandom > 0.0f
+                                        ? 1.0f + settings.saturationRandom * random(kSaturationUse)
+                                        : 1.0f);
     if (hue != 0.0f || saturation != 1.0f || settings.valueScale != 1.0f)
         rgb = adjustHsv(rgb, hue, saturation, settings.valueScale);
     out.rgb = rgb;
@@ -125,7 +131,12 @@ ParamSpec level(const char* name, double value, const char* description, const c
     return spec;
 }
 ParamSpec scale(const char* name, const char* description) {
-    return {.name = name, .defaultValue = 1.0, .description = description, .softMin = 0.0, .softMax = 2.0, .min = 0.0};
+    return {.name = name,
+            .defaultValue = 1.0,
+            .description = description,
+            .softMin = 0.0,
+            .softMax = 2.0,
+            .min = 0.0};
 }
 
 std::vector<ParamSpec> makeParams() {
@@ -225,9 +236,14 @@ public:
     WrittenArrays writes() const override {
         const Vec3f plain = pigmentColor(kDefaultMelanin, kDefaultRedness);
         WrittenArrays writes;
-        writes.strandChannels = {{"colorR", plain.x},       {"colorG", plain.y},       {"colorB", plain.z},
-                                 {"melanin", kDefaultMelanin}, {"redness", kDefaultRedness}, {"dyeR", 1.0f},
-                                 {"dyeG", 1.0f},            {"dyeB", 1.0f}};
+        writes.strandChannels = {{"colorR", plain.x},
+                                 {"colorG", plain.y},
+                                 {"colorB", plain.z},
+                                 {"melanin", kDefaultMelanin},
+                                 {"redness", kDefaultRedness},
+                                 {"dyeR", 1.0f},
+                                 {"dyeG", 1.0f},
+                                 {"dyeB", 1.0f}};
         if (dyeAmount) writes.strandChannels.push_back({"dyeAmount", 1.0f});
         if (tips)
             writes.pointChannels = {{"colorR", plain.x},
@@ -246,7 +262,8 @@ public:
                tipStrength->readsWholeSet() || (dyeAmount && dyeAmount->readsWholeSet());
     }
 
-    void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const override {
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
         constexpr std::size_t kBatch = StrandPick::kBatch;
         std::array<float, kBatch> melanins, rednesses, greys, dyeAmounts;
         const std::size_t n = strands.size();
@@ -254,8 +271,10 @@ public:
         redness->sampleStrands(in, strands, std::span(rednesses).first(n));
         grey->sampleStrands(in, strands, std::span(greys).first(n));
         if (dyeAmount) dyeAmount->sampleStrands(in, strands, std::span(dyeAmounts).first(n));
-        const std::vector<float>* clumps = clumpChannel.empty() ? nullptr : in.strandChannel(clumpChannel);
-        const std::vector<float>* layer = map && !map->channel().empty() ? in.strandChannel(map->channel()) : nullptr;
+        const std::vector<float>* clumps =
+            clumpChannel.empty() ? nullptr : in.strandChannel(clumpChannel);
+        const std::vector<float>* layer =
+            map && !map->channel().empty() ? in.strandChannel(map->channel()) : nullptr;
 
         std::array<HairColorResult, kBatch> colors;
         for (std::size_t k = 0; k < n; ++k) {
@@ -265,7 +284,8 @@ public:
                 mapped = Vec3f{1.0f, 1.0f, 1.0f} * (*layer)[s];
             } else if (map) {
                 const auto points = in.pointsOf(s);
-                const Color4f c = map->colorAt(in.roots()[s], points.empty() ? Vec3f{} : points.front());
+                const Color4f c =
+                    map->colorAt(in.roots()[s], points.empty() ? Vec3f{} : points.front());
                 mapped = {c.r, c.g, c.b};
             }
             const HairColorInput strand{.id = in.ids()[s],
@@ -276,7 +296,9 @@ public:
                                         .map = map ? &mapped : nullptr};
             colors[k] = hairColor(strand, settings);
             const HairColorResult& c = colors[k];
-            const auto put = [&](StrandArray array, float value) { out.strandChannels[array][s] = value; };
+            const auto put = [&](StrandArray array, float value) {
+                out.strandChannels[array][s] = value;
+            };
             put(kR, c.rgb.x);
             put(kG, c.rgb.y);
             put(kB, c.rgb.z);
@@ -291,8 +313,8 @@ public:
     }
 
 private:
-    void runTips(const StrandSet& in, std::span<const std::uint32_t> strands, std::span<const HairColorResult> colors,
-                 const OpenArrays& out) const {
+    void runTips(const StrandSet& in, std::span<const std::uint32_t> strands,
+                 std::span<const HairColorResult> colors, const OpenArrays& out) const {
         std::array<std::size_t, StrandPick::kBatch> starts;
         std::vector<float> strengths(batchOffsets(in, strands, starts));
         tipStrength->samplePoints(in, strands, strengths);
@@ -310,7 +332,9 @@ private:
                 const float w = std::clamp(strengths[starts[k] + i] * along[i], 0.0f, 1.0f);
                 const Vec3f c = mix(root.rgb, tipColor, w);
                 const std::size_t p = std::size_t(in.offsets()[s]) + i;
-                const auto put = [&](PointArray array, float value) { out.pointChannels[array][p] = value; };
+                const auto put = [&](PointArray array, float value) {
+                    out.pointChannels[array][p] = value;
+                };
                 put(kPointR, c.x);
                 put(kPointG, c.y);
                 put(kPointB, c.z);
@@ -344,18 +368,24 @@ protected:
                                         const StrandSet& strands) override {
         auto work = std::make_unique<HairColorWork>();
         const std::string& source = choice("colorSource");
-        const auto field = [&](const char* param) { return fieldFromParam(*this, param, context, strands); };
+        const auto field = [&](const char* param) {
+            return fieldFromParam(*this, param, context, strands);
+        };
         work->melanin = field("melanin");
         work->redness = field("redness");
         work->grey = field("grey");
         work->tipStrength = field("tipStrength");
-        work->dyeAmount = source == "auto" ? nullptr : source == "mix" ? field("dyeAmount")
-                                          : std::make_shared<const ConstantFieldValue>(source == "rgb" ? 1.0f : 0.0f);
+        work->dyeAmount =
+            source == "auto" ? nullptr
+            : source == "mix"
+                ? field("dyeAmount")
+                : std::make_shared<const ConstantFieldValue>(source == "rgb" ? 1.0f : 0.0f);
         if (!text("map").empty()) {
             const ColorMapLookup found = readColorMap(text("map"), context);
             const bool byLayer = found.kind == ColorMapLookup::Kind::Guides;
             if (!found.map || (byLayer && !strands.strandChannel(found.map->channel())))
-                throw GraphError("HairColor: " + colorMapFaultText(found, text("map"), "HairColor"));
+                throw GraphError("HairColor: " +
+                                 colorMapFaultText(found, text("map"), "HairColor"));
             work->map = found.sRgb ? linearMap(found.map) : found.map;
         }
         work->settings = {.melaninRandom = float(number("melaninRandom")),
@@ -395,11 +425,13 @@ private:
 
     private:
         static float linear(float v) {
-            return v <= 0.04045f ? v / 12.92f : std::pow((v + 0.055f) / 1.055f, 2.4f);
+            return v <= 0.04045f ? v / 12.92f : math::pow((v + 0.055f) / 1.055f, 2.4f);
         }
         NamedMapPtr map_;
     };
-    static NamedMapPtr linearMap(NamedMapPtr map) { return std::make_shared<const LinearMap>(std::move(map)); }
+    static NamedMapPtr linearMap(NamedMapPtr map) {
+        return std::make_shared<const LinearMap>(std::move(map));
+    }
 };
 
 }  // namespace

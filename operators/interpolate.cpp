@@ -367,8 +367,8 @@ private:
         run.shapes = shapeCache_.shapes(*guides, normals, counts, boolean("smoothGuides"));
         std::string details = "it does not keep clearance";
         if (boolean("keepClearance") && !run.settings.takeLength && connected)
-            run.clearance =
-                clearanceCache_.goals(*guides, boolean("smoothGuides"), connected, details);
+            run.clearance = clearanceCache_.goals(*guides, boolean("smoothGuides"), connected,
+                                                  counts, details);
         tell(std::move(details));  // empty where it simply keeps it
         for (const std::string& attribute : guides->attributeNames())
             for (std::size_t g = 0; g < guides->size(); ++g)

@@ -6,6 +6,7 @@
 #include <limits>
 #include <numeric>
 
+#include "model/elementary.h"
 #include "model/parallel.h"
 
 namespace corvelle {
@@ -21,7 +22,7 @@ constexpr float kPastReach = 1.25f;
 
 float raised(float base, float power) {
     if (!(base > 0.0f)) return 0.0f;
-    return power == 2.0f ? base * base : std::pow(base, power);
+    return power == 2.0f ? base * base : math::pow(base, power);
 }
 
 /// Values over their largest, raised to `power`; returns their sum, 0 when none is above 0.

@@ -9,6 +9,7 @@
 #include "model/rampSlopes.h"
 #include "model/strandSet.h"
 #include "operators/laneKernels.h"
+#include "operators/strandLoop.h"
 
 namespace corvelle {
 
@@ -16,9 +17,9 @@ namespace corvelle {
 class LaneScratch {
 public:
     float* of(std::size_t n) {
-        const std::size_t floats = kLanes * kLaneScratchPerPoint * n;
+        const std::size_t floats = kMostLanes * kLaneScratchPerPoint * n;
         if (floats <= onStack_.size()) return onStack_.data();
-        constexpr std::size_t kAlignment = 32 / sizeof(float);
+        constexpr std::size_t kAlignment = kLaneAlignment / sizeof(float);
         if (onHeap_.size() < floats + kAlignment) onHeap_.resize(floats + kAlignment);
         const auto past =
             (reinterpret_cast<std::uintptr_t>(onHeap_.data()) / sizeof(float)) % kAlignment;
@@ -26,9 +27,28 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLanes = 8;
-    alignas(32) std::array<float, kLanes * kLaneScratchPerPoint * 32> onStack_;
+    alignas(kLaneAlignment) std::array<float, kMostLanes * kLaneScratchPerPoint * 32> onStack_;
     std::vector<float> onHeap_;
+};
+
+/// What a job takes for each strand of a batch, by the strands' places in it: kNumbers of them, in
+/// fours.
+template <std::size_t kNumbers>
+class LaneNumbers {
+public:
+    /// Fours by their index.
+    void set(std::size_t place, std::size_t four, Vec3f v, float w) {
+        float* const to = &numbers_[kNumbers * place + 4 * four];
+        to[0] = v.x;
+        to[1] = v.y;
+        to[2] = v.z;
+        to[3] = w;
+    }
+    const float* data() const { return numbers_.data(); }
+    const float* at(std::size_t place) const { return &numbers_[kNumbers * place]; }
+
+private:
+    std::array<float, kNumbers * StrandPick::kBatch> numbers_;
 };
 
 /// Fewer strands than this do not fill the lanes.

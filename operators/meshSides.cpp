@@ -6,6 +6,8 @@
 #include <numeric>
 #include <tuple>
 
+#include "model/elementary.h"
+
 namespace corvelle {
 
 namespace {
@@ -73,8 +75,8 @@ Welded weld(const ScalpMesh& mesh) {
         if (!usable) continue;
         for (int c = 0; c < 3; ++c) {
             const std::int32_t a = v[std::size_t(c)], b = v[std::size_t((c + 1) % 3)];
-            out.uses.push_back({std::min(a, b), std::max(a, b), std::uint32_t(t - first),
-                                std::uint8_t(c)});
+            out.uses.push_back(
+                {std::min(a, b), std::max(a, b), std::uint32_t(t - first), std::uint8_t(c)});
         }
     }
     // Two numbers to compare: the ends, then triangle and corner.
@@ -102,9 +104,7 @@ void forEachEdge(const Welded& welded, Visit&& visit) {
     }
 }
 
-float angleBetween(Vec3f a, Vec3f b) {
-    return std::atan2(length(cross(a, b)), dot(a, b));
-}
+float angleBetween(Vec3f a, Vec3f b) { return math::atan2(length(cross(a, b)), dot(a, b)); }
 
 }  // namespace
 
@@ -133,8 +133,9 @@ TrianglePoint closestOnTriangle(Vec3f p, Vec3f a, Vec3f b, Vec3f c) {
     if (sum > 0.0f) return {a + ab * (vb / sum) + ac * (vc / sum), F::Face};
     // No area: the nearest of the three edges, the earlier on ties.
     TrianglePoint best = closestOnSegment(p, a, b, F::Vertex0, F::Vertex1, F::Edge01);
-    for (const TrianglePoint& other : {closestOnSegment(p, b, c, F::Vertex1, F::Vertex2, F::Edge12),
-                                       closestOnSegment(p, c, a, F::Vertex2, F::Vertex0, F::Edge20)})
+    for (const TrianglePoint& other :
+         {closestOnSegment(p, b, c, F::Vertex1, F::Vertex2, F::Edge12),
+          closestOnSegment(p, c, a, F::Vertex2, F::Vertex0, F::Edge20)})
         if (lengthSquared(other.point - p) < lengthSquared(best.point - p)) best = other;
     return best;
 }
@@ -226,7 +227,9 @@ MeshSides::Side MeshSides::side(std::int32_t triangle, const TrianglePoint& at,
             if (e >= 0) part = edges_[std::size_t(e)];
             break;
         }
-        case TriangleFeature::Face: part.normal = faceNormals_[t]; break;
+        case TriangleFeature::Face:
+            part.normal = faceNormals_[t];
+            break;
     }
     const bool inside = !part.border && dot(position - at.point, part.normal) < 0.0f;
     return {inside ? -1.0f : 1.0f, part.normal};

@@ -190,17 +190,21 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
     std::vector<Job> jobs;
     for (std::uint32_t g = 0; g < groups.size(); ++g)
         for (std::uint32_t b = 0; b < groups[g].all().bucketCount(); ++b) jobs.push_back({g, b});
+    constexpr std::uint32_t kNone = 0xffffffffu;
+    std::vector<std::uint32_t> seats(jobs.size() * PointIndex::kBucket, kNone);
     const Picker picker{strands, roots, parts, settings.maxDistance};
     parallelRange(0, jobs.size(), kBucketGrain, [&](std::size_t begin, std::size_t end) {
         PointIndex::BucketNeighbors near;
         // Itself is mostly among them, and one more tells whether others lie as far as the last.
         const std::size_t wanted = count_ + 2;
-        for (const Job job : std::span(jobs).subspan(begin, end - begin)) {
+        for (std::size_t j = begin; j < end; ++j) {
+            const Job job = jobs[j];
             const Group& group = groups[job.group];
             group.asked.nearestToBucket(group.all(), job.bucket, wanted, settings.maxDistance,
                                         near);
             for (std::size_t q = 0; q < near.points; ++q) {
                 const std::uint32_t s = group.strands[near.index[q]];
+                seats[j * PointIndex::kBucket + q] = s;
                 const std::span<std::uint32_t> to(neighbors_.data() + s * count_, count_);
                 const std::span<Neighbor> found = std::span(near.near[q]).first(near.found[q]);
                 std::size_t kept = 0;
@@ -210,6 +214,15 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
             }
         }
     });
+    std::vector<bool> seated(n, false);
+    order_.reserve(n);
+    for (const std::uint32_t s : seats)
+        if (s != kNone) {
+            order_.push_back(s);
+            seated[s] = true;
+        }
+    for (std::uint32_t s = 0; s < n; ++s)
+        if (!seated[s]) order_.push_back(s);  // without a root
 }
 
 std::span<const std::uint32_t> NeighborTable::neighborsTo(std::size_t strand) const {

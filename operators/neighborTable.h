@@ -41,6 +41,8 @@ public:
     std::span<const std::uint32_t> of(std::size_t strand) const {
         return std::span(neighbors_).subspan(strand * count_, found_[strand]);
     }
+    /// All strands, those with neighbours in common mostly close together.
+    std::span<const std::uint32_t> order() const { return order_; }
     /// The strands that `strand` is a neighbour of, ascending. Turned about when first asked for.
     std::span<const std::uint32_t> neighborsTo(std::size_t strand) const;
     /// True when a table of these strands, which differ from the ones it was made of in the listed
@@ -55,6 +57,7 @@ private:
     std::size_t count_ = 0;
     std::vector<std::uint32_t> neighbors_;  ///< [strands][count_]
     std::vector<std::uint8_t> found_;       ///< [strands]
+    std::vector<std::uint32_t> order_;      ///< [strands]
     std::vector<std::uint64_t> keys_;       ///< [strands] what of a strand the table is made from
     mutable std::once_flag turned_;
     mutable std::vector<std::uint32_t> toOffsets_, to_;

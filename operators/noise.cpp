@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/noise.h"
 #include "model/polyline.h"
@@ -14,7 +15,9 @@
 
 namespace corvelle {
 
-float octaveWeight(float segmentsPerFeature) { return std::clamp((segmentsPerFeature - 2.0f) * 0.5f, 0.0f, 1.0f); }
+float octaveWeight(float segmentsPerFeature) {
+    return std::clamp((segmentsPerFeature - 2.0f) * 0.5f, 0.0f, 1.0f);
+}
 
 namespace {
 
@@ -32,9 +35,9 @@ Vec3f ballVector(std::uint64_t hash) {
     SplitMix random(hash);
     const float z = random.nextRange(-1.0f, 1.0f);
     const float angle = random.nextFloat() * 2.0f * std::numbers::pi_v<float>;
-    const float radius = std::cbrt(random.nextFloat());
+    const float radius = math::cbrt(random.nextFloat());
     const float ring = std::sqrt(std::max(0.0f, 1.0f - z * z));
-    return Vec3f{ring * std::cos(angle), ring * std::sin(angle), z} * radius;
+    return Vec3f{ring * math::cos(angle), ring * math::sin(angle), z} * radius;
 }
 
 float segmentsPerFeature(std::size_t points, float length, const NoiseSettings& settings) {
@@ -42,11 +45,12 @@ float segmentsPerFeature(std::size_t points, float length, const NoiseSettings& 
     return features > 0.0f ? float(points - 1) / features : 4.0f;
 }
 
-void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length, std::uint64_t id,
-                   const NoiseSettings& settings, std::span<Vec3f> out) {
+void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length,
+                   std::uint64_t id, const NoiseSettings& settings, std::span<Vec3f> out) {
     std::array<float, kMaxNoiseOctaves> weights;
     float perFeature = segmentsPerFeature(points.size(), length, settings);
-    for (int k = 0; k < settings.octaves; ++k, perFeature *= 0.5f) weights[k] = octaveWeight(perFeature);
+    for (int k = 0; k < settings.octaves; ++k, perFeature *= 0.5f)
+        weights[k] = octaveWeight(perFeature);
     const std::span<const float> used(weights.data(), std::size_t(settings.octaves));
     const std::uint64_t base = drawBase(settings.seed, kLattice);
     if (settings.world) {
@@ -62,8 +66,8 @@ void smoothOffsets(std::span<const Vec3f> points, std::span<const float> shares,
     fbmVectorWeighted(out, own, settings.octaves, used, out);
 }
 
-void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length, std::uint64_t id,
-                  const NoiseSettings& settings, std::span<Vec3f> out) {
+void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length,
+                  std::uint64_t id, const NoiseSettings& settings, std::span<Vec3f> out) {
     const float weight = octaveWeight(segmentsPerFeature(points.size(), length, settings));
     const std::uint64_t base = drawBase(settings.seed, kKink);
     const std::uint64_t own = hashCombine(base, id);
@@ -76,7 +80,8 @@ void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, 
         while (reached + 2 < points.size() && shares[reached + 1] < share) ++reached;
         const float span = shares[reached + 1] - shares[reached];
         const float along = span > 0.0f ? (share - shares[reached]) / span : 0.0f;
-        return noiseVector3(mix(points[reached], points[reached + 1], along) * settings.frequency, base);
+        return noiseVector3(mix(points[reached], points[reached + 1], along) * settings.frequency,
+                            base);
     };
     float held = -1.0f;
     Vec3f from, to;
@@ -94,8 +99,8 @@ void kinkyOffsets(std::span<const Vec3f> points, std::span<const float> shares, 
 
 }  // namespace
 
-void noiseOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length, std::uint64_t id,
-                  const NoiseSettings& settings, std::span<Vec3f> out) {
+void noiseOffsets(std::span<const Vec3f> points, std::span<const float> shares, float length,
+                  std::uint64_t id, const NoiseSettings& settings, std::span<Vec3f> out) {
     if (settings.kinky)
         kinkyOffsets(points, shares, length, id, settings, out);
     else
@@ -134,7 +139,8 @@ const std::vector<ParamSpec> kParams = {
      .choices = {"strand", "world"}},
     {.name = "fraction",
      .defaultValue = 1.0,
-     .description = "Share of the strands that get it, 0-1 (mappable): a few, at a high frequency, for frizz",
+     .description =
+         "Share of the strands that get it, 0-1 (mappable): a few, at a high frequency, for frizz",
      .unit = "fraction",
      .softMin = 0.0,
      .softMax = 1.0,
@@ -143,7 +149,8 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
     {.name = "mode",
      .defaultValue = std::string("smooth"),
-     .description = "smooth: waves; kinky: sharp kinks, straight between random offsets frequency apart (scraggle, "
+     .description = "smooth: waves; kinky: sharp kinks, straight between random offsets frequency "
+                    "apart (scraggle, "
                     "frizz)",
      .choices = {"smooth", "kinky"}},
     {.name = "profile",
@@ -161,15 +168,19 @@ public:
     std::string fineness;
 
     WrittenArrays writes() const override { return {.points = true}; }
-    bool readsWholeSet() const override { return amplitude->readsWholeSet() || fraction->readsWholeSet(); }
+    bool readsWholeSet() const override {
+        return amplitude->readsWholeSet() || fraction->readsWholeSet();
+    }
     std::string warning() const override { return fineness; }
 
-    void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const override {
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> fractions, strandAmplitudes;
         std::array<std::size_t, StrandPick::kBatch> starts;
         const bool perPoint = amplitude->perPoint();
         const std::size_t total = batchOffsets(in, strands, starts);
-        std::size_t most = 0;  // of this batch: the set's own would be a walk over all strands a batch
+        std::size_t most =
+            0;  // of this batch: the set's own would be a walk over all strands a batch
         for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
         std::vector<float> amplitudes(perPoint ? total : 0), scratch(2 * most);
         std::vector<Vec3f> offsets(most);
@@ -177,7 +188,8 @@ public:
         if (perPoint)
             amplitude->samplePoints(in, strands, amplitudes);
         else
-            amplitude->sampleStrands(in, strands, std::span(strandAmplitudes).first(strands.size()));
+            amplitude->sampleStrands(in, strands,
+                                     std::span(strandAmplitudes).first(strands.size()));
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
@@ -197,7 +209,8 @@ public:
             }
             to[0] = points[0];
             for (std::size_t i = 1; i < n; ++i)
-                to[i] = points[i] + offset[i] * (perPoint ? amplitudes[starts[k] + i] : strandAmplitudes[k]);
+                to[i] = points[i] +
+                        offset[i] * (perPoint ? amplitudes[starts[k] + i] : strandAmplitudes[k]);
         }
     }
 };
@@ -221,7 +234,8 @@ std::string finenessText(const StrandSet& strands, const NoiseSettings& settings
     if (2 * coarse <= looked) return {};
     char value[32];
     std::snprintf(value, sizeof value, "%g", double(settings.frequency));
-    return std::string("frequency ") + value + " is finer than the strands' " + std::to_string(segments) +
+    return std::string("frequency ") + value + " is finer than the strands' " +
+           std::to_string(segments) +
            " segments draw: the noise fades out; raise Resample's segments or lower the frequency";
 }
 
@@ -240,7 +254,8 @@ protected:
         auto work = std::make_unique<NoiseWork>();
         work->amplitude = fieldFromParam(*this, "amplitude", context, strands);
         work->fraction = fieldFromParam(*this, "fraction", context, strands);
-        if (work->amplitude->constant() == 0.0f || work->fraction->constant() == 0.0f) return nullptr;
+        if (work->amplitude->constant() == 0.0f || work->fraction->constant() == 0.0f)
+            return nullptr;
         work->profile = ramp("profile");
         if (work->profile.isConstant(0.0f)) return nullptr;
         work->flatProfile = work->profile.isConstant(1.0f);

@@ -3,6 +3,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/polyline.h"
 #include "operators/nodeFactories.h"
 #include "operators/pointArrays.h"
@@ -14,12 +15,14 @@ namespace corvelle {
 
 namespace {
 
-constexpr float kLengthShare = 0.25f;  ///< curvature mode: how much of the spacing goes by length alone
+constexpr float kLengthShare =
+    0.25f;  ///< curvature mode: how much of the spacing goes by length alone
 
 const std::vector<ParamSpec> kParams = {
     {.name = "segments",
      .defaultValue = 8.0,
-     .description = "Segments per strand (points = segments + 1); every Scatter grows its strands with them. 0: keep "
+     .description = "Segments per strand (points = segments + 1); every Scatter grows its strands "
+                    "with them. 0: keep "
                     "each strand's",
      .animatable = false,
      .softMin = 0.0,
@@ -29,7 +32,8 @@ const std::vector<ParamSpec> kParams = {
      .max = 1024.0},
     {.name = "mode",
      .defaultValue = std::string("even"),
-     .description = "even: segments for every strand; curvature: fewer points for render and export, fewer for "
+     .description = "even: segments for every strand; curvature: fewer points for render and "
+                    "export, fewer for "
                     "straighter strands, placed where they bend; length: fewer for shorter strands",
      .choices = {"even", "curvature", "length"},
      .animatable = false},
@@ -43,7 +47,8 @@ const std::vector<ParamSpec> kParams = {
      .max = 256.0},
     {.name = "maxAngle",
      .defaultValue = 10.0,
-     .description = "With curvature: about how far (degrees) a strand may turn per segment; smaller keeps curls "
+     .description = "With curvature: about how far (degrees) a strand may turn per segment; "
+                    "smaller keeps curls "
                     "rounder with more points",
      .unit = "angle",
      .animatable = false,
@@ -60,7 +65,10 @@ enum class Mode { Even, Curvature, Length };
 class Placer {
 public:
     Placer(Mode mode, int segments, int minSegments, float maxAngleRadians)
-        : mode_(mode), segments_(segments), minSegments_(std::min(minSegments, segments)), maxAngle_(maxAngleRadians) {}
+        : mode_(mode),
+          segments_(segments),
+          minSegments_(std::min(minSegments, segments)),
+          maxAngle_(maxAngleRadians) {}
 
     /// Curvature mode: how many segments the strand's turning asks for.
     int segmentsFor(const StrandSpline& spline) {
@@ -76,7 +84,8 @@ public:
         if (!(length > 0.0f) || !(turning > 0.0f)) return spline.evenParams(out);
         // Evenly along a measure of turning and length: dense where the strand bends, never empty.
         const auto measureAt = [&](std::size_t k) {
-            return (1.0f - kLengthShare) * turn_[k] / turning + kLengthShare * places_[k].length / length;
+            return (1.0f - kLengthShare) * turn_[k] / turning +
+                   kLengthShare * places_[k].length / length;
         };
         const std::size_t last = out.size() - 1;
         std::size_t k = 0;
@@ -111,7 +120,8 @@ private:
             places_[k].length = places_[k - 1].length + distance(from, to);
             const Vec3f direction = normalized(to - from);
             const bool turns = lengthSquared(before) > 0.0f && lengthSquared(direction) > 0.0f;
-            turn_[k] = turn_[k - 1] + (turns ? std::acos(std::clamp(dot(before, direction), -1.0f, 1.0f)) : 0.0f);
+            turn_[k] = turn_[k - 1] +
+                       (turns ? math::acos(std::clamp(dot(before, direction), -1.0f, 1.0f)) : 0.0f);
             if (lengthSquared(direction) > 0.0f) before = direction;
             from = to;
         }
@@ -150,12 +160,14 @@ public:
     /// Strand by strand where every strand keeps its count. By length all hang on the longest.
     bool update(const EvalContext& context, const NodeInputs& inputs, const UpdateRequest& request,
                 UpdateResult& result) override {
-        if (request.ownChanged || request.inputs[0].kind == SlotChanges::Kind::Unknown) return false;
+        if (request.ownChanged || request.inputs[0].kind == SlotChanges::Kind::Unknown)
+            return false;
         const StrandsPtr strands = requireStrands(*this, inputs);
         StrandsPtr* held = std::get_if<StrandsPtr>(&request.previous[0]);
         const int segments = whole("segments");
-        const StrandChangesPtr changes =
-            request.inputs[0].changes ? request.inputs[0].changes : std::make_shared<const StrandChanges>();
+        const StrandChangesPtr changes = request.inputs[0].changes
+                                             ? request.inputs[0].changes
+                                             : std::make_shared<const StrandChanges>();
         if (!held || !*held) return false;
         if (segments == 0) {
             result.outputs = {strands};
@@ -196,7 +208,8 @@ private:
     }
 
     /// How many points each strand of the pick gets, by curvature or by length.
-    std::vector<std::uint64_t> pointCounts(const StrandSet& in, Mode mode, int segments, const StrandPick& pick) const {
+    std::vector<std::uint64_t> pointCounts(const StrandSet& in, Mode mode, int segments,
+                                           const StrandPick& pick) const {
         std::vector<std::uint64_t> counts(pick.size());
         const float longest = mode == Mode::Length ? longestInPreview(in) : 0.0f;
         pick.forEachBatchAt([&](std::size_t first, std::span<const std::uint32_t> batch) {
@@ -207,7 +220,8 @@ private:
                 int wanted = std::min(whole("minSegments"), segments);
                 if (points.size() >= 2 && mode == Mode::Length) {
                     const float share = longest > 0.0f ? polylineLength(points) / longest : 1.0f;
-                    wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))), wanted, segments);
+                    wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))),
+                                        wanted, segments);
                 } else if (points.size() >= 2) {
                     spline.build(points);
                     wanted = places.segmentsFor(spline);
@@ -235,16 +249,20 @@ private:
         takeStrandData(in, out);
     }
 
-    /// Of the strands that every preview holds, so that a thinned view gives a strand the same points.
+    /// Of the strands that every preview holds, so that a thinned view gives a strand the same
+    /// points.
     static float longestInPreview(const StrandSet& in) {
         const std::vector<float>* preview = in.strandChannel("_preview");
-        const bool marked = preview && std::ranges::any_of(*preview, [](float p) { return p >= 0.5f; });
+        const bool marked =
+            preview && std::ranges::any_of(*preview, [](float p) { return p >= 0.5f; });
         const std::size_t chunks = (in.strandCount() + kChunkStrands - 1) / kChunkStrands;
         std::vector<float> longest(chunks, 0.0f);
         parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
             for (std::size_t c = begin; c < end; ++c)
-                for (std::size_t s = c * kChunkStrands; s < std::min(in.strandCount(), (c + 1) * kChunkStrands); ++s)
-                    if (!marked || (*preview)[s] >= 0.5f) longest[c] = std::max(longest[c], polylineLength(in.pointsOf(s)));
+                for (std::size_t s = c * kChunkStrands;
+                     s < std::min(in.strandCount(), (c + 1) * kChunkStrands); ++s)
+                    if (!marked || (*preview)[s] >= 0.5f)
+                        longest[c] = std::max(longest[c], polylineLength(in.pointsOf(s)));
         });
         return std::ranges::max(longest);
     }
@@ -279,15 +297,17 @@ private:
 
     /// A strand of one point, or of none, has it at all its new points.
     static void spreadPoint(const StrandSet& in, std::uint32_t s, const SplineJob& job) {
-        const std::size_t from = job.fromOffsets[s], to = job.toOffsets[s], count = job.toOffsets[s + 1] - to;
+        const std::size_t from = job.fromOffsets[s], to = job.toOffsets[s],
+                          count = job.toOffsets[s + 1] - to;
         const bool any = in.pointCountOf(s) > 0;
-        for (std::size_t j = 3 * to; j < 3 * (to + count); ++j) job.to[j] = any ? job.from[3 * from + j % 3] : 0.0f;
+        for (std::size_t j = 3 * to; j < 3 * (to + count); ++j)
+            job.to[j] = any ? job.from[3 * from + j % 3] : 0.0f;
         for (const PointArray& array : std::span(job.arrays, job.arrayCount))
             std::fill_n(array.to + to, count, any ? array.from[from] : 0.0f);
     }
 
-    static void placeByCurvature(const StrandSet& in, std::span<const std::uint32_t> strands, const SplineJob& job,
-                                 Placer places) {
+    static void placeByCurvature(const StrandSet& in, std::span<const std::uint32_t> strands,
+                                 const SplineJob& job, Placer places) {
         StrandSpline spline;
         std::vector<float> params;
         for (const std::uint32_t s : strands) {

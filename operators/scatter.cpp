@@ -184,6 +184,7 @@ const std::vector<ParamSpec> kParams = {
      .description = "uvGrid: each root moved at random up to this share of its cell",
      .unit = "fraction",
      .animatable = false,
+     .group = "Random",
      .softMin = 0.0,
      .softMax = 1.0,
      .showWhen = kGridOnly,

@@ -2,25 +2,18 @@
 
 #include <algorithm>
 #include <array>
-#include <numbers>
 
 #include "model/hash.h"
-#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
+#include "operators/placeStrands.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
 
-namespace {
-
-constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
-
-}  // namespace
-
 Rotation turnInFrame(Vec3f degrees, const RootFrame& frame) {
-    const Rotation x = Rotation::about(frame.x, degrees.x * kRadians);
-    const Rotation y = Rotation::about(frame.y, degrees.y * kRadians);
-    return Rotation::about(frame.z, degrees.z * kRadians).after(y.after(x));
+    const Lanes3<float> radians(turnRadians(degrees.x), turnRadians(degrees.y),
+                                turnRadians(degrees.z));
+    return rotation(turnAbout(radians, lanes3(frame.x), lanes3(frame.y), lanes3(frame.z)));
 }
 
 void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& turn, Vec3f root,
@@ -30,20 +23,6 @@ void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& tur
     const Vec3f from = points[0];
     out[0] = root;
     for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + scaled(points[i] - from);
-}
-
-void Placements::apply(const StrandSet& in, std::span<const std::uint32_t> strands,
-                       std::span<Vec3f> out) const {
-    deformStrands(laneKernels().place, PlaceJob{lanePoints(in, strands, out), numbers_.data()}, in,
-                  strands, [&](std::size_t k) {
-                      const std::size_t s = strands[k];
-                      const float* at = &numbers_[12 * k];
-                      const auto vector = [&](int row) {
-                          return Vec3f{at[3 * row], at[3 * row + 1], at[3 * row + 2]};
-                      };
-                      placeStrand(in.pointsOf(s), 1.0f, {vector(0), vector(1), vector(2)},
-                                  vector(3), out.subspan(in.offsets()[s], in.pointCountOf(s)));
-                  });
 }
 
 namespace {
@@ -123,34 +102,37 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> scales;
         scale->sampleStrands(in, strands, std::span(scales).first(strands.size()));
-        Placements placements;
-        const bool ownTurn = !(rotateRandom == Vec3f{});
+        LaneNumbers<TransformJob::kNumbers> numbers;
+        const bool ownTurn = !(rotateRandom == Vec3f{}), ownMove = !(translateRandom == Vec3f{});
+        const bool inFrame =
+            !world && (ownTurn || ownMove || !(rotate == Vec3f{}) || !(translate == Vec3f{}));
+        const ScalpMesh* const surface = inFrame ? scalp.get() : nullptr;
         const Rotation setTurn = world ? turnInFrame(rotate, {}) : Rotation{};
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            if (points.empty()) continue;
             const std::uint64_t id = in.ids()[s];
             const float size = std::max(scales[k], 0.0f);
-            const float ownSize = size * (1.0f + scaleRandom * drawSigned(scaleBase, id));
-            const Vec3f ownMove = translateRandom * translateDraws(id);
-            const Vec3f ownRotate = ownTurn ? rotate + rotateRandom * rotateDraws(id) : rotate;
+            const float ownSize = scaleRandom == 0.0f
+                                      ? size
+                                      : size * (1.0f + scaleRandom * drawSigned(scaleBase, id));
+            const Vec3f turn = ownTurn ? rotate + rotateRandom * rotateDraws(id) : rotate;
+            Vec3f move = ownMove ? translateRandom * translateDraws(id) : Vec3f{};
             // The set's root goes with the set; what is the strand's own happens about that root.
-            Rotation turn = setTurn;
-            Vec3f root;
-            if (world) {
-                if (ownTurn) turn = turnInFrame(ownRotate, {});
-                root = movedRoot(points[0], size, setTurn) + ownMove;
-            } else {
-                const RootFrame frame =
-                    rootFrame(scalp.get(), in.roots()[s], firstDirection(points));
-                if (!(ownRotate == Vec3f{})) turn = turnInFrame(ownRotate, frame);
-                root = points[0] + frame.toWorld(translate + ownMove);
-            }
-            placements.set(k, {turn.row0 * ownSize, turn.row1 * ownSize, turn.row2 * ownSize},
-                           root);
+            if (world)
+                move += points.empty() ? Vec3f{} : movedRoot(points[0], size, setTurn);
+            else
+                move += translate;
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, surface, root, ownSize);
+            setTangent(numbers, k, 1, surface, root, 0.0f);
+            numbers.set(k, 2, {turnRadians(turn.x), turnRadians(turn.y), turnRadians(turn.z)},
+                        0.0f);
+            numbers.set(k, 3, move, 0.0f);
         }
-        placements.apply(in, strands, out.points);
+        placeStrands(laneKernels().transform,
+                     TransformJob{lanePoints(in, strands, out.points), numbers.data(), world}, in,
+                     strands, out.points);
     }
 
 private:

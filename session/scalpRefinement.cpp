@@ -6,6 +6,7 @@
 #include <numbers>
 #include <stdexcept>
 
+#include "model/elementary.h"
 #include "model/guideEdit.h"
 
 namespace corvelle {
@@ -30,7 +31,7 @@ bool isFan(std::span<const Triangle> triangles) {
 
 Vec2f onCircle(std::size_t corner, std::size_t corners, float offset) {
     const double angle = 2.0 * std::numbers::pi * double(corner) / double(corners);
-    return {float(std::cos(angle)) + offset, float(std::sin(angle))};
+    return {float(math::cos(angle)) + offset, float(math::sin(angle))};
 }
 
 /// Every polygon as a regular one on the unit circle, per triangle corner. The triangles of one

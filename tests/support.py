@@ -13,10 +13,10 @@ HELPER = os.environ.get("CORVELLE_HELPER", "")
 class Pipes:
     """The helper on bare pipes, as an add-on in another language would drive it."""
 
-    def __init__(self, *arguments, **options):
+    def __init__(self, *arguments, program=HELPER, **options):
         options.setdefault("stderr", subprocess.PIPE)
         self.process = subprocess.Popen(
-            [HELPER, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options
+            [program, *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE, **options
         )
 
     def __enter__(self):

@@ -1,6 +1,7 @@
 // Brushes that turn guides or their segments: lift, twist, curl, direction.
 #include <cmath>
 
+#include "model/elementary.h"
 #include "tools/brushModes.h"
 
 namespace corvelle {
@@ -74,7 +75,7 @@ void directionGuide(const BrushWork& work, BrushEdit& edit) {
     if (length(way) < 1e-9f || length(lie) < 1e-6f) return;
     way = normalized(s < 0.0f ? -way : way);
     lie = normalized(lie);
-    const float angle = std::atan2(dot(normal, cross(lie, way)), dot(lie, way));
+    const float angle = math::atan2(dot(normal, cross(lie, way)), dot(lie, way));
     const float turn = angle * std::min(work.guideWeight * std::abs(s), 1.0f) * 0.5f;
     if (turn != 0.0f) turnAboutRoot(work, normal, turn, edit);
 }

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "model/correctiveApply.h"
+#include "model/elementary.h"
 #include "tools/brushMode.h"
 #include "tools/selection.h"
 #include "tools/strokeState.h"
@@ -235,7 +236,7 @@ bool BrushTool::drag(StrokeHost& host, const ToolView& view, std::span<const Str
     }
     for (const StrokePoint& point : points) {
         if (state.waiting) {
-            const float way = std::hypot(point.x - state.press.x, point.y - state.press.y);
+            const float way = math::hypot(point.x - state.press.x, point.y - state.press.y);
             if (!(way > kClickPixels)) continue;
             state.waiting = false;
             if (!state.tool->press(state, host, state.press)) continue;
@@ -279,13 +280,14 @@ StrokeResult BrushTool::finish(StrokeHost& host, StrokeDocument document,
     StrokeState& state = *stroke_;
     StrokeResult result;
     edited_ = state.edited;
-    if (!document.empty()) {
+    if (!document.empty() && host.commit(document, label)) {
         result.committed = true;
         result.label = label;
         result.graphChanged = document.has(DocumentSlot::Graph);
         for (std::size_t slot = 0; slot < kDocumentSlots; ++slot)
             if (document.slots[slot]) result.slots.push_back(DocumentSlot(slot));
-        host.commit(document, label);
+    } else {
+        document = {};
     }
     drop(state, host);
     document_ = std::move(document);

@@ -6,6 +6,7 @@
 #include <set>
 #include <tuple>
 
+#include "model/elementary.h"
 #include "tools/screenOcclusion.h"
 #include "tools/selection.h"
 #include "tools/targetStamp.h"
@@ -155,7 +156,7 @@ HoverHit HoverCache::at(StrokeHost& host, const ToolView& view, double x, double
         for (std::uint32_t s = screen.firstOfCell[cell + screen.column(px - pixels)]; s < end;
              ++s) {
             const Spot& spot = screen.spots[s];
-            const float d = std::hypot(spot.x - px, spot.y - py);
+            const float d = math::hypot(spot.x - px, spot.y - py);
             if (d < pixels) found.push_back({d, spot.kind, spot.item, spot.point});
         }
     }

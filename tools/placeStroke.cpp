@@ -6,6 +6,7 @@
 #include <map>
 #include <utility>
 
+#include "model/elementary.h"
 #include "model/polyline.h"
 #include "tools/newGuides.h"
 
@@ -112,7 +113,7 @@ public:
     }
 
     void move(StrokeState& state, StrokeHost&, const StrokePoint& point) override {
-        isDrag_ = isDrag_ || std::hypot(point.x - start_.x, point.y - start_.y) > kClickPixels;
+        isDrag_ = isDrag_ || math::hypot(point.x - start_.x, point.y - start_.y) > kClickPixels;
         if (!isDrag_) return;
         const Vec3f place =
             state.view.placeAtDepth(double(point.x), double(point.y), root_.position);

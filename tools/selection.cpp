@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "model/elementary.h"
 #include "model/guideEdit.h"
 #include "model/pointIndex.h"
 #include "model/scalpMirror.h"
@@ -92,7 +93,7 @@ public:
             for (const Vec3f& p : points) {
                 float x = 0.0f, y = 0.0f;
                 if (!projector_(p, x, y)) continue;
-                const float d = std::hypot(x - at.x, y - at.y);
+                const float d = math::hypot(x - at.x, y - at.y);
                 if (!(d < nearest) || isHidden(p)) continue;
                 nearest = d;
                 best = &guide;

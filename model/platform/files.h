@@ -25,4 +25,12 @@ std::error_code renameFile(const std::filesystem::path& from, const std::filesys
 /// Returns when the names in the folder are on the disk, where a system has such a thing.
 std::error_code flushFolder(const std::filesystem::path& folder);
 
+/// Tells one content of a file from the one before. `time` is in the system's finest unit: the
+/// standard library's has whole seconds where it stands on an old C library.
+struct FileStamp {
+    std::uint64_t size = 0;
+    std::int64_t time = 0;
+};
+std::error_code readFileStamp(const std::filesystem::path& path, FileStamp& stamp);
+
 }  // namespace corvelle::platform

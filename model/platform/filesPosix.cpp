@@ -70,5 +70,18 @@ std::error_code flushFolder(const std::filesystem::path& folder) {
     return error;
 }
 
+std::error_code readFileStamp(const std::filesystem::path& path, FileStamp& stamp) {
+    struct stat about {};
+    if (stat(path.c_str(), &about) != 0) return lastError();
+#if defined(__APPLE__)
+    const timespec& time = about.st_mtimespec;
+#else
+    const timespec& time = about.st_mtim;
+#endif
+    stamp = {std::uint64_t(about.st_size),
+             std::int64_t(time.tv_sec) * 1'000'000'000 + std::int64_t(time.tv_nsec)};
+    return {};
+}
+
 }  // namespace corvelle::platform
 #endif

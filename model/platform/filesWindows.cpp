@@ -52,5 +52,22 @@ std::error_code renameFile(const std::filesystem::path& from, const std::filesys
 
 std::error_code flushFolder(const std::filesystem::path&) { return {}; }  // the move wrote through
 
+std::error_code readFileStamp(const std::filesystem::path& path, FileStamp& stamp) {
+    const HANDLE file = CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return lastError();
+    BY_HANDLE_FILE_INFORMATION about{};
+    const std::error_code error =
+        GetFileInformationByHandle(file, &about) ? std::error_code() : lastError();
+    CloseHandle(file);
+    if (error) return error;
+    const auto joined = [](DWORD high, DWORD low) { return std::uint64_t(high) << 32 | low; };
+    stamp = {joined(about.nFileSizeHigh, about.nFileSizeLow),
+             std::int64_t(joined(about.ftLastWriteTime.dwHighDateTime,
+                                 about.ftLastWriteTime.dwLowDateTime))};
+    return {};
+}
+
 }  // namespace corvelle::platform
 #endif

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 
 namespace corvelle {
@@ -25,8 +26,8 @@ std::vector<Vec3f> makeCurl(const ScalpMesh& scalp, const StrandRoot& root, std:
         const float t = float(i) / float(count - 1);
         const float wave = 0.1f * length * t;
         points[i] = frame.origin + frame.normal * (length * t * (1.0f - 0.3f * t)) +
-                    frame.tangent * (length * lean * t + wave * std::sin(turns * t)) +
-                    frame.binormal * (wave * std::cos(turns * t));
+                    frame.tangent * (length * lean * t + wave * math::sin(turns * t)) +
+                    frame.binormal * (wave * math::cos(turns * t));
     }
     points.front() = frame.origin;
     return points;

@@ -6,6 +6,7 @@
 #include <numbers>
 #include <utility>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 
 namespace corvelle {
@@ -60,8 +61,9 @@ ScalpMesh makeSphere(int rings, int segments, float radius) {
         for (int s = 0; s < segments; ++s) {
             const float polar = kPi * float(r) / float(rings),
                         turn = 2.0f * kPi * float(s) / float(segments);
-            points.push_back({radius * std::sin(polar) * std::cos(turn), -radius * std::cos(polar),
-                              -radius * std::sin(polar) * std::sin(turn)});
+            points.push_back({radius * math::sin(polar) * math::cos(turn),
+                              -radius * math::cos(polar),
+                              -radius * math::sin(polar) * math::sin(turn)});
         }
     points.push_back({0.0f, radius, 0.0f});
     const auto at = [&](int ring, int segment) {
@@ -165,7 +167,7 @@ ScalpMesh makeFan(std::size_t corners, float radius) {
     std::vector<Vec3f> points;
     for (std::size_t i = 0; i < corners; ++i) {
         const double turn = 2.0 * std::numbers::pi * double(i) / double(corners);
-        points.push_back({radius * float(std::cos(turn)), 0.0f, -radius * float(std::sin(turn))});
+        points.push_back({radius * float(math::cos(turn)), 0.0f, -radius * float(math::sin(turn))});
     }
     std::vector<Triangle> triangles;
     for (std::size_t i = 2; i < corners; ++i)

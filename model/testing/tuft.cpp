@@ -3,6 +3,7 @@
 #include <cmath>
 #include <vector>
 
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 
@@ -47,7 +48,7 @@ StrandSet makeTuft(const TuftSettings& settings) {
             SplitMix random(ids[s]);
             const float angle = random.nextRange(0.0f, kTwoPi);
             const float radius = settings.radius * std::sqrt(random.nextFloat());
-            const Vec3f root{radius * std::cos(angle), 0.0f, radius * std::sin(angle)};
+            const Vec3f root{radius * math::cos(angle), 0.0f, radius * math::sin(angle)};
             Vec3f tip{random.nextRange(-0.5f, 0.5f), 1.0f, random.nextRange(-0.5f, 0.5f)};
             tip *= settings.length * random.nextRange(0.5f, 1.5f) / length(tip);
             const Vec3f side = anyPerpendicular(tip) * (0.1f * random.nextFloat() * length(tip));
@@ -67,7 +68,7 @@ StrandSet makeTuft(const TuftSettings& settings) {
             const std::size_t first = std::size_t(set.offsets()[s]), n = set.pointCountOf(s);
             for (std::size_t i = 0; i < n; ++i) {
                 const float t = n > 1 ? float(i) / float(n - 1) : 0.0f;
-                const float wave = (tip == Vec3f{} ? 0.0f : t) * std::sin(phase + kTwoPi * t);
+                const float wave = (tip == Vec3f{} ? 0.0f : t) * math::sin(phase + kTwoPi * t);
                 points[first + i] = root + tip * t + side * wave;
                 widths[first + i] = width * (1.0f - 0.8f * t);
                 if (settings.channels) shares[first + i] = t;

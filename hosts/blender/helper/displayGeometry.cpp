@@ -5,6 +5,7 @@
 #include <numbers>
 
 #include "hosts/blender/helper/colorScales.h"
+#include "model/elementary.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
@@ -169,7 +170,7 @@ void tubeRings(const Guide& guide, std::vector<GuideFrame>& frames, std::vector<
                                 guide.tubeTwist * share;
             rings[i * kTubeSides + std::size_t(k)] =
                 guide.points[i] +
-                (frames[i].N * std::cos(angle) + frames[i].B * std::sin(angle)) * radius;
+                (frames[i].N * math::cos(angle) + frames[i].B * math::sin(angle)) * radius;
         }
     }
 }
@@ -315,7 +316,7 @@ void buildFlow(const DisplaySource& source, const DisplaySettings&, DisplayGeome
             const float angle =
                 2.0f * std::numbers::pi_v<float> * float(i % kSinkSegments) / float(kSinkSegments);
             return middle +
-                   (frame.tangent * std::cos(angle) + frame.binormal * std::sin(angle)) * radius;
+                   (frame.tangent * math::cos(angle) + frame.binormal * math::sin(angle)) * radius;
         };
         for (int i = 0; i < kSinkSegments; ++i) {
             out.positions.push_back(place(i, sink.radius));
@@ -327,7 +328,7 @@ void buildFlow(const DisplaySource& source, const DisplaySettings&, DisplayGeome
             const Vec3f from = place(i, 0.5f * sink.radius);
             const Vec3f away = normalized(from - middle), around = cross(frame.normal, away);
             out.positions.push_back(from);
-            out.positions.push_back(from + (away * std::cos(lean) + around * std::sin(lean)) *
+            out.positions.push_back(from + (away * math::cos(lean) + around * math::sin(lean)) *
                                                (0.35f * sink.radius));
         }
     }

@@ -8,7 +8,7 @@
 #include "hosts/blender/helper/dispatch.h"
 #include "hosts/blender/helper/requestError.h"
 #include "io/groomFileError.h"
-#include "tools/paramBrush.h"
+#include "tools/strokeErrors.h"
 #include "tools/strokeHost.h"
 
 namespace corvelle {
@@ -38,9 +38,9 @@ Json handle(HelperState& state, const Json& request) {
         return failureReply(id, "parse", error.what());
     } catch (const Json::exception& error) {
         return failureReply(id, "bad_request", error.what());
-    } catch (const MapNotFound& error) {
+    } catch (const StrokeNotFound& error) {
         return failureReply(id, "not_found", error.what());
-    } catch (const PaintStateError& error) {
+    } catch (const StrokeStateError& error) {
         return failureReply(id, "state", error.what());
     } catch (const std::invalid_argument& error) {
         return failureReply(id, "bad_request", error.what());

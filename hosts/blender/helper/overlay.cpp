@@ -3,6 +3,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "model/elementary.h"
 #include "model/guideSet.h"
 #include "model/hash.h"
 
@@ -29,7 +30,7 @@ void Overlay::begin(const BrushRing& ring, const std::array<float, 3>& ringColor
     const auto at = [&](int i) {
         const float angle =
             2.0f * std::numbers::pi_v<float> * float(i % kRingSegments) / kRingSegments;
-        return ring.center + (a * std::cos(angle) + b * std::sin(angle)) * ring.radius;
+        return ring.center + (a * math::cos(angle) + b * math::sin(angle)) * ring.radius;
     };
     for (int i = 0; i < kRingSegments; ++i) {
         pairs.push_back(at(i));
