@@ -15,13 +15,6 @@ namespace {
 
 constexpr std::size_t kBatch = 256;
 
-/// A root's position is its strand's first point.
-inline Vec3f rootPosition(const StrandSet& set, std::size_t strand) {
-    const std::span<const std::uint64_t> offsets = set.offsets();
-    const std::uint64_t first = offsets[strand];
-    return offsets[strand + 1] > first ? set.points()[std::size_t(first)] : Vec3f{};
-}
-
 /// Maps that are read at places on a scalp. The sampler has values(roots, component, out) and
 /// colors(roots, out) over valid roots or unrooted ones, which read 0.
 template <class Sampler>
@@ -115,7 +108,7 @@ private:
                 roots = gathered;
             }
             onScalp(
-                roots, [&](std::size_t i) { return rootPosition(set, some[i]); },
+                roots, [&](std::size_t i) { return set.rootPosition(some[i]); },
                 [&](std::span<const StrandRoot> found) { body(b, found); });
         }
     }
@@ -340,7 +333,7 @@ void forEachPlaceOf(const StrandSet& set, std::span<const std::uint32_t> strands
         const std::span<Vec3f> positions = positionBuffer.first(n);
         for (std::size_t i = 0; i < n; ++i) {
             roots[i] = held[strands[b + i]];
-            positions[i] = rootPosition(set, strands[b + i]);
+            positions[i] = set.rootPosition(strands[b + i]);
         }
         body(b, roots, positions);
     }

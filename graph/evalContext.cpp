@@ -16,9 +16,6 @@ static_assert(reads::kAll == (1u << std::size(kWords)) - 1);
 enum HeldSlot : std::size_t { kHierarchy, kMaps, kParts, kFlow };
 
 std::uint64_t meshHash(const ScalpPtr& mesh) { return mesh ? mesh->fullHash() : 0; }
-std::uint64_t textHash(std::uint64_t h, const std::string& text) {
-    return hashCombine(hashCombine(h, std::uint64_t(text.size())), std::string_view(text));
-}
 
 }  // namespace
 
@@ -85,7 +82,7 @@ std::uint64_t ContextHasher::bitHash(std::size_t bit) {
                                }));
         case reads::kColliders:
             for (const auto& [name, collider] : d.colliders) {
-                h = textHash(h, name);
+                h = hashText(h, name);
                 h = hashCombine(h, meshHash(collider.mesh));
                 h = hashCombine(h, collider.friction);
             }
@@ -101,8 +98,8 @@ std::uint64_t ContextHasher::bitHash(std::size_t bit) {
             h = hashCombine(h, d.pointBudget);
             return hashCombine(h, std::int32_t(d.growSegments));
         case reads::kSearchPaths:
-            h = textHash(h, d.directory);
-            for (const std::string& path : d.searchPaths) h = textHash(h, path);
+            h = hashText(h, d.directory);
+            for (const std::string& path : d.searchPaths) h = hashText(h, path);
             return h;
         default:
             return h;

@@ -10,17 +10,12 @@ namespace {
 
 constexpr std::size_t kBatch = 256;
 
-Vec3f rootPosition(const StrandSet& set, std::size_t strand) {
-    const std::size_t first = std::size_t(set.offsets()[strand]);
-    return set.pointCountOf(strand) > 0 ? set.points()[first] : Vec3f{};
-}
-
 }  // namespace
 
 float FieldValue::sampleRoot(const StrandRoot&, Vec3f position) const { return sampleAt(position); }
 
 float FieldValue::sampleStrand(const StrandSet& strands, std::size_t index) const {
-    return sampleRoot(strands.roots()[index], rootPosition(strands, index));
+    return sampleRoot(strands.roots()[index], strands.rootPosition(index));
 }
 
 float FieldValue::samplePoint(const StrandSet& strands, std::size_t index, std::size_t) const {

@@ -20,7 +20,7 @@ std::uint64_t paramHash(const ParamValue& value) {
         std::uint64_t operator()(bool v) const { return hashCombine(h, v); }
         std::uint64_t operator()(double v) const { return hashCombine(h, v); }
         std::uint64_t operator()(const std::string& v) const {
-            return hashCombine(hashCombine(h, std::uint64_t(v.size())), std::string_view(v));
+            return hashText(h, v);
         }
         std::uint64_t operator()(Vec3f v) const {
             return hashCombine(hashCombine(hashCombine(h, v.x), v.y), v.z);

@@ -9,12 +9,12 @@
 
 namespace corvelle {
 
-/// The pairs of arrays of two strand sets of equal layout that are not shared, for comparing strand by
-/// strand and bit by bit: roots, points, widths and all channels. Shared arrays need no look.
+/// The pairs of arrays of two strand sets of equal layout that are not shared, for comparing strand
+/// by strand and bit by bit: roots, points, widths and all channels. Shared arrays need no look.
 class StrandPairs {
 public:
-    /// Nothing when strand counts, ids, points per strand, channels (names, defaults, flags) or layers
-    /// differ: then no list of strands tells the difference. The sets must outlive this.
+    /// Nothing when strand counts, ids, points per strand, channels (names, defaults, flags) or
+    /// layers differ: then no list of strands tells the difference. The sets must outlive this.
     static std::optional<StrandPairs> of(const StrandSet& a, const StrandSet& b);
     bool allShared() const { return perStrand_.empty() && perPoint_.empty(); }
     bool strandDiffers(std::size_t strand) const;
@@ -29,9 +29,9 @@ private:
     std::vector<Pair> perStrand_, perPoint_;
 };
 
-/// The strands that differ between two sets, bit by bit; null when no list can tell, or when most of
-/// a fixed sample differ and looking at all is not worth its time. Parallel; the same list on any
-/// number of threads.
+/// The strands that differ between two sets, bit by bit; null when no list can tell, or when most
+/// of a fixed sample differ and looking at all is not worth its time. Parallel; the same list on
+/// any number of threads.
 StrandChangesPtr strandDiff(const StrandSet& before, const StrandSet& after);
 /// The guides that differ between two sets of the same ids in the same order, else null.
 StrandChangesPtr guideDiff(const GuideSet& before, const GuideSet& after);

@@ -279,14 +279,43 @@ Bvh::Bvh(std::shared_ptr<const BvhOrder> order, std::span<const Vec3f> points,
     fit(points, triangles);
 }
 
-void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles) {
-    const BvhOrder& order = *order_;
-    blocks_.resize(order.blocks.size());
-    std::vector<Box> blockBoxes(order.blocks.size());
-    std::vector<Vec3f> blockNormals(order.blocks.size());  // twice the area long
+/// Measures the boxes of an order's nodes for the points at hand, from the blocks up.
+struct Bvh::Fitting {
+    Bvh& bvh;
+    const BvhOrder& order = *bvh.order_;
+    std::vector<Box> blockBoxes = std::vector<Box>(order.blocks.size());
+    std::vector<Vec3f> blockNormals = std::vector<Vec3f>(order.blocks.size());  // twice the area
+    std::vector<Box> orientedBoxes = std::vector<Box>(order.oriented.size());
+    std::vector<Box> innerBoxes = std::vector<Box>(order.inner.size());
+
+    const Box& boxOf(std::int32_t node) const {
+        const std::size_t index = std::size_t(node >> 2);
+        return (node & 3) == BvhOrder::kInner      ? innerBoxes[index]
+               : (node & 3) == BvhOrder::kOriented ? orientedBoxes[index]
+                                                   : blockBoxes[index];
+    }
+    static void setLane(Boxes4& boxes, std::size_t lane, const Box& box) {
+        boxes.minX[lane] = box.low.x, boxes.maxX[lane] = box.high.x;
+        boxes.minY[lane] = box.low.y, boxes.maxY[lane] = box.high.y;
+        boxes.minZ[lane] = box.low.z, boxes.maxZ[lane] = box.high.z;
+    }
+
+    void fitBlocks(std::span<const Vec3f> points, std::span<const Triangle> triangles);
+    void fitOriented(std::size_t n);
+    void fitInner();
+    void findAlone();
+    Box all() const {
+        return !innerBoxes.empty()      ? innerBoxes[0]
+               : !orientedBoxes.empty() ? orientedBoxes[0]
+                                        : Box{};
+    }
+};
+
+void Bvh::Fitting::fitBlocks(std::span<const Vec3f> points, std::span<const Triangle> triangles) {
+    bvh.blocks_.resize(order.blocks.size());
     double surface = 0.0, area = 0.0;
-    for (std::size_t b = 0; b < blocks_.size(); ++b) {
-        Block& block = blocks_[b];
+    for (std::size_t b = 0; b < bvh.blocks_.size(); ++b) {
+        Block& block = bvh.blocks_[b];
         block.triangles = order.blocks[b];
         for (std::size_t lane = 0; lane < kBlockSize; ++lane) {
             const std::int32_t t = block.triangles[lane];
@@ -313,95 +342,81 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
         const Vec3f pad = margin(padded);
         padded.low -= pad, padded.high += pad;
     }
-    looseness_ = area > 0.0 ? surface / area : 0.0;
+    bvh.looseness_ = area > 0.0 ? surface / area : 0.0;
+}
 
-    const auto setLane = [](Boxes4& boxes, std::size_t lane, const Box& box) {
-        boxes.minX[lane] = box.low.x, boxes.maxX[lane] = box.high.x;
-        boxes.minY[lane] = box.low.y, boxes.maxY[lane] = box.high.y;
-        boxes.minZ[lane] = box.low.z, boxes.maxZ[lane] = box.high.z;
-    };
-
-    oriented_.resize(order.oriented.size());
-    std::vector<Box> orientedBoxes(order.oriented.size());
-    for (std::size_t n = 0; n < oriented_.size(); ++n) {
-        OrientedNode& node = oriented_[n];
-        node.children = order.oriented[n];
-        const std::array<std::uint32_t, 5>& runs = order.runs[n];
-        Box all;
-        Vec3f sum;
-        for (std::uint32_t b = runs[0]; b < runs[4]; ++b) {
-            all.add(blockBoxes[b].low, blockBoxes[b].high);
-            sum += blockNormals[b];
-        }
-        orientedBoxes[n] = all;
-        Vec3f center = (all.low + all.high) * 0.5f;
-        if (!isFinite(center)) center = {};
-        Vec3f normal = normalized(sum);
-        if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
-        // Along an edge, for meshes are grids more often than not.
-        const Block& head = blocks_[runs[0]];
-        const Vec3f edge = Vec3f{head.x[1][0], head.y[1][0], head.z[1][0]} -
-                           Vec3f{head.x[0][0], head.y[0][0], head.z[0][0]};
-        Vec3f side = normalized(edge - normal * dot(edge, normal));
-        side = normalized(side - normal * dot(side, normal));
-        if (!isFinite(side) || side == Vec3f{}) side = anyPerpendicular(normal);
-        const Vec3f up = cross(normal, side);
-        for (int k = 0; k < 3; ++k) {
-            node.columns[k][0] = side[k], node.columns[k][1] = up[k];
-            node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
-        }
-        const Vec3f sides = all.high - all.low;
-        const float pad = 4e-6f * (sides.x + sides.y + sides.z) + FLT_MIN;
-        for (std::size_t lane = 0; lane < 4; ++lane) {
-            Box4 box;
-            for (std::uint32_t b = runs[lane]; b < runs[lane + 1]; ++b)
-                for (int k = 0; k < 3; ++k) {
-                    const Float4 x = Float4::load(blocks_[b].x[k]) - Float4(center.x);
-                    const Float4 y = Float4::load(blocks_[b].y[k]) - Float4(center.y);
-                    const Float4 z = Float4::load(blocks_[b].z[k]) - Float4(center.z);
-                    const Vec3f axes[3] = {side, up, normal};
-                    for (int axis = 0; axis < 3; ++axis)
-                        box.add(axis, Float4(axes[axis].x) * x + Float4(axes[axis].y) * y +
-                                          Float4(axes[axis].z) * z);
-                }
-            Box child = box.box();
-            if (runs[lane] < runs[lane + 1]) {
-                child.low -= Vec3f{pad, pad, pad};
-                child.high += Vec3f{pad, pad, pad};
-            }
-            setLane(node.boxes, lane, child);
-        }
+/// The axes of its own of an oriented node, and its children's boxes along them.
+void Bvh::Fitting::fitOriented(std::size_t n) {
+    OrientedNode& node = bvh.oriented_[n];
+    node.children = order.oriented[n];
+    const std::array<std::uint32_t, 5>& runs = order.runs[n];
+    Box all;
+    Vec3f sum;
+    for (std::uint32_t b = runs[0]; b < runs[4]; ++b) {
+        all.add(blockBoxes[b].low, blockBoxes[b].high);
+        sum += blockNormals[b];
     }
+    orientedBoxes[n] = all;
+    Vec3f center = (all.low + all.high) * 0.5f;
+    if (!isFinite(center)) center = {};
+    Vec3f normal = normalized(sum);
+    if (!isFinite(normal) || normal == Vec3f{}) normal = {0.0f, 1.0f, 0.0f};
+    // Along an edge, for meshes are grids more often than not.
+    const Block& head = bvh.blocks_[runs[0]];
+    const Vec3f edge = Vec3f{head.x[1][0], head.y[1][0], head.z[1][0]} -
+                       Vec3f{head.x[0][0], head.y[0][0], head.z[0][0]};
+    Vec3f side = normalized(edge - normal * dot(edge, normal));
+    side = normalized(side - normal * dot(side, normal));
+    if (!isFinite(side) || side == Vec3f{}) side = anyPerpendicular(normal);
+    const Vec3f up = cross(normal, side);
+    for (int k = 0; k < 3; ++k) {
+        node.columns[k][0] = side[k], node.columns[k][1] = up[k];
+        node.columns[k][2] = normal[k], node.columns[k][3] = center[k];
+    }
+    const Vec3f sides = all.high - all.low;
+    const float pad = 4e-6f * (sides.x + sides.y + sides.z) + FLT_MIN;
+    for (std::size_t lane = 0; lane < 4; ++lane) {
+        Box4 box;
+        for (std::uint32_t b = runs[lane]; b < runs[lane + 1]; ++b)
+            for (int k = 0; k < 3; ++k) {
+                const Float4 x = Float4::load(bvh.blocks_[b].x[k]) - Float4(center.x);
+                const Float4 y = Float4::load(bvh.blocks_[b].y[k]) - Float4(center.y);
+                const Float4 z = Float4::load(bvh.blocks_[b].z[k]) - Float4(center.z);
+                const Vec3f axes[3] = {side, up, normal};
+                for (int axis = 0; axis < 3; ++axis)
+                    box.add(axis, Float4(axes[axis].x) * x + Float4(axes[axis].y) * y +
+                                      Float4(axes[axis].z) * z);
+            }
+        Box child = box.box();
+        if (runs[lane] < runs[lane + 1]) {
+            child.low -= Vec3f{pad, pad, pad};
+            child.high += Vec3f{pad, pad, pad};
+        }
+        setLane(node.boxes, lane, child);
+    }
+}
 
+void Bvh::Fitting::fitInner() {
     // Children come after their parents, so going backwards meets them first.
-    inner_.resize(order.inner.size());
-    std::vector<Box> innerBoxes(order.inner.size());
-    for (std::size_t n = inner_.size(); n-- > 0;) {
-        InnerNode& node = inner_[n];
+    bvh.inner_.resize(order.inner.size());
+    for (std::size_t n = bvh.inner_.size(); n-- > 0;) {
+        InnerNode& node = bvh.inner_[n];
         node.children = order.inner[n];
         for (std::size_t lane = 0; lane < 4; ++lane) {
             const std::int32_t child = node.children[lane];
-            Box box;
-            if (child != BvhOrder::kNone) {
-                const std::size_t index = std::size_t(child >> 2);
-                box = (child & 3) == BvhOrder::kInner      ? innerBoxes[index]
-                      : (child & 3) == BvhOrder::kOriented ? orientedBoxes[index]
-                                                           : blockBoxes[index];
-            }
+            const Box box = child == BvhOrder::kNone ? Box{} : boxOf(child);
             setLane(node.boxes, lane, box);
             innerBoxes[n].add(box.low, box.high);
         }
     }
-    // From the root down: a child is alone where its parent is and no sibling reaches.
-    const auto boxOf = [&](std::int32_t node) -> const Box& {
-        const std::size_t index = std::size_t(node >> 2);
-        return (node & 3) == BvhOrder::kInner      ? innerBoxes[index]
-               : (node & 3) == BvhOrder::kOriented ? orientedBoxes[index]
-                                                   : blockBoxes[index];
-    };
+}
+
+/// From the root down: a child is alone where its parent is and no sibling reaches.
+void Bvh::Fitting::findAlone() {
     const auto aloneOf = [&](std::int32_t node) -> AloneBox& {
         const std::size_t index = std::size_t(node >> 2);
-        return (node & 3) == BvhOrder::kInner ? inner_[index].alone : oriented_[index].alone;
+        return (node & 3) == BvhOrder::kInner ? bvh.inner_[index].alone
+                                              : bvh.oriented_[index].alone;
     };
     const auto passDown = [&](const AloneBox& parent, const BvhOrder::Children& children) {
         for (const std::int32_t child : children) {
@@ -418,11 +433,18 @@ void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles
     if (order.root != BvhOrder::kNone)
         aloneOf(order.root) = {{-kInfinity, -kInfinity, -kInfinity, -kInfinity},
                                {kInfinity, kInfinity, kInfinity, kInfinity}};
-    for (const InnerNode& node : inner_) passDown(node.alone, node.children);
-    for (const OrientedNode& node : oriented_) passDown(node.alone, node.children);
-    const Box all = !innerBoxes.empty()      ? innerBoxes[0]
-                    : !orientedBoxes.empty() ? orientedBoxes[0]
-                                             : Box{};
+    for (const InnerNode& node : bvh.inner_) passDown(node.alone, node.children);
+    for (const OrientedNode& node : bvh.oriented_) passDown(node.alone, node.children);
+}
+
+void Bvh::fit(std::span<const Vec3f> points, std::span<const Triangle> triangles) {
+    Fitting fitting{*this};
+    fitting.fitBlocks(points, triangles);
+    oriented_.resize(order_->oriented.size());
+    for (std::size_t n = 0; n < oriented_.size(); ++n) fitting.fitOriented(n);
+    fitting.fitInner();
+    fitting.findAlone();
+    const Box all = fitting.all();
     low_ = all.low, high_ = all.high;
 }
 

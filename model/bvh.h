@@ -112,6 +112,7 @@ private:
         std::array<std::int32_t, 4> triangles;
     };
     struct Search;
+    struct Fitting;
     void fit(std::span<const Vec3f> points, std::span<const Triangle> triangles);
 
     std::shared_ptr<const BvhOrder> order_;

@@ -152,8 +152,8 @@ TEST_P(BvhTest, FindsTheHitThatAskingEveryTriangleFinds) {
         SurfaceHit within;
         ASSERT_TRUE(mesh.rayIntersect(origin, direction, within, plain.distance));
         expectSame(within, plain);
-        EXPECT_FALSE(mesh.rayIntersect(origin, direction, within,
-                                       std::nextafter(plain.distance, 0.0f)));
+        EXPECT_FALSE(
+            mesh.rayIntersect(origin, direction, within, std::nextafter(plain.distance, 0.0f)));
     }
     EXPECT_GT(found, 20u);
 }

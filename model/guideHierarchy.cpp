@@ -573,15 +573,12 @@ GuidesPtr GuideHierarchy::flattenGroups(std::span<const std::uint32_t> groups,
 GuidesPtr GuideHierarchy::all() const { return select(std::vector<bool>(groups_.size(), true)); }
 
 std::uint64_t GuideHierarchy::contentHash() const {
-    const auto text = [](std::uint64_t h, const std::string& value) {
-        return hashCombine(hashCombine(h, std::uint64_t(value.size())), value);
-    };
     std::uint64_t h = hashCombine(hashOf("guideHierarchy"), scalpTopology_);
     h = hashCombine(h, std::uint64_t(groups_.size()));
     for (const GuideGroup& group : groups_)
-        h = hashCombine(hashCombine(text(h, group.name), group.id), group.parent);
+        h = hashCombine(hashCombine(hashText(h, group.name), group.id), group.parent);
     h = hashCombine(h, std::uint64_t(declared_.size()));
-    for (const auto& [name, value] : declared_) h = hashCombine(text(h, name), value);
+    for (const auto& [name, value] : declared_) h = hashCombine(hashText(h, name), value);
     h = hashCombine(h, std::uint64_t(guides_.size()));
     for (const GuidePtr& guide : guides_) h = hashCombine(h, guide->contentHash);
     return h;

@@ -14,10 +14,6 @@ const std::shared_ptr<const GuideDetail>& plainDetail() {
     return plain;
 }
 
-std::uint64_t hashText(std::uint64_t h, std::string_view text) {
-    return hashCombine(hashCombine(h, std::uint64_t(text.size())), text);
-}
-
 std::uint64_t hashRoot(std::uint64_t h, const StrandRoot& root) {
     const float uv[] = {root.u, root.v};
     return hashFloatBits(hashCombine(h, root.triangle), uv, 2);

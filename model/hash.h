@@ -56,6 +56,10 @@ constexpr std::uint64_t hashCombine(std::uint64_t h, std::string_view text) {
 constexpr std::uint64_t hashCombine(std::uint64_t h, const char* text) {
     return hashCombine(h, std::string_view(text));
 }
+/// A text among other things: its length first, so that no two lists of texts run together.
+constexpr std::uint64_t hashText(std::uint64_t h, std::string_view text) {
+    return hashCombine(hashCombine(h, std::uint64_t(text.size())), text);
+}
 /// The hash of a word: used for salts ("Noise.strand") and types.
 constexpr std::uint64_t hashOf(std::string_view text) {
     return hashCombine(mix64(text.size()), text);
@@ -75,8 +79,11 @@ constexpr float unitHash(std::uint64_t x) {
 constexpr std::uint64_t drawBase(std::uint64_t seed, std::string_view use) {
     return mix64(seed ^ hashOf(use));
 }
-/// The same with the word hashed beforehand: in a loop, make `use` a constant, constexpr hashOf("...").
-constexpr std::uint64_t drawBase(std::uint64_t seed, std::uint64_t use) { return mix64(seed ^ use); }
+/// The same with the word hashed beforehand: in a loop, make `use` a constant, constexpr
+/// hashOf("...").
+constexpr std::uint64_t drawBase(std::uint64_t seed, std::uint64_t use) {
+    return mix64(seed ^ use);
+}
 /// Uniform in [0, 1) for one stable id.
 constexpr float draw(std::uint64_t base, std::uint64_t id) {
     return unitHash(hashCombine(base, id));

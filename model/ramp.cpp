@@ -24,8 +24,6 @@ float slopeOf(const Ramp::Key& left, const Ramp::Key& right) {
 
 }  // namespace
 
-/// The derivative at every key (Fritsch, Butland 1984): a weighted harmonic mean of the slopes on
-/// both sides, 0 at peaks and flats.
 std::vector<float> rampSlopes(const std::vector<Ramp::Key>& keys) {
     std::vector<float> tangents(keys.size(), 0.0f);
     if (keys.size() < 2) return tangents;

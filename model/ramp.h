@@ -20,8 +20,8 @@ public:
 
     /// 1 for an empty ramp; the end values outside the keys.
     float operator()(float x) const;
-    /// out[i] for x[i], fastest where x ascends, as along a strand; the bits of the single form. `out`
-    /// may be `x`.
+    /// out[i] for x[i], fastest where x ascends, as along a strand; the bits of the single form.
+    /// `out` may be `x`.
     void sample(std::span<const float> x, std::span<float> out) const;
     const std::vector<Key>& keys() const { return keys_; }
     bool linear() const { return linear_; }

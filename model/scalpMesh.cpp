@@ -315,7 +315,7 @@ std::uint64_t ScalpMesh::extrasHash() const {
         for (const Vec2f uv : e.uvs) h = hashCombine(hashCombine(h, uv.x), uv.y);
         h = hashCombine(h, std::uint64_t(e.colorSets.size()));
         for (const auto& [name, colors] : e.colorSets) {
-            h = hashCombine(hashCombine(h, std::uint64_t(name.size())), std::string_view(name));
+            h = hashText(h, name);
             for (const Color4f& c : colors)
                 for (const float x : {c.r, c.g, c.b, c.a}) h = hashCombine(h, x);
         }

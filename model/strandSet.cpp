@@ -400,26 +400,21 @@ void StrandSet::allocate(std::span<const std::uint64_t> counts, unsigned flags) 
         fresh.offsets_.reset(counts.size() + 1, 0, true, arrayLock_);
     toOffsets[0] = 0;
     for (std::size_t s = 0; s < counts.size(); ++s) toOffsets[s + 1] = toOffsets[s] + counts[s];
-    const std::size_t total = std::size_t(toOffsets.back());
-    fresh.ids_.reset(counts.size(), 0, false, arrayLock_);
-    fresh.roots_.reset(counts.size(), {}, false, arrayLock_);
-    fresh.points_.reset(total, {}, (flags & kLeavePoints) != 0, arrayLock_);
-    fresh.widths_.reset(total, 1.0f, (flags & kLeaveWidths) != 0, arrayLock_);
-    fresh.strandChannels_ = refilled(strandChannels_, counts.size());
-    fresh.pointChannels_ = refilled(pointChannels_, total);
-    fresh.instances = instances;
-    fresh.cards = cards;
-    fresh.featherLayers = featherLayers;
-    swap(fresh);
+    allocateInto(fresh, flags);
 }
 
 void StrandSet::allocateUniform(std::size_t strands, std::size_t pointsPerStrand, unsigned flags) {
     StrandSet fresh;
-    const std::size_t total = strands * pointsPerStrand;
     std::uint64_t* const toOffsets = fresh.offsets_.reset(strands + 1, 0, true, arrayLock_).data();
     parallelRange(0, strands + 1, kChunkElements, [=](std::size_t begin, std::size_t end) {
         for (std::size_t s = begin; s < end; ++s) toOffsets[s] = s * pointsPerStrand;
     });
+    allocateInto(fresh, flags);
+}
+
+void StrandSet::allocateInto(StrandSet& fresh, unsigned flags) {
+    const std::size_t strands = fresh.offsets_.size() - 1;
+    const std::size_t total = std::size_t(fresh.offsets_.get().back());
     fresh.ids_.reset(strands, 0, false, arrayLock_);
     fresh.roots_.reset(strands, {}, false, arrayLock_);
     fresh.points_.reset(total, {}, (flags & kLeavePoints) != 0, arrayLock_);

@@ -83,6 +83,12 @@ public:
         return points().subspan(std::size_t(offsets()[strand]), pointCountOf(strand));
     }
 
+    /// The first point; zero for a strand without points.
+    Vec3f rootPosition(std::size_t strand) const {
+        const std::uint64_t first = offsets()[strand];
+        return offsets()[strand + 1] > first ? points()[std::size_t(first)] : Vec3f{};
+    }
+
     // Write access: makes the array this set's own. Points and offsets drop the extent caches.
     std::span<std::uint64_t> mutableIds();
     std::span<StrandRoot> mutableRoots();
@@ -185,6 +191,8 @@ private:
         std::shared_ptr<const std::vector<Extent>> chunks;
     };
     void swap(StrandSet& other) noexcept;
+    /// Fills the arrays of `fresh`, which has its offsets, and becomes it.
+    void allocateInto(StrandSet& fresh, unsigned flags);
     void dropExtent();
     ExtentCache cachedExtent() const;
     Extent storeExtent(std::vector<Extent> chunks) const;
