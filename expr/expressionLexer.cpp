@@ -57,6 +57,7 @@ ExpressionError expressionErrorAt(std::string_view text, std::size_t offset,
         out.append(" (line ").append(std::to_string(lines + 1));
         out.append(", column ").append(std::to_string(offset - lineStart + 1)).append(")");
     }
+    std::replace(out.begin(), out.end(), '\0', ' ');  // would end the message
     return ExpressionError(out);
 }
 

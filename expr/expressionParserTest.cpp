@@ -165,6 +165,11 @@ TEST(ExpressionErrors, TellLinesAndColumnsOfSeveralLines) {
               "expression '$a = 1;\n  $a * ?': unexpected '?' at position 16 (line 2, column 8)");
 }
 
+TEST(ExpressionErrors, AreWholeWhateverTheText) {
+    EXPECT_EQ(errorOf(std::string("1 + \0x", 6)),
+              "expression '1 +  x': unexpected ' ' at position 5");
+}
+
 TEST(ExpressionErrors, TellShapesApart) {
     using enum ExpressionMap::Shape;
     EXPECT_EQ(errorOf("P"),

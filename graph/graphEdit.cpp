@@ -211,6 +211,42 @@ bool feeds(const Json& graph, const std::string& target, const std::string& name
     return false;
 }
 
+/// Makes a field or curve feed a param, in the form in which the node holds its param inputs.
+void feedParam(Json& target, const ParamSpec& param, const std::string& from,
+               const std::string& output) {
+    Json entry = {{"from", from}};
+    if (!output.empty()) entry["output"] = output;
+    if (std::holds_alternative<double>(param.defaultValue)) {
+        // A field drives as field x scale, by default the param's own number: 0 would mute it.
+        const auto params = target.find("params");
+        const bool held =
+            params != target.end() && params->is_object() && params->contains(param.name);
+        const Json own = held ? (*params)[param.name] : paramToJson(param.defaultValue);
+        if (own.is_number() && own.get<double>() == 0.0) entry["scale"] = 1;
+    }
+    eraseParamInputs(target, [&](const std::string& p, const Json&) { return p == param.name; });
+    Json& inputs = target["paramInputs"];
+    if (inputs.is_array()) {
+        entry["param"] = param.name;
+        inputs.push_back(std::move(entry));
+    } else {
+        if (!inputs.is_object()) inputs = Json::object();
+        inputs[param.name] = std::move(entry);
+    }
+}
+
+/// Curves given to a Clump are meant as its centers, not to be picked from the strands.
+void useCenters(Json& clump, const Operator& op) {
+    Json& params = clump["params"];
+    if (!params.is_object()) params = Json::object();
+    const ParamSpec* spec = op.paramSpec("centersFrom");
+    const std::string now = params.contains("centersFrom") ? textAt(params, "centersFrom")
+                            : spec && std::holds_alternative<std::string>(spec->defaultValue)
+                                ? std::get<std::string>(spec->defaultValue)
+                                : "pick";
+    if (now == "pick") params["centersFrom"] = "inputPoints";
+}
+
 }  // namespace
 
 void GraphEdit::connect(const std::string& from, const std::string& output, const std::string& to,
@@ -224,11 +260,14 @@ void GraphEdit::connect(const std::string& from, const std::string& output, cons
     const auto& ins = target->inputPorts();
     const std::size_t in = input.empty() ? ins.size() : portIndex(ins, input);
     const ParamSpec* param = in < ins.size() ? nullptr : target->paramSpec(input);
-    const bool number = param && std::holds_alternative<double>(param->defaultValue) && param->isMappable();
+    const bool number =
+        param && std::holds_alternative<double>(param->defaultValue) && param->isMappable();
     const bool ramp = param && std::holds_alternative<Ramp>(param->defaultValue);
     if (in >= ins.size() && !number && !ramp)
         throw GraphError("node '" + to + "' has no input '" + input + "'");
-    const PortType wanted = in < ins.size() ? ins[in].type : ramp ? PortType::Curve : PortType::Field;
+    const PortType wanted = in < ins.size() ? ins[in].type
+                            : ramp          ? PortType::Curve
+                                            : PortType::Field;
     if (!portsFit(outs[out].type, wanted))
         throw GraphError("cannot connect " + from + " (it gives " + portTypeName(outs[out].type) +
                          ") to " + to + " (it takes " + portTypeName(wanted) + ")");
@@ -236,54 +275,23 @@ void GraphEdit::connect(const std::string& from, const std::string& output, cons
         throw GraphError("connecting " + from + " to " + to + " would create a cycle");
 
     const std::string outName = outs.size() > 1 ? outs[out].name : std::string();
-    if (in >= ins.size()) {
-        Json entry = {{"from", from}};
-        if (!outName.empty()) entry["output"] = outName;
-        if (number) {
-            // A field drives as field x scale, by default the param's own number: 0 would mute it.
-            const auto params = targetJson.find("params");
-            const Json own = params != targetJson.end() && params->is_object() && params->contains(input)
-                                 ? (*params)[input]
-                                 : paramToJson(param->defaultValue);
-            if (own.is_number() && own.get<double>() == 0.0) entry["scale"] = 1;
-        }
-        eraseParamInputs(targetJson, [&](const std::string& p, const Json&) { return p == input; });
-        Json& inputs = targetJson["paramInputs"];
-        if (inputs.is_array()) {
-            entry["param"] = input;
-            inputs.push_back(std::move(entry));
-        } else {
-            if (!inputs.is_object()) inputs = Json::object();
-            inputs[input] = std::move(entry);
-        }
-        return;
-    }
+    if (in >= ins.size()) return feedParam(targetJson, *param, from, outName);
     disconnect(to, input);
     Json connection = {{"from", from}, {"to", to}, {"input", input}};
     if (!outName.empty()) connection["output"] = outName;
     listAt(graph_, "connections").push_back(std::move(connection));
-    // Curves given to a Clump are meant as its centers, not to be picked from the strands.
-    if (target->type() == "Clump" && input == "centers") {
-        Json& params = targetJson["params"];
-        if (!params.is_object()) params = Json::object();
-        const ParamSpec* spec = target->paramSpec("centersFrom");
-        const std::string now = params.contains("centersFrom") ? textAt(params, "centersFrom")
-                                : spec && std::holds_alternative<std::string>(spec->defaultValue)
-                                    ? std::get<std::string>(spec->defaultValue)
-                                    : "pick";
-        if (now == "pick") params["centersFrom"] = "inputPoints";
-    }
+    if (target->type() == "Clump" && input == "centers") useCenters(targetJson, *target);
 }
 
 bool GraphEdit::disconnect(const std::string& to, const std::string& input) {
     Json& target = node(to);
     Json& connections = listAt(graph_, "connections");
     const std::size_t before = connections.size();
-    connections.erase(std::remove_if(connections.begin(), connections.end(),
-                                     [&](const Json& c) {
-                                         return textAt(c, "to") == to && textAt(c, "input") == input;
-                                     }),
-                      connections.end());
+    connections.erase(
+        std::remove_if(
+            connections.begin(), connections.end(),
+            [&](const Json& c) { return textAt(c, "to") == to && textAt(c, "input") == input; }),
+        connections.end());
     const bool param =
         eraseParamInputs(target, [&](const std::string& p, const Json&) { return p == input; });
     return param || connections.size() != before;
@@ -325,7 +333,8 @@ void GraphEdit::setBypass(const std::string& name, bool bypass) {
         changed.erase("bypass");
 }
 
-// ---- seeds ---------------------------------------------------------------------------------------
+// ---- seeds
+// ---------------------------------------------------------------------------------------
 
 namespace {
 
@@ -355,7 +364,7 @@ public:
 
 private:
     static const Names& makers() {
-        static const Names types = {"Scatter",   "Propagate",  "ImportCurves",
+        static const Names types = {"Scatter",   "Propagate", "ImportCurves",
                                     "Reference", "ToStrands", "Input"};
         return types;
     }

@@ -37,9 +37,8 @@ std::string statusOf(bool incremental, const std::vector<StrandChangesPtr>& chan
 }
 
 bool anyUnknown(const std::vector<SlotChanges>& slots) {
-    return std::any_of(slots.begin(), slots.end(), [](const SlotChanges& s) {
-        return s.kind == SlotChanges::Kind::Unknown;
-    });
+    return std::any_of(slots.begin(), slots.end(),
+                       [](const SlotChanges& s) { return s.kind == SlotChanges::Kind::Unknown; });
 }
 bool allNone(const std::vector<SlotChanges>& slots) {
     return std::all_of(slots.begin(), slots.end(),
@@ -51,7 +50,8 @@ void keepEarlier(Node& node, NodeResult result) {
     if (node.earlier.size() > Node::kEarlierResults) node.earlier.resize(Node::kEarlierResults);
 }
 
-/// An operator that stopped half way leaves no good result; the one before stays findable by its hash.
+/// An operator that stopped half way leaves no good result; the one before stays findable by its
+/// hash.
 void fail(Node& node, const std::string& message) {
     node.lastError = message;
     if (!std::exchange(node.cached, false)) return;
@@ -102,7 +102,8 @@ NodeValue Graph::evaluate(NodeId outputNode, const EvaluationData& given) {
     const EvaluationData* data = &given;
     if (given.growSegments == 0) {
         grown = given;
-        // From the graph's own output also when another node is looked at: looking grows no hair anew.
+        // From the graph's own output also when another node is looked at: looking grows no hair
+        // anew.
         const NodeId from = nodes_.contains(output_) ? output_ : outputNode;
         grown.growSegments = growSegmentsFor(from, given.viewport);
         data = &grown;
@@ -145,13 +146,11 @@ bool Graph::Walk::run(NodeId target) {
     states.back().needed = true;
     for (auto s = states.rbegin(); s != states.rend(); ++s) {
         const Node& n = *s->node;
-        s->kept =
-            (n.cached && n.cachedHash == s->hash) ||
-            std::any_of(n.earlier.begin(), n.earlier.end(),
-                        [&](const NodeResult& r) { return r.cachedHash == s->hash; });
+        s->kept = (n.cached && n.cachedHash == s->hash) ||
+                  std::any_of(n.earlier.begin(), n.earlier.end(),
+                              [&](const NodeResult& r) { return r.cachedHash == s->hash; });
         if (!s->needed || s->kept) continue;
-        for (const std::size_t slot : s->slots)
-            states[index.at(n.inputNodes[slot])].needed = true;
+        for (const std::size_t slot : s->slots) states[index.at(n.inputNodes[slot])].needed = true;
         if (!s->passes)
             for (const auto& [param, input] : n.paramInputs)
                 states[index.at(input.from)].needed = true;
@@ -206,9 +205,8 @@ std::vector<NodeValue> Graph::Walk::handedOutputs(State& s) const {
 bool Graph::Walk::restore(State& s) {
     Node& n = *s.node;
     if (n.cached && n.cachedHash == s.hash) return true;
-    const auto found = std::find_if(n.earlier.begin(), n.earlier.end(), [&](const NodeResult& r) {
-        return r.cachedHash == s.hash;
-    });
+    const auto found = std::find_if(n.earlier.begin(), n.earlier.end(),
+                                    [&](const NodeResult& r) { return r.cachedHash == s.hash; });
     if (found == n.earlier.end()) return false;
     NodeResult back = std::move(*found);
     n.earlier.erase(found);
@@ -280,8 +278,9 @@ NodeInputs Graph::Walk::gather(const State& s) const {
         const bool nothing = isNothing(value);
         if (nothing && ports[slot].optional) continue;  // as if it were not connected
         if (!valueFits(value, ports[slot].type))
-            throw GraphError("input '" + ports[slot].name + "' takes " + portWord(ports[slot].type) +
-                             " but gets " + nodeValueWord(value) + " from the node before it");
+            throw GraphError("input '" + ports[slot].name + "' takes " +
+                             portWord(ports[slot].type) + " but gets " + nodeValueWord(value) +
+                             " from the node before it");
         in.values[slot] = std::move(value);
         in.connected[slot] = true;
         in.hashes[slot] = s.inputHashes[slot];
@@ -318,7 +317,8 @@ void Graph::Walk::driveParams(const State& s) {
     Operator& op = *n.op;
     for (const auto& [param, input] : n.paramInputs) {
         const Node& up = graph.node(input.from);
-        const NodeValue value = input.output < up.outputs.size() ? up.outputs[input.output] : NodeValue{};
+        const NodeValue value =
+            input.output < up.outputs.size() ? up.outputs[input.output] : NodeValue{};
         const ParamSpec* spec = op.paramSpec(param);
         if (!spec) throw GraphError("unknown parameter '" + param + "'");
         const bool ramp = std::holds_alternative<Ramp>(spec->defaultValue);
@@ -385,7 +385,8 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
                 checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{},
                                  previous[i], result.changes[i]);
             if (!reason.empty())
-                throw GraphError("output '" + ports[i].name + "' evaluated incrementally: " + reason);
+                throw GraphError("output '" + ports[i].name +
+                                 "' evaluated incrementally: " + reason);
         }
     }
     fresh.outputs = std::move(result.outputs);
@@ -428,12 +429,12 @@ void Graph::Walk::applyAffect(State& s, const NodeInputs& inputs,
         if (*after == before) continue;
         const StrandChangesPtr dirty =
             incremental && !wholeSet && n.affectHash == s.affectHash && !n.rawOutputs.empty()
-                ? unite(rawChanges[i], slots[0].kind == SlotChanges::Kind::None
-                                              ? noChanges()
-                                              : slots[0].changes)
+                ? unite(rawChanges[i],
+                        slots[0].kind == SlotChanges::Kind::None ? noChanges() : slots[0].changes)
                 : nullptr;
-        const auto* previous =
-            isList(dirty) && i < n.outputs.size() ? std::get_if<StrandsPtr>(&n.outputs[i]) : nullptr;
+        const auto* previous = isList(dirty) && i < n.outputs.size()
+                                   ? std::get_if<StrandsPtr>(&n.outputs[i])
+                                   : nullptr;
         // The one before must itself be a blend: an output of another layout went on as it was.
         const bool usable = previous && *previous && n.rawOutputs[i] != n.outputs[i];
         fresh.outputs[i] = std::make_shared<const StrandSet>(
@@ -506,8 +507,9 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
     fresh.previousHash = n.cached && stated ? n.cachedHash : 0;
     if (!s.passes) {
         fresh.statusText = statusOf(incremental, fresh.changes);
-        if (std::string text = op.warning(EvalContext(data, op.contextReads())); !text.empty() &&
-            std::find(fresh.runWarnings.begin(), fresh.runWarnings.end(), text) == fresh.runWarnings.end())
+        if (std::string text = op.warning(EvalContext(data, op.contextReads()));
+            !text.empty() && std::find(fresh.runWarnings.begin(), fresh.runWarnings.end(), text) ==
+                                 fresh.runWarnings.end())
             fresh.runWarnings.push_back(std::move(text));
         op.clearDrivenFields();
     }

@@ -11,6 +11,11 @@ std::string genericText(const std::filesystem::path& path) {
     return std::string(text.begin(), text.end());
 }
 
+/// A text that can be no path: using it fails, and says so.
+bool isNoPath(const std::string& path) {
+    return path.empty() || path.find('\0') != std::string::npos;
+}
+
 bool holdsVariable(const std::string& path) {
     return path.find_first_of("$%") != std::string::npos;
 }
@@ -18,7 +23,7 @@ bool holdsVariable(const std::string& path) {
 }  // namespace
 
 std::string resolveGroomPath(const std::string& path, const std::string& directory) {
-    if (path.empty() || directory.empty() || utf8Path(path).is_absolute()) return path;
+    if (isNoPath(path) || directory.empty() || utf8Path(path).is_absolute()) return path;
     return genericText((utf8Path(directory) / utf8Path(path)).lexically_normal());
 }
 
@@ -28,7 +33,7 @@ std::string resolveCachePath(const std::string& path, const std::string& directo
 
 std::string rebaseGroomPath(const std::string& path, const std::string& from,
                             const std::string& to) {
-    if (from.empty() || path.empty() || holdsVariable(path) || utf8Path(path).is_absolute())
+    if (from.empty() || isNoPath(path) || holdsVariable(path) || utf8Path(path).is_absolute())
         return path;
     const std::filesystem::path there = (utf8Path(from) / utf8Path(path)).lexically_normal();
     const std::filesystem::path relative =

@@ -65,8 +65,10 @@ std::size_t threadsSeen(std::size_t blocks) {
     std::mutex lock;
     std::set<std::thread::id> seen;
     parallelRange(0, blocks, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i)
-            std::this_thread::sleep_for(std::chrono::microseconds(50));
+        // Not sleep_for, which does not wait so short a time on every system.
+        const auto until =
+            std::chrono::steady_clock::now() + (end - begin) * std::chrono::microseconds(50);
+        while (std::chrono::steady_clock::now() < until) std::this_thread::yield();
         const std::lock_guard guard(lock);
         seen.insert(std::this_thread::get_id());
     });

@@ -258,17 +258,20 @@ private:
         void nearest(Vec3f position, bool ofPart, Float4 wanted, float place,
                      Nearest& found) const {
             const Float4 zero(0.0f);
-            Float4 off[3], way[3];
+            Float4 from[3], way[3], to[3];
             for (int x = 0; x < 3; ++x) {
-                off[x] = Float4(position[x]) - Float4::load(start[x]);
+                from[x] = Float4::load(start[x]);
                 way[x] = Float4::load(along[x]);
+                to[x] = Float4(position[x]) - from[x];
             }
-            const Float4 t = off[0] * way[0] + off[1] * way[1] + off[2] * way[2];
+            const Float4 t = to[0] * way[0] + to[1] * way[1] + to[2] * way[2];
             const Float4 whole = Float4::load(squared);
             const Float4 share =
                 select(whole > zero, lower(upper(t / whole, zero), Float4(1.0f)), zero);
-            for (int x = 0; x < 3; ++x) off[x] = off[x] - way[x] * share;
-            const Float4 distance = off[0] * off[0] + off[1] * off[1] + off[2] * off[2];
+            // From the place itself, as it is told: a root on a corner then takes the line that
+            // begins there, whose place has no rounding.
+            for (int x = 0; x < 3; ++x) to[x] = Float4(position[x]) - (from[x] + way[x] * share);
+            const Float4 distance = to[0] * to[0] + to[1] * to[1] + to[2] * to[2];
             auto nearer = distance < found.distance;
             if (ofPart) {
                 const Float4 own = Float4::load(part);

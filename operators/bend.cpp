@@ -124,10 +124,10 @@ public:
         std::array<float, StrandPick::kBatch> angles;
         angle->sampleStrands(in, strands, std::span(angles).first(strands.size()));
         LaneNumbers<4> bends;
+        const LaneDraws less(in, strands, base, randomness);
         const bool limited = along == Along::Normal;
         for (std::size_t k = 0; k < strands.size(); ++k) {
-            float degrees = std::clamp(angles[k], -180.0f, 180.0f);
-            if (randomness > 0.0f) degrees *= 1.0f - randomness * draw(base, in.ids()[strands[k]]);
+            const float degrees = std::clamp(angles[k], -180.0f, 180.0f) * (1.0f - less[k]);
             setTarget(bends, k, in.roots()[strands[k]], degrees * kRadians);
         }
         std::vector<float> scratch;

@@ -89,14 +89,12 @@ public:
         roll->sampleStrands(in, strands, std::span(rolls).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
         LaneNumbers<LeanJob::kNumbers> numbers;
+        const LaneDraws leanDraws(in, strands, inclinationBase, inclinationRandom);
+        const LaneDraws rollDraws(in, strands, rollBase, rollRandom);
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
-            const std::uint64_t id = in.ids()[s];
-            float lean = std::clamp(inclinations[k], 0.0f, 90.0f);
-            float around = std::clamp(rolls[k], -180.0f, 180.0f);
-            if (inclinationRandom > 0.0f)
-                lean += inclinationRandom * drawSigned(inclinationBase, id);
-            if (rollRandom > 0.0f) around += rollRandom * drawSigned(rollBase, id);
+            const float lean = std::clamp(inclinations[k], 0.0f, 90.0f) + leanDraws.centered(k);
+            const float around = std::clamp(rolls[k], -180.0f, 180.0f) + rollDraws.centered(k);
             const StrandRoot& root = in.roots()[s];
             setNormal(numbers, k, 0, scalp.get(), root, std::clamp(lean, 0.0f, 90.0f) * kRadians);
             setTangent(numbers, k, 1, readsTangent(numbers.at(k)) ? scalp.get() : nullptr, root,

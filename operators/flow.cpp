@@ -60,11 +60,11 @@ public:
         std::array<float, StrandPick::kBatch> lifts;
         lift->sampleStrands(in, strands, std::span(lifts).first(strands.size()));
         LaneNumbers<LayJob::kNumbers> numbers;
+        const LaneDraws rolls(in, strands, rollBase, rollRandom);
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            const float roll =
-                rollRandom > 0.0f ? rollRandom * drawSigned(rollBase, in.ids()[s]) : 0.0f;
+            const float roll = rolls.centered(k);
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
             const StrandRoot& root = in.roots()[s];
             setNormal(numbers, k, 0, scalp.get(), root, degrees * kRadians);

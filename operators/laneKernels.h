@@ -170,6 +170,9 @@ struct LaneKernels {
     /// Strands of n points each to m each.
     void (*resample)(const SplineJob& job, const std::uint32_t* strands, std::size_t count,
                      std::size_t n, std::size_t m, float* scratch) = nullptr;
+    /// out[k]: the draw of the id of strands[k], see draw.
+    void (*draw)(std::uint64_t base, const std::uint64_t* ids, const std::uint32_t* strands,
+                 std::size_t count, float* out) = nullptr;
     void (*trim)(const TrimJob& job, const std::uint32_t* strands, const float* numbers,
                  std::size_t count, std::size_t n, float* scratch) = nullptr;
     void (*widths)(const WidthJob& job, const std::uint32_t* strands, const float* numbers,

@@ -228,6 +228,18 @@ TEST_P(LaneKernelsTest, SmoothWithTheBitsOfOneStrandAlone) {
     }
 }
 
+TEST(LaneDraws, AreThoseOfTheIds) {
+    const StrandSet set = strandsOf(3, 5);
+    std::vector<std::uint32_t> list;
+    for (std::uint32_t s = 0; s < set.strandCount(); s += 1 + s % 3) list.push_back(s);
+    for (const SplineLanes lanes : kWidths) {
+        std::vector<float> draws(list.size());
+        laneKernels(lanes).draw(77, set.ids().data(), list.data(), list.size(), draws.data());
+        for (std::size_t k = 0; k < list.size(); ++k)
+            EXPECT_EQ(draws[k], draw(77, set.ids()[list[k]]));
+    }
+}
+
 /// Numbers as placing jobs take them: in each four a unit vector, or at times none, and an angle or
 /// share; in the last one just that, or a move.
 template <std::size_t kNumbers>

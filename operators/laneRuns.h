@@ -51,6 +51,30 @@ private:
     std::array<float, kNumbers * StrandPick::kBatch> numbers_;
 };
 
+/// Draws for the strands of a batch, by their places in it, times a scale; zeros when that is 0.
+class LaneDraws {
+public:
+    LaneDraws(const StrandSet& set, std::span<const std::uint32_t> strands, std::uint64_t base,
+              float scale)
+        : scale_(scale) {
+        if (scale != 0.0f)
+            laneKernels().draw(base, set.ids().data(), strands.data(), strands.size(),
+                               draws_.data());
+    }
+    /// As draw.
+    float operator[](std::size_t place) const {
+        return scale_ == 0.0f ? 0.0f : scale_ * draws_[place];
+    }
+    /// As drawSigned.
+    float centered(std::size_t place) const {
+        return scale_ == 0.0f ? 0.0f : scale_ * (2.0f * draws_[place] - 1.0f);
+    }
+
+private:
+    float scale_;
+    std::array<float, StrandPick::kBatch> draws_;
+};
+
 /// Fewer strands than this do not fill the lanes.
 inline constexpr std::size_t kLeastLaneRun = 4;
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "operators/deformLanes.h"
+#include "operators/drawLanes.h"
 #include "operators/liftLanes.h"
 #include "operators/partLanes.h"
 #include "operators/placeLanes.h"
@@ -16,6 +17,7 @@ template <class F>
 LaneKernels kernelsOver() {
     return {.lanes = F::kLanes,
             .resample = resampleLanes<F>,
+            .draw = drawLanes<F>,
             .trim = trimLanes<F>,
             .widths = widthLanes<F>,
             .turn = turnLanes<F>,

@@ -12,8 +12,8 @@
 
 // As lanesAvx2.cpp: function by function, and without the fused operations of the set, which would
 // give other bits (the whole program is compiled with -ffp-contract=off).
-#define CORVELLE_LANES_TARGET __attribute__((target("avx512f,avx512dq")))
-#define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq"), always_inline))
+#define CORVELLE_LANES_TARGET __attribute__((target("avx512f,avx512dq,avx512vl")))
+#define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq,avx512vl"), always_inline))
 
 #include "operators/laneTable.h"
 #include "operators/neighborLanes.h"
@@ -121,7 +121,8 @@ CORVELLE_AVX512 inline void storeAcross(const Float16* in, float* const* to) {
 
 const LaneKernels* laneKernelsAvx512() {
     static const LaneKernels kernels = kernelsOver<Float16>();
-    const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq");
+    const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+                      __builtin_cpu_supports("avx512vl");
     return able ? &kernels : nullptr;
 }
 

@@ -24,13 +24,15 @@ namespace {
 
 constexpr std::size_t kAhead = 8;  ///< strands, for the caches
 constexpr std::uint64_t kSide = hashOf("Part.side");
+/// Of a root's coordinates: what is nearer to the line than they round has no side of its own.
+constexpr float kOnLine = 4e-6f;
 
 const std::vector<ParamSpec> kParams = {
     {.name = "width",
      .defaultValue = 1.5,
      .description = "Distance from the part over which strands lean away (scene units)",
      .unit = "length",
-     .softMin = 1e-6,
+     .softMin = 0.0,
      .softMax = 5.0,
      .min = 1e-6},
     {.name = "strength",
@@ -87,7 +89,8 @@ public:
             const float side = hashCombine(kSide, in.ids()[s]) & 1u ? 1.0f : -1.0f;
             setNormal(numbers, count, 0, scalp.get(), in.roots()[s],
                       clampShare(strengths[k]) * near);
-            numbers.set(count, 1, points[0] - place.position, side);
+            const bool onLine = place.distance <= kOnLine * length(points[0]);
+            numbers.set(count, 1, onLine ? Vec3f{} : points[0] - place.position, side);
             numbers.set(count, 2, place.along, 0.0f);
             listed[count++] = std::uint32_t(s);
         }

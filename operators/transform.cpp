@@ -78,12 +78,17 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
 };
 
-/// Three draws in -1 to 1 for a strand, one per axis.
+using AxisBases = std::array<std::uint64_t, 3>;
+
+/// Up to `scale` more or less along each axis, by the strands of a batch.
 struct AxisDraws {
-    std::array<std::uint64_t, 3> bases{};
-    Vec3f operator()(std::uint64_t id) const {
-        return {drawSigned(bases[0], id), drawSigned(bases[1], id), drawSigned(bases[2], id)};
-    }
+    LaneDraws x, y, z;
+    AxisDraws(const StrandSet& in, std::span<const std::uint32_t> strands, const AxisBases& bases,
+              Vec3f scale)
+        : x(in, strands, bases[0], scale.x),
+          y(in, strands, bases[1], scale.y),
+          z(in, strands, bases[2], scale.z) {}
+    Vec3f operator[](std::size_t k) const { return {x.centered(k), y.centered(k), z.centered(k)}; }
 };
 
 class TransformWork final : public StrandWork {
@@ -92,7 +97,7 @@ public:
     bool world = false;
     Vec3f translate, rotate, pivot, translateRandom, rotateRandom;
     float scaleRandom = 0.0f;
-    AxisDraws translateDraws, rotateDraws;
+    AxisBases translateBases{}, rotateBases{};
     std::uint64_t scaleBase = 0;
     ScalpPtr scalp;
 
@@ -103,6 +108,9 @@ public:
         std::array<float, StrandPick::kBatch> scales;
         scale->sampleStrands(in, strands, std::span(scales).first(strands.size()));
         LaneNumbers<TransformJob::kNumbers> numbers;
+        const LaneDraws sizes(in, strands, scaleBase, scaleRandom);
+        const AxisDraws moves(in, strands, translateBases, translateRandom);
+        const AxisDraws turns(in, strands, rotateBases, rotateRandom);
         const bool ownTurn = !(rotateRandom == Vec3f{}), ownMove = !(translateRandom == Vec3f{});
         const bool inFrame =
             !world && (ownTurn || ownMove || !(rotate == Vec3f{}) || !(translate == Vec3f{}));
@@ -111,13 +119,10 @@ public:
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            const std::uint64_t id = in.ids()[s];
             const float size = std::max(scales[k], 0.0f);
-            const float ownSize = scaleRandom == 0.0f
-                                      ? size
-                                      : size * (1.0f + scaleRandom * drawSigned(scaleBase, id));
-            const Vec3f turn = ownTurn ? rotate + rotateRandom * rotateDraws(id) : rotate;
-            Vec3f move = ownMove ? translateRandom * translateDraws(id) : Vec3f{};
+            const float ownSize = size * (1.0f + sizes.centered(k));
+            const Vec3f turn = rotate + turns[k];
+            Vec3f move = moves[k];
             // The set's root goes with the set; what is the strand's own happens about that root.
             if (world)
                 move += points.empty() ? Vec3f{} : movedRoot(points[0], size, setTurn);
@@ -171,10 +176,10 @@ protected:
             return nullptr;
         work->pivot = vec3("pivot");
         const auto base = [&](const char* use) { return drawBase(seed(), use); };
-        work->translateDraws.bases = {base("Transform.translateX"), base("Transform.translateY"),
-                                      base("Transform.translateZ")};
-        work->rotateDraws.bases = {base("Transform.rotateX"), base("Transform.rotateY"),
-                                   base("Transform.rotateZ")};
+        work->translateBases = {base("Transform.translateX"), base("Transform.translateY"),
+                                base("Transform.translateZ")};
+        work->rotateBases = {base("Transform.rotateX"), base("Transform.rotateY"),
+                             base("Transform.rotateZ")};
         work->scaleBase = base("Transform.scale");
         work->scalp = context.scalp();
         return work;

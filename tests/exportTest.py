@@ -132,6 +132,7 @@ class ExportTest(unittest.TestCase):
                 ("export_open", {}, 'bad_request: missing "path"'),
                 ("export_open", {"path": path, "step": 0}, "bad_request: step must be above 0"),
                 ("export_open", {"path": self.file("none/x.abc")}, "internal: cannot create '%s'" % self.file("none/x.abc")),
+                ("export_open", {"path": path + "\0"}, "bad_request: a path holds a NUL character"),
                 ("export", {"path": path, "frames": {"first": 2, "last": 1}}, "bad_request: frames: first <= last, step above 0"),
                 ("export", {"path": path, "frames": {"step": 0}}, "bad_request: frames: first <= last, step above 0"),
                 ("export", {"path": path, "frames": {"last": 1e300}}, "bad_request: frames: at most 1000000 of them"),

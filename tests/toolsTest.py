@@ -5,6 +5,7 @@ import math
 import os
 import random
 import re
+import tempfile
 import unittest
 
 import numpy as np
@@ -486,6 +487,29 @@ class MapsTest(Sculpting):
                 faceIndices=HEAD.faceIndices.tolist())
         self.assertEqual(failure(bare.ask("map_create", name="t", kind="texture")),
                          "state: the scalp has no UVs to paint a texture map on")
+
+    def test_paint_says_why_a_file_does_not_serve(self):
+        self.groom.do("map_create", name="m", kind="texture", resolution=8)
+        state = json.loads(self.groom.do("get_state")["groom"])
+        with tempfile.TemporaryDirectory() as folder:
+            text, broken = os.path.join(folder, "a.txt"), os.path.join(folder, "a.png")
+            for path, content in ((text, b"hello"), (broken, b"\x89PNG\r\n\x1a\n" + bytes(60))):
+                with open(path, "wb") as file:
+                    file.write(content)
+            missing = os.path.join(folder, "b.png")
+            for path, expected in [
+                (text, text + " is not a PNG, and painting writes PNG"),
+                (os.path.join(folder, "a.<UDIM>.png"), "a scalp map is one image over UVs 0-1"),
+                (missing, "cannot read '%s': file not found" % missing),
+                (broken, "cannot read '%s': " % broken),
+            ]:
+                state["maps"]["m"]["texture"] = path
+                self.groom.do("set_state", groom=json.dumps(state))
+                self.tool("paint", paintKind="texture", paintTexture="m")
+                answer = failure(self.groom.ask("stroke_begin", view=VIEW, x=320, y=300))
+                self.assertTrue(answer.startswith("bad_request: " + expected), answer)
+                self.assertEqual([m["resolution"] for m in self.groom.do("maps_list")["maps"]], [0])
+                self.assertFalse(self.groom.do("stroke_cancel")["cancelled"])
 
     def test_maps_come_and_go_with_undo(self):
         for fields in ({"kind": "vertices"}, {"kind": "texture", "resolution": 64, "color": True}, {"kind": "guides"}):

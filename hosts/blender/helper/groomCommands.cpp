@@ -50,7 +50,8 @@ void rebaseFiles(GroomFile& file, const std::string& folder) {
     };
     const auto liesBeside = [&](const std::string& path) {
         std::error_code error;
-        return std::filesystem::is_regular_file(utf8Path(file.directory) / utf8Path(path), error);
+        return path.find('\0') == std::string::npos &&
+               std::filesystem::is_regular_file(utf8Path(file.directory) / utf8Path(path), error);
     };
     rebase(file.scalpCache.file);
     rebase(file.guideCache.file);

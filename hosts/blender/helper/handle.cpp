@@ -4,6 +4,7 @@
 #include <new>
 #include <stdexcept>
 
+#include "expr/texture.h"
 #include "graph/graphError.h"
 #include "hosts/blender/helper/dispatch.h"
 #include "hosts/blender/helper/requestError.h"
@@ -43,6 +44,8 @@ Json handle(HelperState& state, const Json& request) {
     } catch (const StrokeStateError& error) {
         return failureReply(id, "state", error.what());
     } catch (const std::invalid_argument& error) {
+        return failureReply(id, "bad_request", error.what());
+    } catch (const TextureError& error) {
         return failureReply(id, "bad_request", error.what());
     } catch (const std::bad_alloc&) {
         return failureReply(id, "out_of_memory", "out of memory");
