@@ -48,9 +48,11 @@ void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
     std::size_t k = 0;
     for (std::size_t i = 1; i < n; ++i) {
         const float target = arc[i] * share;
-        k += std::size_t((k + 2 < n) & (arc[k + 1] < target));  // nearly always enough, and no branch
+        k += std::size_t((k + 2 < n) &
+                         (arc[k + 1] < target));  // nearly always enough, and no branch
         while (k + 2 < n && arc[k + 1] < target) ++k;
-        const float along = segment[k] > 0.0f ? std::min((target - arc[k]) / segment[k], 1.0f) : 0.0f;
+        const float along =
+            segment[k] > 0.0f ? std::min((target - arc[k]) / segment[k], 1.0f) : 0.0f;
         out[i] = mix(in[k], in[k + 1], along);
     }
 }
@@ -60,7 +62,8 @@ namespace {
 const std::vector<ParamSpec> kParams = {
     {.name = "keep",
      .defaultValue = 1.0,
-     .description = "Share of each strand's length kept from the root, 0-1 (mappable; to lengthen, Transform's scale)",
+     .description = "Share of each strand's length kept from the root, 0-1 (mappable; to lengthen, "
+                    "Transform's scale)",
      .softMin = 0.0,
      .softMax = 1.0,
      .min = 0.0,
@@ -118,8 +121,11 @@ public:
     TrimSettings settings;
 
     WrittenArrays writes() const override { return {.points = true}; }
-    bool readsWholeSet() const override { return keep->readsWholeSet() || fraction->readsWholeSet(); }
-    void run(const StrandSet& in, std::span<const std::uint32_t> strands, const OpenArrays& out) const override {
+    bool readsWholeSet() const override {
+        return keep->readsWholeSet() || fraction->readsWholeSet();
+    }
+    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
+             const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> keeps, fractions;
         keep->sampleStrands(in, strands, std::span(keeps).first(strands.size()));
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
@@ -158,7 +164,9 @@ protected:
         auto work = std::make_unique<LengthWork>();
         work->keep = fieldFromParam(*this, "keep", context, strands);
         work->fraction = fieldFromParam(*this, "fraction", context, strands);
-        work->settings = {.trimMin = float(number("trimMin")), .trimMax = float(number("trimMax")), .seed = seed()};
+        work->settings = {.trimMin = float(number("trimMin")),
+                          .trimMax = float(number("trimMax")),
+                          .seed = seed()};
         const bool trims = (work->settings.trimMin > 0.0f || work->settings.trimMax > 0.0f) &&
                            work->fraction->constant().value_or(1.0f) > 0.0f;
         if (!trims && work->keep->constant().value_or(0.0f) >= 1.0f) return nullptr;

@@ -73,8 +73,7 @@ ROWS: List[Row] = [
       for node, measured, bare in (
           ("BlendNeighbors", "neighbors/BlendNeighbors/1", "neighbors/bare BlendNeighbors/1"),
           ("Tangle", "neighbors/Tangle/1", "neighbors/bare Tangle/1"),
-          ("Twist", "neighbors/Twist/1", "neighbors/bare Twist/1"),
-          ("Curl", "curl/helix/1", "curl/bare helix/1"))),
+          ("Twist", "neighbors/Twist/1", "neighbors/bare Twist/1"))),
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("RestoreLength", "Cull")),
     Row("HairColor, one thread, over the stream", "operators", "nodes/HairColor/1", "nodes/baseline stream/1", "time", 5.0),
