@@ -119,48 +119,6 @@ bool inOrder(std::span<const T> indices) {
 
 float straightness(float reach, float length) { return length > 0.0f ? reach / length : 0.0f; }
 
-}  // namespace
-
-struct ExpressionMap::Bound::Data {
-    std::shared_ptr<const ExpressionProgram> program;
-    std::vector<NamedMapPtr> mapsKept;
-    std::vector<BoundChannel> channels;
-    std::vector<BoundMap> maps;
-    ExpressionTables tables;
-    std::span<const std::uint64_t> ids;
-    std::span<const std::uint64_t> offsets;
-    std::span<const Vec3f> points;
-    ScalpPtr scalp;
-    double frame = 0.0, time = 0.0;
-    float longest = 0.0f;
-    bool perPoint = false;
-    bool readsPointChannels = false;
-
-    std::span<const Vec3f> pointsOf(std::uint32_t strand) const {
-        return points.subspan(offsets[strand], offsets[strand + 1] - offsets[strand]);
-    }
-    Vec3f rootOf(std::uint32_t strand) const {
-        const auto own = pointsOf(strand);
-        return own.empty() ? Vec3f{} : own.front();
-    }
-    std::uint64_t rootPointOf(std::uint32_t strand) const {
-        return pointsOf(strand).empty() ? kNoPoint : offsets[strand];
-    }
-
-    void fillStrands(std::span<const std::uint32_t> strands, const VariableRows& rows) const;
-    Vec3f normalOf(std::uint32_t strand) const;
-    StrandRecord record(std::size_t strand) const;
-    StrandRecord record(std::size_t strand, std::size_t point) const;
-    template <class Out>
-    void evaluateStrands(std::span<const std::uint32_t> strands, std::span<Out> out) const;
-    template <class Out>
-    void evaluatePoints(std::span<const std::uint32_t> strands, std::span<Out> out) const;
-    template <class Out>
-    void spreadStrands(std::span<const std::uint32_t> strands, std::span<Out> out) const;
-};
-
-namespace {
-
 void store(const float* stack, std::size_t, bool, std::span<float> out) {
     std::copy_n(stack, out.size(), out.data());
 }
@@ -198,7 +156,54 @@ private:
     float sum_ = 0.0f, total_ = 0.0f;
 };
 
+/// A stretch of one strand's points, side by side in the lanes of a batch.
+struct PointRun {
+    std::size_t lane, count;
+    std::size_t first;  ///< of the points, in the strand
+    std::uint32_t strand;
+};
+
 }  // namespace
+
+struct ExpressionMap::Bound::Data {
+    std::shared_ptr<const ExpressionProgram> program;
+    std::vector<NamedMapPtr> mapsKept;
+    std::vector<BoundChannel> channels;
+    std::vector<BoundMap> maps;
+    ExpressionTables tables;
+    std::span<const std::uint64_t> ids;
+    std::span<const std::uint64_t> offsets;
+    std::span<const Vec3f> points;
+    ScalpPtr scalp;
+    double frame = 0.0, time = 0.0;
+    float longest = 0.0f;
+    bool perPoint = false;
+    bool readsPointChannels = false;
+
+    std::span<const Vec3f> pointsOf(std::uint32_t strand) const {
+        return points.subspan(offsets[strand], offsets[strand + 1] - offsets[strand]);
+    }
+    Vec3f rootOf(std::uint32_t strand) const {
+        const auto own = pointsOf(strand);
+        return own.empty() ? Vec3f{} : own.front();
+    }
+    std::uint64_t rootPointOf(std::uint32_t strand) const {
+        return pointsOf(strand).empty() ? kNoPoint : offsets[strand];
+    }
+
+    void fillStrands(std::span<const std::uint32_t> strands, const VariableRows& rows) const;
+    Vec3f normalOf(std::uint32_t strand) const;
+    StrandRecord record(std::size_t strand) const;
+    StrandRecord record(std::size_t strand, std::size_t point) const;
+    void fillRun(const PointRun& run, const VariableRows& rows, ArcShares& shares,
+                 BatchArrays& arrays) const;
+    template <class Out>
+    void evaluateStrands(std::span<const std::uint32_t> strands, std::span<Out> out) const;
+    template <class Out>
+    void evaluatePoints(std::span<const std::uint32_t> strands, std::span<Out> out) const;
+    template <class Out>
+    void spreadStrands(std::span<const std::uint32_t> strands, std::span<Out> out) const;
+};
 
 Vec3f ExpressionMap::Bound::Data::normalOf(std::uint32_t strand) const {
     if (scalp) {
@@ -349,28 +354,54 @@ void ExpressionMap::Bound::Data::spreadStrands(std::span<const std::uint32_t> st
     }
 }
 
+/// What varies along the strand, for the points of one run; runs of a strand come in order.
+void ExpressionMap::Bound::Data::fillRun(const PointRun& run, const VariableRows& rows,
+                                         ArcShares& shares, BatchArrays& arrays) const {
+    const auto own = pointsOf(run.strand);
+    const auto rowOf = [&](ExpressionVariable v) -> float* {
+        float* const row = rows[std::size_t(v)];
+        return row ? row + run.lane : nullptr;
+    };
+    if (float* row = rowOf(T)) shares.next(own, run.first, {row, run.count});
+    if (float* row = rowOf(PointShare)) {
+        const float last = float(std::max<std::size_t>(own.size() - 1, 1));
+        for (std::size_t k = 0; k < run.count; ++k) row[k] = float(run.first + k) / last;
+    }
+    if (float* row = rowOf(PointIndex))
+        for (std::size_t k = 0; k < run.count; ++k) row[k] = float(run.first + k);
+    const Vec3f* const from = own.data() + run.first;
+    if (float* row = rowOf(PointX))
+        for (std::size_t k = 0; k < run.count; ++k) row[k] = from[k].x;
+    if (float* row = rowOf(PointY))
+        for (std::size_t k = 0; k < run.count; ++k) row[k] = from[k].y;
+    if (float* row = rowOf(PointZ))
+        for (std::size_t k = 0; k < run.count; ++k) row[k] = from[k].z;
+    if (!channels.empty() || !maps.empty()) {
+        std::fill_n(arrays.strandOf.data() + run.lane, run.count, run.strand);
+        for (std::size_t k = 0; k < run.count; ++k)
+            arrays.pointOf[run.lane + k] = offsets[run.strand] + run.first + k;
+    }
+    if (program->readsIds) std::fill_n(arrays.idOf.data() + run.lane, run.count, ids[run.strand]);
+    if (!maps.empty()) std::fill_n(arrays.places() + run.lane, run.count, rootOf(run.strand));
+}
+
 template <class Out>
 void ExpressionMap::Bound::Data::evaluatePoints(std::span<const std::uint32_t> strands,
                                                 std::span<Out> out) const {
     if (!perPoint) return spreadStrands(strands, out);
-    /// A stretch of one strand's points, side by side in the lanes.
-    struct Run {
-        std::size_t lane, count, first;
-    };
     const std::size_t most = lanesFor(*program);
     const ExpressionVariables perStrand = program->variables & ~kPointVariables;
     BatchArrays arrays;
     const VariableRows rows = BatchArrays::rows(arrays.lanes.data(), program->variables);
     const VariableRows strandRows = BatchArrays::rows(arrays.strands.data(), perStrand);
-    std::array<Run, kMaxLanes> runs;
+    std::array<PointRun, kMaxLanes> runs;
     std::array<std::uint32_t, kMaxLanes> runStrands;
-    Vec3f* const places = arrays.places();
     ExpressionBatch batch;
     std::copy(rows.begin(), rows.end(), batch.variables.begin());
     batch.strands = arrays.strandOf.data();
     batch.points = arrays.pointOf.data();
     batch.ids = arrays.idOf.data();
-    batch.rootPositions = places;
+    batch.rootPositions = arrays.places();
     batch.tables = &tables;
 
     ArcShares shares;
@@ -385,7 +416,7 @@ void ExpressionMap::Bound::Data::evaluatePoints(std::span<const std::uint32_t> s
             const std::size_t taken = left <= most - lanes ? left : lanes == 0 ? most : 0;
             if (taken == 0 && left > 0) break;
             if (taken > 0) {
-                runs[count] = {lanes, taken, firstPoint};
+                runs[count] = {lanes, taken, firstPoint, strands[next]};
                 runStrands[count++] = strands[next];
                 lanes += taken;
             }
@@ -401,36 +432,7 @@ void ExpressionMap::Bound::Data::evaluatePoints(std::span<const std::uint32_t> s
             for (std::size_t r = 0; r < count; ++r)
                 std::fill_n(rows[v] + runs[r].lane, runs[r].count, strandRows[v][r]);
         }
-        for (std::size_t r = 0; r < count; ++r) {
-            const Run run = runs[r];
-            const std::uint32_t strand = runStrands[r];
-            const auto own = pointsOf(strand);
-            if (float* row = rows[std::size_t(T)])
-                shares.next(own, run.first, {row + run.lane, run.count});
-            if (float* row = rows[std::size_t(PointShare)]) {
-                const float last = float(std::max<std::size_t>(own.size() - 1, 1));
-                for (std::size_t k = 0; k < run.count; ++k)
-                    row[run.lane + k] = float(run.first + k) / last;
-            }
-            if (float* row = rows[std::size_t(PointIndex)])
-                for (std::size_t k = 0; k < run.count; ++k)
-                    row[run.lane + k] = float(run.first + k);
-            const Vec3f* const from = own.data() + run.first;
-            if (float* row = rows[std::size_t(PointX)])
-                for (std::size_t k = 0; k < run.count; ++k) row[run.lane + k] = from[k].x;
-            if (float* row = rows[std::size_t(PointY)])
-                for (std::size_t k = 0; k < run.count; ++k) row[run.lane + k] = from[k].y;
-            if (float* row = rows[std::size_t(PointZ)])
-                for (std::size_t k = 0; k < run.count; ++k) row[run.lane + k] = from[k].z;
-            if (!channels.empty() || !maps.empty()) {
-                std::fill_n(arrays.strandOf.data() + run.lane, run.count, strand);
-                for (std::size_t k = 0; k < run.count; ++k)
-                    arrays.pointOf[run.lane + k] = offsets[strand] + run.first + k;
-            }
-            if (program->readsIds)
-                std::fill_n(arrays.idOf.data() + run.lane, run.count, ids[strand]);
-            if (!maps.empty()) std::fill_n(places + run.lane, run.count, rootOf(strand));
-        }
+        for (std::size_t r = 0; r < count; ++r) fillRun(runs[r], rows, shares, arrays);
         batch.lanes = lanes;
         if (readsPointChannels)
             batch.pointsInOrder =

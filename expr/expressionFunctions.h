@@ -56,8 +56,7 @@ struct ExpressionFunction {
 /// neither `single` nor `batch`.
 std::span<const ExpressionFunction> expressionFunctions();
 
-/// The arithmetic shared by operators and functions.
-/// `x` to the power `y`, but a square is one product.
+/// `x` to the power `y`, as the operator and the function give it, but a square is one product.
 inline float expressionPower(float x, float y) { return y == 2.0f ? x * x : math::pow(x, y); }
 
 }  // namespace corvelle

@@ -5,13 +5,12 @@
 #include <cmath>
 #include <system_error>
 
+#include "expr/nameChars.h"
+
 namespace corvelle {
 
 namespace {
 
-// By hand: the C library's classes of characters follow the locale.
-bool isDigit(char c) { return c >= '0' && c <= '9'; }
-bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 bool isBlank(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
@@ -58,6 +57,7 @@ ExpressionError expressionErrorAt(std::string_view text, std::size_t offset,
         out.append(" (line ").append(std::to_string(lines + 1));
         out.append(", column ").append(std::to_string(offset - lineStart + 1)).append(")");
     }
+    std::replace(out.begin(), out.end(), '\0', ' ');  // would end the message
     return ExpressionError(out);
 }
 
@@ -80,7 +80,7 @@ void ExpressionLexer::skipBlanks() {
 }
 
 std::size_t ExpressionLexer::nameEnd(std::size_t from) const {
-    while (from < text_.size() && (isNameStart(text_[from]) || isDigit(text_[from]))) ++from;
+    while (from < text_.size() && isNameChar(text_[from])) ++from;
     return from;
 }
 

@@ -348,7 +348,9 @@ private:
                                      " = ...; in a line above)");
         }
         const Variable& variable = found->second;
-        if (here() + stored_ + variable.operations.size() > kMaxExpressionOperations)
+        const std::size_t used = here() + variable.operations.size();
+        // What many names hold is bounded too: each is a copy of others.
+        if (used > kMaxExpressionOperations || used + stored_ > kMaxStoredOperations)
             fail(
                 inWords("the expression is too long once $@ is put in where it is read (1048576 "
                         "operations at most): read it in fewer places",
@@ -578,7 +580,7 @@ private:
     ExpressionProgram program_;
     Operations operations_;
     std::map<std::string, Variable, std::less<>> variables_;
-    std::size_t stored_ = 0;  ///< operations of all `$` names: memory counts against the limit too
+    std::size_t stored_ = 0;  ///< operations of all `$` names
     Places channelPlaces_;
     Places mapPlaces_;
     int levels_ = 0;

@@ -165,6 +165,11 @@ TEST(ExpressionErrors, TellLinesAndColumnsOfSeveralLines) {
               "expression '$a = 1;\n  $a * ?': unexpected '?' at position 16 (line 2, column 8)");
 }
 
+TEST(ExpressionErrors, AreWholeWhateverTheText) {
+    EXPECT_EQ(errorOf(std::string("1 + \0x", 6)),
+              "expression '1 +  x': unexpected ' ' at position 5");
+}
+
 TEST(ExpressionErrors, TellShapesApart) {
     using enum ExpressionMap::Shape;
     EXPECT_EQ(errorOf("P"),
@@ -231,6 +236,15 @@ TEST(ExpressionLimits, CountTheOperationsThatDollarNamesPutIn) {
                    "operations at most): read it in fewer places at position "),
         std::string::npos)
         << error.substr(error.size() - std::min<std::size_t>(error.size(), 200));
+    // 2^20 - 1 operations are within the limit, 2^20 + 1 are not, whatever other names hold.
+    std::string doubled = "$a0 = 1;";
+    for (int k = 1; k < 20; ++k) {
+        const std::string before = "$a" + std::to_string(k - 1);
+        doubled += "$a" + std::to_string(k) + " = " + before + " + " + before + ";";
+    }
+    EXPECT_EQ(valueOf(doubled + "$a19"), 524'288.0f);
+    EXPECT_NE(errorOf(doubled + "$a19 + $a1").find("too long once $a1 is put in"),
+              std::string::npos);
     // The same through many names, each within the limit alone.
     std::string wide = "$a0 = x + 1;";
     for (int k = 1; k < 17; ++k)

@@ -118,6 +118,7 @@ std::optional<std::array<ExpressionVariable, 3>> vectorVariablesNamed(std::strin
 /// Limits of the language.
 inline constexpr int kMaxExpressionLevels = 200;
 inline constexpr std::size_t kMaxExpressionOperations = 0x100000;  ///< once `$` names are put in
+inline constexpr std::size_t kMaxStoredOperations = 0x400000;      ///< of all `$` names together
 inline constexpr std::size_t kMaxExpressionStack = 16384;          ///< floats
 inline constexpr std::size_t kMaxExpressionCurves = 65534;
 

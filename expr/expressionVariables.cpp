@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "expr/expressionMap.h"
+#include "expr/nameChars.h"
 
 namespace corvelle {
 
@@ -13,10 +14,7 @@ namespace {
 using Json = nlohmann::json;
 
 bool isVariableName(const std::string& name) {
-    return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               c == '_';
-    });
+    return !name.empty() && std::all_of(name.begin(), name.end(), isNameChar);
 }
 
 /// A number that a float holds.

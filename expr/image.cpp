@@ -8,8 +8,8 @@
 #include "expr/texture.h"
 
 // The one place that holds stb_image's code. Files are read by us, so that paths are Unicode on
-// every platform; the formats nobody paints maps in stay out (version 2.27 also reads past the end of
-// 16-bit PNM pictures when asked for four channels).
+// every platform; the formats nobody paints maps in stay out (version 2.27 also reads past the end
+// of 16-bit PNM pictures when asked for four channels).
 #define STB_IMAGE_IMPLEMENTATION
 #define STB_IMAGE_STATIC
 #define STBI_NO_STDIO
@@ -76,22 +76,21 @@ ImagePtr decodeImage(std::span<const std::uint8_t> file, const std::string& path
     if (stbi_is_hdr_from_memory(data, size)) {
         const std::unique_ptr<float, StbFree> pixels(
             stbi_loadf_from_memory(data, size, &width, &height, &channels, 4));
-        take(pixels.get(), [&](std::size_t n) {
-            image->floats.assign(pixels.get(), pixels.get() + n);
-        });
+        take(pixels.get(),
+             [&](std::size_t n) { image->floats.assign(pixels.get(), pixels.get() + n); });
     } else if (stbi_is_16_bit_from_memory(data, size)) {
         const std::unique_ptr<stbi_us, StbFree> pixels(
             stbi_load_16_from_memory(data, size, &width, &height, &channels, 4));
         take(pixels.get(), [&](std::size_t n) {
             image->floats.resize(n);
-            for (std::size_t i = 0; i < n; ++i) image->floats[i] = float(pixels.get()[i]) / 65535.0f;
+            for (std::size_t i = 0; i < n; ++i)
+                image->floats[i] = float(pixels.get()[i]) / 65535.0f;
         });
     } else {
         const std::unique_ptr<stbi_uc, StbFree> pixels(
             stbi_load_from_memory(data, size, &width, &height, &channels, 4));
-        take(pixels.get(), [&](std::size_t n) {
-            image->bytes.assign(pixels.get(), pixels.get() + n);
-        });
+        take(pixels.get(),
+             [&](std::size_t n) { image->bytes.assign(pixels.get(), pixels.get() + n); });
     }
     image->check();
     return image;

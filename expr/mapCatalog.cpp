@@ -106,7 +106,8 @@ PaintedMap startedVertexMap(const ScalpMesh& scalp, int channels) {
 
 namespace {
 
-PaintedMap vertexMapOfColors(const ScalpMesh& scalp, std::span<const Color4f> corners, int channels) {
+PaintedMap vertexMapOfColors(const ScalpMesh& scalp, std::span<const Color4f> corners,
+                             int channels) {
     const std::size_t step = std::size_t(channels);
     std::vector<float> values(scalp.points().size() * step, 0.0f);
     std::vector<bool> known(scalp.points().size());
@@ -151,9 +152,12 @@ MapLookup readMap(const MapCatalogValue* catalog, const std::string& name, const
     const PaintedMap* map = catalog ? catalog->find(name) : nullptr;
     if (!map) return {};
     switch (map->kind) {
-        case PaintedMap::Kind::Texture: return readTexture(*map, scalp, resolver);
-        case PaintedMap::Kind::Vertices: return readVertices(name, *map, scalp);
-        case PaintedMap::Kind::Guides: break;
+        case PaintedMap::Kind::Texture:
+            return readTexture(*map, scalp, resolver);
+        case PaintedMap::Kind::Vertices:
+            return readVertices(name, *map, scalp);
+        case PaintedMap::Kind::Guides:
+            break;
     }
     if (!guides) return fault(MapFault::NoGuides);
     NamedMapPtr read = guideLayerMap(guides, scalp, map->layer.empty() ? name : map->layer);

@@ -1,8 +1,9 @@
 #include "expr/mapCatalogJson.h"
 
 #include <cmath>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
+
+#include <nlohmann/json.hpp>
 
 #include "model/floatText.h"
 

@@ -1,10 +1,9 @@
-#include "expr/mapCatalog.h"
-
 #include <cmath>
 
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
+#include "expr/mapCatalog.h"
 #include "expr/mapCatalogJson.h"
 #include "expr/testing/pictures.h"
 #include "model/hash.h"
@@ -25,10 +24,12 @@ protected:
         ScalpMesh mesh = makePlane(6, 6, 12.0f);
         std::vector<Color4f> colors;
         for (const Triangle& t : mesh.triangles())
-            for (const std::int32_t corner : t) colors.push_back(tone(mesh.points()[std::size_t(corner)]));
+            for (const std::int32_t corner : t)
+                colors.push_back(tone(mesh.points()[std::size_t(corner)]));
         mesh.addColorSet("tone", colors);
-        bare = std::make_shared<const ScalpMesh>(std::vector<Vec3f>(mesh.points().begin(), mesh.points().end()),
-                                                 std::vector<Triangle>(mesh.triangles().begin(), mesh.triangles().end()));
+        bare = std::make_shared<const ScalpMesh>(
+            std::vector<Vec3f>(mesh.points().begin(), mesh.points().end()),
+            std::vector<Triangle>(mesh.triangles().begin(), mesh.triangles().end()));
         scalp = std::make_shared<const ScalpMesh>(std::move(mesh));
         SplitMix random(3);
         for (int i = 0; i < 1000; ++i) {
@@ -36,7 +37,8 @@ protected:
             roots.push_back({int(random.nextU64() % scalp->triangles().size()), a, b});
             positions.push_back(scalp->surfacePoint(roots.back()));
         }
-        for (std::size_t i = 0; i < roots.size(); i += 7) roots[i] = {};  // read at the closest point
+        for (std::size_t i = 0; i < roots.size(); i += 7)
+            roots[i] = {};  // read at the closest point
         for (std::size_t i = 3; i < roots.size(); i += 50) roots[i].triangle = 100000;
     }
     static Color4f tone(Vec3f p) {
@@ -55,7 +57,9 @@ protected:
             }
             const float x = random.nextRange(-6, 6);
             const Vec3f root{x, 0.0f, random.nextRange(-6, 6)};
-            curves.push_back({g + 1, {}, {root, root + Vec3f{0, 1, 0}},
+            curves.push_back({g + 1,
+                              {},
+                              {root, root + Vec3f{0, 1, 0}},
                               std::make_shared<const GuideDetail>(detail)});
         }
         return std::make_shared<const GuideSet>(std::move(curves));
@@ -66,7 +70,8 @@ protected:
             gray.push_back(p.x);
             for (int c = 0; c < 4; ++c) rgba.push_back(p.z + float(c));
         }
-        const auto pixels = makePixels(16, 16, 4, [](int x, int y, int c) { return 9 * x + 5 * y + 20 * c; });
+        const auto pixels =
+            makePixels(16, 16, 4, [](int x, int y, int c) { return 9 * x + 5 * y + 20 * c; });
         return {textureMap(Texture::fromPixels(16, 16, 4, pixels), scalp),
                 colorSetMap(scalp, "tone"),
                 vertexMap(std::make_shared<const std::vector<float>>(gray), 1, scalp),
@@ -85,7 +90,8 @@ TEST_F(MapTest, InterpolatesAffineDataExactlyAtRootsAndAtBarePlaces) {
     const NamedMapPtr set = colorSetMap(scalp, "tone");
     std::vector<float> values;
     for (const Vec3f p : scalp->points()) values.push_back(3.0f * p.x - p.z);
-    const NamedMapPtr vertices = vertexMap(std::make_shared<const std::vector<float>>(values), 1, scalp);
+    const NamedMapPtr vertices =
+        vertexMap(std::make_shared<const std::vector<float>>(values), 1, scalp);
     // The image is the plane's own UVs: red grows with u, green with v.
     const auto pixels = makePixels(51, 51, 3, [](int x, int y, int c) {
         return c == 0 ? 5 * x : c == 1 ? 250 - 5 * y : 0;
@@ -99,7 +105,8 @@ TEST_F(MapTest, InterpolatesAffineDataExactlyAtRootsAndAtBarePlaces) {
         EXPECT_NEAR(got.a, want.a, 1e-5f);
         EXPECT_NEAR(vertices->at(roots[i], p, MapComponent::Luminance), 3.0f * p.x - p.z, 1e-4f);
         const float u = std::clamp(p.x / 12.0f + 0.5f, 0.01f, 0.99f);
-        EXPECT_NEAR(image->at(roots[i], p, MapComponent::R), (u * 51.0f - 0.5f) * 5.0f / 255.0f, 2e-2f);
+        EXPECT_NEAR(image->at(roots[i], p, MapComponent::R), (u * 51.0f - 0.5f) * 5.0f / 255.0f,
+                    2e-2f);
     }
 }
 
@@ -135,7 +142,8 @@ TEST_F(MapTest, BatchesGiveTheBitsOfSingleReads) {
 }
 
 TEST_F(MapTest, ReadsStrandsAtTheirRootsInAnyOrder) {
-    StrandSet tuft = makeTuft({.strands = 600, .seed = 2, .triangles = int(scalp->triangles().size())});
+    StrandSet tuft =
+        makeTuft({.strands = 600, .seed = 2, .triangles = int(scalp->triangles().size())});
     for (std::size_t s = 0; s < 600; s += 9) tuft.mutableRoots()[s] = {};
     std::vector<std::uint32_t> inOrder(600), mixedUp;
     for (std::uint32_t s = 0; s < 600; ++s) inOrder[s] = s;
@@ -162,8 +170,9 @@ TEST_F(MapTest, ReadsTheSameOnOneThreadAndOnMany) {
             runWithThreads(many ? 8 : 1, [&] {
                 results[many].resize(roots.size());
                 parallelRange(0, roots.size(), 32, [&](std::size_t b, std::size_t e) {
-                    map->values(std::span(roots).subspan(b, e - b), std::span(positions).subspan(b, e - b),
-                                MapComponent::R, std::span(results[many]).subspan(b, e - b));
+                    map->values(std::span(roots).subspan(b, e - b),
+                                std::span(positions).subspan(b, e - b), MapComponent::R,
+                                std::span(results[many]).subspan(b, e - b));
                 });
             });
         EXPECT_EQ(results[0], results[1]);
@@ -245,7 +254,9 @@ TEST_F(MapTest, MapsThatDoNotFitTheScalpAreNone) {
 
 TEST_F(MapTest, TheCatalogueSaysWhyAMapCannotBeRead) {
     const std::size_t n = scalp->points().size();
-    const auto sized = [](std::size_t count) { return std::make_shared<const std::vector<float>>(count, 0.5f); };
+    const auto sized = [](std::size_t count) {
+        return std::make_shared<const std::vector<float>>(count, 0.5f);
+    };
     const std::string png = folder.file("ok.png"), broken = folder.file("broken.png");
     writePng(png, 1, 1, 1, {128});
     writeBytes(broken, "no picture");
@@ -279,7 +290,8 @@ TEST_F(MapTest, TheCatalogueSaysWhyAMapCannotBeRead) {
         std::string detail;
     } kFaults[] = {
         {"old", scalp, nullptr, MapFault::WrongScalp,
-         "'old' was painted on a scalp with 7 vertices; this one has 49 (convert it to a texture or "
+         "'old' was painted on a scalp with 7 vertices; this one has 49 (convert it to a texture "
+         "or "
          "guide layer on the old scalp, or fill it anew)"},
         {"short", scalp, nullptr, MapFault::WrongScalp, ""},
         {"fine", nullptr, nullptr, MapFault::WrongScalp, ""},
@@ -330,7 +342,8 @@ TEST_F(MapTest, TheCatalogueHashFollowsItsContents) {
         for (std::size_t j = 0; j < i; ++j) EXPECT_NE(hashes[i], hashes[j]) << i << " " << j;
     const MapCatalogValue copy = catalog;
     EXPECT_EQ(copy.hash(), catalog.hash());
-    catalog.maps["a"].values = std::make_shared<const std::vector<float>>(std::vector<float>{1.0f, 2.0f, 3.5f});
+    catalog.maps["a"].values =
+        std::make_shared<const std::vector<float>>(std::vector<float>{1.0f, 2.0f, 3.5f});
     EXPECT_EQ(copy.hash(), catalog.hash()) << "equal values in another array";
 }
 
@@ -374,15 +387,20 @@ TEST(MapCatalogJson, SaysWhatIsWrong) {
         {R"({"a": {"kind": 1}})", "scalpMaps: map 'a' needs text as its kind"},
         {R"({"a": {"channels": 2}})", "scalpMaps: map 'a' has 2 channels (1 or 4)"},
         {R"({"a": {"channels": -1}})", "scalpMaps: map 'a' has -1 channels (1 or 4)"},
-        {R"({"a": {"channels": "4"}})", "scalpMaps: map 'a' needs a number as its channels (1 or 4)"},
-        {R"({"a": {"values": {}}})", "scalpMaps: map 'a' needs its values as a flat list of numbers"},
-        {R"({"a": {"values": [1, "2"]}})", "scalpMaps: map 'a' needs its values as a flat list of numbers"},
-        {R"({"a": {"values": [1e300]}})", "scalpMaps: map 'a' holds a value that is not a finite number"},
+        {R"({"a": {"channels": "4"}})",
+         "scalpMaps: map 'a' needs a number as its channels (1 or 4)"},
+        {R"({"a": {"values": {}}})",
+         "scalpMaps: map 'a' needs its values as a flat list of numbers"},
+        {R"({"a": {"values": [1, "2"]}})",
+         "scalpMaps: map 'a' needs its values as a flat list of numbers"},
+        {R"({"a": {"values": [1e300]}})",
+         "scalpMaps: map 'a' holds a value that is not a finite number"},
         {R"({"a": {"channels": 4, "values": [1, 2, 3]}})",
          "scalpMaps: map 'a' has 3 values, give one per scalp vertex and channel"},
         {R"({"a": {"values": [1, 2, 3], "vertices": 4}})",
          "scalpMaps: map 'a' has 3 values for 4 vertices, give one per scalp vertex and channel"},
-        {R"({"a": {"kind": "texture", "texture": 1}})", "scalpMaps: map 'a' needs text as its texture"},
+        {R"({"a": {"kind": "texture", "texture": 1}})",
+         "scalpMaps: map 'a' needs text as its texture"},
     };
     for (const auto& [text, message] : kCases) EXPECT_EQ(jsonError(text), message) << text;
 }

@@ -15,22 +15,32 @@ std::uint64_t MapSource::hash() const {
 
 const char* mapKindKey(MapKind kind) {
     switch (kind) {
-        case MapKind::Texture: return "texture";
-        case MapKind::ColorSet: return "colorSet";
-        case MapKind::Attribute: return "attribute";
-        case MapKind::Expression: return "expression";
-        case MapKind::GuideLayer: return "guide";
+        case MapKind::Texture:
+            return "texture";
+        case MapKind::ColorSet:
+            return "colorSet";
+        case MapKind::Attribute:
+            return "attribute";
+        case MapKind::Expression:
+            return "expression";
+        case MapKind::GuideLayer:
+            return "guide";
     }
     return "expression";
 }
 
 const char* mapComponentWord(MapComponent component) {
     switch (component) {
-        case MapComponent::R: return "r";
-        case MapComponent::G: return "g";
-        case MapComponent::B: return "b";
-        case MapComponent::A: return "a";
-        case MapComponent::Luminance: return "luminance";
+        case MapComponent::R:
+            return "r";
+        case MapComponent::G:
+            return "g";
+        case MapComponent::B:
+            return "b";
+        case MapComponent::A:
+            return "a";
+        case MapComponent::Luminance:
+            return "luminance";
     }
     return "luminance";
 }

@@ -44,20 +44,22 @@ public:
                 MapComponent component, std::span<float> out) const override {
         for (std::size_t b = 0; b < roots.size(); b += kBatch) {
             const std::size_t n = std::min(kBatch, roots.size() - b);
-            onScalp(roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
-                    [&](std::span<const StrandRoot> found) {
-                        sampler_.values(found, component, out.subspan(b, n));
-                    });
+            onScalp(
+                roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
+                [&](std::span<const StrandRoot> found) {
+                    sampler_.values(found, component, out.subspan(b, n));
+                });
         }
     }
     void colors(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                 std::span<Color4f> out) const override {
         for (std::size_t b = 0; b < roots.size(); b += kBatch) {
             const std::size_t n = std::min(kBatch, roots.size() - b);
-            onScalp(roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
-                    [&](std::span<const StrandRoot> found) {
-                        sampler_.colors(found, out.subspan(b, n));
-                    });
+            onScalp(
+                roots.subspan(b, n), [&](std::size_t i) { return positions[b + i]; },
+                [&](std::span<const StrandRoot> found) {
+                    sampler_.colors(found, out.subspan(b, n));
+                });
         }
     }
     void strandValues(const StrandSet& set, std::span<const std::uint32_t> strands,
@@ -75,8 +77,8 @@ public:
     std::uint64_t hash() const override { return hash_; }
 
 private:
-    /// Calls body(roots): the given ones where all of a batch are on the scalp, else with the closest
-    /// places in the stead of the others. positionOf(i) is asked for those alone.
+    /// Calls body(roots): the given ones where all of a batch are on the scalp, else with the
+    /// closest places in the stead of the others. positionOf(i) is asked for those alone.
     template <class PositionOf, class Body>
     void onScalp(std::span<const StrandRoot> roots, PositionOf&& positionOf, Body&& body) const {
         const std::uint32_t triangles = std::uint32_t(scalp_->triangles().size());
@@ -112,8 +114,9 @@ private:
                 for (std::size_t i = 0; i < some.size(); ++i) gathered[i] = held[some[i]];
                 roots = gathered;
             }
-            onScalp(roots, [&](std::size_t i) { return rootPosition(set, some[i]); },
-                    [&](std::span<const StrandRoot> found) { body(b, found); });
+            onScalp(
+                roots, [&](std::size_t i) { return rootPosition(set, some[i]); },
+                [&](std::span<const StrandRoot> found) { body(b, found); });
         }
     }
 
@@ -211,7 +214,8 @@ struct VertexSampler {
     float channelAt(const StrandRoot& r, std::size_t channel) const {
         const float* v = held->data() + channel;
         const Triangle& t = triangles[std::size_t(r.triangle)];
-        return mixed(r, v[std::size_t(t[0]) * 4], v[std::size_t(t[1]) * 4], v[std::size_t(t[2]) * 4]);
+        return mixed(r, v[std::size_t(t[0]) * 4], v[std::size_t(t[1]) * 4],
+                     v[std::size_t(t[2]) * 4]);
     }
     void values(std::span<const StrandRoot> roots, MapComponent c, std::span<float> out) const {
         if (channels == 4)

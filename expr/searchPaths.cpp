@@ -5,6 +5,7 @@
 #include <utility>
 #include <vector>
 
+#include "expr/nameChars.h"
 #include "expr/texture.h"
 #include "model/hash.h"
 #include "model/platform/files.h"
@@ -14,9 +15,6 @@ namespace corvelle {
 namespace {
 
 constexpr std::array<std::string_view, 3> kMarkers = {"<UDIM>", "<udim>", "%(UDIM)d"};
-
-bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
-bool isNameChar(char c) { return isNameStart(c) || (c >= '0' && c <= '9'); }
 
 /// The variable name that starts at `at`; empty for none.
 std::string_view nameAt(std::string_view text, std::size_t at) {

@@ -52,8 +52,7 @@ struct GridPixels {
     const std::uint8_t* at(int x, int y) const {
         const std::size_t tile = std::size_t(y / PixelTile::kSide) * std::size_t(columns) +
                                  std::size_t(x / PixelTile::kSide);
-        return grid.tiles[tile]->bytes.data() +
-               TiledPixels::placeIn(x, y) * std::size_t(channels);
+        return grid.tiles[tile]->bytes.data() + TiledPixels::placeIn(x, y) * std::size_t(channels);
     }
 };
 
@@ -80,8 +79,8 @@ inline auto tapsAt(const Pixels& pixels, float u, float v) {
     tapAxis(u, pixels.width, x0, x1, fx);
     tapAxis(1.0f - v, pixels.height, y0, y1, fy);  // row 0 is v = 1
     using Texel = std::remove_cvref_t<decltype(*pixels.at(0, 0))>;
-    return Taps<Texel>{pixels.at(x0, y0), pixels.at(x1, y0), pixels.at(x0, y1), pixels.at(x1, y1),
-                       fx, fy};
+    return Taps<Texel>{
+        pixels.at(x0, y0), pixels.at(x1, y0), pixels.at(x0, y1), pixels.at(x1, y1), fx, fy};
 }
 
 template <class P>
@@ -160,7 +159,8 @@ inline void forEachPlace(const std::vector<ImagePtr>& tiles, bool udim, std::spa
         if (!image)
             missing(i);
         else if (image->eightBit())
-            read(i, FlatPixels<std::uint8_t>{image->bytes.data(), image->width, image->height}, u, v);
+            read(i, FlatPixels<std::uint8_t>{image->bytes.data(), image->width, image->height}, u,
+                 v);
         else
             read(i, FlatPixels<float>{image->floats.data(), image->width, image->height}, u, v);
     }
@@ -261,7 +261,8 @@ std::shared_ptr<const Texture> Texture::loadUdim(const std::string& pattern,
     });
     for (const std::string& error : errors)
         if (!error.empty()) throw TextureError(error);
-    if (std::none_of(data.tiles.begin(), data.tiles.end(), [](const ImagePtr& t) { return t != nullptr; }))
+    if (std::none_of(data.tiles.begin(), data.tiles.end(),
+                     [](const ImagePtr& t) { return t != nullptr; }))
         throw TextureError("cannot read '" + pattern + "': file not found");
     return make(std::move(data));
 }
@@ -296,18 +297,17 @@ std::shared_ptr<const Texture> Texture::fromPixels(int width, int height, int ch
 }
 
 std::shared_ptr<const Texture> Texture::fromTiles(TiledPixels pixels) {
-    const bool sized = pixels.width > 0 && pixels.height > 0 &&
-                       (pixels.channels == 1 || pixels.channels == 4) &&
-                       pixels.tiles.size() ==
-                           std::size_t(pixels.columns()) * std::size_t(pixels.rows());
+    const bool sized =
+        pixels.width > 0 && pixels.height > 0 && (pixels.channels == 1 || pixels.channels == 4) &&
+        pixels.tiles.size() == std::size_t(pixels.columns()) * std::size_t(pixels.rows());
     const std::size_t bytes = PixelTile::kPixels * std::size_t(pixels.channels);
     if (!sized || !std::ranges::all_of(pixels.tiles, [&](const PixelTilePtr& tile) {
             return tile && tile->bytes.size() == bytes;
         }))
         throw TextureError("textureFromPixels: size does not match its pixels");
     Data data;
-    data.hash = hashCombine(
-        hashCombine(hashCombine(hashOf("tiles"), pixels.width), pixels.height), pixels.channels);
+    data.hash = hashCombine(hashCombine(hashCombine(hashOf("tiles"), pixels.width), pixels.height),
+                            pixels.channels);
     for (const PixelTilePtr& tile : pixels.tiles) data.hash = hashCombine(data.hash, tile->hash);
     data.grid = std::move(pixels);
     return make(std::move(data));
@@ -337,10 +337,14 @@ float Texture::sample(float u, float v, MapComponent component) const {
 void Texture::sample(std::span<const Vec2f> uvs, MapComponent component,
                      std::span<float> out) const {
     switch (component) {
-        case MapComponent::R: return sampleComponent<MapComponent::R>(*data_, uvs, out);
-        case MapComponent::G: return sampleComponent<MapComponent::G>(*data_, uvs, out);
-        case MapComponent::B: return sampleComponent<MapComponent::B>(*data_, uvs, out);
-        case MapComponent::A: return sampleComponent<MapComponent::A>(*data_, uvs, out);
+        case MapComponent::R:
+            return sampleComponent<MapComponent::R>(*data_, uvs, out);
+        case MapComponent::G:
+            return sampleComponent<MapComponent::G>(*data_, uvs, out);
+        case MapComponent::B:
+            return sampleComponent<MapComponent::B>(*data_, uvs, out);
+        case MapComponent::A:
+            return sampleComponent<MapComponent::A>(*data_, uvs, out);
         case MapComponent::Luminance:
             return sampleComponent<MapComponent::Luminance>(*data_, uvs, out);
     }
@@ -349,10 +353,10 @@ void Texture::sample(std::span<const Vec2f> uvs, MapComponent component,
 void Texture::sampleColors(std::span<const Vec2f> uvs, std::span<Color4f> out) const {
     forEachPlaceOf(
         *data_, uvs,
-        [&](std::size_t i, const auto& pixels, float u, float v) {
-            out[i] = color(pixels, u, v);
-        },
-        [&](std::size_t i) { out[i] = {0.0f, 0.0f, 0.0f, 0.0f}; });
+        [&](std::size_t i, const auto& pixels, float u, float v) { out[i] = color(pixels, u, v); },
+        [&](std::size_t i) {
+            out[i] = {0.0f, 0.0f, 0.0f, 0.0f};
+        });
 }
 
 bool Texture::eightBit() const { return data_->eightBit; }

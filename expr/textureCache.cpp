@@ -11,7 +11,8 @@ namespace corvelle {
 
 std::size_t textureCacheBudget(const char* megabytes) {
     constexpr long long kDefault = 1024;
-    constexpr long long kMost = static_cast<long long>(std::numeric_limits<std::size_t>::max() >> 21);
+    constexpr long long kMost =
+        static_cast<long long>(std::numeric_limits<std::size_t>::max() >> 21);
     const long long wanted = megabytes ? std::strtoll(megabytes, nullptr, 10) : kDefault;
     return std::size_t(std::clamp(wanted, 1LL, kMost)) << 20;
 }

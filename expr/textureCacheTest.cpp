@@ -1,9 +1,8 @@
-#include "expr/textureCache.h"
-
 #include <gtest/gtest.h>
 
 #include "expr/testing/pictures.h"
 #include "expr/texture.h"
+#include "expr/textureCache.h"
 #include "model/parallel.h"
 
 namespace corvelle {
@@ -19,7 +18,8 @@ TEST(TextureCacheBudget, ReadsWholeMegabytes) {
     EXPECT_EQ(textureCacheBudget("lots"), kMiB);
     EXPECT_EQ(textureCacheBudget("1"), kMiB);
     EXPECT_EQ(textureCacheBudget(" 64 MB"), 64 * kMiB);
-    EXPECT_GT(textureCacheBudget("99999999999999999999999"), 1024 * kMiB) << "no overflow to little";
+    EXPECT_GT(textureCacheBudget("99999999999999999999999"), 1024 * kMiB)
+        << "no overflow to little";
 }
 
 class TextureCacheTest : public testing::Test {

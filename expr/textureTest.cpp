@@ -1,5 +1,3 @@
-#include "expr/texture.h"
-
 #include <cmath>
 #include <limits>
 #include <random>
@@ -8,6 +6,7 @@
 
 #include "expr/searchPaths.h"
 #include "expr/testing/pictures.h"
+#include "expr/texture.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 
@@ -66,11 +65,13 @@ protected:
 
 TEST_F(TextureTest, ReadsTexelCentresExactlyAndBlendsBetween) {
     const std::string path = folder.file("ramp.png");
-    writePng(path, 4, 2, 3, makePixels(4, 2, 3, [](int x, int y, int c) { return 10 * x + 100 * y + c; }));
+    writePng(path, 4, 2, 3,
+             makePixels(4, 2, 3, [](int x, int y, int c) { return 10 * x + 100 * y + c; }));
     const TexturePtr texture = Texture::load(path, plain);
     for (int y = 0; y < 2; ++y)
         for (int x = 0; x < 4; ++x) {
-            const float u = (float(x) + 0.5f) / 4.0f, v = 1.0f - (float(y) + 0.5f) / 2.0f;  // row 0 on top
+            const float u = (float(x) + 0.5f) / 4.0f,
+                        v = 1.0f - (float(y) + 0.5f) / 2.0f;  // row 0 on top
             EXPECT_EQ(texture->sample(u, v, MapComponent::R), float(10 * x + 100 * y) / 255.0f);
             EXPECT_EQ(texture->sample(u, v, MapComponent::A), 1.0f);
         }
@@ -114,7 +115,8 @@ TEST_F(TextureTest, FindsTheTileOfAPlace) {
     flat("t.1011.png", 30, 0, 0);
     flat("t.1100.png", 40, 0, 0);
     for (const char* marker : {"<UDIM>", "<udim>", "%(UDIM)d"}) {
-        const TexturePtr texture = Texture::load(folder.file(std::string("t.") + marker + ".png"), plain);
+        const TexturePtr texture =
+            Texture::load(folder.file(std::string("t.") + marker + ".png"), plain);
         const auto at = [&](float u, float v) {
             return std::lround(texture->sample(u, v, MapComponent::R) * 255.0f);
         };
@@ -136,8 +138,9 @@ TEST_F(TextureTest, FindsTheTileOfAPlace) {
 
 TEST_F(TextureTest, BatchesGiveTheBitsOfSingleSamples) {
     flat("b.1002.png", 99, 98, 97, 96);
-    writePng(folder.file("b.1001.png"), 17, 9, 4,
-             makePixels(17, 9, 4, [](int x, int y, int c) { return int(mix64(x + 31 * y + 7 * c) & 255); }));
+    writePng(folder.file("b.1001.png"), 17, 9, 4, makePixels(17, 9, 4, [](int x, int y, int c) {
+                 return int(mix64(x + 31 * y + 7 * c) & 255);
+             }));
     for (const std::string name : {"b.1001.png", "b.<UDIM>.png"}) {
         const TexturePtr texture = Texture::load(folder.file(name), plain);
         std::vector<Vec2f> uvs;
@@ -193,7 +196,8 @@ TEST_F(TextureTest, PaintingTheFileAgainIsSeen) {
 TEST_F(TextureTest, PixelsInMemoryKeepTheirChannels) {
     const std::uint8_t pixels[] = {10, 20, 30, 40, 50, 60, 70, 80, 90, 100, 110, 120};
     const auto first = [&](int channels) {
-        return Texture::fromPixels(1, 1, channels, {pixels, std::size_t(channels)})->sampleColor(0.5f, 0.5f);
+        return Texture::fromPixels(1, 1, channels, {pixels, std::size_t(channels)})
+            ->sampleColor(0.5f, 0.5f);
     };
     const auto unit = [](int i) { return float(i) / 255.0f; };
     EXPECT_EQ(first(1), (Color4f{unit(10), unit(10), unit(10), 1.0f}));
@@ -211,18 +215,23 @@ TEST_F(TextureTest, PixelsInMemoryKeepTheirChannels) {
 
 TEST_F(TextureTest, SaysWhatIsWrongWithAFile) {
     const std::string missing = folder.file("missing.png");
-    EXPECT_EQ(errorOf([&] { Texture::load(missing, plain); }), "cannot read '" + missing + "': file not found");
+    EXPECT_EQ(errorOf([&] { Texture::load(missing, plain); }),
+              "cannot read '" + missing + "': file not found");
     const std::string tiles = folder.file("missing.<UDIM>.png");
-    EXPECT_EQ(errorOf([&] { Texture::load(tiles, plain); }), "cannot read '" + tiles + "': file not found");
+    EXPECT_EQ(errorOf([&] { Texture::load(tiles, plain); }),
+              "cannot read '" + tiles + "': file not found");
     EXPECT_EQ(errorOf([&] { Texture::load("", plain); }), "cannot read '': file not found");
-    EXPECT_EQ(errorOf([&] { Texture::loadUdim("a.png", plain); }), "Texture: a UDIM pattern needs <UDIM>");
+    EXPECT_EQ(errorOf([&] { Texture::loadUdim("a.png", plain); }),
+              "Texture: a UDIM pattern needs <UDIM>");
 
     const std::string text = folder.file("text.png");
     writeBytes(text, "this is no picture");
-    EXPECT_THAT(errorOf([&] { Texture::load(text, plain); }), HasSubstr("cannot read '" + text + "': "));
+    EXPECT_THAT(errorOf([&] { Texture::load(text, plain); }),
+                HasSubstr("cannot read '" + text + "': "));
     const std::string empty = folder.file("empty.png");
     writeBytes(empty, "");
-    EXPECT_THAT(errorOf([&] { Texture::load(empty, plain); }), HasSubstr("cannot read '" + empty + "': "));
+    EXPECT_THAT(errorOf([&] { Texture::load(empty, plain); }),
+                HasSubstr("cannot read '" + empty + "': "));
     const std::string bad = folder.file("bad.1003.png");
     writeBytes(bad, "neither is this");
     flat("bad.1001.png", 1, 1, 1);
@@ -262,8 +271,9 @@ TEST_F(TextureTest, BrokenFilesNeverDoMoreThanFail) {
 
 TEST_F(TextureTest, ReadsTheSameOnOneThreadAndOnMany) {
     for (int t = 0; t < 12; ++t)
-        writePng(folder.file("m." + std::to_string(1001 + t) + ".png"), 8, 8, 3,
-                 makePixels(8, 8, 3, [&](int x, int y, int c) { return 3 * x + 5 * y + c + t * 13; }));
+        writePng(
+            folder.file("m." + std::to_string(1001 + t) + ".png"), 8, 8, 3,
+            makePixels(8, 8, 3, [&](int x, int y, int c) { return 3 * x + 5 * y + c + t * 13; }));
     const std::string pattern = folder.file("m.<UDIM>.png");
     std::vector<float> results[2];
     for (int many = 0; many < 2; ++many)
@@ -291,7 +301,8 @@ TiledPixels tiled(int width, int height, int channels, const std::vector<std::ui
             for (std::size_t c = 0; c < step; ++c)
                 tiles[grid.tileOf(x, y)][TiledPixels::placeIn(x, y) * step + c] =
                     pixels[std::size_t(y * width + x) * step + c];
-    for (auto& tile : tiles) grid.tiles.push_back(std::make_shared<const PixelTile>(std::move(tile)));
+    for (auto& tile : tiles)
+        grid.tiles.push_back(std::make_shared<const PixelTile>(std::move(tile)));
     return grid;
 }
 

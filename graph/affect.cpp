@@ -29,7 +29,8 @@ namespace {
 bool keepsBefore(float weight) { return !(weight > 0.0f); }
 
 /// `count` values of `width` floats each, under one weight.
-void blendRun(const float* before, const float* after, float weight, float* out, std::size_t count) {
+void blendRun(const float* before, const float* after, float weight, float* out,
+              std::size_t count) {
     if (keepsBefore(weight)) {
         std::memcpy(out, before, count * sizeof(float));
     } else if (weight >= 1.0f) {
@@ -52,8 +53,8 @@ const float* floats(std::span<const Vec3f> points) {
     return reinterpret_cast<const float*>(points.data());
 }
 
-/// An array of one value per strand, or of `width` floats per point, to be blended. A side that lacks
-/// the channel reads a default instead.
+/// An array of one value per strand, or of `width` floats per point, to be blended. A side that
+/// lacks the channel reads a default instead.
 struct Lane {
     const float* before = nullptr;
     const float* after = nullptr;
@@ -81,8 +82,8 @@ public:
     }
 
 private:
-    // Takes write access to the arrays to blend; with a previous result, its arrays are taken first,
-    // so that only the dirty strands need writing.
+    // Takes write access to the arrays to blend; with a previous result, its arrays are taken
+    // first, so that only the dirty strands need writing.
     void prepare(const StrandSet* previous) {
         if (!before_.sharesRoots(after_)) {
             roots_ = out_.mutableRoots();
@@ -90,7 +91,8 @@ private:
         }
         if (!before_.sharesPoints(after_)) {
             if (previous) out_.sharePoints(*previous);
-            const std::span<Vec3f> points = previous ? out_.mutablePoints() : out_.overwritePoints();
+            const std::span<Vec3f> points =
+                previous ? out_.mutablePoints() : out_.overwritePoints();
             pointLanes_.push_back({.before = floats(before_.points()),
                                    .after = floats(after_.points()),
                                    .out = reinterpret_cast<float*>(points.data()),
@@ -98,7 +100,8 @@ private:
         }
         if (!before_.sharesWidths(after_)) {
             if (previous) out_.shareWidths(*previous);
-            const std::span<float> widths = previous ? out_.mutableWidths() : out_.overwriteWidths();
+            const std::span<float> widths =
+                previous ? out_.mutableWidths() : out_.overwriteWidths();
             pointLanes_.push_back({.before = before_.widths().data(),
                                    .after = after_.widths().data(),
                                    .out = widths.data()});
@@ -182,12 +185,11 @@ private:
     }
 
     void strandValues(std::uint32_t s, float weight) const {
-        if (!roots_.empty())
-            roots_[s] = weight >= 0.5f ? after_.roots()[s] : before_.roots()[s];
+        if (!roots_.empty()) roots_[s] = weight >= 0.5f ? after_.roots()[s] : before_.roots()[s];
         for (const Lane& lane : strandLanes_)
-            lane.out[s] = blendOne(lane.before ? lane.before[s] : lane.beforeDefault,
-                                   lane.after ? lane.after[s] : lane.afterDefault, weight,
-                                   lane.discrete);
+            lane.out[s] =
+                blendOne(lane.before ? lane.before[s] : lane.beforeDefault,
+                         lane.after ? lane.after[s] : lane.afterDefault, weight, lane.discrete);
     }
 
     static void pointValues(const Lane& lane, std::size_t first, std::size_t count, float weight,

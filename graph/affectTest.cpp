@@ -1,10 +1,9 @@
-#include "graph/affect.h"
-
-#include <gmock/gmock.h>
-
 #include <bit>
 #include <limits>
 
+#include <gmock/gmock.h>
+
+#include "graph/affect.h"
 #include "graph/testing/testOperators.h"
 #include "model/hash.h"
 #include "model/parallel.h"
@@ -32,7 +31,8 @@ public:
                       std::span<float> out) const override {
         std::size_t at = 0;
         for (const std::uint32_t s : strands)
-            for (std::size_t p = 0; p < set.pointCountOf(s); ++p) out[at++] = samplePoint(set, s, p);
+            for (std::size_t p = 0; p < set.pointCountOf(s); ++p)
+                out[at++] = samplePoint(set, s, p);
     }
     bool perPoint() const override { return points_; }
     float maxValue() const override { return 1.5f; }
@@ -72,19 +72,26 @@ TEST_P(AffectTest, MixesFloatsAndSwitchesIds) {
         std::string why;
         ASSERT_TRUE(out.validate(&why)) << why;
         std::size_t kept = 0, taken = 0, mixed = 0;
-        const auto expected = [](float a, float b, float w) { return w <= 0 ? a : w >= 1 ? b : a + (b - a) * w; };
+        const auto expected = [](float a, float b, float w) {
+            return w <= 0 ? a : w >= 1 ? b : a + (b - a) * w;
+        };
         for (std::size_t s = 0; s < out.strandCount(); ++s) {
             const float w = weight.sampleStrand(before, s);
-            const auto at = [&](const StrandSet& set, const char* name) { return (*set.strandChannel(name))[s]; };
+            const auto at = [&](const StrandSet& set, const char* name) {
+                return (*set.strandChannel(name))[s];
+            };
             EXPECT_EQ(at(out, "clumpId"), w >= 0.5f ? at(after, "clumpId") : at(before, "clumpId"));
             EXPECT_EQ(at(out, "newId"), w >= 0.5f ? 9.0f : -1.0f);
-            EXPECT_EQ(bits(at(out, "tone")), bits(expected(at(before, "tone"), at(after, "tone"), w)));
+            EXPECT_EQ(bits(at(out, "tone")),
+                      bits(expected(at(before, "tone"), at(after, "tone"), w)));
             EXPECT_TRUE(out.roots()[s] == (w >= 0.5f ? after : before).roots()[s]);
             for (std::size_t p = before.offsets()[s]; p < before.offsets()[s + 1]; ++p) {
                 const float wp = weight.samplePoint(before, s, p - before.offsets()[s]);
                 (wp <= 0 ? kept : wp >= 1 ? taken : mixed) += 1;
-                EXPECT_EQ(bits(out.points()[p].z), bits(expected(before.points()[p].z, after.points()[p].z, wp)));
-                EXPECT_EQ(bits(out.widths()[p]), bits(expected(before.widths()[p], after.widths()[p], wp)));
+                EXPECT_EQ(bits(out.points()[p].z),
+                          bits(expected(before.points()[p].z, after.points()[p].z, wp)));
+                EXPECT_EQ(bits(out.widths()[p]),
+                          bits(expected(before.widths()[p], after.widths()[p], wp)));
                 EXPECT_EQ((*out.pointChannel("new"))[p], expected(4.0f, 8.0f, wp));
                 EXPECT_EQ((*out.pointChannel("share"))[p],
                           expected((*before.pointChannel("share"))[p], 0.25f, wp))
@@ -103,12 +110,15 @@ TEST_P(AffectTest, ADirtyListGivesTheFullBlend) {
     const std::vector<std::uint32_t> dirty = {0, 5, 6, 300, 699};
     const std::span<Vec3f> points = after.mutablePoints();
     for (const std::uint32_t s : dirty)
-        for (std::size_t p = after.offsets()[s]; p < after.offsets()[s + 1]; ++p) points[p].y += 9.0f;
+        for (std::size_t p = after.offsets()[s]; p < after.offsets()[s + 1]; ++p)
+            points[p].y += 9.0f;
     const StrandSet full = blendStrands(before, after, weight);
     EXPECT_NE(full.contentHash(), previous.contentHash());
-    EXPECT_EQ(blendStrands(before, after, weight, previous, dirty).contentHash(), full.contentHash());
+    EXPECT_EQ(blendStrands(before, after, weight, previous, dirty).contentHash(),
+              full.contentHash());
     EXPECT_EQ(blendStrands(before, after, weight, full, {}).contentHash(), full.contentHash());
-    EXPECT_EQ(blendStrands(before, after, weight, StrandSet(), dirty).contentHash(), full.contentHash());
+    EXPECT_EQ(blendStrands(before, after, weight, StrandSet(), dirty).contentHash(),
+              full.contentHash());
     StrandSet one, many;
     runWithThreads(1, [&] { one = blendStrands(before, after, weight); });
     runWithThreads(8, [&] { many = blendStrands(before, after, weight); });
@@ -117,7 +127,8 @@ TEST_P(AffectTest, ADirtyListGivesTheFullBlend) {
 
 TEST(Affect, EqualBitsStayWhatTheyAre) {
     const float inf = std::numeric_limits<float>::infinity();
-    const std::vector<float> same = {-0.0f, inf, -inf, 1e-45f, 0.1f, std::numeric_limits<float>::quiet_NaN()};
+    const std::vector<float> same = {-0.0f,  inf,  -inf,
+                                     1e-45f, 0.1f, std::numeric_limits<float>::quiet_NaN()};
     std::vector<float> out(same.size());
     mixFloats(same.data(), same.data(), 0.3f, out.data(), same.size());
     for (std::size_t i = 0; i < same.size(); ++i) EXPECT_EQ(bits(out[i]), bits(same[i])) << i;
@@ -140,7 +151,9 @@ protected:
     }
     ~AffectNodeTest() override { setVerifyIncremental(false); }
     StrandsPtr at(NodeId node) { return evaluateStrands(graph, node); }
-    static MapSource expression(const std::string& text) { return {MapKind::Expression, text, {}, 0.0f, 1.0f}; }
+    static MapSource expression(const std::string& text) {
+        return {MapKind::Expression, text, {}, 0.0f, 1.0f};
+    }
     Graph graph;
     NodeId tuft, tag, move, width;
 };
@@ -185,7 +198,8 @@ TEST_F(AffectNodeTest, AChangedLayoutLeavesItAloneWithOneWarning) {
     graph.connect(move, 0, split, 0);
     graph.setParam(thin, "affect", 0.5);
     graph.setParam(split, "affect", 0.5);
-    const std::string text = "affect is not applied: this node changes how many strands or points there are";
+    const std::string text =
+        "affect is not applied: this node changes how many strands or points there are";
     EXPECT_LT(at(thin)->strandCount(), 20u);
     EXPECT_EQ(graph.warnings().at(thin), text);
     graph.evaluate(split, {});

@@ -8,7 +8,8 @@ namespace corvelle {
 
 namespace {
 
-constexpr const char* kLayoutChanged = "it says only some strands changed, but the set's layout did";
+constexpr const char* kLayoutChanged =
+    "it says only some strands changed, but the set's layout did";
 constexpr const char* kStrandsDiffer = "its strands differ from a full evaluation's";
 
 /// The first strand outside the list that differs between two sets of strands; empty for none.
@@ -40,7 +41,8 @@ std::string checkStrands(const StrandSet& made, const StrandSet& full, const Str
 
 std::string checkGuides(const GuideSet& made, const GuideSet& full, const GuideSet* previous,
                         const StrandChangesPtr& changes) {
-    if (made.contentHash() != full.contentHash()) return "its guides differ from a full evaluation's";
+    if (made.contentHash() != full.contentHash())
+        return "its guides differ from a full evaluation's";
     if (!isList(changes) || !previous) return {};
     const StrandChangesPtr truth = guideDiff(*previous, made);
     if (!truth) return "it says only some guides changed, but the set's ids did";
@@ -62,7 +64,8 @@ std::string checkIncremental(const NodeValue& incremental, const NodeValue& full
     }
     if (const auto* made = std::get_if<StrandsPtr>(&incremental); made && *made) {
         const auto* old = std::get_if<StrandsPtr>(&previous);
-        return checkStrands(**made, *std::get<StrandsPtr>(full), old ? old->get() : nullptr, changes);
+        return checkStrands(**made, *std::get<StrandsPtr>(full), old ? old->get() : nullptr,
+                            changes);
     }
     return {};
 }

@@ -76,7 +76,8 @@ ColorMapLookup readColorMap(const std::string& name, const EvaluationData& data,
     if ((wants.guides && carriesLayer(*wants.guides, name)) || isGroomLayer(name, data))
         return readLayer(name, scalp, wants);
     if (wants.colorSets)
-        if (NamedMapPtr set = colorSetMap(scalp, name)) return found(Kind::ColorSet, std::move(set));
+        if (NamedMapPtr set = colorSetMap(scalp, name))
+            return found(Kind::ColorSet, std::move(set));
     return readImageFile(name, scalp, resolver);
 }
 
@@ -88,9 +89,9 @@ std::uint64_t colorMapHash(const std::string& name, const EvaluationData& data,
     const std::uint64_t mesh = scalp ? scalp->fullHash() : 0;
     const PathResolver resolver = searchPathResolver(data.directory, data.searchPaths);
     const PaintedMap* entry = data.maps ? data.maps->find(name) : nullptr;
-    const bool layer = entry ? entry->kind == PaintedMap::Kind::Guides
-                             : (wants.guides && carriesLayer(*wants.guides, name)) ||
-                                   isGroomLayer(name, data);
+    const bool layer =
+        entry ? entry->kind == PaintedMap::Kind::Guides
+              : (wants.guides && carriesLayer(*wants.guides, name)) || isGroomLayer(name, data);
     if (entry) h = hashCombine(h, entry->hash());
     h = hashCombine(h, layer);
     if (layer) {
@@ -112,11 +113,14 @@ std::string colorMapFaultText(const ColorMapLookup& lookup, const std::string& n
         return "a guide layer reaches the strands through Interpolate (put " + nodeType +
                " after it)";
     switch (lookup.fault) {
-        case MapFault::NoImage: return "the texture map has no image file yet";
-        case MapFault::NoUvs: return "an image needs a scalp with UVs";
+        case MapFault::NoImage:
+            return "the texture map has no image file yet";
+        case MapFault::NoUvs:
+            return "an image needs a scalp with UVs";
         case MapFault::WrongScalp:
             return "the vertex map does not fit this scalp (paint it again, or convert it)";
-        default: return lookup.detail;
+        default:
+            return lookup.detail;
     }
 }
 

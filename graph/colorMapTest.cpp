@@ -1,8 +1,7 @@
-#include "graph/colorMap.h"
-
 #include <gtest/gtest.h>
 
 #include "expr/testing/pictures.h"
+#include "graph/colorMap.h"
 #include "model/testing/meshes.h"
 
 namespace corvelle {
@@ -14,7 +13,8 @@ GuidesPtr guideWith(const std::string& layer) {
     GuideDetail detail;
     detail.attributes[layer] = 0.5f;
     std::vector<GuideCurve> curves;
-    curves.push_back({1, {}, {Vec3f{}, Vec3f{0, 1, 0}}, std::make_shared<const GuideDetail>(detail)});
+    curves.push_back(
+        {1, {}, {Vec3f{}, Vec3f{0, 1, 0}}, std::make_shared<const GuideDetail>(detail)});
     return std::make_shared<const GuideSet>(std::move(curves));
 }
 
@@ -31,7 +31,9 @@ protected:
             writePng(folder.file(name), 1, 1, 3, {255, 128, 0});
         writeHdr(folder.file("deep.hdr"), 1, 1, {1.0f, 2.0f, 3.0f});
         writeBytes(folder.file("bad.png"), "no picture");
-        const auto sized = [](std::size_t n) { return std::make_shared<const std::vector<float>>(n, 0.5f); };
+        const auto sized = [](std::size_t n) {
+            return std::make_shared<const std::vector<float>>(n, 0.5f);
+        };
         auto catalog = std::make_shared<MapCatalogValue>();
         catalog->maps = {
             {"painted", {.kind = PaintedMap::Kind::Vertices, .values = sized(9), .vertices = 9}},
@@ -51,9 +53,9 @@ protected:
 
 TEST_F(ColorMapTest, FindsPaintedMapsThenLayersThenColorSetsThenImages) {
     const std::pair<const char*, Kind> kCases[] = {
-        {"painted", Kind::Vertices}, {"texture", Kind::Texture},  {"set", Kind::Vertices},
-        {"alias", Kind::Guides},     {"layer", Kind::Guides},     {"both.png", Kind::ColorSet},
-        {"image.png", Kind::Image},  {"nobody", Kind::None},      {"", Kind::None},
+        {"painted", Kind::Vertices}, {"texture", Kind::Texture}, {"set", Kind::Vertices},
+        {"alias", Kind::Guides},     {"layer", Kind::Guides},    {"both.png", Kind::ColorSet},
+        {"image.png", Kind::Image},  {"nobody", Kind::None},     {"", Kind::None},
     };
     for (const auto& [name, kind] : kCases) {
         const ColorMapLookup lookup = readColorMap(name, data);
@@ -84,7 +86,8 @@ TEST_F(ColorMapTest, SaysWhyAMapCannotBeRead) {
         {"image.png", bare, "an image needs a scalp with UVs"},
         {"texture", bare, "an image needs a scalp with UVs"},
         {"old", nullptr, "the vertex map does not fit this scalp (paint it again, or convert it)"},
-        {"nobody", nullptr, "no map or image named 'nobody' (Groom Tools > Paint > New... makes a map)"},
+        {"nobody", nullptr,
+         "no map or image named 'nobody' (Groom Tools > Paint > New... makes a map)"},
     };
     for (const auto& c : kCases) {
         const ColorMapLookup lookup = readColorMap(c.name, data, c.scalp);
@@ -93,7 +96,9 @@ TEST_F(ColorMapTest, SaysWhyAMapCannotBeRead) {
     }
     EXPECT_EQ(colorMapFaultText(readColorMap("alias", data), "alias", "HairColor"),
               "a guide layer reaches the strands through Interpolate (put HairColor after it)");
-    EXPECT_EQ(colorMapFaultText(readColorMap("bad.png", data), "bad.png", "HairColor").rfind("cannot read '", 0), 0u);
+    EXPECT_EQ(colorMapFaultText(readColorMap("bad.png", data), "bad.png", "HairColor")
+                  .rfind("cannot read '", 0),
+              0u);
 }
 
 TEST_F(ColorMapTest, TheHashFollowsWhatTheNameReads) {

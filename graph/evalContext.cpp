@@ -8,9 +8,9 @@ namespace corvelle {
 
 namespace {
 
-constexpr const char* kWords[] = {"scalp",     "scalpHistory", "guides", "parts",
-                                  "flow",      "maps",         "colliders", "prototypes",
-                                  "time",      "viewport",     "density",   "searchPaths"};
+constexpr const char* kWords[] = {"scalp", "scalpHistory", "guides",    "parts",
+                                  "flow",  "maps",         "colliders", "prototypes",
+                                  "time",  "viewport",     "density",   "searchPaths"};
 static_assert(reads::kAll == (1u << std::size(kWords)) - 1);
 
 enum HeldSlot : std::size_t { kHierarchy, kMaps, kParts, kFlow };

@@ -1,17 +1,13 @@
 #include <algorithm>
 
 #include "graph/field.h"
-#include "graph/graphError.h"
 #include "graph/operator.h"
+#include "graph/paramError.h"
 #include "graph/scalarField.h"
 
 namespace corvelle {
 
 namespace {
-
-[[noreturn]] void throwFor(const std::string& param, const std::string& what) {
-    throw GraphError("param '" + param + "': " + what);
-}
 
 /// The one field a param reads, for strands that are at hand or for a node that makes them.
 class FieldMaker {
@@ -29,10 +25,12 @@ private:
     FieldPtr build() const {
         ScalarFieldParts parts;
         parts.param = param_;
-        if (const Operator::DrivenField* driven = op_.drivenField(param_); driven && driven->field) {
+        if (const Operator::DrivenField* driven = op_.drivenField(param_);
+            driven && driven->field) {
             if (!strands_ && !driven->field->worksAtPosition())
-                throwFor(param_, "no strands yet, so the field that drives it must be one of places "
-                                 "(P, N, u, v, noise or maps), not of strands");
+                failParam(param_,
+                          "no strands yet, so the field that drives it must be one of places "
+                          "(P, N, u, v, noise or maps), not of strands");
             parts.input = driven->field;
             parts.scale = driven->scale;
             return std::make_shared<ScalarField>(std::move(parts));
@@ -49,37 +47,48 @@ private:
         parts.low = source->low;
         parts.high = source->high;
         switch (source->kind) {
-            case MapKind::Texture: parts.map = texture(source->source); break;
-            case MapKind::ColorSet: parts.map = colorSet(source->source); break;
-            case MapKind::Attribute: parts.map = attribute(source->source); break;
-            case MapKind::GuideLayer: parts.map = guideLayer(source->source); break;
-            case MapKind::Expression: expression(*source, parts); break;
+            case MapKind::Texture:
+                parts.map = texture(source->source);
+                break;
+            case MapKind::ColorSet:
+                parts.map = colorSet(source->source);
+                break;
+            case MapKind::Attribute:
+                parts.map = attribute(source->source);
+                break;
+            case MapKind::GuideLayer:
+                parts.map = guideLayer(source->source);
+                break;
+            case MapKind::Expression:
+                expression(*source, parts);
+                break;
         }
         return std::make_shared<ScalarField>(std::move(parts));
     }
 
     NamedMapPtr texture(const std::string& path) const {
         if (!data_.scalp || data_.scalp->uvs().empty())
-            throwFor(param_, "a texture map needs a scalp with UVs");
+            failParam(param_, "a texture map needs a scalp with UVs");
         try {
             return textureMap(
                 Texture::load(path, searchPathResolver(data_.directory, data_.searchPaths)),
                 data_.scalp);
         } catch (const TextureError& error) {
-            throwFor(param_, error.what());
+            failParam(param_, error.what());
         }
     }
     NamedMapPtr colorSet(const std::string& name) const {
         NamedMapPtr map = colorSetMap(data_.scalp, name);
-        if (!map) throwFor(param_, "the scalp has no color set '" + name + "'");
+        if (!map) failParam(param_, "the scalp has no color set '" + name + "'");
         return map;
     }
     NamedMapPtr attribute(const std::string& name) const {
         NamedMapPtr map = guideLayerMap(guides_, data_.scalp, name);
         if (!map && !strands_)
-            throwFor(param_, "no strands yet, so '" + name +
-                                 "' must be a layer painted on the guides, with the guides connected "
-                                 "to this node");
+            failParam(param_,
+                      "no strands yet, so '" + name +
+                          "' must be a layer painted on the guides, with the guides connected "
+                          "to this node");
         return map;
     }
     NamedMapPtr guideLayer(const std::string& layer) const {
@@ -87,9 +96,10 @@ private:
             strands_ && (strands_->strandChannel(layer) || strands_->pointChannel(layer));
         NamedMapPtr map = guideLayerMap(guides_, data_.scalp, layer);
         if (map || onStrands) return map;
-        if (guides_) throwFor(param_, "no guide carries the layer '" + layer + "'");
+        if (guides_) failParam(param_, "no guide carries the layer '" + layer + "'");
         if (!strands_)
-            throwFor(param_, "a guide map here needs guides: connect them to this node's guides input");
+            failParam(param_,
+                      "a guide map here needs guides: connect them to this node's guides input");
         return nullptr;  // bind says what is missing
     }
     void expression(const MapSource& source, ScalarFieldParts& parts) const {
@@ -103,16 +113,15 @@ private:
             parts.expression =
                 compileExpression(source.source, *environment, parts.perPointAllowed);
         } catch (const ExpressionError& error) {
-            throwFor(param_, error.what());
+            failParam(param_, error.what());
         }
         parts.environment = std::move(environment);
         if (strands_) return;
-        if (const auto names = parts.expression->channelNames(); !names.empty())
-            throwFor(param_, "the expression reads '" + names.front() +
-                                 "', which is neither a variable nor a channel of the strands");
+        requireChannels(*parts.expression, nullptr, param_);
         if (parts.expression->readsStrands())
-            throwFor(param_, "the expression reads strands, and there are none yet: use P, N, u, v, "
-                             "noise or maps");
+            failParam(param_,
+                      "the expression reads strands, and there are none yet: use P, N, u, v, "
+                      "noise or maps");
     }
 
     const Operator& op_;

@@ -1,5 +1,3 @@
-#include "graph/field.h"
-
 #include <algorithm>
 #include <numeric>
 
@@ -7,6 +5,7 @@
 
 #include "expr/testing/pictures.h"
 #include "graph/expressionScope.h"
+#include "graph/field.h"
 #include "graph/operator.h"
 #include "graph/scalarField.h"
 #include "model/hash.h"
@@ -25,11 +24,14 @@ public:
     std::string description() const override { return "For tests."; }
     std::vector<PortSpec> inputs() const override { return {{"strands", PortType::Strands}}; }
     std::vector<ParamSpec> spec() const override {
-        return {{.name = "amount", .defaultValue = 0.75, .mappable = true},
-                {.name = "shape", .defaultValue = 0.5, .description = "Share (mappable, per point)"},
-                {.name = "axis", .defaultValue = Vec3f{1, 2, 3}, .vectorExpression = true}};
+        return {
+            {.name = "amount", .defaultValue = 0.75, .mappable = true},
+            {.name = "shape", .defaultValue = 0.5, .description = "Share (mappable, per point)"},
+            {.name = "axis", .defaultValue = Vec3f{1, 2, 3}, .vectorExpression = true}};
     }
-    NodeValue evaluate(const EvalContext&, const NodeInputs& inputs) override { return inputs.values[0]; }
+    NodeValue evaluate(const EvalContext&, const NodeInputs& inputs) override {
+        return inputs.values[0];
+    }
 };
 
 /// A field that is as plain as can be: batches come from the base class.
@@ -45,7 +47,9 @@ GuidesPtr makeGuides(std::initializer_list<const char*> layers) {
         const Vec3f root{float(g % 4) * 3.0f - 5.0f, 0.0f, float(g / 4) * 4.0f - 4.0f};
         GuideDetail detail;
         for (const char* layer : layers) detail.attributes[layer] = float(g) * 0.1f;
-        curves.push_back({std::uint64_t(g + 1), {}, {root, root + Vec3f{0, 2, 0}},
+        curves.push_back({std::uint64_t(g + 1),
+                          {},
+                          {root, root + Vec3f{0, 2, 0}},
                           std::make_shared<const GuideDetail>(detail)});
     }
     return std::make_shared<const GuideSet>(std::move(curves));
@@ -61,7 +65,8 @@ protected:
         mesh.addColorSet("paint", colors);
         data.scalp = std::make_shared<const ScalpMesh>(std::move(mesh));
         bare = std::make_shared<const ScalpMesh>(makeIcosphere(1, 5.0f));
-        strands = makeTuft({.strands = 700, .pointsPerStrand = 9, .seed = 4, .uneven = true, .triangles = 128});
+        strands = makeTuft(
+            {.strands = 700, .pointsPerStrand = 9, .seed = 4, .uneven = true, .triangles = 128});
         for (float& v : strands.mutableStrandChannel("mask", 0.0f)) v = 0.25f;
         picture = folder.file("p.png");
         writePng(picture, 32, 32, 4, makePixels(32, 32, 4, [](int x, int y, int c) {
@@ -88,11 +93,13 @@ protected:
                          MapComponent component = MapComponent::Luminance) {
         return {kind, std::move(source), component, low, high};
     }
-    FieldPtr bound(const ParamValue& value, const std::string& param = "shape", const GuidesPtr& guides = nullptr) {
+    FieldPtr bound(const ParamValue& value, const std::string& param = "shape",
+                   const GuidesPtr& guides = nullptr) {
         op.set(param, value);
         return fieldFromParam(op, param, EvalContext(data), strands, guides);
     }
-    FieldPtr unbound(const ParamValue& value, const std::string& param = "shape", const GuidesPtr& guides = nullptr) {
+    FieldPtr unbound(const ParamValue& value, const std::string& param = "shape",
+                     const GuidesPtr& guides = nullptr) {
         op.set(param, value);
         return fieldFromParam(op, param, EvalContext(data), guides);
     }
@@ -110,7 +117,8 @@ protected:
             {"guide layer", bound(map(MapKind::GuideLayer, "layer", 0.0f, 2.0f), "shape", guides)},
             {"strand expression", bound(map(MapKind::Expression, "tone * 2 + P.x", 0.0f, 2.0f))},
             {"point expression", bound(map(MapKind::Expression, "t * share + 0.25"))},
-            {"map expression", bound(map(MapKind::Expression, "map(\"vertices\") + map(\"image\", \"r\")"))},
+            {"map expression",
+             bound(map(MapKind::Expression, "map(\"vertices\") + map(\"image\", \"r\")"))},
         };
         op.unset("shape");
         op.drive("shape", Operator::DrivenField{std::make_shared<const PlaceField>(), 0.5f});
@@ -131,7 +139,8 @@ protected:
 TEST_F(FieldTest, BatchesGiveTheBitsOfSingleSamples) {
     SplitMix random(6);
     std::vector<std::uint32_t> some;
-    for (int i = 0; i < 600; ++i) some.push_back(std::uint32_t(random.nextU64() % strands.strandCount()));
+    for (int i = 0; i < 600; ++i)
+        some.push_back(std::uint32_t(random.nextU64() % strands.strandCount()));
     std::size_t points = 0;
     for (const std::uint32_t s : some) points += strands.pointCountOf(s);
     for (const auto& [name, field] : everyKind()) {
@@ -159,7 +168,8 @@ TEST_F(FieldTest, BatchesGiveTheBitsOfSingleSamples) {
                 }
             }
         }
-        const bool flat = name == "constant" || name == "guide channel" || name.starts_with("point");
+        const bool flat =
+            name == "constant" || name == "guide channel" || name.starts_with("point");
         EXPECT_EQ(varies, !flat);
     }
 }
@@ -192,16 +202,19 @@ TEST_F(FieldTest, EachKindGivesItsOwnNumbers) {
     for (std::size_t s = 0; s < strands.strandCount(); ++s) {
         EXPECT_EQ(attribute->sampleStrand(strands, s), 2.0f + 3.0f * tone[s]);
         EXPECT_EQ(formula->sampleStrand(strands, s), 10.0f + 10.0f * (tone[s] + 1.0f));
-        EXPECT_EQ(along->sampleStrand(strands, s), share[strands.offsets()[s]]) << "the first point";
+        EXPECT_EQ(along->sampleStrand(strands, s), share[strands.offsets()[s]])
+            << "the first point";
         EXPECT_EQ(along->samplePoint(strands, s, 1), share[strands.offsets()[s] + 1]);
-        EXPECT_NEAR(paint->sampleStrand(strands, s), data.scalp->mixCorners(colors, strands.roots()[s]).b, 1e-6f);
+        EXPECT_NEAR(paint->sampleStrand(strands, s),
+                    data.scalp->mixCorners(colors, strands.roots()[s]).b, 1e-6f);
     }
     EXPECT_EQ(attribute->maxValue(), 5.0f);
     EXPECT_EQ(bound(map(MapKind::Attribute, "tone", 4.0f, -1.0f))->maxValue(), 4.0f);
     EXPECT_EQ(bound(0.25)->maxValue(), 0.25f);
     EXPECT_EQ(bound(0.25)->constant(), 0.25f);
     EXPECT_EQ(attribute->constant(), std::nullopt);
-    EXPECT_EQ(boundTo(attribute, strands)->sampleStrand(strands, 5), attribute->sampleStrand(strands, 5));
+    EXPECT_EQ(boundTo(attribute, strands)->sampleStrand(strands, 5),
+              attribute->sampleStrand(strands, 5));
 }
 
 TEST_F(FieldTest, BindingMakesACopyAndOnlyWhereThereIsWhatToBind) {
@@ -209,7 +222,8 @@ TEST_F(FieldTest, BindingMakesACopyAndOnlyWhereThereIsWhatToBind) {
     EXPECT_EQ(bound(map(MapKind::Texture, picture))->bind(strands), nullptr);
     EXPECT_EQ(bound(map(MapKind::ColorSet, "paint"))->bind(strands), nullptr);
     const StrandSet other = makeTuft({.strands = 300, .seed = 9, .triangles = 128});
-    for (const auto& source : {map(MapKind::Attribute, "tone"), map(MapKind::Expression, "tone + t")}) {
+    for (const auto& source :
+         {map(MapKind::Attribute, "tone"), map(MapKind::Expression, "tone + t")}) {
         const FieldPtr first = bound(source);
         const FieldPtr second = boundTo(first, other);
         EXPECT_NE(first, second);
@@ -255,10 +269,12 @@ TEST_F(FieldTest, SaysWhatAFieldReads) {
 
 TEST_F(FieldTest, ALayerIsReadFromStrandsFirstThenFromGuides) {
     const GuidesPtr guides = makeGuides({"mask", "layer"});
-    EXPECT_EQ(bound(map(MapKind::GuideLayer, "mask"), "amount", guides)->sampleStrand(strands, 3), 0.25f);
+    EXPECT_EQ(bound(map(MapKind::GuideLayer, "mask"), "amount", guides)->sampleStrand(strands, 3),
+              0.25f);
     const NamedMapPtr byPlace = guideLayerMap(guides, data.scalp, "layer");
     const FieldPtr layer = bound(map(MapKind::GuideLayer, "layer"), "amount", guides);
-    EXPECT_EQ(layer->sampleStrand(strands, 3), byPlace->at({}, strands.pointsOf(3)[0], MapComponent::R));
+    EXPECT_EQ(layer->sampleStrand(strands, 3),
+              byPlace->at({}, strands.pointsOf(3)[0], MapComponent::R));
     // A node that makes strands reads attributes as layers.
     const FieldPtr source = unbound(map(MapKind::Attribute, "layer"), "amount", guides);
     EXPECT_EQ(source->sampleAt({1, 0, 1}), byPlace->at({}, {1, 0, 1}, MapComponent::R));
@@ -301,18 +317,23 @@ TEST_F(FieldTest, SaysWhatIsWrongWithAMap) {
         {map(MapKind::GuideLayer, "none"), kStrands, guides, scalp,
          "param 'amount': no guide carries the layer 'none'"},
         {map(MapKind::GuideLayer, "none"), kStrands, nullptr, scalp,
-         "param 'amount': no guide layer 'none' on the strands (Interpolate writes it; paint it on the guides)"},
+         "param 'amount': no guide layer 'none' on the strands (Interpolate writes it; paint it on "
+         "the guides)"},
         {map(MapKind::Attribute, "none"), kNoStrands, nullptr, scalp,
-         "param 'amount': no strands yet, so 'none' must be a layer painted on the guides, with the "
+         "param 'amount': no strands yet, so 'none' must be a layer painted on the guides, with "
+         "the "
          "guides connected to this node"},
         {map(MapKind::Attribute, "none"), kStrands, guides, scalp,
          "param 'amount': strands have no attribute 'none'"},
         {map(MapKind::Expression, "none * 2"), kStrands, nullptr, scalp,
-         "param 'amount': the expression reads 'none', which is neither a variable nor a channel of the strands"},
+         "param 'amount': the expression reads 'none', which is neither a variable nor a channel "
+         "of the strands"},
         {map(MapKind::Expression, "clumpId"), kNoStrands, nullptr, scalp,
-         "param 'amount': the expression reads 'clumpId', which is neither a variable nor a channel of the strands"},
+         "param 'amount': the expression reads 'clumpId', which is neither a variable nor a "
+         "channel of the strands"},
         {map(MapKind::Expression, "length"), kNoStrands, nullptr, scalp,
-         "param 'amount': the expression reads strands, and there are none yet: use P, N, u, v, noise or maps"},
+         "param 'amount': the expression reads strands, and there are none yet: use P, N, u, v, "
+         "noise or maps"},
     };
     for (const auto& c : kCases) {
         data.scalp = c.scalp;
@@ -355,7 +376,8 @@ TEST_F(FieldTest, SaysWhatIsWrongWithAMapInAnExpression) {
             fieldFromParam(op, "amount", EvalContext(data), strands, c.guides);
             ADD_FAILURE() << "nothing was thrown: " << c.message;
         } catch (const GraphError& error) {
-            EXPECT_THAT(error.what(), testing::HasSubstr("map(\"" + std::string(c.name) + "\"): " + c.message));
+            EXPECT_THAT(error.what(),
+                        testing::HasSubstr("map(\"" + std::string(c.name) + "\"): " + c.message));
             EXPECT_THAT(error.what(), testing::StartsWith("param 'amount': "));
         }
     }
@@ -376,7 +398,8 @@ TEST_F(FieldTest, AFieldOfStrandsCannotDriveANodeThatMakesThem) {
         fieldFromParam(op, "amount", EvalContext(data));
         ADD_FAILURE();
     } catch (const GraphError& error) {
-        EXPECT_THAT(error.what(), testing::StartsWith("param 'amount': no strands yet, so the field"));
+        EXPECT_THAT(error.what(),
+                    testing::StartsWith("param 'amount': no strands yet, so the field"));
     }
 }
 
@@ -404,7 +427,9 @@ TEST_F(FieldTest, VectorsAreConstantsOrExpressions) {
         vectorFromParam(op, "axis", context, strands);
         ADD_FAILURE();
     } catch (const GraphError& error) {
-        EXPECT_STREQ(error.what(), "param 'axis': a vector takes an expression (a colorSet map gives one number)");
+        EXPECT_STREQ(
+            error.what(),
+            "param 'axis': a vector takes an expression (a colorSet map gives one number)");
     }
 }
 
@@ -415,11 +440,16 @@ TEST(ExpressionReads, FindsTheWordsThatMatter) {
         const char* text;
         bool time, maps, surface;
     } kCases[] = {
-        {"1 + length", false, false, false}, {"frame", true, false, false},
-        {"sin(time*2)", true, false, false}, {"timer + frames + atime", false, false, false},
-        {"$time + $N", false, false, false}, {"2 * N.x", false, false, true},
-        {"u", false, false, true},           {"1e5 + 3u", false, false, false},
-        {"cmap(\"a\").x", false, true, true}, {"map(\"a\")", false, true, true},
+        {"1 + length", false, false, false},
+        {"frame", true, false, false},
+        {"sin(time*2)", true, false, false},
+        {"timer + frames + atime", false, false, false},
+        {"$time + $N", false, false, false},
+        {"2 * N.x", false, false, true},
+        {"u", false, false, true},
+        {"1e5 + 3u", false, false, false},
+        {"cmap(\"a\").x", false, true, true},
+        {"map(\"a\")", false, true, true},
         {"$a = time;\n$a", true, false, false},
     };
     for (const auto& c : kCases) {
@@ -445,7 +475,8 @@ TEST_F(FieldTest, TheHashOfReadsFollowsWhatIsRead) {
             if (what == kTime) other.frame = 12.0;
             if (what == kCatalog) {
                 auto catalog = std::make_shared<MapCatalogValue>(*data.maps);
-                catalog->maps["vertices"].values = std::make_shared<const std::vector<float>>(81, 0.5f);
+                catalog->maps["vertices"].values =
+                    std::make_shared<const std::vector<float>>(81, 0.5f);
                 other.maps = catalog;
             }
             if (what == kLayer || what == kShape) {
@@ -461,13 +492,20 @@ TEST_F(FieldTest, TheHashOfReadsFollowsWhatIsRead) {
         return moved;
     };
     using testing::ElementsAre;
-    EXPECT_THAT(changes(map(MapKind::Texture, picture)), ElementsAre(true, true, false, false, false, false));
-    EXPECT_THAT(changes(map(MapKind::ColorSet, "paint")), ElementsAre(true, false, false, false, false, false));
-    EXPECT_THAT(changes(map(MapKind::GuideLayer, "layer")), ElementsAre(false, false, false, false, true, false));
-    EXPECT_THAT(changes(map(MapKind::Expression, "length")), ElementsAre(false, false, false, false, false, false));
-    EXPECT_THAT(changes(map(MapKind::Expression, "u")), ElementsAre(true, false, false, false, false, false));
-    EXPECT_THAT(changes(map(MapKind::Expression, "frame")), ElementsAre(false, false, true, false, false, false));
-    EXPECT_THAT(changes(map(MapKind::Expression, "map(\"image\")")), ElementsAre(true, true, false, true, true, false));
+    EXPECT_THAT(changes(map(MapKind::Texture, picture)),
+                ElementsAre(true, true, false, false, false, false));
+    EXPECT_THAT(changes(map(MapKind::ColorSet, "paint")),
+                ElementsAre(true, false, false, false, false, false));
+    EXPECT_THAT(changes(map(MapKind::GuideLayer, "layer")),
+                ElementsAre(false, false, false, false, true, false));
+    EXPECT_THAT(changes(map(MapKind::Expression, "length")),
+                ElementsAre(false, false, false, false, false, false));
+    EXPECT_THAT(changes(map(MapKind::Expression, "u")),
+                ElementsAre(true, false, false, false, false, false));
+    EXPECT_THAT(changes(map(MapKind::Expression, "frame")),
+                ElementsAre(false, false, true, false, false, false));
+    EXPECT_THAT(changes(map(MapKind::Expression, "map(\"image\")")),
+                ElementsAre(true, true, false, true, true, false));
     EXPECT_TRUE(mapReadsTime(map(MapKind::Expression, "frame")));
     EXPECT_FALSE(mapReadsTime(map(MapKind::Attribute, "frame")));
 }

@@ -41,6 +41,7 @@ struct NodeResult {
     std::uint64_t previousHash = 0;                  ///< 0: changes are not known
     std::vector<StrandChangesPtr> changes;           ///< per output, against the outputs at previousHash
     std::vector<std::string> runWarnings;
+    std::string runDetails;  ///< what the operator told of its run
     std::string statusText;
 };
 

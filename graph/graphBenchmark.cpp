@@ -20,9 +20,10 @@ struct WarmChain {
         last = addTestNode(graph, "TestTuft", "tuft");
         graph.setParam(last, "strands", strands);
         graph.setParam(last, "points", double(kPoints));
-        for (const char* type : {"TestMove", "TestTag", "TestWidth", "TestMove", "Flyaway", "TestWidth",
-                                 "TestMove", "TestTag", "TestWidth"}) {
-            const NodeId next = addTestNode(graph, type, "n" + std::to_string(graph.nodes().size()));
+        for (const char* type : {"TestMove", "TestTag", "TestWidth", "TestMove", "Flyaway",
+                                 "TestWidth", "TestMove", "TestTag", "TestWidth"}) {
+            const NodeId next =
+                addTestNode(graph, type, "n" + std::to_string(graph.nodes().size()));
             graph.connect(last, 0, next, 0);
             last = next;
         }
@@ -70,7 +71,8 @@ void timeAffect(benchmark::State& state) {
     for (std::size_t i = 0; i < once.pointCount(); ++i)
         if (once.points()[i] != mix(load.before.points()[i], load.after.points()[i], 0.3f))
             return state.SkipWithError("result differs from the baseline");
-    for (auto _ : state) benchmark::DoNotOptimize(blendStrands(load.before, load.after, *load.weight));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(blendStrands(load.before, load.after, *load.weight));
     state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
 }
 BENCHMARK(timeAffect)->Name("affect/blendStrands")->UseRealTime();
@@ -116,7 +118,10 @@ void timeStroke(benchmark::State& state) {
     setIncrementalEvaluation(true);
 }
 BENCHMARK(timeStroke<false>)->Name("stroke/full")->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(timeStroke<true>)->Name("stroke/incremental")->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(timeStroke<true>)
+    ->Name("stroke/incremental")
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace corvelle

@@ -211,6 +211,42 @@ bool feeds(const Json& graph, const std::string& target, const std::string& name
     return false;
 }
 
+/// Makes a field or curve feed a param, in the form in which the node holds its param inputs.
+void feedParam(Json& target, const ParamSpec& param, const std::string& from,
+               const std::string& output) {
+    Json entry = {{"from", from}};
+    if (!output.empty()) entry["output"] = output;
+    if (std::holds_alternative<double>(param.defaultValue)) {
+        // A field drives as field x scale, by default the param's own number: 0 would mute it.
+        const auto params = target.find("params");
+        const bool held =
+            params != target.end() && params->is_object() && params->contains(param.name);
+        const Json own = held ? (*params)[param.name] : paramToJson(param.defaultValue);
+        if (own.is_number() && own.get<double>() == 0.0) entry["scale"] = 1;
+    }
+    eraseParamInputs(target, [&](const std::string& p, const Json&) { return p == param.name; });
+    Json& inputs = target["paramInputs"];
+    if (inputs.is_array()) {
+        entry["param"] = param.name;
+        inputs.push_back(std::move(entry));
+    } else {
+        if (!inputs.is_object()) inputs = Json::object();
+        inputs[param.name] = std::move(entry);
+    }
+}
+
+/// Curves given to a Clump are meant as its centers, not to be picked from the strands.
+void useCenters(Json& clump, const Operator& op) {
+    Json& params = clump["params"];
+    if (!params.is_object()) params = Json::object();
+    const ParamSpec* spec = op.paramSpec("centersFrom");
+    const std::string now = params.contains("centersFrom") ? textAt(params, "centersFrom")
+                            : spec && std::holds_alternative<std::string>(spec->defaultValue)
+                                ? std::get<std::string>(spec->defaultValue)
+                                : "pick";
+    if (now == "pick") params["centersFrom"] = "inputPoints";
+}
+
 }  // namespace
 
 void GraphEdit::connect(const std::string& from, const std::string& output, const std::string& to,
@@ -224,11 +260,14 @@ void GraphEdit::connect(const std::string& from, const std::string& output, cons
     const auto& ins = target->inputPorts();
     const std::size_t in = input.empty() ? ins.size() : portIndex(ins, input);
     const ParamSpec* param = in < ins.size() ? nullptr : target->paramSpec(input);
-    const bool number = param && std::holds_alternative<double>(param->defaultValue) && param->isMappable();
+    const bool number =
+        param && std::holds_alternative<double>(param->defaultValue) && param->isMappable();
     const bool ramp = param && std::holds_alternative<Ramp>(param->defaultValue);
     if (in >= ins.size() && !number && !ramp)
         throw GraphError("node '" + to + "' has no input '" + input + "'");
-    const PortType wanted = in < ins.size() ? ins[in].type : ramp ? PortType::Curve : PortType::Field;
+    const PortType wanted = in < ins.size() ? ins[in].type
+                            : ramp          ? PortType::Curve
+                                            : PortType::Field;
     if (!portsFit(outs[out].type, wanted))
         throw GraphError("cannot connect " + from + " (it gives " + portTypeName(outs[out].type) +
                          ") to " + to + " (it takes " + portTypeName(wanted) + ")");
@@ -236,54 +275,23 @@ void GraphEdit::connect(const std::string& from, const std::string& output, cons
         throw GraphError("connecting " + from + " to " + to + " would create a cycle");
 
     const std::string outName = outs.size() > 1 ? outs[out].name : std::string();
-    if (in >= ins.size()) {
-        Json entry = {{"from", from}};
-        if (!outName.empty()) entry["output"] = outName;
-        if (number) {
-            // A field drives as field x scale, by default the param's own number: 0 would mute it.
-            const auto params = targetJson.find("params");
-            const Json own = params != targetJson.end() && params->is_object() && params->contains(input)
-                                 ? (*params)[input]
-                                 : paramToJson(param->defaultValue);
-            if (own.is_number() && own.get<double>() == 0.0) entry["scale"] = 1;
-        }
-        eraseParamInputs(targetJson, [&](const std::string& p, const Json&) { return p == input; });
-        Json& inputs = targetJson["paramInputs"];
-        if (inputs.is_array()) {
-            entry["param"] = input;
-            inputs.push_back(std::move(entry));
-        } else {
-            if (!inputs.is_object()) inputs = Json::object();
-            inputs[input] = std::move(entry);
-        }
-        return;
-    }
+    if (in >= ins.size()) return feedParam(targetJson, *param, from, outName);
     disconnect(to, input);
     Json connection = {{"from", from}, {"to", to}, {"input", input}};
     if (!outName.empty()) connection["output"] = outName;
     listAt(graph_, "connections").push_back(std::move(connection));
-    // Curves given to a Clump are meant as its centers, not to be picked from the strands.
-    if (target->type() == "Clump" && input == "centers") {
-        Json& params = targetJson["params"];
-        if (!params.is_object()) params = Json::object();
-        const ParamSpec* spec = target->paramSpec("centersFrom");
-        const std::string now = params.contains("centersFrom") ? textAt(params, "centersFrom")
-                                : spec && std::holds_alternative<std::string>(spec->defaultValue)
-                                    ? std::get<std::string>(spec->defaultValue)
-                                    : "pick";
-        if (now == "pick") params["centersFrom"] = "inputPoints";
-    }
+    if (target->type() == "Clump" && input == "centers") useCenters(targetJson, *target);
 }
 
 bool GraphEdit::disconnect(const std::string& to, const std::string& input) {
     Json& target = node(to);
     Json& connections = listAt(graph_, "connections");
     const std::size_t before = connections.size();
-    connections.erase(std::remove_if(connections.begin(), connections.end(),
-                                     [&](const Json& c) {
-                                         return textAt(c, "to") == to && textAt(c, "input") == input;
-                                     }),
-                      connections.end());
+    connections.erase(
+        std::remove_if(
+            connections.begin(), connections.end(),
+            [&](const Json& c) { return textAt(c, "to") == to && textAt(c, "input") == input; }),
+        connections.end());
     const bool param =
         eraseParamInputs(target, [&](const std::string& p, const Json&) { return p == input; });
     return param || connections.size() != before;
@@ -325,9 +333,12 @@ void GraphEdit::setBypass(const std::string& name, bool bypass) {
         changed.erase("bypass");
 }
 
-// ---- seeds ---------------------------------------------------------------------------------------
+// ---- seeds
+// ---------------------------------------------------------------------------------------
 
 namespace {
+
+using Names = std::set<std::string>;
 
 /// Where a node's strands come from: for a Scatter what feeds it, else the nodes upstream that make
 /// strands (and with them ids). Equal seeds collide where these meet.
@@ -341,47 +352,62 @@ public:
         if (list == graph.end() || !list->is_array()) return;
         for (const Json& c : *list)
             if (sideInputs().count(textAt(c, "input")) == 0)
-                feeds_.emplace(textAt(c, "to"), textAt(c, "from"));
+                feeds_[textAt(c, "to")].push_back(textAt(c, "from"));
     }
 
-    std::set<std::string> of(const std::string& name) const {
-        std::set<std::string> sources, seen{name};
-        std::vector<std::string> stack{name};
-        while (!stack.empty()) {
-            const std::string at = std::move(stack.back());
-            stack.pop_back();
-            const auto [begin, end] = feeds_.equal_range(at);
-            const auto type = types_.find(at);
-            const bool maker = at != name && type != types_.end() && makers().contains(type->second);
-            if (begin == end || maker) {
-                if (at != name) sources.insert(at);
-                continue;
-            }
-            for (auto it = begin; it != end; ++it)
-                if (seen.insert(it->second).second) stack.push_back(it->second);
-        }
+    Names of(const std::string& name) {
+        Names sources;
+        if (const auto feeds = feeds_.find(name); feeds != feeds_.end())
+            for (const std::string& from : feeds->second) sources.merge(Names(ends(from)));
         return sources;
     }
 
 private:
-    static const std::set<std::string>& makers() {
-        static const std::set<std::string> types = {"Scatter",   "Propagate", "ImportCurves",
-                                                    "Reference", "ToStrands", "Input"};
+    static const Names& makers() {
+        static const Names types = {"Scatter",   "Propagate", "ImportCurves",
+                                    "Reference", "ToStrands", "Input"};
         return types;
     }
     /// Inputs that shape strands but give them no ids.
-    static const std::set<std::string>& sideInputs() {
-        static const std::set<std::string> names = {"guides",  "collider", "water",     "centers",
-                                                    "braids",  "axes",     "reference", "mesh"};
+    static const Names& sideInputs() {
+        static const Names names = {"guides", "collider", "water",     "centers",
+                                    "braids", "axes",     "reference", "mesh"};
         return names;
     }
+    bool isEnd(const std::string& name) const {
+        const auto type = types_.find(name);
+        return !feeds_.contains(name) || (type != types_.end() && makers().contains(type->second));
+    }
+
+    /// The node itself where the way up ends, else what those that feed it give. Worked out once a
+    /// node, feeders first; what lies on a cycle gives nothing.
+    const Names& ends(const std::string& name) {
+        std::vector<std::string> stack{name};
+        while (!stack.empty()) {
+            const std::string at = stack.back();
+            const auto [entry, isNew] = ends_.try_emplace(at);
+            if (isEnd(at)) {
+                entry->second = {at};
+                stack.pop_back();
+            } else if (isNew) {
+                for (const std::string& from : feeds_.at(at))
+                    if (!ends_.contains(from)) stack.push_back(from);
+            } else {
+                for (const std::string& from : feeds_.at(at))
+                    if (from != at) entry->second.merge(Names(ends_.at(from)));
+                stack.pop_back();
+            }
+        }
+        return ends_.at(name);
+    }
+
     std::map<std::string, std::string> types_;
-    std::multimap<std::string, std::string> feeds_;
+    std::map<std::string, std::vector<std::string>> feeds_;
+    std::map<std::string, Names> ends_;
 };
 
-bool meet(const std::set<std::string>& a, const std::set<std::string>& b) {
-    return std::any_of(a.begin(), a.end(), [&](const std::string& s) { return b.contains(s); });
-}
+/// A graph of thousands of alike nodes has millions of pairs: so many are told.
+constexpr std::size_t kMostCollisions = 100;
 
 }  // namespace
 
@@ -389,24 +415,33 @@ std::vector<std::string> seedCollisions(const Json& graph) {
     std::vector<std::string> warnings;
     const auto nodes = graph.is_object() ? graph.find("nodes") : graph.end();
     if (!graph.is_object() || nodes == graph.end() || !nodes->is_array()) return warnings;
-    const StrandSources sources(graph);
-    struct Seeded {
-        std::string name;
-        std::set<std::string> from;
+    struct Alike {  // nodes of one type and seed
+        std::vector<std::string> names;
+        std::map<std::string, std::vector<std::size_t>> bySource;
     };
-    std::map<std::pair<std::string, double>, std::vector<Seeded>> groups;
+    StrandSources sources(graph);
+    std::map<std::pair<std::string, double>, Alike> groups;
     for (const Json& node : *nodes) {
         const std::string type = textAt(node, "type");
         const auto seeded = seededTypes().find(type);
         if (seeded == seededTypes().end()) continue;
         const std::string name = textAt(node, "name");
-        std::vector<Seeded>& alike = groups[{type, seedOf(node)}];
-        Seeded mine{name, sources.of(name)};
-        for (const Seeded& other : alike)
-            if (meet(other.from, mine.from))
-                warnings.push_back(other.name + " and " + name + ": " + seeded->second +
-                                   "; give each its own seed");
-        alike.push_back(std::move(mine));
+        Alike& alike = groups[{type, seedOf(node)}];
+        std::set<std::size_t> others;
+        for (const std::string& source : sources.of(name)) {
+            std::vector<std::size_t>& known = alike.bySource[source];
+            others.insert(known.begin(), known.end());
+            known.push_back(alike.names.size());
+        }
+        alike.names.push_back(name);
+        for (const std::size_t other : others) {
+            if (warnings.size() == kMostCollisions) {
+                warnings.emplace_back("more nodes have the same seed; give each its own");
+                return warnings;
+            }
+            warnings.push_back(alike.names[other] + " and " + name + ": " + seeded->second +
+                               "; give each its own seed");
+        }
     }
     return warnings;
 }

@@ -33,7 +33,8 @@ private:
     nlohmann::json graph_;
 };
 
-/// Warnings for nodes of one type with the same seed whose results would match.
+/// Warnings for nodes of one type with the same seed whose results would match: the first 100 pairs,
+/// and a line that says so where there are more.
 std::vector<std::string> seedCollisions(const nlohmann::json& graph);
 
 /// Scales the lengths a graph was made for by `factor`: length and width units times it, density over

@@ -1,7 +1,6 @@
-#include "graph/graphEdit.h"
-
 #include <gmock/gmock.h>
 
+#include "graph/graphEdit.h"
 #include "graph/graphJson.h"
 #include "graph/testing/testOperators.h"
 
@@ -30,7 +29,9 @@ public:
         return {{"strands", PortType::Strands}, {"centers", PortType::Curves, true}};
     }
     std::vector<ParamSpec> spec() const override {
-        return {{.name = "centersFrom", .defaultValue = std::string("pick"), .choices = {"pick", "inputPoints"}}};
+        return {{.name = "centersFrom",
+                 .defaultValue = std::string("pick"),
+                 .choices = {"pick", "inputPoints"}}};
     }
     NodeValue evaluate(const EvalContext&, const NodeInputs& inputs) override {
         return requireStrands(*this, inputs);
@@ -46,7 +47,10 @@ protected:
         return {{"version", 1},
                 {"nodes",
                  {{{"name", "tuft"}, {"type", "TestTuft"}, {"myKey", 5}},
-                  {{"name", "move"}, {"type", "TestMove"}, {"params", {{"amount", 0.5}}}, {"position", {1, 2}}},
+                  {{"name", "move"},
+                   {"type", "TestMove"},
+                   {"params", {{"amount", 0.5}}},
+                   {"position", {1, 2}}},
                   {{"name", "field"}, {"type", "TestField"}},
                   {{"name", "curve"}, {"type", "TestCurve"}},
                   {{"name", "split"}, {"type", "TestSplit"}},
@@ -64,15 +68,22 @@ TEST_F(GraphEditTest, AddedNodesGetFreeNames) {
     EXPECT_EQ(edit.addNode("TestMove", "", nullptr, nullptr), "testMove");
     EXPECT_EQ(edit.addNode("TestMove", "", nullptr, nullptr), "testMove2");
     EXPECT_EQ(edit.addNode("TestMove", "move", {{"share", 1}}, {4, 5}), "move2");
-    EXPECT_EQ(edit.node("move2"),
-              json({{"name", "move2"}, {"type", "TestMove"}, {"version", 1}, {"params", {{"share", 1}}}, {"position", {4, 5}}}));
-    EXPECT_EQ(errorOf([&] { edit.addNode("Kite", "", nullptr, nullptr); }), "unknown operator type 'Kite'");
-    EXPECT_EQ(errorOf([&] { edit.addNode("TestMove", "", 5, nullptr); }), "a node's params are a JSON object");
+    EXPECT_EQ(edit.node("move2"), json({{"name", "move2"},
+                                        {"type", "TestMove"},
+                                        {"version", 1},
+                                        {"params", {{"share", 1}}},
+                                        {"position", {4, 5}}}));
+    EXPECT_EQ(errorOf([&] { edit.addNode("Kite", "", nullptr, nullptr); }),
+              "unknown operator type 'Kite'");
+    EXPECT_EQ(errorOf([&] { edit.addNode("TestMove", "", 5, nullptr); }),
+              "a node's params are a JSON object");
     EXPECT_EQ(errorOf([&] { graphFromJson(edit.json()); }), "no error");
 }
 
 TEST_F(GraphEditTest, SeedsDifferFromTheStart) {
-    const auto seedOf = [&](const std::string& name) { return edit.node(name)["params"].value("seed", 0); };
+    const auto seedOf = [&](const std::string& name) {
+        return edit.node(name)["params"].value("seed", 0);
+    };
     edit.addNode("Flyaway", "a", nullptr, nullptr);
     edit.addNode("Flyaway", "b", nullptr, nullptr);
     edit.addNode("Flyaway", "c", {{"seed", 0}}, nullptr);
@@ -121,24 +132,30 @@ TEST_F(GraphEditTest, ConnectReplacesAndChecks) {
     edit.connect("split", "b", "width", "strands");
     const json& list = edit.json()["connections"];
     EXPECT_EQ(list.size(), 3u);
-    EXPECT_EQ(list.back(), json({{"from", "split"}, {"to", "width"}, {"input", "strands"}, {"output", "b"}}));
-    const std::vector<std::tuple<std::string, std::string, std::string, std::string, std::string>> cases = {
-        {"nobody", "", "width", "strands", "no node named nobody"},
-        {"tuft", "", "nobody", "strands", "no node named nobody"},
-        {"tuft", "", "width", "hair", "node 'width' has no input 'hair'"},
-        {"tuft", "", "width", "", "node 'width' has no input ''"},
-        {"tuft", "x", "width", "strands", "node 'tuft' has no output 'x'"},
-        {"field", "", "width", "strands", "cannot connect field (it gives Field) to width (it takes Strands)"},
-        {"tuft", "", "width", "width", "cannot connect tuft (it gives Strands) to width (it takes Field)"},
-        {"field", "", "move", "profile", "cannot connect field (it gives Field) to move (it takes Curve)"},
-        {"field", "", "move", "share", "node 'move' has no input 'share'"},
-        {"width", "", "tuft", "strands", "node 'tuft' has no input 'strands'"},
-        {"width", "", "split", "strands", "connecting width to split would create a cycle"},
-        {"move", "", "move", "strands", "connecting move to move would create a cycle"},
-    };
+    EXPECT_EQ(list.back(),
+              json({{"from", "split"}, {"to", "width"}, {"input", "strands"}, {"output", "b"}}));
+    const std::vector<std::tuple<std::string, std::string, std::string, std::string, std::string>>
+        cases = {
+            {"nobody", "", "width", "strands", "no node named nobody"},
+            {"tuft", "", "nobody", "strands", "no node named nobody"},
+            {"tuft", "", "width", "hair", "node 'width' has no input 'hair'"},
+            {"tuft", "", "width", "", "node 'width' has no input ''"},
+            {"tuft", "x", "width", "strands", "node 'tuft' has no output 'x'"},
+            {"field", "", "width", "strands",
+             "cannot connect field (it gives Field) to width (it takes Strands)"},
+            {"tuft", "", "width", "width",
+             "cannot connect tuft (it gives Strands) to width (it takes Field)"},
+            {"field", "", "move", "profile",
+             "cannot connect field (it gives Field) to move (it takes Curve)"},
+            {"field", "", "move", "share", "node 'move' has no input 'share'"},
+            {"width", "", "tuft", "strands", "node 'tuft' has no input 'strands'"},
+            {"width", "", "split", "strands", "connecting width to split would create a cycle"},
+            {"move", "", "move", "strands", "connecting move to move would create a cycle"},
+        };
     const json before = edit.json();
     for (const auto& [from, output, to, input, error] : cases)
-        EXPECT_EQ(errorOf([&] { edit.connect(from, output, to, input); }), error) << from << to << input;
+        EXPECT_EQ(errorOf([&] { edit.connect(from, output, to, input); }), error)
+            << from << to << input;
     EXPECT_EQ(edit.json(), before);
     EXPECT_TRUE(edit.disconnect("width", "strands"));
     EXPECT_FALSE(edit.disconnect("width", "strands"));
@@ -227,28 +244,52 @@ TEST(SeedCollisions, AreFoundWhereStrandsComeFromOneSource) {
     connect("s1", "f1", "strands");
     connect("f1", "f2", "strands");
     connect("s4", "f3", "strands");
-    EXPECT_THAT(seedCollisions(graph),
-                ElementsAre("s1 and s2: their strands coincide (same roots and IDs); give each its own seed",
-                            "f1 and f2: they pick the same strays; give each its own seed"));
+    EXPECT_THAT(
+        seedCollisions(graph),
+        ElementsAre(
+            "s1 and s2: their strands coincide (same roots and IDs); give each its own seed",
+            "f1 and f2: they pick the same strays; give each its own seed"));
     EXPECT_TRUE(seedCollisions(json(5)).empty());
+    connect("f2", "f1", "strands");  // a cycle ends
+    EXPECT_THAT(seedCollisions(graph), testing::Contains(testing::HasSubstr("f1 and f2")));
     EXPECT_TRUE(seedCollisions({{"nodes", {5, nullptr}}, {"connections", 7}}).empty());
+}
+
+TEST(SeedCollisions, TellTheFirstHundredOfManyPairs) {
+    registerTestOperators();
+    json graph = {{"nodes", json::array()}, {"connections", json::array()}};
+    graph["nodes"].push_back({{"name", "s"}, {"type", "Scatter"}});
+    std::string last = "s";
+    for (int i = 0; i < 3000; ++i) {
+        const std::string name = "f" + std::to_string(i);
+        graph["nodes"].push_back({{"name", name}, {"type", "Flyaway"}});
+        graph["connections"].push_back({{"from", last}, {"to", name}, {"input", "strands"}});
+        last = name;
+    }
+    const std::vector<std::string> warnings = seedCollisions(graph);
+    ASSERT_EQ(warnings.size(), 101u);
+    EXPECT_EQ(warnings.front(), "f0 and f1: they pick the same strays; give each its own seed");
+    EXPECT_EQ(warnings.back(), "more nodes have the same seed; give each its own");
 }
 
 TEST(ScaleGraph, ScalesByUnitAndLeavesTheRest) {
     registerTestOperators();
-    json graph = {{"nodes",
-                   {{{"name", "a"},
-                     {"type", "TestMove"},
-                     {"params", {{"amount", {{"texture", "t"}, {"low", 1.0}}}, {"seed", 3}}}},
-                    {{"name", "b"}, {"type", "TestMove"}},
-                    {{"name", "t"}, {"type", "TestTag"}, {"params", {{"value", 8.0}}}},
-                    {{"name", "w"}, {"type", "TestWidth"}, {"params", {{"width", {{"expression", "1"}}}}}}}},
-                  {"output", "a"}};
+    json graph = {
+        {"nodes",
+         {{{"name", "a"},
+           {"type", "TestMove"},
+           {"params", {{"amount", {{"texture", "t"}, {"low", 1.0}}}, {"seed", 3}}}},
+          {{"name", "b"}, {"type", "TestMove"}},
+          {{"name", "t"}, {"type", "TestTag"}, {"params", {{"value", 8.0}}}},
+          {{"name", "w"}, {"type", "TestWidth"}, {"params", {{"width", {{"expression", "1"}}}}}}}},
+        {"output", "a"}};
     scaleGraph(graph, 2.0);
     EXPECT_EQ(graph["nodes"][0]["params"],
               json({{"amount", {{"texture", "t"}, {"low", 2.0}, {"high", 2.0}}}, {"seed", 3}}));
-    EXPECT_EQ(graph["nodes"][1]["params"], json({{"amount", 1.0}})) << "a default that changes is written";
-    EXPECT_EQ(graph["nodes"][2]["params"], json({{"value", 2.0}, {"rate", 1.0}})) << "density, perLength";
+    EXPECT_EQ(graph["nodes"][1]["params"], json({{"amount", 1.0}}))
+        << "a default that changes is written";
+    EXPECT_EQ(graph["nodes"][2]["params"], json({{"value", 2.0}, {"rate", 1.0}}))
+        << "density, perLength";
     EXPECT_EQ(graph["nodes"][3]["params"]["width"], json({{"expression", "1"}, {"high", 2.0}}));
     const json before = graph;
     scaleGraph(graph, 1.0);

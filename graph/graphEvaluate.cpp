@@ -15,6 +15,8 @@ namespace {
 constexpr const char* kAffectNotApplied =
     "affect is not applied: this node changes how many strands or points there are";
 
+constexpr const char* kBypassed = "bypass";
+
 using Clock = std::chrono::steady_clock;
 double millisecondsSince(Clock::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
@@ -35,9 +37,8 @@ std::string statusOf(bool incremental, const std::vector<StrandChangesPtr>& chan
 }
 
 bool anyUnknown(const std::vector<SlotChanges>& slots) {
-    return std::any_of(slots.begin(), slots.end(), [](const SlotChanges& s) {
-        return s.kind == SlotChanges::Kind::Unknown;
-    });
+    return std::any_of(slots.begin(), slots.end(),
+                       [](const SlotChanges& s) { return s.kind == SlotChanges::Kind::Unknown; });
 }
 bool allNone(const std::vector<SlotChanges>& slots) {
     return std::all_of(slots.begin(), slots.end(),
@@ -49,7 +50,8 @@ void keepEarlier(Node& node, NodeResult result) {
     if (node.earlier.size() > Node::kEarlierResults) node.earlier.resize(Node::kEarlierResults);
 }
 
-/// An operator that stopped half way leaves no good result; the one before stays findable by its hash.
+/// An operator that stopped half way leaves no good result; the one before stays findable by its
+/// hash.
 void fail(Node& node, const std::string& message) {
     node.lastError = message;
     if (!std::exchange(node.cached, false)) return;
@@ -100,7 +102,8 @@ NodeValue Graph::evaluate(NodeId outputNode, const EvaluationData& given) {
     const EvaluationData* data = &given;
     if (given.growSegments == 0) {
         grown = given;
-        // From the graph's own output also when another node is looked at: looking grows no hair anew.
+        // From the graph's own output also when another node is looked at: looking grows no hair
+        // anew.
         const NodeId from = nodes_.contains(output_) ? output_ : outputNode;
         grown.growSegments = growSegmentsFor(from, given.viewport);
         data = &grown;
@@ -118,18 +121,22 @@ NodeValue Graph::evaluate(NodeId outputNode, const EvaluationData& given) {
 
 bool Graph::Walk::run(NodeId target) {
     order(target);
+    const auto stop = [&](Node& node, const std::string& message) {
+        fail(node, message);
+        graph.warnings_.erase(node.id);  // those of an earlier result say nothing of this failure
+    };
     const auto guarded = [&](State& s, auto&& step) {
         Node& node = *s.node;
         try {
             return step();
         } catch (const std::bad_alloc&) {
-            fail(node, "out of memory");
+            stop(node, "out of memory");
             throw;
         } catch (const std::exception& error) {
-            fail(node, error.what());
+            stop(node, error.what());
             throw GraphError("node '" + node.op->name + "': " + error.what());
         } catch (...) {
-            fail(node, "evaluation failed");
+            stop(node, "evaluation failed");
             throw;
         }
     };
@@ -139,13 +146,11 @@ bool Graph::Walk::run(NodeId target) {
     states.back().needed = true;
     for (auto s = states.rbegin(); s != states.rend(); ++s) {
         const Node& n = *s->node;
-        s->kept =
-            (n.cached && n.cachedHash == s->hash) ||
-            std::any_of(n.earlier.begin(), n.earlier.end(),
-                        [&](const NodeResult& r) { return r.cachedHash == s->hash; });
+        s->kept = (n.cached && n.cachedHash == s->hash) ||
+                  std::any_of(n.earlier.begin(), n.earlier.end(),
+                              [&](const NodeResult& r) { return r.cachedHash == s->hash; });
         if (!s->needed || s->kept) continue;
-        for (const std::size_t slot : s->slots)
-            states[index.at(n.inputNodes[slot])].needed = true;
+        for (const std::size_t slot : s->slots) states[index.at(n.inputNodes[slot])].needed = true;
         if (!s->passes)
             for (const auto& [param, input] : n.paramInputs)
                 states[index.at(input.from)].needed = true;
@@ -200,9 +205,8 @@ std::vector<NodeValue> Graph::Walk::handedOutputs(State& s) const {
 bool Graph::Walk::restore(State& s) {
     Node& n = *s.node;
     if (n.cached && n.cachedHash == s.hash) return true;
-    const auto found = std::find_if(n.earlier.begin(), n.earlier.end(), [&](const NodeResult& r) {
-        return r.cachedHash == s.hash;
-    });
+    const auto found = std::find_if(n.earlier.begin(), n.earlier.end(),
+                                    [&](const NodeResult& r) { return r.cachedHash == s.hash; });
     if (found == n.earlier.end()) return false;
     NodeResult back = std::move(*found);
     n.earlier.erase(found);
@@ -227,7 +231,8 @@ bool Graph::Walk::evaluateNode(State& s) {
         n.lastError.clear();
         memo.emplace(s.hash, &n);
         graph.timings_[n.id] = millisecondsSince(start);
-        graph.status_[n.id] = n.statusText;
+        // A node that is off and has nothing to pass on runs, but is off all the same.
+        graph.status_[n.id] = graph.isActive(n, data.viewport) ? n.statusText : kBypassed;
         const std::string text = joined(n.runWarnings);
         if (text.empty())
             graph.warnings_.erase(n.id);
@@ -273,8 +278,9 @@ NodeInputs Graph::Walk::gather(const State& s) const {
         const bool nothing = isNothing(value);
         if (nothing && ports[slot].optional) continue;  // as if it were not connected
         if (!valueFits(value, ports[slot].type))
-            throw GraphError("input '" + ports[slot].name + "' takes " + portWord(ports[slot].type) +
-                             " but gets " + nodeValueWord(value) + " from the node before it");
+            throw GraphError("input '" + ports[slot].name + "' takes " +
+                             portWord(ports[slot].type) + " but gets " + nodeValueWord(value) +
+                             " from the node before it");
         in.values[slot] = std::move(value);
         in.connected[slot] = true;
         in.hashes[slot] = s.inputHashes[slot];
@@ -311,7 +317,8 @@ void Graph::Walk::driveParams(const State& s) {
     Operator& op = *n.op;
     for (const auto& [param, input] : n.paramInputs) {
         const Node& up = graph.node(input.from);
-        const NodeValue value = input.output < up.outputs.size() ? up.outputs[input.output] : NodeValue{};
+        const NodeValue value =
+            input.output < up.outputs.size() ? up.outputs[input.output] : NodeValue{};
         const ParamSpec* spec = op.paramSpec(param);
         if (!spec) throw GraphError("unknown parameter '" + param + "'");
         const bool ramp = std::holds_alternative<Ramp>(spec->defaultValue);
@@ -345,6 +352,7 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         result.outputs = previous;
         result.changes.assign(ports.size(), noChanges());
         fresh.runWarnings = n.runWarnings;
+        fresh.runDetails = n.runDetails;
         std::erase(fresh.runWarnings, kAffectNotApplied);
     } else {
         std::vector<NodeValue> handed = handedOutputs(s);
@@ -354,9 +362,11 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         if (!op.update(context, inputs, request, result)) {
             --n.runs;
             op.takeWarnings();
+            op.takeDetails();
             return false;
         }
         fresh.runWarnings = op.takeWarnings();
+        fresh.runDetails = op.takeDetails();
     }
     if (result.outputs.size() != ports.size())
         throw GraphError(op.type() + " made " + std::to_string(result.outputs.size()) +
@@ -369,12 +379,14 @@ bool Graph::Walk::tryUpdate(State& s, const NodeInputs& inputs,
         const std::vector<NodeValue> values =
             full.evaluateAll(EvalContext(data, op.contextReads()), inputs);
         full.takeWarnings();
+        full.takeDetails();
         for (std::size_t i = 0; i < ports.size(); ++i) {
             const std::string reason =
                 checkIncremental(result.outputs[i], i < values.size() ? values[i] : NodeValue{},
                                  previous[i], result.changes[i]);
             if (!reason.empty())
-                throw GraphError("output '" + ports[i].name + "' evaluated incrementally: " + reason);
+                throw GraphError("output '" + ports[i].name +
+                                 "' evaluated incrementally: " + reason);
         }
     }
     fresh.outputs = std::move(result.outputs);
@@ -417,12 +429,12 @@ void Graph::Walk::applyAffect(State& s, const NodeInputs& inputs,
         if (*after == before) continue;
         const StrandChangesPtr dirty =
             incremental && !wholeSet && n.affectHash == s.affectHash && !n.rawOutputs.empty()
-                ? unite(rawChanges[i], slots[0].kind == SlotChanges::Kind::None
-                                              ? noChanges()
-                                              : slots[0].changes)
+                ? unite(rawChanges[i],
+                        slots[0].kind == SlotChanges::Kind::None ? noChanges() : slots[0].changes)
                 : nullptr;
-        const auto* previous =
-            isList(dirty) && i < n.outputs.size() ? std::get_if<StrandsPtr>(&n.outputs[i]) : nullptr;
+        const auto* previous = isList(dirty) && i < n.outputs.size()
+                                   ? std::get_if<StrandsPtr>(&n.outputs[i])
+                                   : nullptr;
         // The one before must itself be a blend: an output of another layout went on as it was.
         const bool usable = previous && *previous && n.rawOutputs[i] != n.outputs[i];
         fresh.outputs[i] = std::make_shared<const StrandSet>(
@@ -465,16 +477,18 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
                 if (ports[i].type == PortType::Strands) fresh.outputs[i] = shared;
         }
         fresh.changes.resize(ports.size());
-        fresh.statusText = "bypass";
+        fresh.statusText = kBypassed;
     } else {
         driveParams(s);
         op.takeWarnings();
+        op.takeDetails();
         incremental = tryUpdate(s, inputs, slots, fresh);
         s.spares.clear();
         if (!incremental) {
             ++n.runs;
             fresh.outputs = op.evaluateAll(EvalContext(data, op.contextReads()), inputs);
             fresh.runWarnings = op.takeWarnings();
+            fresh.runDetails = op.takeDetails();
             if (fresh.outputs.size() != ports.size())
                 throw GraphError(op.type() + " made " + std::to_string(fresh.outputs.size()) +
                                  " values for " + std::to_string(ports.size()) + " outputs");
@@ -493,8 +507,9 @@ bool Graph::Walk::compute(State& s, NodeResult& fresh) {
     fresh.previousHash = n.cached && stated ? n.cachedHash : 0;
     if (!s.passes) {
         fresh.statusText = statusOf(incremental, fresh.changes);
-        if (std::string text = op.warning(EvalContext(data, op.contextReads())); !text.empty() &&
-            std::find(fresh.runWarnings.begin(), fresh.runWarnings.end(), text) == fresh.runWarnings.end())
+        if (std::string text = op.warning(EvalContext(data, op.contextReads()));
+            !text.empty() && std::find(fresh.runWarnings.begin(), fresh.runWarnings.end(), text) ==
+                                 fresh.runWarnings.end())
             fresh.runWarnings.push_back(std::move(text));
         op.clearDrivenFields();
     }

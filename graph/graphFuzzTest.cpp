@@ -1,5 +1,5 @@
-// Random graphs of small operators under random edits: what a warm graph gives must be what a cold one
-// gives, bit by bit, and what it says has changed must be all that has.
+// Random graphs of small operators under random edits: what a warm graph gives must be what a cold
+// one gives, bit by bit, and what it says has changed must be all that has.
 
 #include <gmock/gmock.h>
 
@@ -27,13 +27,14 @@ protected:
         guides = addTestNode(graph, "TestGuides", "guides");
         field = addTestNode(graph, "TestField", "field");
         curve = addTestNode(graph, "TestCurve", "curve");
-        for (int i = 0; i < 2; ++i) strands.push_back(addTestNode(graph, "TestTuft", "tuft" + std::to_string(i)));
+        for (int i = 0; i < 2; ++i)
+            strands.push_back(addTestNode(graph, "TestTuft", "tuft" + std::to_string(i)));
         graph.setParam(strands[0], "strands", 700.0);
         graph.setParam(strands[1], "strands", 60.0);
-        static const std::vector<std::string> types = {"TestMove",   "TestMove",  "TestWidth", "TestTag",
-                                                       "TestSmear",  "TestReach", "TestReach", "TestThin",
-                                                       "TestMerge",  "TestSwitch", "TestSplit", "TestFollow",
-                                                       "TestFollow", "TestClock", "TestView"};
+        static const std::vector<std::string> types = {
+            "TestMove",  "TestMove",   "TestWidth",  "TestTag",   "TestSmear",
+            "TestReach", "TestReach",  "TestThin",   "TestMerge", "TestSwitch",
+            "TestSplit", "TestFollow", "TestFollow", "TestClock", "TestView"};
         for (int i = 0; i < 14; ++i) {
             const std::string& type = types[pick(types.size())];
             const NodeId node = addTestNode(graph, type, type + std::to_string(i));
@@ -60,28 +61,43 @@ protected:
         Node& node = graph.node(id);
         const std::string type = node.op->type();
         switch (pick(14)) {
-            case 0: node.bypass = !node.bypass; return;
-            case 1: node.evaluation = NodeEvaluation(pick(3)); return;
-            case 2: data.viewport = !data.viewport; return;
-            case 3: data.frame = double(pick(3)); return;
-            case 4: graph.setParam(field, "value", step(4)); return;
+            case 0:
+                node.bypass = !node.bypass;
+                return;
+            case 1:
+                node.evaluation = NodeEvaluation(pick(3));
+                return;
+            case 2:
+                data.viewport = !data.viewport;
+                return;
+            case 3:
+                data.frame = double(pick(3));
+                return;
+            case 4:
+                graph.setParam(field, "value", step(4));
+                return;
             case 5:
                 graph.setParam(curve, "curve", Ramp({{0.0f, 0.0f}, {1.0f, float(step(3))}}, true));
                 return;
             case 6:
-            case 7: tips[pick(tips.size())] = float(step(5)); return;
+            case 7:
+                tips[pick(tips.size())] = float(step(5));
+                return;
             case 8:
                 if (!node.op->hasCommonAffect()) return;
                 if (!node.paramInputs.erase("affect") && pick(2) == 0)
                     graph.connectParam(field, 0, id, "affect", 1.0f);
                 else if (pick(3) == 0)
-                    graph.setParam(id, "affect", MapSource{MapKind::Expression, "smoothstep(0, 1, t)", {}, 0, 1});
+                    graph.setParam(id, "affect",
+                                   MapSource{MapKind::Expression, "smoothstep(0, 1, t)", {}, 0, 1});
                 else if (pick(2) == 0)
-                    graph.setParam(id, "affect", MapSource{MapKind::Expression, "rand", {}, -0.5f, 1.5f});
+                    graph.setParam(id, "affect",
+                                   MapSource{MapKind::Expression, "rand", {}, -0.5f, 1.5f});
                 else
                     graph.setParam(id, "affect", step(2));
                 return;
-            default: break;
+            default:
+                break;
         }
         if (type == "TestMove" && pick(5) == 0) {
             if (!node.paramInputs.erase("profile")) graph.connectParam(curve, 0, id, "profile", {});

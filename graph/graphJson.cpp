@@ -3,10 +3,11 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <unordered_map>
+
+#include <nlohmann/json.hpp>
 
 #include "graph/rampText.h"
 
@@ -55,8 +56,9 @@ MapSource mapFromJson(const std::string& param, const json& value) {
                          " needs exactly one of texture, colorSet, attribute, expression, guide");
     if (const auto at = value.find("component"); at != value.end()) {
         const std::string word = at->is_string() ? at->get<std::string>() : at->dump();
-        const auto* found = std::find_if(std::begin(kComponents), std::end(kComponents),
-                                         [&](MapComponent c) { return word == mapComponentWord(c); });
+        const auto* found =
+            std::find_if(std::begin(kComponents), std::end(kComponents),
+                         [&](MapComponent c) { return word == mapComponentWord(c); });
         if (found == std::end(kComponents) || !at->is_string())
             throw GraphError(start + ": unknown component '" + word + "'");
         map.component = *found;
@@ -158,7 +160,8 @@ json defaultGraphJson() {
     return graph;
 }
 
-// ---- reading -------------------------------------------------------------------------------------
+// ---- reading
+// -------------------------------------------------------------------------------------
 
 std::size_t portIndex(const std::vector<PortSpec>& ports, std::string_view name) {
     if (name.empty()) return 0;
@@ -187,8 +190,8 @@ OperatorPtr operatorForNode(const json& node) {
 
 namespace {
 
-const std::set<std::string_view> kNodeKeys = {"name",        "type",          "version", "params",
-                                              "paramInputs", "paramControls", "bypass",  "evaluation"};
+const std::set<std::string_view> kNodeKeys = {
+    "name", "type", "version", "params", "paramInputs", "paramControls", "bypass", "evaluation"};
 const std::set<std::string_view> kGraphKeys = {"version", "nodes", "connections", "output"};
 
 std::shared_ptr<const json> otherKeys(const json& object, const std::set<std::string_view>& known) {
@@ -261,11 +264,13 @@ void readParamInputs(const json& node, const std::string& name, NodeId id,
     const auto at = node.find("paramInputs");
     if (at == node.end()) return;
     const auto wrong = [&] {
-        return GraphError("node '" + name +
-                          "': paramInputs must map params to {\"from\": node, \"output\", \"scale\"}");
+        return GraphError(
+            "node '" + name +
+            "': paramInputs must map params to {\"from\": node, \"output\", \"scale\"}");
     };
     const auto read = [&](const std::string& param, const json& entry) {
-        if (!entry.is_object() || !entry.contains("from") || !entry["from"].is_string()) throw wrong();
+        if (!entry.is_object() || !entry.contains("from") || !entry["from"].is_string())
+            throw wrong();
         WantedParamInput input{id, name, param, entry["from"].get<std::string>(), {}, {}};
         if (const auto output = entry.find("output"); output != entry.end()) {
             if (!output->is_string()) throw wrong();
@@ -302,7 +307,8 @@ void readNode(const json& json_, Graph& graph, NodeNames& names,
               std::vector<WantedParamInput>& wanted) {
     if (!json_.is_object()) throw GraphError("graph JSON: a node is an object");
     const auto nameAt = json_.find("name");
-    if (nameAt == json_.end() || !nameAt->is_string() || nameAt->get_ref<const std::string&>().empty())
+    if (nameAt == json_.end() || !nameAt->is_string() ||
+        nameAt->get_ref<const std::string&>().empty())
         throw GraphError("a node needs a name");
     const std::string name = nameAt->get<std::string>();
     if (names.contains(name)) throw GraphError("duplicate node name '" + name + "'");
@@ -334,7 +340,8 @@ void readNode(const json& json_, Graph& graph, NodeNames& names,
     }
     if (const auto mode = json_.find("evaluation"); mode != json_.end()) {
         try {
-            node.evaluation = nodeEvaluationFromName(mode->is_string() ? mode->get<std::string>() : "");
+            node.evaluation =
+                nodeEvaluationFromName(mode->is_string() ? mode->get<std::string>() : "");
         } catch (const GraphError&) {
             throw GraphError("node '" + name +
                              "': evaluation is always, viewportOnly or renderOnly");
@@ -364,7 +371,8 @@ void readConnection(const json& connection, Graph& graph, const NodeNames& names
     const std::string& target = graph.node(to).op->name;
     const auto& inputs = graph.node(to).op->inputPorts();
     const std::size_t input = port.empty() ? inputs.size() : portIndex(inputs, port);
-    if (input >= inputs.size()) throw GraphError("node '" + target + "' has no input '" + port + "'");
+    if (input >= inputs.size())
+        throw GraphError("node '" + target + "' has no input '" + port + "'");
     const std::size_t output = outputNamed(graph.node(from), outPort);
     ofNode(target, [&] { graph.connect(from, output, to, input, true); });
 }
@@ -415,7 +423,8 @@ Graph graphFromJson(const json& value) {
     return graph;
 }
 
-// ---- writing -------------------------------------------------------------------------------------
+// ---- writing
+// -------------------------------------------------------------------------------------
 
 namespace {
 
@@ -565,8 +574,8 @@ json nodeSpecJson(const Graph& graph, const Node& node) {
         const std::string name = param["name"].get<std::string>();
         const auto held = op.storedParams().find(name);
         const ParamSpec& spec = *op.paramSpec(name);
-        param["value"] =
-            paramToJson(held == op.storedParams().end() ? spec.defaultValue : held->second, spec.whole);
+        param["value"] = paramToJson(
+            held == op.storedParams().end() ? spec.defaultValue : held->second, spec.whole);
     }
     out["paramInputs"] = paramInputsJson(graph, node);
     return out;

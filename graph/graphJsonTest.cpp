@@ -1,9 +1,7 @@
-#include "graph/graphJson.h"
-
 #include <gmock/gmock.h>
-
 #include <nlohmann/json.hpp>
 
+#include "graph/graphJson.h"
 #include "graph/rampText.h"
 #include "graph/testing/testOperators.h"
 #include "model/hash.h"
@@ -29,7 +27,10 @@ protected:
     static json graphWith(const json& keys) {
         json move = {{"name", "move"}, {"type", "TestMove"}};
         move.update(keys);
-        return {{"nodes", {{{"name", "tuft"}, {"type", "TestTuft"}}, move, {{"name", "f"}, {"type", "TestField"}}}},
+        return {{"nodes",
+                 {{{"name", "tuft"}, {"type", "TestTuft"}},
+                  move,
+                  {{"name", "f"}, {"type", "TestField"}}}},
                 {"connections", {{{"from", "tuft"}, {"to", "move"}, {"input", "strands"}}}},
                 {"output", "move"}};
     }
@@ -74,7 +75,8 @@ TEST_F(GraphJsonTest, EveryValueGoesThereAndBack) {
 
 TEST_F(GraphJsonTest, ParamInputsAreReadInBothForms) {
     const json object = {{"amount", {{"from", "f"}, {"scale", 0.5}}}};
-    const json list = json::array({{{"param", "amount"}, {"from", "f"}, {"output", "field"}, {"scale", 0.5}}});
+    const json list =
+        json::array({{{"param", "amount"}, {"from", "f"}, {"output", "field"}, {"scale", 0.5}}});
     for (const json& form : {object, list}) {
         const Graph graph = graphFromJson(graphWith({{"paramInputs", form}}));
         EXPECT_EQ(graphToJson(graph)["nodes"][1]["paramInputs"], object);
@@ -123,12 +125,15 @@ TEST_F(GraphJsonTest, EveryErrorSaysWhatAndWhere) {
         {{{"params", {{"profile", "[]"}}}}, n + "ramp: needs keys [[position, value], ...]"},
         {{{"params", {{"profile", "{{"}}}}, n + "ramp: malformed JSON"},
         {{{"params", {{"amount", json::object()}}}},
-         n + "map for param 'amount' needs exactly one of texture, colorSet, attribute, expression, guide"},
+         n + "map for param 'amount' needs exactly one of texture, colorSet, attribute, "
+             "expression, guide"},
         {{{"params", {{"amount", {{"guide", "a"}, {"texture", "b"}}}}}},
-         n + "map for param 'amount' needs exactly one of texture, colorSet, attribute, expression, guide"},
+         n + "map for param 'amount' needs exactly one of texture, colorSet, attribute, "
+             "expression, guide"},
         {{{"params", {{"amount", {{"texture", "b"}, {"component", "x"}}}}}},
          n + "map for param 'amount': unknown component 'x'"},
-        {{{"params", {{"amount", {{"texture", 5}}}}}}, n + "map for param 'amount': texture must be a string"},
+        {{{"params", {{"amount", {{"texture", 5}}}}}},
+         n + "map for param 'amount': texture must be a string"},
         {{{"params", {{"amount", {{"texture", "b"}, {"low", "x"}}}}}},
          n + "map for param 'amount': low must be a number"},
         {{{"params", {{"share", expr}}}}, n + "param 'share' takes a float, not a map"},
@@ -138,7 +143,8 @@ TEST_F(GraphJsonTest, EveryErrorSaysWhatAndWhere) {
          n + "param 'share' must name its control (or three for a vector)"},
         {{{"paramControls", {{"direction", {"a", "b"}}}}},
          n + "param 'direction' must name its control (or three for a vector)"},
-        {{{"paramControls", {{"share", 5}}}}, n + "param 'share' must name its control (or three for a vector)"},
+        {{{"paramControls", {{"share", 5}}}},
+         n + "param 'share' must name its control (or three for a vector)"},
         {{{"paramControls", {{"direction", {"a", "b", "c"}}}}}, "no error"},
         {{{"paramControls", {{"what", "a"}}}}, n + "unknown parameter 'what'"},
         {{{"paramInputs", 5}},
@@ -146,7 +152,8 @@ TEST_F(GraphJsonTest, EveryErrorSaysWhatAndWhere) {
         {{{"paramInputs", {{"amount", "f"}}}},
          n + "paramInputs must map params to {\"from\": node, \"output\", \"scale\"}"},
         {{{"paramInputs", {{"amount", {{"from", "g"}}}}}}, n + "unknown node 'g'"},
-        {{{"paramInputs", {{"amount", {{"from", "f"}, {"output", "x"}}}}}}, n + "node 'f' has no output 'x'"},
+        {{{"paramInputs", {{"amount", {{"from", "f"}, {"output", "x"}}}}}},
+         n + "node 'f' has no output 'x'"},
         {{{"paramInputs", {{"share", {{"from", "f"}}}}}},
          n + "param 'share' takes no input: a Field feeds a mappable number, a Curve a ramp"},
         {{{"bypass", "yes"}}, n + "bypass is true or false"},
@@ -157,7 +164,8 @@ TEST_F(GraphJsonTest, EveryErrorSaysWhatAndWhere) {
         {{{"version", "1"}}, n + "version \"1\" is not a whole number from 1"},
         {{{"version", 1.0}}, "no error"},
         {{{"version", 2}, {"params", {{"new", 1}}}},
-         "node 'move' is a TestMove of version 2, newer than this Corvelle's (1); update Corvelle to open it"},
+         "node 'move' is a TestMove of version 2, newer than this Corvelle's (1); update Corvelle "
+         "to open it"},
     };
     for (const Case& c : cases) EXPECT_EQ(readError(graphWith(c.keys)), c.error) << c.keys.dump();
 }
@@ -168,19 +176,24 @@ TEST_F(GraphJsonTest, TheGraphsOwnShapeIsChecked) {
         graph.update(keys);
         return readError(graph);
     };
-    const auto connection = [&](const json& c) { return with({{"connections", json::array({c})}}); };
+    const auto connection = [&](const json& c) {
+        return with({{"connections", json::array({c})}});
+    };
     EXPECT_EQ(readError(json::array()), "graph JSON must be an object");
     EXPECT_EQ(readError(json::object()), "graph JSON has no 'output' node");
     EXPECT_EQ(with({{"output", "nobody"}}), "graph JSON has no 'output' node");
     EXPECT_EQ(with({{"output", 3}}), "graph JSON has no 'output' node");
     EXPECT_EQ(with({{"nodes", 3}}), "graph JSON: nodes is a list");
     EXPECT_EQ(with({{"nodes", {3}}}), "graph JSON: a node is an object");
-    EXPECT_EQ(with({{"version", 2}}),
-              "graph version 2 is newer than this Corvelle supports (1); update Corvelle to open it");
+    EXPECT_EQ(
+        with({{"version", 2}}),
+        "graph version 2 is newer than this Corvelle supports (1); update Corvelle to open it");
     EXPECT_EQ(with({{"version", 1.5}}), "graph version 1.5 is not a whole number");
     EXPECT_EQ(with({{"version", 0}}), "graph version 0 is not valid");
-    EXPECT_EQ(connection(3), "graph JSON: a connection is an object of from, to, input and maybe output");
-    EXPECT_EQ(connection({{"from", "x"}, {"to", "move"}, {"input", "strands"}}), "unknown node 'x'");
+    EXPECT_EQ(connection(3),
+              "graph JSON: a connection is an object of from, to, input and maybe output");
+    EXPECT_EQ(connection({{"from", "x"}, {"to", "move"}, {"input", "strands"}}),
+              "unknown node 'x'");
     EXPECT_EQ(connection({{"from", "tuft"}, {"to", "move"}, {"input", "hair"}}),
               "node 'move' has no input 'hair'");
     EXPECT_EQ(connection({{"from", "tuft"}, {"to", "move"}, {"input", "strands"}, {"output", "b"}}),
@@ -192,8 +205,10 @@ TEST_F(GraphJsonTest, TheGraphsOwnShapeIsChecked) {
 }
 
 TEST_F(GraphJsonTest, BlankTextIsNoGraph) {
-    for (const char* blank : {"", " \n\t\r", "{}", " { } "}) EXPECT_TRUE(blankGraphText(blank)) << blank;
-    for (const char* some : {"[]", "{\"nodes\": []}", "x"}) EXPECT_FALSE(blankGraphText(some)) << some;
+    for (const char* blank : {"", " \n\t\r", "{}", " { } "})
+        EXPECT_TRUE(blankGraphText(blank)) << blank;
+    for (const char* some : {"[]", "{\"nodes\": []}", "x"})
+        EXPECT_FALSE(blankGraphText(some)) << some;
 }
 
 TEST_F(GraphJsonTest, TheDefaultGraphIsTheChainFromScalpToOutput) {
@@ -201,13 +216,15 @@ TEST_F(GraphJsonTest, TheDefaultGraphIsTheChainFromScalpToOutput) {
     EXPECT_EQ(graph["nodes"].size(), 10u);
     EXPECT_EQ(graph["connections"].size(), 10u);
     EXPECT_EQ(graph["output"], "output");
-    EXPECT_EQ(graph["nodes"][4]["params"], json({{"fraction", 1.0}, {"trimMin", 0.0}, {"trimMax", 0.2}}));
+    EXPECT_EQ(graph["nodes"][4]["params"],
+              json({{"fraction", 1.0}, {"trimMin", 0.0}, {"trimMax", 0.2}}));
 }
 
 TEST_F(GraphJsonTest, AnOldNodeIsSaidToBeOutdated) {
-    const Graph graph = graphFromJson(
-        {{"nodes", {{{"name", "a"}, {"type", "TestNewer"}, {"version", 2}}, {{"name", "b"}, {"type", "TestNewer"}}}},
-         {"output", "a"}});
+    const Graph graph = graphFromJson({{"nodes",
+                                        {{{"name", "a"}, {"type", "TestNewer"}, {"version", 2}},
+                                         {{"name", "b"}, {"type", "TestNewer"}}}},
+                                       {"output", "a"}});
     const json a = nodeSpecJson(graph, graph.node(graph.byName("a")));
     EXPECT_EQ(a["version"], 2);
     EXPECT_EQ(a["nodeVersion"], 3);
@@ -223,7 +240,8 @@ TEST_F(GraphJsonTest, DeepTextIsRefusedAndNotFollowed) {
     const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
     EXPECT_EQ(errorOf([&] { parseJsonText(deep, "ramp"); }), "ramp: malformed JSON");
     EXPECT_EQ(parseJsonText("[[1]]", "ramp").dump(), "[[1]]");
-    EXPECT_EQ(readError(graphWith({{"params", {{"profile", deep}}}})), "node 'move': ramp: malformed JSON");
+    EXPECT_EQ(readError(graphWith({{"params", {{"profile", deep}}}})),
+              "node 'move': ramp: malformed JSON");
 }
 
 /// Graphs with random parts replaced by values of other shapes: read or refused, never a crash, and
@@ -233,13 +251,26 @@ INSTANTIATE_TEST_SUITE_P(Seeds, HostileJson, testing::Range<std::uint64_t>(0, 8)
 
 TEST_P(HostileJson, IsReadOrRefused) {
     SplitMix random(GetParam());
-    const std::vector<json> odd = {nullptr, true,  -1,  1e300, 0.5,           "",   "tuft", "move",
-                                   json::array(),  json::object(), {1, 2, 3}, {{"from", "f"}}, {{"keys", {{0, 1}}}},
-                                   {{"expression", "1"}}, std::uint64_t(-1)};
-    const json whole = graphWith({{"params", {{"amount", {{"attribute", "x"}}}, {"direction", {1, 2, 3}}}},
-                                  {"paramInputs", {{"amount", {{"from", "f"}}}}},
-                                  {"paramControls", {{"share", "c"}}},
-                                  {"version", 1}});
+    const std::vector<json> odd = {nullptr,
+                                   true,
+                                   -1,
+                                   1e300,
+                                   0.5,
+                                   "",
+                                   "tuft",
+                                   "move",
+                                   json::array(),
+                                   json::object(),
+                                   {1, 2, 3},
+                                   {{"from", "f"}},
+                                   {{"keys", {{0, 1}}}},
+                                   {{"expression", "1"}},
+                                   std::uint64_t(-1)};
+    const json whole =
+        graphWith({{"params", {{"amount", {{"attribute", "x"}}}, {"direction", {1, 2, 3}}}},
+                   {"paramInputs", {{"amount", {{"from", "f"}}}}},
+                   {"paramControls", {{"share", "c"}}},
+                   {"version", 1}});
     const json flat = whole.flatten();
     std::size_t read = 0, refused = 0;
     for (int round = 0; round < 400; ++round) {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <numeric>
 
+#include "graph/paramError.h"
 #include "graph/rampText.h"
 
 namespace corvelle {
@@ -119,12 +120,10 @@ void Operator::set(const std::string& param, ParamValue value) {
         value = rampFromText(*text);
     if (const auto* map = std::get_if<MapSource>(&value);
         map && isVector && spec.vectorExpression) {
-        if (map->kind != MapKind::Expression)
-            throw GraphError("param '" + param + "': a vector takes an expression (a " +
-                             mapKindKey(map->kind) + " map gives one number)");
+        if (map->kind != MapKind::Expression) failVectorMap(param, map->kind);
     } else if (!(map && isNumber && spec.isMappable()) &&
                value.index() != spec.defaultValue.index()) {
-        const char* orMap = isNumber && spec.isMappable()        ? " or a map"
+        const char* orMap = isNumber && spec.isMappable()       ? " or a map"
                             : isVector && spec.vectorExpression ? " or an expression"
                                                                 : "";
         throw GraphError("param '" + param + "' takes a " + spec.kind() + orMap + ", not a " +

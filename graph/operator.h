@@ -146,6 +146,10 @@ public:
     /// Warnings raised while running; kept with the outputs, so that cache hits still show them.
     void warn(std::string text) const { warnings_.push_back(std::move(text)); }
     std::vector<std::string> takeWarnings() const { return std::exchange(warnings_, {}); }
+    /// How a run goes, where it is nothing to warn of: kept with the outputs too. The last text
+    /// told.
+    void tell(std::string text) const { details_ = std::move(text); }
+    std::string takeDetails() const { return std::exchange(details_, {}); }
 
     std::string name;  ///< the node's
     int version = 0;   ///< as stored; below 1: the type's current one
@@ -169,6 +173,7 @@ private:
     std::map<std::string, DrivenField, std::less<>> drivenFields_;
     std::map<std::string, CurvePtr, std::less<>> drivenCurves_;
     mutable std::vector<std::string> warnings_;
+    mutable std::string details_;
 };
 using OperatorPtr = std::unique_ptr<Operator>;
 

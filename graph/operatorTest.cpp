@@ -1,13 +1,12 @@
-#include "graph/operator.h"
-
-#include <gmock/gmock.h>
-
 #include <cmath>
 #include <limits>
-#include <nlohmann/json.hpp>
 #include <set>
 
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
 #include "graph/graphJson.h"
+#include "graph/operator.h"
 #include "graph/testing/testOperators.h"
 
 namespace corvelle {
@@ -46,7 +45,8 @@ TEST_F(OperatorTest, PortsFitWhenTheirKindsMeet) {
     const std::set<std::pair<int, int>> across = {{0, 5}, {1, 5}, {5, 0}, {5, 1}};
     for (int a = 0; a < 6; ++a)
         for (int b = 0; b < 6; ++b)
-            EXPECT_EQ(portsFit(PortType(a), PortType(b)), a == b || across.contains({a, b})) << a << b;
+            EXPECT_EQ(portsFit(PortType(a), PortType(b)), a == b || across.contains({a, b}))
+                << a << b;
 }
 
 TEST_F(OperatorTest, SetChecksNamesKindsAndMaps) {
@@ -149,18 +149,22 @@ TEST_F(OperatorTest, AParamIsMappableWhenItsDescriptionSaysSo) {
 
 TEST_F(OperatorTest, AMissingInputIsNamedByItsKind) {
     const OperatorPtr follow = make("TestFollow");
-    EXPECT_EQ(errorOf([&] { requireStrands(*follow, {}); }), "TestFollow: strands input not connected");
-    EXPECT_EQ(errorOf([&] { requireGuides(*follow, {}, 1); }), "TestFollow: guides input not connected");
+    EXPECT_EQ(errorOf([&] { requireStrands(*follow, {}); }),
+              "TestFollow: strands input not connected");
+    EXPECT_EQ(errorOf([&] { requireGuides(*follow, {}, 1); }),
+              "TestFollow: guides input not connected");
     EXPECT_EQ(errorOf([&] { requireMesh(*make("Scatter"), {}, 0); }),
               "Scatter: input scalp is not connected");
 }
 
 TEST(ContextReads, HashJustWhatIsAskedFor) {
     EvaluationData data;
-    EXPECT_EQ(readsWords(reads::kTime | reads::kScalp), (std::vector<std::string>{"scalp", "time"}));
+    EXPECT_EQ(readsWords(reads::kTime | reads::kScalp),
+              (std::vector<std::string>{"scalp", "time"}));
     EXPECT_EQ(readsWords(reads::kAll).size(), 12u);
     std::vector<std::uint64_t> before;
-    for (std::uint32_t bit = 0; bit < 12; ++bit) before.push_back(contextReadsHash(data, 1u << bit));
+    for (std::uint32_t bit = 0; bit < 12; ++bit)
+        before.push_back(contextReadsHash(data, 1u << bit));
     data.seconds = 2.0;
     data.viewport = true;
     data.pointBudget = 5.0;
@@ -169,7 +173,8 @@ TEST(ContextReads, HashJustWhatIsAskedFor) {
     const std::uint32_t touched =
         reads::kTime | reads::kViewport | reads::kDensity | reads::kSearchPaths;
     for (std::uint32_t bit = 0; bit < 12; ++bit)
-        EXPECT_EQ(contextReadsHash(data, 1u << bit) != before[bit], (touched & (1u << bit)) != 0) << bit;
+        EXPECT_EQ(contextReadsHash(data, 1u << bit) != before[bit], (touched & (1u << bit)) != 0)
+            << bit;
     ContextHasher kept;
     kept.begin(data);
     EXPECT_EQ(kept.hash(reads::kAll), contextReadsHash(data, reads::kAll));

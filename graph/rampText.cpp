@@ -1,6 +1,7 @@
 #include "graph/rampText.h"
 
 #include <cmath>
+
 #include <nlohmann/json.hpp>
 
 #include "graph/graphError.h"

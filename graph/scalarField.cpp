@@ -3,17 +3,9 @@
 #include <algorithm>
 
 #include "expr/batchBuffer.h"
-#include "graph/graphError.h"
+#include "graph/paramError.h"
 
 namespace corvelle {
-
-namespace {
-
-[[noreturn]] void throwFor(const std::string& param, const std::string& what) {
-    throw GraphError("param '" + param + "': " + what);
-}
-
-}  // namespace
 
 ScalarField::ScalarField(ScalarFieldParts parts) : parts_(std::move(parts)) {
     if (parts_.input)
@@ -59,7 +51,8 @@ float ScalarField::sampleStrand(const StrandSet& strands, std::size_t index) con
 float ScalarField::samplePoint(const StrandSet& strands, std::size_t index,
                                std::size_t point) const {
     switch (way_) {
-        case Way::Input: return parts_.input->samplePoint(strands, index, point) * parts_.scale;
+        case Way::Input:
+            return parts_.input->samplePoint(strands, index, point) * parts_.scale;
         case Way::PointChannel: {
             float out = channel_[std::size_t(strands.offsets()[index]) + point];
             spread({&out, 1});
@@ -73,14 +66,17 @@ float ScalarField::samplePoint(const StrandSet& strands, std::size_t index,
                 return all[point];
             }
             [[fallthrough]];
-        default: return sampleStrand(strands, index);
+        default:
+            return sampleStrand(strands, index);
     }
 }
 
 void ScalarField::sampleStrands(const StrandSet& set, std::span<const std::uint32_t> strands,
                                 std::span<float> out) const {
     switch (way_) {
-        case Way::Constant: std::fill(out.begin(), out.end(), parts_.value); return;
+        case Way::Constant:
+            std::fill(out.begin(), out.end(), parts_.value);
+            return;
         case Way::Input:
             parts_.input->sampleStrands(set, strands, out);
             for (float& v : out) v *= parts_.scale;
@@ -106,7 +102,8 @@ void ScalarField::sampleStrands(const StrandSet& set, std::span<const std::uint3
         case Way::Map:
             parts_.map->strandValues(set, strands, parts_.component, out);
             return spread(out);
-        case Way::None: break;
+        case Way::None:
+            break;
     }
     FieldValue::sampleStrands(set, strands, out);  // gathers the roots for sampleRoots
 }
@@ -114,7 +111,9 @@ void ScalarField::sampleStrands(const StrandSet& set, std::span<const std::uint3
 void ScalarField::samplePoints(const StrandSet& set, std::span<const std::uint32_t> strands,
                                std::span<float> out) const {
     switch (way_) {
-        case Way::Constant: std::fill(out.begin(), out.end(), parts_.value); return;
+        case Way::Constant:
+            std::fill(out.begin(), out.end(), parts_.value);
+            return;
         case Way::Input:
             parts_.input->samplePoints(set, strands, out);
             for (float& v : out) v *= parts_.scale;
@@ -130,7 +129,8 @@ void ScalarField::samplePoints(const StrandSet& set, std::span<const std::uint32
             if (!bound_ || !expression_.perPoint()) break;
             expression_.points(strands, out);
             return spread(out);
-        default: break;
+        default:
+            break;
     }
     FieldValue::samplePoints(set, strands, out);  // one value a strand
 }
@@ -138,7 +138,9 @@ void ScalarField::samplePoints(const StrandSet& set, std::span<const std::uint32
 void ScalarField::sampleRoots(std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                               std::span<float> out) const {
     switch (way_) {
-        case Way::Constant: std::fill(out.begin(), out.end(), parts_.value); return;
+        case Way::Constant:
+            std::fill(out.begin(), out.end(), parts_.value);
+            return;
         case Way::Input:
             parts_.input->sampleRoots(roots, positions, out);
             for (float& v : out) v *= parts_.scale;
@@ -146,7 +148,8 @@ void ScalarField::sampleRoots(std::span<const StrandRoot> roots, std::span<const
         case Way::Expression:
             parts_.expression->atRoots(roots, positions, *parts_.environment, out);
             return spread(out);
-        default: break;
+        default:
+            break;
     }
     // A channel has no values away from its strands; a layer may have them on the guides.
     if (parts_.map)
@@ -158,10 +161,14 @@ void ScalarField::sampleRoots(std::span<const StrandRoot> roots, std::span<const
 
 bool ScalarField::perPoint() const {
     switch (way_) {
-        case Way::Input: return parts_.input->perPoint();
-        case Way::Expression: return bound_ ? expression_.perPoint() : parts_.expression->perPoint();
-        case Way::PointChannel: return true;
-        default: return false;
+        case Way::Input:
+            return parts_.input->perPoint();
+        case Way::Expression:
+            return bound_ ? expression_.perPoint() : parts_.expression->perPoint();
+        case Way::PointChannel:
+            return true;
+        default:
+            return false;
     }
 }
 
@@ -200,7 +207,8 @@ FieldPtr ScalarField::bind(const StrandSet& strands) const {
             return copy;
         }
         case MapKind::Texture:
-        case MapKind::ColorSet: break;
+        case MapKind::ColorSet:
+            break;
     }
     return nullptr;
 }
@@ -220,9 +228,10 @@ void ScalarField::bindChannel(const StrandSet& strands) {
         channel_ = perPointValues->data();
     } else if (!parts_.map) {
         if (parts_.kind == MapKind::Attribute)
-            throwFor(parts_.param, "strands have no attribute '" + parts_.source + "'");
-        throwFor(parts_.param, "no guide layer '" + parts_.source +
-                                   "' on the strands (Interpolate writes it; paint it on the guides)");
+            failParam(parts_.param, "strands have no attribute '" + parts_.source + "'");
+        failParam(parts_.param,
+                  "no guide layer '" + parts_.source +
+                      "' on the strands (Interpolate writes it; paint it on the guides)");
     }
 }
 
@@ -230,16 +239,11 @@ void ScalarField::bindExpression(const StrandSet& strands) {
     ExpressionEnvironment environment = parts_.scope->environmentFor(&strands);
     environment.variables = parts_.environment->variables;
     try {
-        parts_.expression =
-            compileExpression(parts_.source, environment, parts_.perPointAllowed);
-        for (const std::string& name : parts_.expression->channelNames())
-            if (!strands.strandChannel(name) && !strands.pointChannel(name))
-                throwFor(parts_.param, "the expression reads '" + name +
-                                           "', which is neither a variable nor a channel of the "
-                                           "strands");
+        parts_.expression = compileExpression(parts_.source, environment, parts_.perPointAllowed);
+        requireChannels(*parts_.expression, &strands, parts_.param);
         expression_ = parts_.expression->bind(strands, environment);
     } catch (const ExpressionError& error) {
-        throwFor(parts_.param, error.what());
+        failParam(parts_.param, error.what());
     }
     parts_.environment = std::make_shared<const ExpressionEnvironment>(std::move(environment));
     bound_ = true;
@@ -253,16 +257,19 @@ bool ScalarField::readsSet() const {
             return parts_.needsStrands || parts_.expression->readsStrands() ||
                    !parts_.expression->channelNames().empty();
         case MapKind::Attribute:
-        case MapKind::GuideLayer: return true;
+        case MapKind::GuideLayer:
+            return true;
         case MapKind::Texture:
-        case MapKind::ColorSet: break;
+        case MapKind::ColorSet:
+            break;
     }
     return false;
 }
 
 bool ScalarField::readsWholeSet() const {
     if (parts_.input) return parts_.input->readsWholeSet();
-    return parts_.mapped && parts_.kind == MapKind::Expression && parts_.expression->readsWholeSet();
+    return parts_.mapped && parts_.kind == MapKind::Expression &&
+           parts_.expression->readsWholeSet();
 }
 
 bool ScalarField::worksAtPosition() const {

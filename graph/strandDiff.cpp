@@ -85,7 +85,8 @@ StrandChangesPtr strandDiff(const StrandSet& before, const StrandSet& after) {
     std::vector<std::vector<std::uint32_t>> found(chunks);
     parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
         for (std::size_t c = begin; c < end; ++c)
-            for (std::size_t s = c * kChunkStrands; s < std::min(count, (c + 1) * kChunkStrands); ++s)
+            for (std::size_t s = c * kChunkStrands; s < std::min(count, (c + 1) * kChunkStrands);
+                 ++s)
                 if (pairs->strandDiffers(s)) found[c].push_back(std::uint32_t(s));
     });
     auto changes = std::make_shared<StrandChanges>();

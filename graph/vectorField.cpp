@@ -3,8 +3,8 @@
 #include "expr/expressionMap.h"
 #include "graph/expressionScope.h"
 #include "graph/field.h"
-#include "graph/graphError.h"
 #include "graph/operator.h"
+#include "graph/paramError.h"
 
 namespace corvelle {
 
@@ -52,23 +52,18 @@ std::shared_ptr<const VectorField> vectorFromParam(const Operator& op, std::stri
                                                    const GuidesPtr& guides) {
     const auto* source = std::get_if<MapSource>(&op.value(param));
     if (!source) return std::make_shared<ConstantVector>(op.vec3(param));
-    const std::string head = "param '" + std::string(param) + "': ";
-    if (source->kind != MapKind::Expression)
-        throw GraphError(head + "a vector takes an expression (a " + mapKindKey(source->kind) +
-                         " map gives one number)");
+    const std::string name(param);
+    if (source->kind != MapKind::Expression) failVectorMap(name, source->kind);
     const ExpressionScope scope(context.data(), guides, expressionReads(source->source).maps);
     ExpressionEnvironment environment = scope.environmentFor(&strands);
     try {
-        ExpressionPtr expression = compileExpression(source->source, environment, false,
-                                                     ExpressionMap::Shape::Vector);
-        for (const std::string& name : expression->channelNames())
-            if (!strands.strandChannel(name) && !strands.pointChannel(name))
-                throw GraphError(head + "the expression reads '" + name +
-                                 "', which is neither a variable nor a channel of the strands");
+        ExpressionPtr expression =
+            compileExpression(source->source, environment, false, ExpressionMap::Shape::Vector);
+        requireChannels(*expression, &strands, name);
         return std::make_shared<ExpressionVector>(std::move(expression), strands,
                                                   std::move(environment));
     } catch (const ExpressionError& error) {
-        throw GraphError(head + error.what());
+        failParam(name, error.what());
     }
 }
 

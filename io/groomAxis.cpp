@@ -64,8 +64,12 @@ GuidesPtr turnedGuides(const GuidesPtr& guides, const Turn& turn) {
     return std::make_shared<const GuideSet>(curves);
 }
 
+bool isBlank(const std::string& text) {
+    return text.find_first_not_of(" \t\r\n") == std::string::npos;
+}
+
 std::string turnedHierarchy(const std::string& text, const Turn& turn) {
-    if (text.find_first_not_of(" \t\r\n") == std::string::npos) return text;
+    if (isBlank(text)) return text;
     const JsonScan scan(text);
     if (scan.fault().any())
         throw GroomFileError("groom file: invalid hierarchy JSON: " + scan.fault().what);
@@ -82,21 +86,26 @@ std::string turnedHierarchy(const std::string& text, const Turn& turn) {
     return hierarchy.dump();
 }
 
+/// A param as the node holds it, else its default; null for none of that name.
+json heldValue(const Operator& op, const json& params, const std::string& name) {
+    if (const auto held = params.find(name); held != params.end()) return *held;
+    const ParamSpec* spec = op.paramSpec(name);
+    return spec ? paramToJson(spec->defaultValue, spec->whole) : json();
+}
+
 /// A node's axis word goes to the other letter. Where the axis then points the other way, so do the
 /// distance along it and the side of it.
-void turnAxisWord(json& params, json& value, const Turn& turn) {
+void turnAxisWord(const Operator& op, json& params, json& value, const Turn& turn) {
     const bool wasY = value == "y";
     value = wasY ? "z" : "y";
     if (wasY != turn.toY) return;
-    if (const auto offset = params.find("offset");
-        offset != params.end() && offset->is_number() && *offset != 0)
-        *offset = -offset->get<double>();
-    if (const auto side = params.find("side"); side != params.end()) {
-        if (*side == "positive")
-            *side = "negative";
-        else if (*side == "negative")
-            *side = "positive";
-    }
+    if (const json offset = heldValue(op, params, "offset"); offset.is_number() && offset != 0)
+        params["offset"] = -offset.get<double>();
+    const json side = heldValue(op, params, "side");
+    if (side == "positive")
+        params["side"] = "negative";
+    else if (side == "negative")
+        params["side"] = "positive";
 }
 
 void turnGraph(json& graph, const Turn& turn, int depth);
@@ -126,12 +135,11 @@ void turnNode(json& node, const Turn& turn, int depth) {
     if (!params.is_object()) params = json::object();
     for (const ParamSpec& spec : op->params()) {
         if (!spec.worldDirection) continue;
-        const auto held = params.find(spec.name);
-        json value = held != params.end() ? *held : paramToJson(spec.defaultValue, spec.whole);
+        json value = heldValue(*op, params, spec.name);
         if (isTriple(value))
             turn.triple(value, 0);
         else if (value == "y" || value == "z")
-            turnAxisWord(params, value, turn);
+            turnAxisWord(*op, params, value, turn);
         else
             continue;
         params[spec.name] = std::move(value);
@@ -159,15 +167,15 @@ std::string turnedGraph(const std::string& text, const Turn& turn) {
 
 }  // namespace
 
-std::string checkedUpAxis(const std::string& axis) {
-    if (axis.find_first_not_of(" \t\r\n") == std::string::npos) return "Y";
+const std::string& checkedUpAxis(const std::string& axis) {
     if (axis != "Y" && axis != "Z")
         throw GroomFileError("groom file: upAxis is \"Y\" or \"Z\", not \"" + axis + "\"");
     return axis;
 }
 
 void convertGroomFileUpAxis(GroomFile& file, const std::string& axis) {
-    const std::string from = checkedUpAxis(file.upAxis), to = checkedUpAxis(axis);
+    const std::string from = isBlank(file.upAxis) ? "Y" : checkedUpAxis(file.upAxis);
+    const std::string to = checkedUpAxis(axis);
     if (from == to) return;
     const Turn turn{to == "Y"};
     GroomFile next = file;

@@ -98,6 +98,10 @@ TEST_F(GroomAxis, TurnsTheDirectionsOfTheGraphWithTheirDefaults) {
         turned({{"axis", "z"}, {"offset", 0}, {"side", "negative"}}, "Y", "Z"),
         (json{{"axis", "y"}, {"direction", {1, -3, 2}}, {"offset", 0}, {"side", "positive"}}));
     EXPECT_EQ(turned({{"axis", "x"}}, "Y", "Z")["axis"], "x");
+    // A side that the node leaves at its default turns round too.
+    EXPECT_EQ(turned({{"axis", "z"}}, "Y", "Z"),
+              (json{{"axis", "y"}, {"direction", {1, -3, 2}}, {"side", "negative"}}));
+    EXPECT_EQ(turned({{"axis", "y"}}, "Y", "Z"), (json{{"axis", "z"}, {"direction", {1, -3, 2}}}));
 }
 
 TEST_F(GroomAxis, RefusesOtherAxesAndLeavesTheFileAlone) {
@@ -112,6 +116,10 @@ TEST_F(GroomAxis, RefusesOtherAxesAndLeavesTheFileAlone) {
     };
     const std::uint64_t scalp = file.scalp->fullHash();
     EXPECT_EQ(fault("X"), "groom file: upAxis is \"Y\" or \"Z\", not \"X\"");
+    EXPECT_EQ(fault(""), "groom file: upAxis is \"Y\" or \"Z\", not \"\"");
+    file.upAxis = " \t";
+    EXPECT_EQ(fault("Y"), "") << "a blank axis of the file is Y";
+    file.upAxis = "Y";
     file.graph = "{";
     EXPECT_EQ(fault("Z"), "") << "only blanks and braces are no graph at all";
     EXPECT_EQ(fault("Y"), "");

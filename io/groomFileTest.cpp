@@ -231,8 +231,9 @@ TEST_F(GroomFileTest, RefusesToWriteWhatCouldNotBeReadAgain) {
               "groom file: 'scalps.brows.points' holds a non-finite value at index 4");
     EXPECT_EQ(fault([](GroomFile& f) { f.controls["c"] = kNan; }),
               "groom file: 'controls.c' holds a non-finite value at index 0");
-    EXPECT_EQ(fault([](GroomFile& f) { f.upAxis = "X"; }),
-              "groom file: upAxis is \"Y\" or \"Z\", not \"X\"");
+    for (const char* axis : {"X", " "})
+        EXPECT_EQ(fault([&](GroomFile& f) { f.upAxis = axis; }),
+                  "groom file: upAxis is \"Y\" or \"Z\", not \"" + std::string(axis) + "\"");
     EXPECT_THAT(fault([](GroomFile& f) { f.parts = "{"; }),
                 StartsWith("groom file: invalid parts JSON: [json.exception.parse_error.101]"));
     EXPECT_THAT(fault([](GroomFile& f) { f.graph = "nodes"; }),
@@ -272,6 +273,7 @@ TEST_F(GroomFileTest, SaysWhatIsWrongWithAFile) {
         {R"({"format":"corvelle.groom","version":-7})", "groom file version -7 is not valid"},
         {R"({"format":"corvelle.groom"})", ""},
         {fileText(R"("upAxis":"X")"), "groom file: upAxis is \"Y\" or \"Z\", not \"X\""},
+        {fileText(R"("upAxis":"")"), "groom file: upAxis is \"Y\" or \"Z\", not \"\""},
         {fileText(R"("units":5)"),
          "groom file: [json.exception.type_error.302] type must be string, "
          "but is number"},
@@ -287,8 +289,9 @@ TEST_F(GroomFileTest, SaysWhatIsWrongWithAFile) {
          "groom file: 'scalp.points' must hold numbers"},
         {scalp(R"("points":["a,b,c",2,3],"triangles":[])"),
          "groom file: 'scalp.points' must hold numbers"},
-        {scalp(R"("triangles":[])"),
-         "groom file: [json.exception.out_of_range.403] key 'points' not found"},
+        {scalp(R"("triangles":[])"), "groom file: 'scalp.points' must be an array of 3-tuples"},
+        {fileText(R"("prototypes":{"leaf":{"triangles":[]}})"),
+         "groom file: 'prototypes.points' must be an array of 3-tuples"},
         {scalp(points), "groom file: bad scalp.triangles"},
         {scalp(points + R"(,"triangles":[0,1])"), "groom file: bad scalp.triangles"},
         {scalp(points + R"(,"triangles":[0,1,3])"),

@@ -11,6 +11,11 @@ std::string genericText(const std::filesystem::path& path) {
     return std::string(text.begin(), text.end());
 }
 
+/// A text that can be no path: using it fails, and says so.
+bool isNoPath(const std::string& path) {
+    return path.empty() || path.find('\0') != std::string::npos;
+}
+
 bool holdsVariable(const std::string& path) {
     return path.find_first_of("$%") != std::string::npos;
 }
@@ -22,7 +27,7 @@ bool standsAlone(const std::string& path) { return utf8Path(path).has_root_direc
 }  // namespace
 
 std::string resolveGroomPath(const std::string& path, const std::string& directory) {
-    if (path.empty() || directory.empty() || standsAlone(path)) return path;
+    if (isNoPath(path) || directory.empty() || standsAlone(path)) return path;
     return genericText((utf8Path(directory) / utf8Path(path)).lexically_normal());
 }
 
@@ -32,7 +37,7 @@ std::string resolveCachePath(const std::string& path, const std::string& directo
 
 std::string rebaseGroomPath(const std::string& path, const std::string& from,
                             const std::string& to) {
-    if (from.empty() || path.empty() || holdsVariable(path) || standsAlone(path)) return path;
+    if (from.empty() || isNoPath(path) || holdsVariable(path) || standsAlone(path)) return path;
     const std::filesystem::path there = (utf8Path(from) / utf8Path(path)).lexically_normal();
     const std::filesystem::path relative =
         there.lexically_relative(utf8Path(to.empty() ? "." : to).lexically_normal());

@@ -7,7 +7,7 @@ namespace corvelle {
 // Paths that a groom names, UTF-8 with forward slashes.
 
 /// A path that is relative to the folder of a file: joined to it, in normal form. Empty and
-/// absolute paths, and all of them without a `directory`, come back as they are.
+/// absolute paths, ones that hold a NUL, and all of them without a `directory`, come back as they are.
 std::string resolveGroomPath(const std::string& path, const std::string& directory);
 
 /// The same for the names of caches, of which those that hold a variable ("$" or "%") come back as
@@ -15,7 +15,8 @@ std::string resolveGroomPath(const std::string& path, const std::string& directo
 std::string resolveCachePath(const std::string& path, const std::string& directory);
 
 /// A relative path below folder `from`, as one below folder `to` that names the same file. Empty
-/// and absolute paths come back as they are, and so do those that hold a variable ("$" or "%").
+/// and absolute paths come back as they are, and so do those that hold a NUL or a variable ("$" or
+/// "%").
 std::string rebaseGroomPath(const std::string& path, const std::string& from,
                             const std::string& to);
 

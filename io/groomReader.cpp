@@ -151,7 +151,7 @@ void meshStep(const std::string& name, const char* member, const Step& step) {
 
 ScalpPtr readMesh(const Section& section, const std::string& name, bool scalp) {
     const JsonScan& scan = section.scan();
-    std::vector<Vec3f> points = readTuples<Vec3f>(scan, section.need("points"), name + ".points");
+    std::vector<Vec3f> points = readTuples<Vec3f>(scan, section.find("points"), name + ".points");
     const Span triangles = section.find("triangles");
     std::shared_ptr<ScalpMesh> mesh;
     meshStep(name, "triangles", [&] {
@@ -312,7 +312,7 @@ MapCatalogPtr readMaps(const JsonScan& scan, Span value) {
 PrototypePtr readPrototype(const Section& section) {
     const JsonScan& scan = section.scan();
     auto out = std::make_shared<GroomFilePrototype>();
-    out->points = readTuples<Vec3f>(scan, section.need("points"), "prototypes.points");
+    out->points = readTuples<Vec3f>(scan, section.find("points"), "prototypes.points");
     constexpr const char* kBeyond =
         "groom file: a prototype's triangle names a point it does not have";
     try {
@@ -406,13 +406,13 @@ GroomFile readSections(const JsonScan& scan, const std::string& directory) {
     if (const Span controls = section.find("controls"); JsonScan::isObject(controls))
         for (const auto& [name, value] : scan.members(controls))
             file.controls[name] = floatOf(json::parse(value), "controls." + name);
+    file.maps = readMaps(scan, section.find("maps"));
     if (const Span scalp = section.findValue("scalp"); !scalp.empty()) {
         const Section mesh = sectionOf(scan, scalp, "points");
         file.scalp = readMesh(mesh, "scalp", true);
         file.topology = stampFromText(mesh.text("topology"));
         if (file.topology == 0) file.topology = file.scalp->topologyHash();
     }
-    file.maps = readMaps(scan, section.find("maps"));
     file.guides = readGuides(scan, section.find("guides"));
     file.scalpCache = readCache(section, "scalpCache", directory);
     file.guideCache = readCache(section, "guideCache", directory);

@@ -210,7 +210,7 @@ bool holdsMesh(const std::map<std::string, ScalpPtr>& meshes) {
 }  // namespace
 
 std::string groomFileText(const GroomFile& file) {
-    const std::string axis = checkedUpAxis(file.upAxis);
+    const std::string axis = file.upAxis.empty() ? "Y" : checkedUpAxis(file.upAxis);
     std::string out;
     ObjectText object(out);
     if (!file.cardBakePrefix.empty())

@@ -76,6 +76,67 @@ void snapToScalp(Guide& child, const ParentFrames& frames, const ScalpMesh& scal
     frames.rebuild(child);
 }
 
+/// Positions of the guides of a group, or of those chosen among them, once each.
+std::vector<std::uint32_t> parentsIn(std::span<const GuidePtr> guides, const GuideIndex& index,
+                                     std::uint32_t group,
+                                     const std::vector<std::uint64_t>* chosen) {
+    std::vector<std::uint32_t> parents;
+    if (!chosen) {
+        for (std::uint32_t i = 0; i < guides.size(); ++i)
+            if (guides[i]->group == group) parents.push_back(i);
+        return parents;
+    }
+    std::vector<bool> taken(guides.size(), false);
+    for (const std::uint64_t id : *chosen) {
+        const auto found = index.guides.find(id);
+        if (found == index.guides.end() || guides[found->second]->group != group)
+            fail("guide " + std::to_string(id) + " is not in the parent group");
+        if (!taken[found->second]) parents.push_back(found->second);
+        taken[found->second] = true;
+    }
+    return parents;
+}
+
+/// A child to be: what is drawn from, and the id that was free.
+struct Draw {
+    std::uint64_t hash = 0, id = 0;
+};
+
+/// Makes the children of one parent after another; parents may run in parallel.
+struct ChildMaker {
+    const ChildSettings& settings;
+    const std::map<std::string, float>& declared;
+    std::uint32_t group = 0;
+    std::int32_t level = 0;
+    const ScalpMesh* scalp = nullptr;  ///< ready for queries, or null
+
+    void make(const Guide& parent, std::span<const Draw> draws,
+              std::span<std::shared_ptr<Guide>> made) const {
+        const ParentFrames frames(parent, parent.points.size());
+        const std::int32_t near =
+            scalp && scalp->validRoot(parent.root) ? parent.root.triangle : -1;
+        for (std::size_t d = 0; d < draws.size(); ++d) {
+            auto child = std::make_shared<Guide>();
+            child->id = draws[d].id;
+            child->group = group;
+            child->parent = parent.id;
+            child->attributes = parent.attributes;
+            for (const auto& [name, value] : declared) child->attributes.try_emplace(name, value);
+            child->pointAttributes = parent.pointAttributes;
+            child->tubeRadius = parent.tubeRadius;
+            if (child->tubeRadius.empty()) child->tubeRadius = {1.0f};
+            for (float& radius : child->tubeRadius) radius *= settings.childTubeScale;
+            child->offsets = drawOffsets(draws[d].hash, settings, parent.points.size());
+            child->frameUpLocal = {1.0f, 0.0f, 0.0f};
+            frames.rebuild(*child);
+            if (scalp) snapToScalp(*child, frames, *scalp, near);
+            frames.captureRoot(*child);
+            finishGuide(*child, level);
+            made[d] = std::move(child);
+        }
+    }
+};
+
 }  // namespace
 
 std::string GuideHierarchy::childGroupName(std::uint32_t parentGroup) const {
@@ -98,23 +159,8 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
                                                const ScalpMesh* scalp) {
     if (!group(parentGroup)) fail("unknown parent group");
     checkSettings(settings);
-    std::vector<std::uint32_t> parents;
-    std::vector<bool> isParent(guides_.size(), false);
-    const auto take = [&](std::uint32_t i) {
-        if (!isParent[i]) parents.push_back(i);
-        isParent[i] = true;
-    };
-    if (parentGuides) {
-        for (const std::uint64_t id : *parentGuides) {
-            const auto found = index().guides.find(id);
-            if (found == index().guides.end() || guides_[found->second]->group != parentGroup)
-                fail("guide " + std::to_string(id) + " is not in the parent group");
-            take(found->second);
-        }
-    } else {
-        for (std::uint32_t i = 0; i < guides_.size(); ++i)
-            if (guides_[i]->group == parentGroup) take(i);
-    }
+    const std::vector<std::uint32_t> parents =
+        parentsIn(guides(), index(), parentGroup, parentGuides);
     const GuideGroup* existing = groupNamed(childGroupName);
     if (existing && existing->parent != parentGroup)
         fail("group '" + childGroupName + "' belongs to another parent group");
@@ -131,10 +177,6 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
                 gone[child] = true;
 
     // Ids first, one after the other: each must be free.
-    struct Draw {
-        std::uint32_t parent = 0;
-        std::uint64_t hash = 0, id = 0;
-    };
     std::vector<Draw> draws;
     draws.reserve(parents.size() * std::size_t(settings.count));
     std::unordered_set<std::uint64_t> fresh;
@@ -149,46 +191,26 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
             std::uint64_t id = hash;
             while (id == 0 || taken(id)) id = mix64(id);
             fresh.insert(id);
-            draws.push_back({.parent = parent, .hash = hash, .id = id});
+            draws.push_back({.hash = hash, .id = id});
         }
     }
 
     // The children, parent by parent.
     std::vector<std::shared_ptr<Guide>> made(draws.size());
-    const auto perParent = std::size_t(settings.count);
-    const std::int32_t level = next.depthOf(childGroup);
     if (scalp && scalp->triangles().empty()) scalp = nullptr;
     if (scalp) scalp->prepareQueries();
+    const ChildMaker maker{.settings = settings,
+                           .declared = declared_,
+                           .group = childGroup,
+                           .level = next.depthOf(childGroup),
+                           .scalp = scalp};
+    const auto perParent = std::size_t(settings.count);
     parallelRange(0, perParent > 0 ? parents.size() : 0, kParentGrain,
                   [&](std::size_t begin, std::size_t end) {
-                      for (std::size_t p = begin; p < end; ++p) {
-                          const Guide& parent = *guides_[parents[p]];
-                          const ParentFrames frames(parent, parent.points.size());
-                          const std::int32_t near =
-                              scalp && scalp->validRoot(parent.root) ? parent.root.triangle : -1;
-                          for (std::size_t d = p * perParent; d < (p + 1) * perParent; ++d) {
-                              auto child = std::make_shared<Guide>();
-                              child->id = draws[d].id;
-                              child->group = childGroup;
-                              child->parent = parent.id;
-                              child->attributes = parent.attributes;
-                              for (const auto& [name, value] : declared_)
-                                  child->attributes.try_emplace(name, value);
-                              child->pointAttributes = parent.pointAttributes;
-                              child->tubeRadius = parent.tubeRadius;
-                              if (child->tubeRadius.empty()) child->tubeRadius = {1.0f};
-                              for (float& radius : child->tubeRadius)
-                                  radius *= settings.childTubeScale;
-                              child->offsets =
-                                  drawOffsets(draws[d].hash, settings, parent.points.size());
-                              child->frameUpLocal = {1.0f, 0.0f, 0.0f};
-                              frames.rebuild(*child);
-                              if (scalp) snapToScalp(*child, frames, *scalp, near);
-                              frames.captureRoot(*child);
-                              finishGuide(*child, level);
-                              made[d] = std::move(child);
-                          }
-                      }
+                      for (std::size_t p = begin; p < end; ++p)
+                          maker.make(*guides_[parents[p]],
+                                     std::span(draws).subspan(p * perParent, perParent),
+                                     std::span(made).subspan(p * perParent, perParent));
                   });
     for (const std::shared_ptr<Guide>& child : made)
         if (!allFinite(child->points) || !allFinite(child->offsets) ||
@@ -205,10 +227,10 @@ std::uint32_t GuideHierarchy::generateChildren(std::uint32_t parentGroup,
     for (std::size_t i = 0; i < guides_.size(); ++i)
         if (!gone[i] && !lost[i]) next.guides_.push_back(guides_[i]);
     const std::size_t firstChild = next.guides_.size();
-    for (std::shared_ptr<Guide>& child : made) next.guides_.push_back(std::move(child));
-    for (const Draw& draw : draws)
-        if (draw.id < (std::uint64_t(1) << 53))
-            next.nextGuide_ = std::max(next.nextGuide_, draw.id + 1);
+    for (std::shared_ptr<Guide>& child : made) {
+        if (child->id < kCountedIds) next.nextGuide_ = std::max(next.nextGuide_, child->id + 1);
+        next.guides_.push_back(std::move(child));
+    }
     next.reindex();
     GuideEdit edit(next, "generateChildren");
     for (std::size_t i = firstChild; i < next.guides_.size(); ++i)

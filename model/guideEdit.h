@@ -69,6 +69,9 @@ private:
     std::vector<std::vector<std::uint32_t>> levels_;            ///< entries with work, by level
 };
 
+/// Ids from here on are hashes of child guides: they do not raise the counter of new ids.
+inline constexpr std::uint64_t kCountedIds = std::uint64_t(1) << 53;
+
 /// Works out `detail` and the hashes of a guide whose other fields are final.
 void finishGuide(Guide& guide, std::int32_t level);
 

@@ -12,9 +12,6 @@
 namespace corvelle {
 namespace {
 
-// Ids from 2^53 on are hashes of child guides: they do not raise the counter.
-constexpr std::uint64_t kCountedIds = std::uint64_t(1) << 53;
-
 [[noreturn]] void fail(const std::string& operation, const std::string& text) {
     throw std::invalid_argument(operation + ": " + text);
 }

@@ -11,8 +11,6 @@
 namespace corvelle {
 namespace {
 
-constexpr std::uint64_t kCountedIds = std::uint64_t(1) << 53;  // see GuideHierarchy::nextGuideId
-
 [[noreturn]] void fail(const std::string& owner, const std::string& text) {
     throw std::invalid_argument(owner + ": " + text);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <limits>
 #include <numeric>
 #include <stdexcept>
 
@@ -11,6 +12,7 @@
 #include "model/floatText.h"
 #include "model/hash.h"
 #include "model/rootTransfer.h"
+#include "model/simd4.h"
 #include "model/surfaceJson.h"
 
 namespace corvelle {
@@ -116,6 +118,9 @@ public:
         std::vector<Wall> sorted;
         for (const std::uint32_t w : order) sorted.push_back(walls_[w]);
         walls_.swap(sorted);
+        fours_.resize((walls_.size() + 3) / 4);
+        for (std::size_t k = 0; k < 4 * fours_.size(); ++k)
+            fours_[k / 4].set(k % 4, walls_[std::min(k, walls_.size() - 1)]);
     }
 
     bool empty() const override { return walls_.empty(); }
@@ -153,42 +158,52 @@ public:
     bool nearest(Vec3f position, std::int32_t part, float maxDistance,
                  PartPlace& out) const override {
         if (nodes_.empty() || !isFinite(position) || !(maxDistance >= 0.0f)) return false;
-        const Wall* best = nullptr;
-        float bestShare = 0.0f, limit = maxDistance * maxDistance;
-        const auto away = [&](std::uint32_t node) {
-            return nodes_[node].box.distanceSquared(position);
+        float limit = maxDistance * maxDistance;
+        Nearest found;
+        const Float4 wanted{float(part)};
+        struct Visit {
+            std::uint32_t node;
+            float away;
         };
-        std::uint32_t stack[64];
+        Visit stack[64];
         int size = 0;
-        stack[size++] = 0;
+        const auto visit = [&](std::uint32_t node) {
+            return Visit{node, nodes_[node].box.distanceSquared(position)};
+        };
+        stack[size++] = visit(0);
         while (size > 0) {
-            const std::uint32_t at = stack[--size];
+            const Visit at = stack[--size];
             // The box reaches past the line by the wall's height: rounding cannot lose a line.
-            if (away(at) > limit) continue;
-            const Node& node = nodes_[at];
-            if (node.count == 0) {
-                const bool swap = away(node.first) > away(node.first + 1);
-                stack[size++] = node.first + (swap ? 0u : 1u);
-                stack[size++] = node.first + (swap ? 1u : 0u);  // the nearer one comes first
+            if (at.away > limit) continue;
+            const Node& node = nodes_[at.node];
+            if (node.end - node.begin > kScanned) {
+                const Visit one = visit(node.first), other = visit(node.first + 1);
+                const bool swap = one.away > other.away;
+                stack[size++] = swap ? one : other;
+                stack[size++] = swap ? other : one;  // the nearer one comes first
                 continue;
             }
-            for (std::uint32_t w = node.first; w < node.first + node.count; ++w) {
-                const Wall& wall = walls_[w];
-                if (part >= 0 && wall.part != part) continue;
-                const Vec3f along = wall.b.place - wall.a.place;
-                const float squared = lengthSquared(along);
-                const float t = dot(position - wall.a.place, along);
-                const float share = squared > 0.0f ? std::clamp(t / squared, 0.0f, 1.0f) : 0.0f;
-                const float d = lengthSquared(position - (wall.a.place + along * share));
-                if (!(d <= limit) || (best && d == limit)) continue;
-                best = &wall;
-                bestShare = share;
-                limit = d;
-            }
+            // Whole fours, with a neighbour or two: any wall may be looked at.
+            for (std::size_t f = node.begin / 4; f <= (node.end - 1) / 4; ++f)
+                fours_[f].nearest(position, part >= 0, wanted, float(f), found);
+            limit = std::min(limit, lowest(found.distance));
         }
-        if (!best) return false;
-        out.position = mix(best->a.place, best->b.place, bestShare);
-        out.along = normalized(best->b.place - best->a.place);
+        alignas(16) float distances[4], shares[4], places[4];
+        found.distance.store(distances);
+        found.share.store(shares);
+        found.four.store(places);
+        std::size_t best = 0, lane = 4;
+        for (std::size_t k = 0; k < 4; ++k) {
+            if (distances[k] != limit || places[k] < 0.0f) continue;
+            const std::size_t wall = 4 * std::size_t(places[k]) + k;
+            if (lane < 4 && best < wall) continue;  // of equal ones the first
+            best = wall;
+            lane = k;
+        }
+        if (lane == 4) return false;
+        const Wall& wall = walls_[std::min(best, walls_.size() - 1)];
+        out.position = mix(wall.a.place, wall.b.place, shares[lane]);
+        out.along = normalized(wall.b.place - wall.a.place);
         out.distance = std::sqrt(limit);
         return true;
     }
@@ -215,10 +230,58 @@ private:
     };
     struct Node {
         Box box;
-        std::uint32_t first = 0;  ///< the first of two children, or of `count` walls
-        std::uint32_t count = 0;  ///< 0 for an inner node
+        std::uint32_t first = 0;           ///< the first of two children, or of `count` walls
+        std::uint32_t count = 0;           ///< 0 for an inner node
+        std::uint32_t begin = 0, end = 0;  ///< the walls below
     };
     static constexpr std::size_t kLeaf = 4;
+    /// So many walls are looked at one and all sooner than they are told apart.
+    static constexpr std::size_t kScanned = 24;
+
+    /// The nearest so far, one for each place in a four.
+    struct Nearest {
+        Float4 distance{std::numeric_limits<float>::infinity()};  ///< squared
+        Float4 share{0.0f}, four{-1.0f};
+    };
+    /// The lines along four walls side by side.
+    struct Four {
+        alignas(16) float start[3][4], along[3][4], squared[4], part[4];
+        void set(std::size_t k, const Wall& wall) {
+            const Vec3f way = wall.b.place - wall.a.place;
+            for (int x = 0; x < 3; ++x) {
+                start[x][k] = wall.a.place[x];
+                along[x][k] = way[x];
+            }
+            squared[k] = lengthSquared(way);
+            part[k] = float(wall.part);
+        }
+        void nearest(Vec3f position, bool ofPart, Float4 wanted, float place,
+                     Nearest& found) const {
+            const Float4 zero(0.0f);
+            Float4 from[3], way[3], to[3];
+            for (int x = 0; x < 3; ++x) {
+                from[x] = Float4::load(start[x]);
+                way[x] = Float4::load(along[x]);
+                to[x] = Float4(position[x]) - from[x];
+            }
+            const Float4 t = to[0] * way[0] + to[1] * way[1] + to[2] * way[2];
+            const Float4 whole = Float4::load(squared);
+            const Float4 share =
+                select(whole > zero, lower(upper(t / whole, zero), Float4(1.0f)), zero);
+            // From the place itself, as it is told: a root on a corner then takes the line that
+            // begins there, whose place has no rounding.
+            for (int x = 0; x < 3; ++x) to[x] = Float4(position[x]) - (from[x] + way[x] * share);
+            const Float4 distance = to[0] * to[0] + to[1] * to[1] + to[2] * to[2];
+            auto nearer = distance < found.distance;
+            if (ofPart) {
+                const Float4 own = Float4::load(part);
+                nearer = nearer & (own >= wanted) & (own <= wanted);
+            }
+            found.distance = select(nearer, distance, found.distance);
+            found.share = select(nearer, share, found.share);
+            found.four = select(nearer, Float4(place), found.four);
+        }
+    };
 
     static bool crossesWall(const Wall& wall, const Point3& p, const Point3& q, double height) {
         const double ha = wall.a.height + height, hb = wall.b.height + height;
@@ -243,6 +306,8 @@ private:
             Box box;
             for (std::size_t i = task.begin; i < task.end; ++i) box.add(walls_[order[i]].box());
             nodes_[task.node].box = box;
+            nodes_[task.node].begin = std::uint32_t(task.begin);
+            nodes_[task.node].end = std::uint32_t(task.end);
             if (task.end - task.begin <= kLeaf) {
                 nodes_[task.node].first = std::uint32_t(task.begin);
                 nodes_[task.node].count = std::uint32_t(task.end - task.begin);
@@ -269,6 +334,7 @@ private:
     std::vector<std::string> names_;  ///< of the parts that lie on the scalp
     std::vector<Wall> walls_;         ///< in the leaves' order
     std::vector<Node> nodes_;
+    std::vector<Four> fours_;  ///< of the walls in order, the last one filling up its four
     std::uint64_t hash_ = 0;
 };
 

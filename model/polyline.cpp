@@ -1,6 +1,7 @@
 #include "model/polyline.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <stdexcept>
 #include <string>
@@ -58,8 +59,17 @@ void resamplePolyline(std::span<const Vec3f> points, std::span<Vec3f> out, float
         throw std::invalid_argument("resamplePolyline: points is empty, give at least one");
     const double share = fraction > 0.0f ? std::min(double(fraction), 1.0) : 0.0;
     const std::size_t last = points.size() - 1, steps = out.size() - 1;
+    constexpr std::size_t kKnown = 64;  // lengths that are not worked out twice
+    std::array<float, kKnown> lengths;
     double total = 0.0;
-    for (std::size_t i = 1; i <= last; ++i) total += distance(points[i - 1], points[i]);
+    for (std::size_t i = 1; i <= last; ++i) {
+        const float length = distance(points[i - 1], points[i]);
+        if (i < kKnown) lengths[i] = length;
+        total += length;
+    }
+    const auto lengthOf = [&](std::size_t i) {
+        return i < kKnown ? lengths[i] : distance(points[i - 1], points[i]);
+    };
 
     out[0] = points[0];
     if (!(total > 0.0) || !std::isfinite(total)) {
@@ -67,13 +77,13 @@ void resamplePolyline(std::span<const Vec3f> points, std::span<Vec3f> out, float
             out[j] = atIndex(points, share * double(last) * (double(j) / double(steps)));
     } else {
         std::size_t i = 1;  // the segment from i - 1 to i
-        double before = 0.0, segment = distance(points[0], points[1]);
+        double before = 0.0, segment = lengthOf(1);
         for (std::size_t j = 1; j <= steps; ++j) {
             const double target = total * share * (double(j) / double(steps));
             while (i < last && before + segment < target) {
                 before += segment;
                 ++i;
-                segment = distance(points[i - 1], points[i]);
+                segment = lengthOf(i);
             }
             const double t =
                 segment > 0.0 ? std::clamp((target - before) / segment, 0.0, 1.0) : 1.0;

@@ -66,7 +66,7 @@ ToArrayPool<T>::ToArrayPool() {
 
 template <class T>
 std::unique_ptr<std::vector<T>> ToArrayPool<T>::acquire(std::size_t count) {
-    if (count < kMinBytes / sizeof(T) && count * sizeof(T) < kMinBytes) return nullptr;
+    if (count <= (kMinBytes - 1) / sizeof(T)) return nullptr;
     const std::lock_guard guard(mutex_);
     const auto found = std::find_if(free_.begin(), free_.end(),
                                     [&](const auto& array) { return array->size() == count; });

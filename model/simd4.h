@@ -194,14 +194,16 @@ inline float highest(Float4 a) {
 #endif
 }
 
-/// Asks the caches for all of `*object`; changes nothing else.
+/// Asks the caches for `count` objects side by side; changes nothing else.
 template <class T>
-inline void prefetch(const T* object) {
+inline void prefetch(const T* first, std::size_t count = 1) {
 #if CORVELLE_SSE2
-    const char* bytes = reinterpret_cast<const char*>(object);
-    for (std::size_t at = 0; at < sizeof(T); at += 64) _mm_prefetch(bytes + at, _MM_HINT_T0);
+    const char* bytes = reinterpret_cast<const char*>(first);
+    for (std::size_t at = 0; at < count * sizeof(T); at += 64)
+        _mm_prefetch(bytes + at, _MM_HINT_T0);
 #else
-    (void)object;
+    (void)first;
+    (void)count;
 #endif
 }
 

@@ -1,8 +1,12 @@
 #include "model/utf8Path.h"
 
+#include <stdexcept>
+
 namespace corvelle {
 
 std::filesystem::path utf8Path(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos)
+        throw std::invalid_argument("a path holds a NUL character");
     return std::filesystem::path(std::u8string(text.begin(), text.end()));
 }
 

@@ -2,24 +2,17 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <numbers>
 
 #include "model/hash.h"
 #include "model/polyline.h"
 #include "operators/deformLanes.h"
 #include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
+#include "operators/placeStrands.h"
 #include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
-
-namespace {
-
-constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
-
-}  // namespace
 
 Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares, float start) {
     Vec3f direction;
@@ -32,9 +25,12 @@ Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares
     return direction;
 }
 
-float limitedToScalp(float angle, float toNormal) {
-    const float toPlane = std::max(0.5f * std::numbers::pi_v<float> - toNormal, 0.0f);
-    return std::clamp(angle, -toPlane, toNormal);
+float limitedToScalp(float angle, float toNormal) { return limitAcross(angle, toNormal); }
+
+Bending bendToward(Vec3f heading, Vec3f toward, float angle, bool limited) {
+    Lanes3<float> axis;
+    const float turn = bendTurn(lanes3(heading), lanes3(toward), angle, limited, axis);
+    return {vec3(axis), turn};
 }
 
 float sharesToTurn(BendSpan span) { return 1.0f / std::max(span.end - span.start, kSharpestBend); }
@@ -127,65 +123,42 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> angles;
         angle->sampleStrands(in, strands, std::span(angles).first(strands.size()));
-        std::size_t most = 0;
-        for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
-        std::vector<float> scratch(most);
-        // The directions first, the turns from them one by one, then the bends.
-        std::array<float, 4 * StrandPick::kBatch> headings, bends;
-        deformStrands(laneKernels().heading,
-                      HeadingJob{lanePoints(in, strands, out.points), span.start, headings.data()},
-                      in, strands, [&](std::size_t k) {
-                          const auto points = in.pointsOf(strands[k]);
-                          const std::span<float> shares = std::span(scratch).first(points.size());
-                          polylineShares(points, shares);
-                          put(headings, k, bendDirection(points, shares, span.start), 0.0f);
-                      });
+        LaneNumbers<4> bends;
+        const LaneDraws less(in, strands, base, randomness);
+        const bool limited = along == Along::Normal;
         for (std::size_t k = 0; k < strands.size(); ++k) {
-            const float degrees = std::clamp(angles[k], -180.0f, 180.0f) *
-                                  (1.0f - randomness * draw(base, in.ids()[strands[k]]));
-            const Turn bend = bendOf(in, strands[k], vectorAt(headings, k), degrees * kRadians);
-            put(bends, k, bend.axis, bend.angle);
+            const float degrees = std::clamp(angles[k], -180.0f, 180.0f) * (1.0f - less[k]);
+            setTarget(bends, k, in.roots()[strands[k]], degrees * kRadians);
         }
+        std::vector<float> scratch;
         deformStrands(laneKernels().bend,
                       BendJob{lanePoints(in, strands, out.points), bends.data(), span.start,
-                              sharesToTurn(span)},
+                              sharesToTurn(span), limited},
                       in, strands, [&](std::size_t k) {
                           const std::size_t s = strands[k];
                           const auto points = in.pointsOf(s);
                           if (points.empty()) return;
-                          const std::span<float> shares = std::span(scratch).first(points.size());
-                          polylineShares(points, shares);
-                          bendStrand(points, shares, span, vectorAt(bends, k), bends[4 * k + 3],
+                          scratch.resize(points.size());
+                          polylineShares(points, scratch);
+                          const float* const b = bends.at(k);
+                          Vec3f toward{b[0], b[1], b[2]};
+                          if (limited && toward == Vec3f{})
+                              toward = rootNormal(nullptr, {}, firstDirection(points));
+                          const Bending bend = bendToward(
+                              bendDirection(points, scratch, span.start), toward, b[3], limited);
+                          bendStrand(points, scratch, span, bend.axis, bend.angle,
                                      out.points.subspan(in.offsets()[s], points.size()));
                       });
     }
 
 private:
-    struct Turn {
-        Vec3f axis;
-        float angle = 0.0f;  ///< 0: the strand stays
-    };
-    /// None when the strand, or what it should bend toward, has no direction.
-    Turn bendOf(const StrandSet& in, std::size_t s, Vec3f from, float turn) const {
-        if (turn == 0.0f || from == Vec3f{}) return {};
-        const Vec3f toward = target(in.roots()[s], in.pointsOf(s));
-        if (toward == Vec3f{}) return {};
-        if (along != Along::Normal) return {shortestAxis(from, toward), turn};
-        const ShortestArc arc = shortestArc(from, toward);
-        return {arc.axis, limitedToScalp(turn, arc.angle)};
-    }
-    static void put(std::span<float> numbers, std::size_t k, Vec3f v, float w) {
-        std::ranges::copy(std::array{v.x, v.y, v.z, w}, &numbers[4 * k]);
-    }
-    static Vec3f vectorAt(std::span<const float> numbers, std::size_t k) {
-        return {numbers[4 * k], numbers[4 * k + 1], numbers[4 * k + 2]};
-    }
-    Vec3f target(const StrandRoot& root, std::span<const Vec3f> points) const {
-        if (along == Along::Normal) return rootNormal(scalp.get(), root, firstDirection(points));
-        if (along == Along::Tangent)
+    /// Toward where: unit, or zero for a normal that is the strand's own direction.
+    void setTarget(LaneNumbers<4>& bends, std::size_t k, const StrandRoot& root, float turn) const {
+        if (along == Along::Normal) return setNormal(bends, k, 0, scalp.get(), root, turn);
+        if (along == Along::Tangent && scalp)
             if (const Vec3f tangent = rootTangent(scalp.get(), root); !(tangent == Vec3f{}))
-                return tangent;
-        return direction;
+                return bends.set(k, 0, tangent, turn);
+        bends.set(k, 0, direction, turn);
     }
 };
 

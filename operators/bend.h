@@ -20,6 +20,15 @@ Vec3f bendDirection(std::span<const Vec3f> points, std::span<const float> shares
 /// normal nor sinks below the tangent plane. Radians, positive toward the normal.
 float limitedToScalp(float angle, float toNormal);
 
+/// A turn about a unit axis.
+struct Bending {
+    Vec3f axis;
+    float angle = 0.0f;  ///< radians; 0: the strand stays
+};
+/// The bend of a strand from its unit direction by `angle` (-pi to pi) toward another; none when
+/// either is zero. `limited`: toward the scalp's normal, see limitedToScalp.
+Bending bendToward(Vec3f heading, Vec3f toward, float angle, bool limited);
+
 /// What share of the turn a share of the length takes.
 float sharesToTurn(BendSpan span);
 

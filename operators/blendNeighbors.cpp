@@ -4,11 +4,12 @@
 #include <array>
 
 #include "graph/strandDiff.h"
-#include "model/parallel.h"
 #include "model/polyline.h"
+#include "operators/curveTable.h"
+#include "operators/laneRuns.h"
 #include "operators/neighborTable.h"
 #include "operators/nodeFactories.h"
-#include "operators/previewStrands.h"
+#include "operators/pointCountOrder.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
@@ -89,17 +90,12 @@ public:
 
     void beginFull(const StrandSet& in) override {
         table_ = cache->table(in, settings);
-        // Every candidate is read by several strands: its shares are worked out once.
-        shares_.resize(in.pointCount());
-        const std::vector<std::uint32_t> read = previewStrands(in);
-        parallelRange(0, read.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) {
-                const std::size_t s = read[i];
-                polylineShares(in.pointsOf(s),
-                               std::span(shares_).subspan(in.offsets()[s], in.pointCountOf(s)));
-            }
-        });
+        ramp_ = LaneRamp(profile);
+        // Every strand is read by several: what they all need is worked out once.
+        if (ramp_.fits()) curves_.measure(in, table_->order());
     }
+
+    std::span<const std::uint32_t> runOrder() const override { return table_->order(); }
 
     StrandChangesPtr beginSome(const StrandSet& in, const StrandChangesPtr& changed) override {
         table_ = cache->kept(in, changed->strands, settings);
@@ -120,14 +116,33 @@ public:
         std::array<float, StrandPick::kBatch> strengths;
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
         Scratch scratch;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+        const auto alone = [&](std::size_t s, float strong) {
+            blend(in, s, strong, scratch, out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
+        };
+        Group group;
+        for (const std::uint32_t k : PointCountOrder(in, strands)) {
+            const std::uint32_t s = strands[k];
             const float strong = clampShare(strengths[k]);
-            if (strong == 0.0f || points.size() < 2 || !blend(in, s, strong, scratch, to))
-                std::copy(points.begin(), points.end(), to.begin());
+            const auto points = in.pointsOf(s);
+            const auto others = table_->of(s);
+            if (strong == 0.0f || points.size() < 2 || others.empty())
+                std::ranges::copy(points, out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
+            else if (curves_.empty() || !areCurves(in, others))
+                alone(s, strong);
+            else
+                group.add(s, strong, others);
         }
+        if (group.count == 0) return;
+        const std::span<const std::uint32_t> list(group.strands.data(), group.count);
+        const BlendJob job{lanePoints(in, list, out.points),
+                           curves_.rows(),
+                           group.others.data(),
+                           group.counts.data(),
+                           group.strongs.data(),
+                           ramp_.keys(),
+                           preserveLength};
+        deformStrands(neighborKernels().blend, job, in, list,
+                      [&](std::size_t k) { alone(list[k], group.strongs[k]); });
     }
 
 private:
@@ -135,9 +150,29 @@ private:
         std::vector<float> shares, amounts, others;
         std::vector<Vec3f> shape;
     };
+    /// Strands to blend side by side.
+    struct Group {
+        std::size_t count = 0;
+        std::array<std::uint32_t, StrandPick::kBatch> strands, counts;
+        std::array<const std::uint32_t*, StrandPick::kBatch> others;
+        std::array<float, StrandPick::kBatch> strongs;
 
-    /// False when the strand has no neighbours to blend toward.
-    bool blend(const StrandSet& in, std::size_t s, float strong, Scratch& scratch,
+        void add(std::uint32_t strand, float strong, std::span<const std::uint32_t> neighbors) {
+            strands[count] = strand;
+            strongs[count] = strong;
+            others[count] = neighbors.data();
+            counts[count++] = std::uint32_t(neighbors.size());
+        }
+    };
+
+    bool areCurves(const StrandSet& in, std::span<const std::uint32_t> strands) const {
+        return curves_.allCurves() || std::ranges::all_of(strands, [&](std::uint32_t s) {
+                   return in.pointCountOf(s) >= 2;
+               });
+    }
+
+    /// One strand; it stays when it has no neighbours to blend toward.
+    void blend(const StrandSet& in, std::size_t s, float strong, Scratch& scratch,
                std::span<Vec3f> to) const {
         const auto points = in.pointsOf(s);
         const std::size_t n = points.size();
@@ -148,29 +183,26 @@ private:
         for (const std::uint32_t other : table_->of(s)) {
             const auto theirs = in.pointsOf(other);
             if (theirs.size() < 2) continue;
-            addShape({theirs, sharesOf(in, other, scratch)}, scratch.shares, scratch.shape);
+            scratch.others.resize(theirs.size());
+            polylineShares(theirs, scratch.others);
+            addShape({theirs, scratch.others}, scratch.shares, scratch.shape);
             ++used;
         }
-        if (used == 0) return false;
+        if (used == 0) {
+            std::ranges::copy(points, to.begin());
+            return;
+        }
         const float share = 1.0f / float(used);
         for (Vec3f& place : scratch.shape) place *= share;
         scratch.amounts.resize(n);
         profile.sample(scratch.shares, scratch.amounts);
         for (float& amount : scratch.amounts) amount = clampShare(amount * strong);
         blendToward(points, scratch.shape, scratch.amounts, preserveLength ? length : 0.0f, to);
-        return true;
-    }
-
-    std::span<const float> sharesOf(const StrandSet& in, std::size_t s, Scratch& scratch) const {
-        if (!shares_.empty())
-            return std::span(shares_).subspan(in.offsets()[s], in.pointCountOf(s));
-        scratch.others.resize(in.pointCountOf(s));
-        polylineShares(in.pointsOf(s), scratch.others);
-        return scratch.others;
     }
 
     std::shared_ptr<const NeighborTable> table_;
-    std::vector<float> shares_;  ///< [points], of the candidates alone; empty: not worked out
+    LaneRamp ramp_;
+    CurveTable curves_;  ///< empty in a run over some strands
 };
 
 class BlendNeighbors final : public StrandOperator {

@@ -8,12 +8,12 @@
 #include "model/parallel.h"
 #include "model/soleOwner.h"
 #include "operators/guideShapes.h"
+#include "operators/laneRuns.h"
 
 namespace corvelle {
 
 namespace {
 
-constexpr int kPasses = 3;
 /// The band over the scalp, as a share of its size: 3 cm on a head of 20.
 constexpr float kBandOfSize = 0.15f;
 /// Lower by less than this share of a cell is the field's own error, by less than this share of the
@@ -43,6 +43,30 @@ void measureGuide(const GuideSet& guides, std::size_t g, ClearanceGoals& goals,
     goals.hashes[g] = guides.hashes()[g];
 }
 
+void tabulateGuide(const ClearanceGoals& goals, std::size_t g, ClearanceTable& table) {
+    const float perPoint = 1.0f / float(table.points - 1);
+    float* const to = table.heights.data() + g * table.stride;
+    for (std::size_t j = 0; j < table.points; ++j)
+        to[j] = wantedHeight(goals.heights[g], float(j) * perPoint);
+}
+
+/// Tables of these point counts, those at hand kept.
+void tabulate(ClearanceGoals& goals, std::span<const std::size_t> counts) {
+    std::vector<ClearanceTable> made;
+    for (const std::size_t n : counts) {
+        const auto old = std::ranges::find(goals.tables, n, &ClearanceTable::points);
+        if (old != goals.tables.end()) {
+            made.push_back(std::move(*old));
+            continue;
+        }
+        ClearanceTable table{.points = n, .stride = (n + 7) / 8 * 8, .heights = {}};
+        table.heights.resize(goals.heights.size() * table.stride);
+        for (std::size_t g = 0; g < goals.heights.size(); ++g) tabulateGuide(goals, g, table);
+        made.push_back(std::move(table));
+    }
+    goals.tables = std::move(made);
+}
+
 }  // namespace
 
 ClearanceSpace clearanceSpace(const ScalpPtr& scalp) {
@@ -56,69 +80,47 @@ ClearanceSpace clearanceSpace(const ScalpPtr& scalp) {
     return space;
 }
 
-bool keepClearance(const ClearanceGoals& goals, std::span<const GuideWeight> guides,
-                   const StrandRoot& root, std::span<Vec3f> points, std::vector<Vec3f>& scratch) {
-    const std::size_t n = points.size();
-    if (n < 2 || guides.empty()) return false;
-    const ClearanceSpace& space = goals.space;
-    const DistanceField& field = *space.field;
-    std::array<float, kClearanceShares> heights{};
-    for (const GuideWeight& pair : guides) {
-        const float weight = pair.weight;
-        const float* const own = goals.heights[pair.guide].data();
-        float* const sum = heights.data();
-        for (std::size_t k = 0; k < kClearanceShares; ++k) sum[k] += weight * own[k];
-    }
+void liftStrands(const ClearanceSpace& space, const LiftList& list,
+                 std::span<const StrandRoot> roots, std::span<const std::uint64_t> offsets,
+                 std::span<Vec3f> points, SplineLanes lanes) {
+    const std::size_t count = list.strands.size(), n = list.points;
+    if (count == 0 || n < 2) return;
+    std::vector<std::uint8_t> lifted(count);
+    LiftJob job{.points = {&points[0].x, &points[0].x, offsets.data(), list.strands.data()},
+                .wanted = list.wanted.data(),
+                .wantedStride = list.stride,
+                .field = space.field->grid(),
+                .floor = space.field->floor(),
+                .band = space.band,
+                .slack = kSlackOfCell * space.field->cell(),
+                .slackShare = kSlackOfHeight,
+                .lifted = lifted.data()};
+    LaneScratch scratch;
+    const auto lift = [&] { laneKernels(lanes).lift(job, 0, count, n, scratch.of(n)); };
+    if (!space.rest) return lift();
 
-    const RootMotion there =
-        space.rest ? rootMotion(root, *space.scalp, *space.rest) : RootMotion{};
-    const float slack = kSlackOfCell * field.cell();
-    const float perPoint = 1.0f / float(n - 1);
-    const auto wanted = [&](std::size_t j) {
-        return std::min(wantedHeight(heights, float(j) * perPoint), space.band);
-    };
-    const auto allowed = [&](float height) {
-        return height - slack - kSlackOfHeight * std::max(height, 0.0f);
-    };
-    const auto tooLow = [&](Vec3f p, float least) {
-        return !field.surelyOutside(p, -1e30f, least) && field.distance(p) < least;
-    };
-    std::size_t first = 1;
-    while (first < n && !tooLow(there(points[first]), allowed(wanted(first)))) ++first;
-    if (first == n) return false;
-
-    scratch.resize(2 * n);
-    const std::span<Vec3f> moved(scratch.data(), n), segments(scratch.data() + n, n);
-    for (std::size_t j = 0; j < n; ++j) {
-        moved[j] = there(points[j]);
-        if (j > 0) segments[j].x = distance(points[j], points[j - 1]);
+    std::vector<Vec3f> carried(count * n);
+    std::vector<std::uint64_t> starts(count);
+    std::vector<std::uint32_t> places(count);
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::uint32_t s = list.strands[k];
+        starts[k] = k * n;
+        places[k] = std::uint32_t(k);
+        carry(points.subspan(offsets[s], n), roots[s], *space.scalp, *space.rest,
+              std::span(carried).subspan(k * n, n));
     }
-    for (int pass = 0; pass < kPasses; ++pass) {
-        bool pushed = false;
-        for (std::size_t j = pass == 0 ? first : 1; j < n; ++j) {
-            const float height = wanted(j);
-            const float least = allowed(height);
-            if (field.surelyOutside(moved[j], -1e30f, least)) continue;
-            const DistanceSample sample = field.sample(moved[j]);
-            if (!(sample.distance < least)) continue;
-            moved[j] += sample.gradient * (height - sample.distance);
-            pushed = true;
-        }
-        if (!pushed) break;
-        // Each segment points to where its end was pushed and has its own length.
-        for (std::size_t j = 1; j < n; ++j) {
-            Vec3f way = normalized(moved[j] - moved[j - 1]);
-            if (way == Vec3f{}) way = normalized(there(points[j]) - there(points[j - 1]));
-            moved[j] = moved[j - 1] + way * segments[j].x;
-        }
+    job.points = {&carried[0].x, &carried[0].x, starts.data(), places.data()};
+    lift();
+    for (std::size_t k = 0; k < count; ++k) {
+        if (!lifted[k]) continue;
+        const std::uint32_t s = list.strands[k];
+        carry(std::span(carried).subspan(k * n + 1, n - 1), roots[s], *space.rest, *space.scalp,
+              points.subspan(offsets[s] + 1, n - 1));
     }
-    const RootMotion back = space.rest ? rootMotion(root, *space.rest, *space.scalp) : RootMotion{};
-    for (std::size_t j = 1; j < n; ++j) points[j] = back(moved[j]);
-    return true;
 }
 
 ClearanceGoalsPtr ClearanceCache::goals(const GuideSet& guides, bool smooth, const ScalpPtr& scalp,
-                                        std::string& note) {
+                                        std::span<const std::size_t> counts, std::string& note) {
     std::shared_ptr<ClearanceGoals> held;
     {
         const std::lock_guard lock(mutex_);
@@ -142,12 +144,18 @@ ClearanceGoalsPtr ClearanceCache::goals(const GuideSet& guides, bool smooth, con
         std::vector<std::uint32_t> stale;
         for (std::size_t g = 0; g < count; ++g)
             if (held->hashes[g] != guides.hashes()[g]) stale.push_back(std::uint32_t(g));
-        if (!stale.empty() && !isSoleOwner(held)) held = std::make_shared<ClearanceGoals>(*held);
+        const bool sameCounts =
+            std::ranges::equal(counts, held->tables, {}, {}, &ClearanceTable::points);
+        if ((!stale.empty() || !sameCounts) && !isSoleOwner(held))
+            held = std::make_shared<ClearanceGoals>(*held);
         parallelRange(0, stale.size(), 32, [&](std::size_t begin, std::size_t end) {
             std::vector<Vec3f> scratch;
             for (std::size_t i = begin; i < end; ++i)
                 measureGuide(guides, stale[i], *held, scratch);
         });
+        if (!sameCounts) tabulate(*held, counts);
+        for (ClearanceTable& table : held->tables)
+            for (const std::uint32_t g : stale) tabulateGuide(*held, g, table);
     }
     const bool works = held->space.field != nullptr;
     const ClearanceGoalsPtr result = held;

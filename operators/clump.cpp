@@ -1,15 +1,15 @@
-#include "operators/clump.h"
-
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cmath>
 #include <mutex>
 #include <numbers>
+#include <optional>
 
 #include "graph/operator.h"
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "model/simd4.h"
 #include "operators/clumpAxes.h"
 #include "operators/clumpGather.h"
 #include "operators/clumpParams.h"
@@ -105,10 +105,6 @@ public:
         const std::scoped_lock lock(mutex_, from->mutex_);
         cache_ = from->cache_;
     }
-    std::string details() const {
-        const std::lock_guard lock(mutex_);
-        return details_;
-    }
 
 private:
     CentersFrom centersFrom() const;
@@ -125,11 +121,10 @@ private:
                                const CenterCurves& curves);
     void pullAll(const ClumpRun& run, const ClumpShape& shape, const GatheredClumps& clumps,
                  const StrandPick& pick, std::span<Vec3f> out) const;
-    void tell(CentersFrom from);
+    void tellOfParting(CentersFrom from) const;
 
     mutable std::mutex mutex_;
     ClumpCache cache_;
-    std::string details_;
 };
 
 CentersFrom Clump::centersFrom() const {
@@ -387,6 +382,42 @@ AxisSource axisSource(const ClumpRun& run) {
     return {.guides = std::get<GuidesPtr>(run.centers).get()};
 }
 
+/// The strands of a batch that are only pulled.
+class PlainBatch {
+public:
+    void add(std::uint32_t strand, std::uint32_t axis, float strength) {
+        strands_[count_] = strand;
+        axes_[count_] = axis;
+        strengths_[count_++] = strength;
+    }
+    /// In an order in which those of one axis stand together, mostly: by the axes' last bits.
+    void pull(const PlainPull& plain, const StrandSet& in, std::span<Vec3f> out) const {
+        if (count_ == 0) return;
+        std::array<std::uint32_t, kBuckets + 1> starts{};
+        for (std::size_t k = 0; k < count_; ++k) ++starts[axes_[k] % kBuckets + 1];
+        for (std::size_t b = 0; b < kBuckets; ++b) starts[b + 1] += starts[b];
+        PlainBatch sorted;
+        for (std::size_t k = 0; k < count_; ++k) {
+            // Here they come one after the other; below in an order that no cache foresees.
+            const std::span<const Vec3f> points = in.pointsOf(strands_[k]);
+            prefetch(points.data(), points.size());
+            const std::size_t to = starts[axes_[k] % kBuckets]++;
+            sorted.strands_[to] = strands_[k];
+            sorted.axes_[to] = axes_[k];
+            sorted.strengths_[to] = strengths_[k];
+        }
+        plain.pull(in, std::span(sorted.strands_).first(count_),
+                   std::span(sorted.axes_).first(count_),
+                   std::span(sorted.strengths_).first(count_), out);
+    }
+
+private:
+    static constexpr std::size_t kBuckets = 128;
+    std::array<std::uint32_t, StrandPick::kBatch> strands_, axes_;
+    std::array<float, StrandPick::kBatch> strengths_;
+    std::size_t count_ = 0;
+};
+
 void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const GatheredClumps& clumps,
                     const StrandPick& pick, std::span<Vec3f> out) const {
     const StrandSet& in = *run.strands;
@@ -430,8 +461,15 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
             if (!copied[a].empty()) needed.curves[a].points = copied[a];
     }
     const ClumpAxes axes(needed.curves, shape.axes);
+    const PlainPull plain(axes, shape.pull);
+    std::vector<float> clumpStrengths(count, 1.0f);
+    if (shape.strengthRandom > 0.0f) {
+        const std::uint64_t base = drawBase(shape.seed, kStrengthRandom);
+        for (std::size_t a = 0; a < count; ++a)
+            clumpStrengths[a] -=
+                shape.strengthRandom * draw(base, clumps.centers.ids[needed.clump[a]]);
+    }
 
-    const std::uint64_t strengthBase = drawBase(shape.seed, kStrengthRandom);
     const std::uint64_t lockBase = drawBase(shape.seed, kLockRandom);
     const bool perPoint = shape.strength->perPoint();
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
@@ -441,13 +479,15 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
             most = std::max(most, in.pointCountOf(s));
             total += in.pointCountOf(s);
         }
-        StrandPuller puller(axes, shape.pull, most);
         std::vector<float> pointStrengths(perPoint ? total : 0);
         if (perPoint)
             shape.strength->samplePoints(in, batch, pointStrengths);
         else
             shape.strength->sampleStrands(in, batch, std::span(strengths).first(batch.size()));
         shape.volumize->sampleStrands(in, batch, std::span(volumes).first(batch.size()));
+
+        PlainBatch alike;
+        std::optional<StrandPuller> puller;
         std::size_t at = 0;
         for (std::size_t k = 0; k < batch.size(); ++k) {
             const std::size_t s = batch[k];
@@ -463,13 +503,18 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
                 std::copy(points.begin(), points.end(), to.begin());
                 continue;
             }
-            const std::uint64_t id = clumps.centers.ids[std::size_t(c)];
             ClumpMember member{.points = points,
                                .strength = perPoint ? 0.0f : strengths[k],
                                .strengths = own,
+                               .clumpStrength = clumpStrengths[std::size_t(axis)],
                                .volumize = std::isfinite(volumes[k]) ? volumes[k] : 0.0f};
-            if (shape.strengthRandom > 0.0f)
-                member.clumpStrength = 1.0f - shape.strengthRandom * draw(strengthBase, id);
+            if (plain.fits() && !perPoint &&
+                PlainPull::takes(member.strength * member.clumpStrength, member.volumize,
+                                 points.size())) {
+                alike.add(std::uint32_t(s), std::uint32_t(axis),
+                          member.strength * member.clumpStrength);
+                continue;
+            }
             if (shape.pull.lock) {
                 const AxisCurve& curve = needed.curves[std::size_t(axis)];
                 const Vec3f offset = points.front() - curve.points.front();
@@ -477,28 +522,30 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
                 const float far = length(offset), flat = std::sqrt(x * x + z * z);
                 const float reach = clumps.binding.reach[std::size_t(c)];
                 const float share = far < reach ? far / reach : far > 0.0f ? 1.0f : 0.0f;
+                const std::uint64_t id = clumps.centers.ids[std::size_t(c)];
                 const float radius =
                     shape.lockRadius * (1.0f + shape.lockRandom * drawSigned(lockBase, id));
                 const float scale = flat > 0.0f ? share * radius / flat : 0.0f;
                 member.lockX = x * scale;
                 member.lockZ = z * scale;
             }
-            puller.pull(member, std::size_t(axis), to);
+            if (!puller) puller.emplace(axes, shape.pull, most);
+            puller->pull(member, std::size_t(axis), to);
         }
-        puller.finish();
+        alike.pull(plain, in, out);
     });
 }
 
-void Clump::tell(CentersFrom from) {
+/// How a negative strength parts the strands.
+void Clump::tellOfParting(CentersFrom from) const {
     const bool pushes = !isMapped("strength") && number("strength") < 0.0;
-    const std::lock_guard lock(mutex_);
-    details_ = pushes && from == CentersFrom::InputPoints ? kPartsText : "";
+    if (pushes && from == CentersFrom::InputPoints) tell(kPartsText);
 }
 
 NodeValue Clump::evaluate(const EvalContext& context, const NodeInputs& inputs) {
     const StrandsPtr strands = requireStrands(*this, inputs);
     const CentersFrom from = centersFrom();
-    tell(from);
+    tellOfParting(from);
     if (from == CentersFrom::Pick && inputs.isConnected(1)) warn(kIgnoredText);
     if (from != CentersFrom::Pick && !inputs.isConnected(1)) {
         warn(
@@ -574,7 +621,7 @@ bool Clump::update(const EvalContext& context, const NodeInputs& inputs,
     std::sort(dirty.begin(), dirty.end());
     dirty.erase(std::unique(dirty.begin(), dirty.end()), dirty.end());
 
-    tell(from);
+    tellOfParting(from);
     if (from == CentersFrom::Pick && inputs.isConnected(1)) warn(kIgnoredText);
     if (!shape.moves && shape.channel.empty()) {
         result.outputs = {strands};
@@ -594,11 +641,6 @@ bool Clump::update(const EvalContext& context, const NodeInputs& inputs,
 }
 
 }  // namespace
-
-std::string clumpDetails(const Operator& op) {
-    const auto* node = dynamic_cast<const Clump*>(&op);
-    return node ? node->details() : std::string();
-}
 
 OperatorPtr makeClump() { return std::make_unique<Clump>(); }
 

@@ -84,7 +84,8 @@ void carryFrames(const AxisCurve& curve, const AxisSettings& settings, std::span
 
 ClumpAxes::ClumpAxes(std::span<const AxisCurve> curves, const AxisSettings& settings)
     : offsets_(curves.size() + 1, 0) {
-    std::size_t most = 0;
+    static_assert(sizeof(Point) == 8 * sizeof(float));
+    std::size_t& most = mostPoints_;
     for (std::size_t a = 0; a < curves.size(); ++a) {
         offsets_[a + 1] = offsets_[a] + curves[a].points.size() + 1;
         most = std::max(most, curves[a].points.size());

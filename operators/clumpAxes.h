@@ -57,11 +57,18 @@ public:
     }
     float lengthOf(std::size_t axis) const { return points_[offsets_[axis + 1] - 2].arc; }
 
+    /// For kernels: 8 floats a point, as Point holds them, where each axis begins, and how many
+    /// points the longest has.
+    const float* flat() const { return points_.empty() ? nullptr : &points_[0].place.x; }
+    std::span<const std::size_t> offsets() const { return offsets_; }
+    std::size_t mostPoints() const { return mostPoints_; }
+
 private:
     std::size_t pointCountOf(std::size_t axis) const {
         return offsets_[axis + 1] - offsets_[axis] - 1;
     }
     std::vector<std::size_t> offsets_;
+    std::size_t mostPoints_ = 0;
     std::vector<Point> points_;
     std::vector<Frame> frames_;
 };

@@ -1,6 +1,7 @@
 #include "operators/clumpCenters.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cmath>
 #include <numbers>
@@ -293,19 +294,28 @@ std::uint64_t strandRootsHash(const StrandSet& strands) {
     parallelRange(0, hashes.size(), 1, [&](std::size_t b, std::size_t e) {
         for (std::size_t block = b; block < e; ++block) {
             // Chains side by side: each waits for its own last step alone.
-            std::uint64_t h = hashCombine(0xA53E5BEFF0BC09F6u, std::uint64_t(block));
-            std::uint64_t xy = h, zu = h, tv = h;
-            const std::size_t end = std::min(count, (block + 1) * kHashBlock);
-            for (std::size_t s = block * kHashBlock; s < end; ++s) {
+            const std::uint64_t start = hashCombine(0xA53E5BEFF0BC09F6u, std::uint64_t(block));
+            std::array<std::uint64_t, 8> chains;
+            chains.fill(start);
+            const auto add = [&](std::size_t s, std::size_t first) {
                 const StrandRoot& root = strands.roots()[s];
                 const Vec3f p = rootPoint(strands, s);
-                h = hashCombine(h, strands.ids()[s]);
-                xy = hashCombine(xy, bitsOf(p.x, p.y));
-                zu = hashCombine(zu, bitsOf(p.z, root.u));
-                tv = hashCombine(tv, std::uint64_t(std::uint32_t(root.triangle)) << 32 |
-                                         std::bit_cast<std::uint32_t>(root.v));
+                std::uint64_t* const h = chains.data() + first;
+                h[0] = hashCombine(h[0], strands.ids()[s]);
+                h[1] = hashCombine(h[1], bitsOf(p.x, p.y));
+                h[2] = hashCombine(h[2], bitsOf(p.z, root.u));
+                h[3] = hashCombine(h[3], std::uint64_t(std::uint32_t(root.triangle)) << 32 |
+                                             std::bit_cast<std::uint32_t>(root.v));
+            };
+            const std::size_t end = std::min(count, (block + 1) * kHashBlock);
+            std::size_t s = block * kHashBlock;
+            for (; s + 1 < end; s += 2) {
+                add(s, 0);
+                add(s + 1, 4);
             }
-            h = hashCombine(hashCombine(hashCombine(h, xy), zu), tv);
+            if (s < end) add(s, 0);
+            std::uint64_t h = start;
+            for (const std::uint64_t chain : chains) h = hashCombine(h, chain);
             hashes[block] = h;
         }
     });

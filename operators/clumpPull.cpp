@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
-#include <memory>
 
 #include "model/polyline.h"
-#include "model/simd4.h"
-#include "operators/splineLanes.h"
 
 namespace corvelle {
 
@@ -37,20 +34,6 @@ private:
     float arc_ = 0.0f;
 };
 
-/// A place on the axis and how it goes on, of four strands: x, y, z and the arc, then the step's x,
-/// y, z and 1 / length, each side by side.
-void axisLanes(const ClumpAxes::Point* const* at, Float4* place, Float4* step) {
-    static_assert(sizeof(ClumpAxes::Point) == 8 * sizeof(float));
-    const float* first[4];
-    const float* second[4];
-    for (int l = 0; l < 4; ++l) {
-        first[l] = &at[l]->place.x;
-        second[l] = &at[l]->step.x;
-    }
-    loadAcross(first, place);
-    loadAcross(second, step);
-}
-
 }  // namespace
 
 StrandPuller::StrandPuller(const ClumpAxes& axes, const PullSettings& settings,
@@ -59,102 +42,9 @@ StrandPuller::StrandPuller(const ClumpAxes& axes, const PullSettings& settings,
       settings_(settings),
       shares_(mostPoints),
       strengths_(mostPoints),
-      volumes_(mostPoints),
-      lanes_(kLanes * 5 * mostPoints + kLanes) {
-    const std::vector<Ramp::Key>& keys = settings.profile.keys();
-    pulls_ = std::ranges::all_of(keys, [](const Ramp::Key& key) { return key.second >= 0.0f; });
-    // Between two keys the smooth ramp is straight too.
-    line_ = keys.size() == 2 && keys[0].first == 0.0f && keys[1].first == 1.0f;
-    if (line_) {
-        from_ = keys[0].second;
-        by_ = keys[1].second - from_;
-    }
-}
+      volumes_(mostPoints) {}
 
 void StrandPuller::pull(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out) {
-    const float strength = member.strength * member.clumpStrength;
-    if (!pulls_ || !member.strengths.empty() || !(strength >= 0.0f) || settings_.lock ||
-        settings_.flatness > 0.0f || member.volumize != 0.0f)
-        return pullOne(member, axis, out);
-    if (count_ > 0 && points_ != member.points.size()) pullWaiting();
-    points_ = member.points.size();
-    waiting_[count_++] = {&member.points[0].x, &out[0].x, strength, axis};
-    if (count_ == kLanes) pullWaiting();
-}
-
-void StrandPuller::finish() {
-    if (count_ > 0) pullWaiting();
-}
-
-void StrandPuller::pullWaiting() {
-    for (std::size_t l = count_; l < kLanes; ++l) waiting_[l] = waiting_[0];  // fills the lanes up
-    count_ = 0;
-    const std::size_t n = points_;
-    void* aligned = lanes_.data();
-    std::size_t room = lanes_.size() * sizeof(float);
-    std::align(alignof(Float4), room - kLanes * sizeof(float), aligned, room);
-    Float4* const points = static_cast<Float4*>(aligned);
-    Float4* const arcs = points + 3 * n;
-    Float4* const pulls = arcs + n;
-
-    const float* from[kLanes];
-    float* to[kLanes];
-    const ClumpAxes::Point* at[kLanes];
-    alignas(16) float strength[kLanes], axisLength[kLanes], asked[kLanes];
-    for (std::size_t l = 0; l < kLanes; ++l) {
-        from[l] = waiting_[l].points;
-        to[l] = waiting_[l].out;
-        at[l] = axes_.pointsOf(waiting_[l].axis).data();
-        strength[l] = waiting_[l].strength;
-        axisLength[l] = axes_.lengthOf(waiting_[l].axis);
-    }
-    gatherLanes(from, 3 * n, points);
-
-    const Float4 zero(0.0f), one(1.0f);
-    Float4 total = zero;
-    arcs[0] = zero;
-    for (std::size_t i = 1; i < n; ++i) {
-        const Float4 *a = points + 3 * (i - 1), *b = points + 3 * i;
-        const Float4 x = b[0] - a[0], y = b[1] - a[1], z = b[2] - a[2];
-        total = total + squareRoot(x * x + y * y + z * z);
-        arcs[i] = total;
-    }
-    // A strand of no length, or of none that is a number, goes by its points' numbers.
-    const auto measured = (total > zero) & (total < Float4(3e38f));
-    const Float4 whole = select(measured, total, Float4(float(n > 1 ? n - 1 : 1)));
-    for (std::size_t i = 0; i < n; ++i)
-        arcs[i] = select(measured, arcs[i], Float4(float(i))) / whole;
-    if (line_) {
-        for (std::size_t i = 0; i < n; ++i) pulls[i] = Float4(from_) + Float4(by_) * arcs[i];
-    } else {
-        float* const flat = reinterpret_cast<float*>(arcs);
-        settings_.profile.sample({flat, kLanes * n}, {reinterpret_cast<float*>(pulls), kLanes * n});
-    }
-    const Float4 strengths = Float4::load(strength), length = Float4::load(axisLength);
-    const Float4 perShare = upper(select(measured, total, zero), length);
-    for (std::size_t i = 1; i < n; ++i) {
-        const Float4 arc = arcs[i] * perShare;
-        arc.store(asked);
-        for (std::size_t l = 0; l < kLanes; ++l) {
-            // Mostly none or two steps, by chance, where strands go on as their axis does.
-            const ClumpAxes::Point* point = at[l];
-            point += point[1].arc <= asked[l];
-            point += point[1].arc <= asked[l];
-            while (point[1].arc <= asked[l]) ++point;
-            at[l] = point;
-        }
-        Float4 place[4], step[4];
-        axisLanes(at, place, step);
-        const Float4 pull = lower(strengths * pulls[i], one), gone = arc - place[3];
-        for (int x = 0; x < 3; ++x) {
-            const Float4 p = points[3 * i + std::size_t(x)];
-            points[3 * i + std::size_t(x)] = p + (place[x] + step[x] * gone - p) * pull;
-        }
-    }
-    scatterLanes(points, 3 * n, to);
-}
-
-void StrandPuller::pullOne(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out) {
     const std::span<const Vec3f> points = member.points;
     const std::size_t n = points.size();
     const std::span<float> shares = std::span(shares_).first(n);
@@ -207,6 +97,35 @@ void StrandPuller::pullOne(const ClumpMember& member, std::size_t axis, std::spa
             if (pushed) offset *= 1.0f - pull * (settings_.repelRadius / d - 1.0f);
         }
         out[i] = center + offset * (1.0f + volume);
+    }
+}
+
+PlainPull::PlainPull(const ClumpAxes& axes, const PullSettings& settings)
+    : axes_(axes), profile_(settings.profile) {
+    const std::vector<Ramp::Key>& keys = settings.profile.keys();
+    const bool pulls =
+        std::ranges::all_of(keys, [](const Ramp::Key& key) { return key.second >= 0.0f; });
+    // Between two keys the smooth ramp is straight too.
+    straight_ = keys.size() == 2 && keys[0].first == 0.0f && keys[1].first == 1.0f;
+    fits_ = pulls && profile_.fits() && !settings.lock && !(settings.flatness > 0.0f);
+}
+
+void PlainPull::pull(const StrandSet& in, std::span<const std::uint32_t> strands,
+                     std::span<const std::uint32_t> axisOf, std::span<const float> strengths,
+                     std::span<Vec3f> out, SplineLanes lanes) const {
+    const PullJob job{.points = lanePoints(in, strands, out),
+                      .axes = axes_.flat(),
+                      .axisOffsets = axes_.offsets().data(),
+                      .mostAxisPoints = axes_.mostPoints(),
+                      .axisOf = axisOf.data(),
+                      .strengths = strengths.data(),
+                      .profile = profile_.keys(),
+                      .straight = straight_};
+    LaneScratch scratch;
+    for (std::size_t k = 0, end = 0; k < strands.size(); k = end) {
+        const std::size_t n = in.pointCountOf(strands[k]);
+        while (end < strands.size() && in.pointCountOf(strands[end]) == n) ++end;
+        laneKernels(lanes).pull(job, k, end - k, n, scratch.of(pullScratchPoints(job, n)));
     }
 }
 

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -9,6 +8,7 @@
 #include "model/ramp.h"
 #include "model/vec3f.h"
 #include "operators/clumpAxes.h"
+#include "operators/laneRuns.h"
 
 namespace corvelle {
 
@@ -34,37 +34,41 @@ struct ClumpMember {
 /// Pulls strands toward their axes (or pushes them away), then squashes them across the ribbon,
 /// then spreads them by `volumize`: each on the offset from the axis that the one before left.
 /// Roots stay. A strand longer than its axis follows it by arc length from the root, any other by
-/// its share of the length.
-///
-/// Strands that are only pulled, as most are, wait for others of their point count and are pulled
-/// four side by side: a strand's bits do not depend on its company. One puller per batch, not
-/// shared between threads; no allocation a strand.
+/// its share of the length. One puller per batch, not shared between threads; no allocation a
+/// strand.
 class StrandPuller {
 public:
     StrandPuller(const ClumpAxes& axes, const PullSettings& settings, std::size_t mostPoints);
-    /// `member.points` and out [points] must live until `finish`.
     void pull(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out);
-    void finish();
 
 private:
-    static constexpr std::size_t kLanes = 4;
-    struct Waiting {
-        const float* points = nullptr;
-        float* out = nullptr;
-        float strength = 0.0f;
-        std::size_t axis = 0;
-    };
-    void pullOne(const ClumpMember& member, std::size_t axis, std::span<Vec3f> out);
-    void pullWaiting();
-
     const ClumpAxes& axes_;
     const PullSettings& settings_;
-    bool pulls_ = false;  ///< no part of the profile is below 0
-    bool line_ = false;   ///< the profile is a straight line from one end to the other...
-    float from_ = 0.0f, by_ = 0.0f;  ///< ...with these values
-    std::vector<float> shares_, strengths_, volumes_, lanes_;
-    std::array<Waiting, kLanes> waiting_;
-    std::size_t count_ = 0, points_ = 0;  ///< of those that wait
+    std::vector<float> shares_, strengths_, volumes_;
+};
+
+/// Pulls strands that are no more than pulled, as most are: many side by side, each to bits that do
+/// not depend on its company. Any thread may ask.
+class PlainPull {
+public:
+    PlainPull(const ClumpAxes& axes, const PullSettings& settings);
+    /// False where the settings do more than pull, or pull in a way that lanes do not know.
+    bool fits() const { return fits_; }
+    /// Whether a strand may come: the strength over its whole length, and what it is spread by.
+    static bool takes(float strength, float volumize, std::size_t points) {
+        return strength >= 0.0f && volumize == 0.0f && points >= 2;
+    }
+    /// The listed strands, fastest where those of one axis stand together. Shapes: axisOf,
+    /// strengths (with the clump's share) [strands]; out [in.pointCount()].
+    void pull(const StrandSet& in, std::span<const std::uint32_t> strands,
+              std::span<const std::uint32_t> axisOf, std::span<const float> strengths,
+              std::span<Vec3f> out, SplineLanes lanes = SplineLanes::Widest) const;
+
+private:
+    const ClumpAxes& axes_;
+    LaneRamp profile_;
+    bool straight_ = false;  ///< the profile is a straight line from one end to the other
+    bool fits_ = false;
 };
 
 }  // namespace corvelle

@@ -10,7 +10,6 @@
 #include "model/partData.h"
 #include "model/polyline.h"
 #include "model/testing/meshes.h"
-#include "operators/clump.h"
 #include "operators/clumpBinding.h"
 #include "operators/clumpCenters.h"
 #include "operators/previewStrands.h"
@@ -326,12 +325,15 @@ TEST_F(ClumpTest, ANegativeStrengthPartsHairWithinTheRadiusAlone) {
             EXPECT_TRUE(std::ranges::equal(out->pointsOf(s), fan.pointsOf(s)));
         EXPECT_EQ(out->pointsOf(s).front(), fan.pointsOf(s).front());
     }
-    EXPECT_EQ(clumpDetails(two.op()), "");
+    EXPECT_EQ(two.details(), "");
     two.op().set("centersFrom", std::string("inputPoints"));
     two.evaluate();
-    EXPECT_EQ(clumpDetails(two.op()),
+    EXPECT_EQ(two.details(),
               "parts the strands around the strands nearest its centers (centersFrom inputPoints); "
               "inputCurves parts them around the center curves themselves (whiskers, horns)");
+    two.op().set("centersFrom", std::string("inputCurves"));
+    two.evaluate();
+    EXPECT_EQ(two.details(), "") << "of the result that was taken up again";
 }
 
 TEST_F(ClumpTest, ALockIsARoundStringOfItsRadius) {

@@ -1,6 +1,7 @@
 #include "operators/collide.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 
 #include "graph/operator.h"
@@ -16,30 +17,38 @@ bool pushed(float d, const CollideSettings& settings) {
     return d < settings.offset && d >= -settings.maxDepth;
 }
 
-/// The distance of one point where it calls for a push; false elsewhere.
+/// The distance of one point where it calls for a push; false elsewhere. `likely`: for speed alone.
 bool nearSurface(const CollideSurface& surface, Vec3f p, const CollideSettings& settings,
-                 std::int32_t& nearTriangle, DistanceSample& out) {
+                 std::int32_t& nearTriangle, DistanceSample& out, bool likely = false) {
     if (surface.field)
-        return surface.field->sampleWithin(p, -settings.maxDepth, settings.offset, out);
+        return surface.field->sampleWithin(p, -settings.maxDepth, settings.offset, out, !likely);
     // A little past what counts, so that a distance of exactly maxDepth is found.
     const float reach = std::max(settings.offset, settings.maxDepth) * 1.001f + 1e-6f;
     return surface.exact->sample(p, reach, nearTriangle, out) && pushed(out.distance, settings);
 }
 
-bool pointTouches(Vec3f p, std::span<const CollideSurface> surfaces,
-                  const CollideSettings& settings, std::span<std::int32_t> nearTriangles) {
-    for (std::size_t s = 0; s < surfaces.size(); ++s) {
-        const CollideSurface& surface = surfaces[s];
-        if (surface.field) {
-            if (!surface.field->surelyOutside(p, -settings.maxDepth, settings.offset) &&
-                pushed(surface.field->distance(p), settings))
-                return true;
-            continue;
+/// The first of the points but the root that is too near to the field's surface; points.size() when
+/// none is.
+std::size_t firstTouching(std::span<const Vec3f> points, const DistanceField& field,
+                          const CollideSettings& settings) {
+    for (std::size_t i = 1; i < points.size(); i += DistanceField::kMostLooks) {
+        const auto some = points.subspan(i, std::min(points.size() - i, DistanceField::kMostLooks));
+        std::uint32_t bits = field.perhapsWithin(some, -settings.maxDepth, settings.offset);
+        for (; bits != 0; bits &= bits - 1) {
+            const std::size_t at = std::size_t(std::countr_zero(bits));
+            if (pushed(field.distance(some[at]), settings)) return i + at;
         }
-        DistanceSample sample;
-        if (nearSurface(surface, p, settings, nearTriangles[s], sample)) return true;
     }
-    return false;
+    return points.size();
+}
+std::size_t firstTouching(std::span<const Vec3f> points, const CollideSurface& surface,
+                          const CollideSettings& settings) {
+    if (surface.field) return firstTouching(points, *surface.field, settings);
+    std::int32_t nearTriangle = -1;
+    DistanceSample sample;
+    for (std::size_t i = 1; i < points.size(); ++i)
+        if (nearSurface(surface, points[i], settings, nearTriangle, sample)) return i;
+    return points.size();
 }
 
 constexpr std::size_t kMaxSurfaces = 2;
@@ -48,11 +57,9 @@ constexpr std::size_t kMaxSurfaces = 2;
 
 bool strandTouches(std::span<const Vec3f> points, std::span<const CollideSurface> surfaces,
                    const CollideSettings& settings) {
-    std::array<std::int32_t, kMaxSurfaces> nearTriangles;
-    nearTriangles.fill(-1);
-    for (std::size_t i = 1; i < points.size(); ++i)
-        if (pointTouches(points[i], surfaces, settings, nearTriangles)) return true;
-    return false;
+    return std::ranges::any_of(surfaces, [&](const CollideSurface& surface) {
+        return firstTouching(points, surface, settings) < points.size();
+    });
 }
 
 bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> surfaces,
@@ -82,7 +89,8 @@ bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> 
             Vec3f p = out[i];
             for (std::size_t s = 0; s < surfaces.size(); ++s) {
                 DistanceSample sample;
-                if (!nearSurface(surfaces[s], p, settings, nearTriangles[s], sample)) continue;
+                if (!nearSurface(surfaces[s], p, settings, nearTriangles[s], sample, moved))
+                    continue;
                 p += sample.gradient * (settings.offset - sample.distance);
                 moved = true;
             }
@@ -98,48 +106,56 @@ bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> 
     return movedEver;
 }
 
-std::vector<std::uint32_t> touchingStrands(const StrandSet& strands, const StrandPick& pick,
-                                           std::span<const CollideSurface> surfaces,
-                                           const CollideSettings& settings) {
+namespace {
+
+/// 1 for each strand of `pick` that touches a surface; [strands].
+std::vector<std::uint8_t> touchMarks(const StrandSet& strands, const StrandPick& pick,
+                                     std::span<const CollideSurface> surfaces,
+                                     const CollideSettings& settings) {
     std::vector<std::uint8_t> touches(strands.strandCount(), 0);
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
         for (const std::uint32_t s : batch)
             touches[s] = strandTouches(strands.pointsOf(s), surfaces, settings);
     });
+    return touches;
+}
+
+}  // namespace
+
+std::vector<std::uint32_t> touchingStrands(const StrandSet& strands, const StrandPick& pick,
+                                           std::span<const CollideSurface> surfaces,
+                                           const CollideSettings& settings) {
+    const std::vector<std::uint8_t> touches = touchMarks(strands, pick, surfaces, settings);
     std::vector<std::uint32_t> list;
     for (std::size_t s = 0; s < touches.size(); ++s)
         if (touches[s]) list.push_back(std::uint32_t(s));
     return list;
 }
 
-namespace {
-
-void pushListed(const StrandSet& in, std::span<const std::uint32_t> list,
-                std::span<const CollideSurface> surfaces, const CollideSettings& settings,
-                std::span<Vec3f> points) {
-    StrandPick(list).forEachBatch([&](std::span<const std::uint32_t> batch) {
-        for (const std::uint32_t s : batch)
-            collideStrand(in.pointsOf(s), surfaces, settings,
-                          points.subspan(std::size_t(in.offsets()[s]), in.pointCountOf(s)));
-    });
-}
-
-}  // namespace
-
 StrandsPtr collide(const StrandsPtr& in, std::span<const CollideSurface> surfaces,
                    const CollideSettings& settings) {
-    const std::vector<std::uint32_t> touching =
-        touchingStrands(*in, StrandPick(in->strandCount()), surfaces, settings);
-    if (touching.empty()) return in;
+    const StrandPick all(in->strandCount());
+    const std::vector<std::uint8_t> touches = touchMarks(*in, all, surfaces, settings);
+    if (std::ranges::find(touches, 1) == touches.end()) return in;
     auto out = std::make_shared<StrandSet>(*in);
-    pushListed(*in, touching, surfaces, settings, out->mutablePoints());
+    const std::span<Vec3f> points = out->overwritePoints();
+    const std::span<const std::uint64_t> offsets = in->offsets();
+    all.forEachBatch([&](std::span<const std::uint32_t> batch) {
+        // Copied together, then those that touch once more.
+        const auto first = std::ptrdiff_t(offsets[batch.front()]);
+        const auto end = std::ptrdiff_t(offsets[batch.back() + 1]);
+        std::copy(in->points().begin() + first, in->points().begin() + end, points.begin() + first);
+        for (const std::uint32_t s : batch)
+            if (touches[s])
+                collideStrand(in->pointsOf(s), surfaces, settings,
+                              points.subspan(std::size_t(offsets[s]), in->pointCountOf(s)));
+    });
     return out;
 }
 
 StrandsPtr collideAfter(const StrandsPtr& in, StrandsPtr previous,
                         std::span<const std::uint32_t> changed,
-                        std::span<const CollideSurface> surfaces,
-                        const CollideSettings& settings) {
+                        std::span<const CollideSurface> surfaces, const CollideSettings& settings) {
     auto out = std::make_shared<StrandSet>(*in);
     out->sharePoints(*previous);
     previous.reset();
@@ -212,7 +228,8 @@ public:
 
     bool update(const EvalContext&, const NodeInputs& inputs, const UpdateRequest& request,
                 UpdateResult& result) override {
-        if (request.ownChanged || request.inputs[0].kind == SlotChanges::Kind::Unknown) return false;
+        if (request.ownChanged || request.inputs[0].kind == SlotChanges::Kind::Unknown)
+            return false;
         for (std::size_t slot = 1; slot < request.inputs.size(); ++slot)
             if (request.inputs[slot].kind != SlotChanges::Kind::None) return false;
         const StrandsPtr strands = requireStrands(*this, inputs);

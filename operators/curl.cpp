@@ -196,8 +196,7 @@ void windStrands(const CurlRun& run, const CurlLoad& load, const StrandPick& pic
             if (points.size() < 2) {
                 std::copy(points.begin(), points.end(), to.begin());
             } else if (const std::int32_t group = load.groupOf(s); group >= 0) {
-                curlAlongLine(points, own, run.lines, std::size_t(group), run.settings,
-                              winder.scratch(), to);
+                winder.windAlong(points, own, run.lines, std::size_t(group), to);
             } else {
                 const RootFrame frame =
                     rootFrame(run.scalp.get(), in.roots()[s], firstDirection(points));
@@ -209,7 +208,8 @@ void windStrands(const CurlRun& run, const CurlLoad& load, const StrandPick& pic
 }
 
 bool noWidths(const StrandSet& strands) {
-    return std::ranges::all_of(strands.widths(), [](float width) { return width == 1.0f; });
+    return !strands.widths().empty() &&
+           std::ranges::all_of(strands.widths(), [](float width) { return width == 1.0f; });
 }
 
 class Curl final : public Operator {

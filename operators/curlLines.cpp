@@ -143,34 +143,4 @@ float CurlLines::turnsAt(std::size_t group, float share) const {
     return mix(turns[0], turns[1], at - float(i));
 }
 
-CurlFrame CurlLines::frameAt(std::size_t group, float share) const {
-    const Line& line = lines_[group];
-    const std::size_t last = line.end - line.begin - 1;
-    const float at = share * float(last);
-    const std::size_t i = std::min(std::size_t(at), last - 1);
-    const CurlFrame* const frames = frames_.data() + line.begin + i;
-    const float t = at - float(i);
-    return {normalized(mix(frames[0].normal, frames[1].normal, t)),
-            normalized(mix(frames[0].binormal, frames[1].binormal, t))};
-}
-
-void curlAlongLine(std::span<const Vec3f> points, std::span<const float> radii,
-                   const CurlLines& lines, std::size_t group, const CurlSettings& settings,
-                   CurlScratch& scratch, std::span<Vec3f> out) {
-    const std::size_t n = points.size();
-    const std::span<float> shares = std::span(scratch.shares).first(n);
-    const std::span<float> profile = std::span(scratch.profile).first(n);
-    polylineShares(points, shares);
-    settings.profile.sample(shares, profile);
-    const CurlDraws& draws = lines.draws(group);
-    out[0] = points[0];
-    for (std::size_t i = 1; i < n; ++i) {
-        const float turns = lines.turnsAt(group, shares[i]);
-        const float radius = radii[i] * profile[i] * draws.radius * curlEase(turns);
-        out[i] =
-            points[i] +
-            curlOffset(settings.kind, turns, draws.start, lines.frameAt(group, shares[i])) * radius;
-    }
-}
-
 }  // namespace corvelle

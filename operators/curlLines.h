@@ -60,7 +60,17 @@ public:
     /// Over the whole line.
     float turns(std::size_t group) const { return turns_[lines_[group].turnsEnd - 1]; }
     float turnsAt(std::size_t group, float share) const;
-    CurlFrame frameAt(std::size_t group, float share) const;
+
+    /// What is to be read at even shares of one line: turns and frames, from the root to the tip.
+    struct View {
+        std::span<const float> turns;       ///< 2 or more
+        std::span<const CurlFrame> frames;  ///< 2 or more
+    };
+    View view(std::size_t group) const {
+        const Line& line = lines_[group];
+        return {std::span(turns_).subspan(line.turnsBegin, line.turnsEnd - line.turnsBegin),
+                std::span(frames_).subspan(line.begin, line.end - line.begin)};
+    }
 
 private:
     struct Line {
@@ -73,11 +83,5 @@ private:
     std::vector<CurlFrame> frames_;
     std::vector<float> turns_;
 };
-
-/// Moves a strand as its group's line is wound, at equal shares of the length: the strands of a
-/// clump keep their places in it. As curlStrand.
-void curlAlongLine(std::span<const Vec3f> points, std::span<const float> radii,
-                   const CurlLines& lines, std::size_t group, const CurlSettings& settings,
-                   CurlScratch& scratch, std::span<Vec3f> out);
 
 }  // namespace corvelle

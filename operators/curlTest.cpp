@@ -251,6 +251,8 @@ TEST_F(CurlTest, ACoilFollowsTheWidths) {
     EXPECT_EQ(bench.warning(),
               "coil reads the strands' widths, and these have none set (1 everywhere): put a Width "
               "node before it");
+    run(StrandSet());
+    EXPECT_EQ(bench.warning(), "") << "no strands, nothing to tell of them";
     const auto widths = strand.mutableWidths();
     for (std::size_t p = 0; p < widths.size(); ++p) widths[p] = 0.1f - 0.0004f * float(p);
     const StrandsPtr out = run(strand);

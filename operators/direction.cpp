@@ -1,32 +1,15 @@
-#include "operators/direction.h"
-
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <numbers>
 
-#include "model/elementary.h"
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
+#include "operators/placeStrands.h"
+#include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
-#include "operators/transform.h"
 
 namespace corvelle {
 
-Vec3f leanDirection(Vec3f normal, Vec3f rollZero, float inclination, float roll) {
-    const Vec3f side = rollZero * math::cos(roll) + cross(normal, rollZero) * math::sin(roll);
-    return normalized(normal * math::cos(inclination) + side * math::sin(inclination));
-}
-
-Rotation shareOfTurn(Vec3f first, Vec3f target, float share) {
-    if (share == 1.0f) return Rotation::shortest(first, target);  // without any trigonometry
-    const ShortestArc arc = shortestArc(first, target);
-    return Rotation::about(arc.axis, arc.angle * share);
-}
-
 namespace {
-
-constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
 
 const std::vector<ParamSpec> kParams = {
     {.name = "inclination",
@@ -90,7 +73,7 @@ class DirectionWork final : public StrandWork {
 public:
     FieldPtr inclination, roll, strength;
     bool alongTangent = true;
-    Vec3f direction;
+    Vec3f direction;                                    // unit or zero
     float inclinationRandom = 0.0f, rollRandom = 0.0f;  // degrees
     std::uint64_t inclinationBase = 0, rollBase = 0;
     ScalpPtr scalp;
@@ -105,44 +88,32 @@ public:
         inclination->sampleStrands(in, strands, std::span(inclinations).first(strands.size()));
         roll->sampleStrands(in, strands, std::span(rolls).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        Placements placements;
-        std::array<bool, StrandPick::kBatch> stays;
+        LaneNumbers<LeanJob::kNumbers> numbers;
+        const LaneDraws leanDraws(in, strands, inclinationBase, inclinationRandom);
+        const LaneDraws rollDraws(in, strands, rollBase, rollRandom);
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            const Vec3f first = firstDirection(points);
-            const float share = std::clamp(strengths[k], 0.0f, 1.0f);
-            stays[k] = first == Vec3f{} || share == 0.0f;
-            if (stays[k]) {
-                placements.set(k, {}, {});  // of no use, yet a number
-                continue;
-            }
-            const std::uint64_t id = in.ids()[s];
-            const float lean = std::clamp(inclinations[k], 0.0f, 90.0f) +
-                               inclinationRandom * drawSigned(inclinationBase, id);
-            const float around =
-                std::clamp(rolls[k], -180.0f, 180.0f) + rollRandom * drawSigned(rollBase, id);
-            const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], first);
-            const Vec3f target =
-                leanDirection(normal, rollZero(in.roots()[s], normal, first),
-                              std::clamp(lean, 0.0f, 90.0f) * kRadians, around * kRadians);
-            placements.set(k, shareOfTurn(first, target, share), points[0]);
+            const float lean = std::clamp(inclinations[k], 0.0f, 90.0f) + leanDraws.centered(k);
+            const float around = std::clamp(rolls[k], -180.0f, 180.0f) + rollDraws.centered(k);
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, scalp.get(), root, std::clamp(lean, 0.0f, 90.0f) * kRadians);
+            setTangent(numbers, k, 1, readsTangent(numbers.at(k)) ? scalp.get() : nullptr, root,
+                       turnRadians(around));
+            numbers.set(k, 2, {clampShare(strengths[k]), 0.0f, 0.0f}, 0.0f);
         }
-        placements.apply(in, strands, out.points);
-        for (std::size_t k = 0; k < strands.size(); ++k)
-            if (stays[k])
-                std::ranges::copy(in.pointsOf(strands[k]),
-                                  out.points.begin() + std::ptrdiff_t(in.offsets()[strands[k]]));
+        placeStrands(laneKernels().lean,
+                     LeanJob{lanePoints(in, strands, out.points),
+                             numbers.data(),
+                             {direction.x, direction.y, direction.z},
+                             alongTangent},
+                     in, strands, out.points);
     }
 
 private:
-    /// Where roll 0 points: the root frame's own x where the direction says nothing.
-    Vec3f rollZero(const StrandRoot& root, Vec3f normal, Vec3f first) const {
-        if (alongTangent)
-            if (const Vec3f tangent = rootTangent(scalp.get(), root); !(tangent == Vec3f{}))
-                return tangent;
-        const Vec3f laid = laidOnto(direction, normal);
-        return laid == Vec3f{} ? rootFrame(scalp.get(), root, first).x : laid;
+    /// First of all, or where the direction says nothing along the surface.
+    bool readsTangent(const float* normal) const {
+        if (alongTangent) return true;
+        return lengthSquared(cross({normal[0], normal[1], normal[2]}, direction)) < 1e-6f;
     }
 };
 
@@ -166,7 +137,7 @@ protected:
         if (work->strength->constant() == 0.0f) return nullptr;
         work->inclination = fieldFromParam(*this, "inclination", context, strands);
         work->roll = fieldFromParam(*this, "roll", context, strands);
-        work->direction = vec3("direction");
+        work->direction = normalized(vec3("direction"));
         work->inclinationRandom = float(number("inclinationRandom"));
         work->rollRandom = float(number("rollRandom"));
         work->inclinationBase = drawBase(seed(), "Direction.inclination");

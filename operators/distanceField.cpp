@@ -10,6 +10,7 @@
 
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "operators/fieldLook.h"
 
 namespace corvelle {
 
@@ -20,8 +21,10 @@ constexpr float kMaxSide = 1e6f;       ///< cm
 constexpr std::size_t kBandCells = 2;  ///< nodes this near to the surface are exact
 constexpr std::size_t kBlockCells = 2;
 constexpr std::size_t kCoarsest = 8;   ///< step, in nodes, of the coarsest nodes measured
-/// A node between coarser ones is measured when it is nearer than so many of their steps: beyond, the
-/// distance is smooth enough to be interpolated.
+constexpr std::size_t kFloorStep = 4;  ///< of the floor's nodes
+static_assert(kCoarsest % kFloorStep == 0);
+/// A node between coarser ones is measured when it is nearer than so many of their steps: beyond,
+/// the distance is smooth enough to be interpolated.
 constexpr float kMeasuredSteps = 4.0f;
 constexpr std::size_t kKept = 4;
 /// A field's padding never grows past this share of the longest side: beyond the grid distances go
@@ -174,9 +177,8 @@ struct DistanceField::Build {
                         const Vec3f middle{float(x) + 0.5f, float(y) + 0.5f, float(z) + 0.5f};
                         if (std::fabs(dot(normal, middle) - plane) > reach) continue;
                         for (std::size_t corner = 0; corner < 8; ++corner) {
-                            std::int32_t& mark =
-                                triangles[field.node(x + (corner & 1), y + (corner >> 1 & 1),
-                                                     z + (corner >> 2))];
+                            std::int32_t& mark = triangles[field.node(
+                                x + (corner & 1), y + (corner >> 1 & 1), z + (corner >> 2))];
                             if (mark < 0) mark = std::int32_t(t);
                         }
                     }
@@ -192,16 +194,18 @@ struct DistanceField::Build {
         parallelRange(0, lines, 64, [&](std::size_t b, std::size_t e) {
             std::vector<std::int32_t> line(along);
             for (std::size_t l = b; l < e; ++l) {
-                const std::size_t start = axis == 0   ? l * along
-                                          : axis == 1 ? l / count[0] * count[0] * count[1] +
-                                                            l % count[0]
-                                                      : l;
+                const std::size_t start = axis == 0 ? l * along
+                                          : axis == 1
+                                              ? l / count[0] * count[0] * count[1] + l % count[0]
+                                              : l;
                 for (std::size_t i = 0; i < along; ++i) line[i] = triangles[start + i * stride];
                 for (std::size_t i = 0; i < along; ++i) {
                     std::int32_t& mark = triangles[start + i * stride];
                     for (std::size_t step = 1; step <= kBandCells && mark < 0; ++step) {
-                        if (i >= step && line[i - step] >= 0) mark = line[i - step];
-                        else if (i + step < along && line[i + step] >= 0) mark = line[i + step];
+                        if (i >= step && line[i - step] >= 0)
+                            mark = line[i - step];
+                        else if (i + step < along && line[i + step] >= 0)
+                            mark = line[i + step];
                     }
                 }
             }
@@ -211,7 +215,8 @@ struct DistanceField::Build {
     /// The exact signed distance at one node. `hint`: a triangle that may be near, or -1.
     void measureNode(const MeshSides& sides, std::size_t n, Vec3f p, std::int32_t hint) {
         SurfaceHit hit;
-        if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, hint, hit)) triangles[n] = hit.triangle;
+        if (mesh.closestPointFrom(p, ScalpMesh::kAnyDistance, hint, hit))
+            triangles[n] = hit.triangle;
         if (triangles[n] < 0) return;
         const TrianglePoint at = closestOn(mesh, triangles[n], p);
         const float d = length(p - at.point);
@@ -282,15 +287,15 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
     low_ = gauge.low - Vec3f{1, 1, 1} * (float(padding) * cell_);
     for (int axis = 0; axis < 3; ++axis)
         count_[std::size_t(axis)] =
-            (std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + kCoarsest - 1) / kCoarsest *
-                kCoarsest +
+            (std::size_t(std::ceil(gauge.size[axis] * inverse_)) + 2 * padding + kCoarsest - 1) /
+                kCoarsest * kCoarsest +
             1;
     last_ = {float(count_[0] - 1), float(count_[1] - 1), float(count_[2] - 1)};
     const std::size_t nodes = count_[0] * count_[1] * count_[2];
 
     const MeshSides sides(mesh);
     mesh.prepareQueries();
-    values_.resize(nodes);
+    values_.resize(nodes + kReadBehind);
     Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1)};
     build.seed();
     for (int axis = 0; axis < 3; ++axis) build.widen(axis);
@@ -331,6 +336,63 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
                 borderLeast_ = std::min(borderLeast_, values_[node(x, y, z)]);
         }
     borderLeast_ -= kRangeSlack * std::fabs(borderLeast_);
+    makeFloor();
+}
+
+/// Every fourth node, lowered by as much as what is interpolated between them lies above the field
+/// in the cells next to it. Both are trilinear within a cell of the field, so they lie farthest
+/// apart at its nodes.
+void DistanceField::makeFloor() {
+    constexpr std::size_t step = kFloorStep;
+    std::size_t cells[3], nodes[3];
+    for (std::size_t axis = 0; axis < 3; ++axis) {
+        cells[axis] = (count_[axis] - 1) / step;
+        nodes[axis] = cells[axis] + 1;
+    }
+    // The most that the interpolation is above the field, for each of the large cells.
+    std::vector<float> above(cells[0] * cells[1] * cells[2], 0.0f);
+    parallelRange(0, cells[1] * cells[2], 4, [&](std::size_t b, std::size_t e) {
+        for (std::size_t row = b; row < e; ++row) {
+            const std::size_t y0 = row % cells[1] * step, z0 = row / cells[1] * step;
+            for (std::size_t dz = 0; dz <= step; ++dz)
+                for (std::size_t dy = 0; dy <= step; ++dy) {
+                    const float ty = float(dy) / float(step), tz = float(dz) / float(step);
+                    const auto between = [&](std::size_t x) {
+                        const auto at = [&](std::size_t y, std::size_t z) {
+                            return values_[node(x, y, z)];
+                        };
+                        return mix(mix(at(y0, z0), at(y0 + step, z0), ty),
+                                   mix(at(y0, z0 + step), at(y0 + step, z0 + step), ty), tz);
+                    };
+                    const float* const own = &values_[node(0, y0 + dy, z0 + dz)];
+                    float left = between(0);
+                    for (std::size_t x = 0; x < cells[0]; ++x) {
+                        const float right = between((x + 1) * step);
+                        float& most = above[row * cells[0] + x];
+                        for (std::size_t dx = 0; dx <= step; ++dx)
+                            most = std::max(most, mix(left, right, float(dx) / float(step)) -
+                                                      own[x * step + dx]);
+                        left = right;
+                    }
+                }
+        }
+    });
+    floor_.assign(nodes[0] * nodes[1] * nodes[2] + kReadBehind, 0.0f);
+    parallelRange(0, nodes[1] * nodes[2], 16, [&](std::size_t b, std::size_t e) {
+        for (std::size_t row = b; row < e; ++row) {
+            const std::size_t y = row % nodes[1], z = row / nodes[1];
+            for (std::size_t x = 0; x < nodes[0]; ++x) {
+                float most = 0.0f;
+                for (std::size_t cz = z - (z > 0); cz < std::min(z + 1, cells[2]); ++cz)
+                    for (std::size_t cy = y - (y > 0); cy < std::min(y + 1, cells[1]); ++cy)
+                        for (std::size_t cx = x - (x > 0); cx < std::min(x + 1, cells[0]); ++cx)
+                            most = std::max(most, above[(cz * cells[1] + cy) * cells[0] + cx]);
+                const float value = values_[node(x * step, y * step, z * step)];
+                floor_[row * nodes[0] + x] =
+                    value - most - kRangeSlack * (cell_ + std::fabs(value));
+            }
+        }
+    });
 }
 
 /// A position on the grid: the first node of its cell, shares within it, and how far off the grid.
@@ -404,9 +466,9 @@ DistanceSample DistanceField::sample(Vec3f position) const {
     return {inside + off, direction(at, slope, off)};
 }
 
-bool DistanceField::sampleWithin(Vec3f position, float least, float below,
-                                 DistanceSample& out) const {
-    if (surelyOutside(position, least, below)) return false;
+bool DistanceField::sampleWithin(Vec3f position, float least, float below, DistanceSample& out,
+                                 bool fewAre) const {
+    if (fewAre && surelyOutside(position, least, below)) return false;
     const Place at = place(position);
     Vec3f slope;
     const float inside = blend(at, slope);
@@ -432,8 +494,58 @@ bool DistanceField::surelyOutside(Vec3f position, float below, float above) cons
     return range.least >= above || range.most < below;
 }
 
+FieldGrid DistanceField::grid() const {
+    return {.values = values_.data(),
+            .low = {low_.x, low_.y, low_.z},
+            .last = {last_.x, last_.y, last_.z},
+            .cell = cell_,
+            .inverse = inverse_,
+            .row = count_[0],
+            .plane = count_[0] * count_[1]};
+}
+
+FieldGrid DistanceField::floor() const {
+    constexpr float step = float(kFloorStep);
+    const std::size_t row = (count_[0] - 1) / kFloorStep + 1;
+    return {.values = floor_.data(),
+            .low = {low_.x, low_.y, low_.z},
+            .last = {last_.x / step, last_.y / step, last_.z / step},
+            .cell = cell_ * step,
+            .inverse = inverse_ / step,
+            .row = row,
+            .plane = row * ((count_[1] - 1) / kFloorStep + 1)};
+}
+
+std::uint32_t DistanceField::perhapsWithin(std::span<const Vec3f> positions, float below,
+                                           float above) const {
+    static_assert(sizeof(Range) == 2 * sizeof(float));
+    static const LookAtEight eight = lookAtEightAvx2();
+    std::uint32_t bits = 0;
+    std::size_t i = 0;
+    // A table too long for 32-bit places is looked at point by point.
+    if (eight && ranges_.size() < (std::size_t(1) << 30)) {
+        const FieldLook look{{low_.x, low_.y, low_.z},
+                             {last_.x, last_.y, last_.z},
+                             inverse_,
+                             std::countr_zero(kBlockCells),
+                             {int(blocks_[0]), int(blocks_[1])},
+                             &ranges_[0].least,
+                             borderLeast_,
+                             below,
+                             above};
+        for (; i + 8 <= positions.size(); i += 8) bits |= eight(look, &positions[i].x) << i;
+        if (i < positions.size() && positions.size() >= 8) {  // some of the last eight once more
+            bits |= eight(look, &positions[positions.size() - 8].x) << (positions.size() - 8);
+            i = positions.size();
+        }
+    }
+    for (; i < positions.size(); ++i)
+        bits |= std::uint32_t(!surelyOutside(positions[i], below, above)) << i;
+    return bits;
+}
+
 std::size_t DistanceField::byteSize() const {
-    return values_.size() * sizeof(float) + ranges_.size() * sizeof(Range);
+    return (values_.size() + floor_.size()) * sizeof(float) + ranges_.size() * sizeof(Range);
 }
 
 std::uint64_t DistanceField::contentHash() const {

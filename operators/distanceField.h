@@ -10,12 +10,13 @@
 
 #include "model/scalpMesh.h"
 #include "model/vec3f.h"
+#include "operators/laneKernels.h"
 #include "operators/meshSides.h"
 
 namespace corvelle {
 
-/// A signed distance, in centimetres, below 0 inside, and the unit direction it grows in (zero where
-/// there is none).
+/// A signed distance, in centimetres, below 0 inside, and the unit direction it grows in (zero
+/// where there is none).
 struct DistanceSample {
     float distance = 0.0f;
     Vec3f gradient;
@@ -59,23 +60,36 @@ public:
     float distance(Vec3f position) const;
     DistanceSample sample(Vec3f position) const;
     /// The sample where its distance is from `least` up to, not including, `below`; else false, and
-    /// `out` stays. Faster than `sample` where few are.
-    bool sampleWithin(Vec3f position, float least, float below, DistanceSample& out) const;
+    /// `out` stays. `fewAre`: looks at the coarse table first.
+    bool sampleWithin(Vec3f position, float least, float below, DistanceSample& out,
+                      bool fewAre = true) const;
     /// distances[i] at positions[i].
     void distances(std::span<const Vec3f> positions, std::span<float> distances) const;
     /// True when the distance at `position` is surely at or above `above`, or surely below `below`:
     /// a look at a coarse table, far faster than the distance. False says nothing.
     bool surelyOutside(Vec3f position, float below, float above) const;
 
+    /// Bit i for each of up to kMostLooks positions of which surelyOutside says nothing. Several
+    /// are looked at side by side.
+    std::uint32_t perhapsWithin(std::span<const Vec3f> positions, float below, float above) const;
+    static constexpr std::size_t kMostLooks = 32;
+
     float cell() const { return cell_; }
-    std::size_t nodeCount() const { return values_.size(); }
+    std::size_t nodeCount() const { return values_.size() - kReadBehind; }
+    /// For kernels; good while the field is.
+    FieldGrid grid() const;
+    /// A grid of cells four times as long, small enough for a cache, whose distances are never above
+    /// the field's own.
+    FieldGrid floor() const;
     std::size_t byteSize() const;
     /// Over every value: for tests.
     std::uint64_t contentHash() const;
 
 private:
+    static constexpr std::size_t kReadBehind = 2;  ///< floats behind the nodes, read but not used
     struct Build;
     struct Place;
+    void makeFloor();
     Place place(Vec3f position) const;
     float blend(const Place& place, Vec3f& slope) const;
     Vec3f direction(const Place& place, Vec3f slope, float off) const;
@@ -88,6 +102,7 @@ private:
     std::array<std::size_t, 3> count_{};   ///< nodes, 2 or more an axis
     Vec3f last_;                           ///< the last node of each axis
     std::vector<float> values_;            ///< x fastest
+    std::vector<float> floor_;             ///< of every fourth node
     std::array<std::size_t, 3> blocks_{};  ///< of kBlockCells cells an axis
     struct Range {
         float least = 0.0f, most = 0.0f;
@@ -97,13 +112,13 @@ private:
 };
 using DistanceFieldPtr = std::shared_ptr<const DistanceField>;
 
-/// The grid's padding beyond two cells, in cells: a power of two, so that small changes of an offset
-/// do not ask for another field.
+/// The grid's padding beyond two cells, in cells: a power of two, so that small changes of an
+/// offset do not ask for another field.
 std::size_t paddingCells(float offset, float cell, float side);
 
-/// The field of a mesh, made on first use; the four used last are kept, by the mesh's content. Null,
-/// and `whyNot` filled when given, for a mesh that cannot have one. Any thread may call it; two that
-/// ask for one field at once may both make it.
+/// The field of a mesh, made on first use; the four used last are kept, by the mesh's content.
+/// Null, and `whyNot` filled when given, for a mesh that cannot have one. Any thread may call it;
+/// two that ask for one field at once may both make it.
 DistanceFieldPtr sharedDistanceField(const ScalpPtr& mesh, float offset,
                                      std::string* whyNot = nullptr);
 /// The same for the exact distance.

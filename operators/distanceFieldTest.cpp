@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <set>
 
@@ -151,10 +152,67 @@ TEST(DistanceField, ItsQuickAnswersAreNeverWrong) {
             EXPECT_TRUE(d >= 0.1f || d < -0.5f) << d;
         }
         EXPECT_GT(quick, 300u);
+        places[3].x = places[40].z = std::nanf("");
+        places[41] = {1e30f, -1e30f, 0.0f};
+        for (std::size_t i = 0; i + 32 <= 2000; i += 7) {
+            const auto some = std::span<const Vec3f>(places).subspan(i, i % 33);
+            std::uint32_t wanted = 0;
+            for (std::size_t k = 0; k < some.size(); ++k)
+                wanted |= std::uint32_t(!field.surelyOutside(some[k], -0.5f, 0.1f)) << k;
+            EXPECT_EQ(field.perhapsWithin(some, -0.5f, 0.1f), wanted);
+        }
+        places[3] = places[40] = {};
         std::vector<float> batch(places.size());
         field.distances(places, batch);
         for (std::size_t i = 0; i < places.size(); i += 97)
             EXPECT_EQ(batch[i], field.distance(places[i]));
+    }
+}
+
+/// What a grid says at a place: trilinear, and beyond its border by the distance to that.
+float readGrid(const FieldGrid& grid, Vec3f p) {
+    Vec3f at, off;
+    std::size_t first = 0;
+    const std::size_t strides[3] = {1, grid.row, grid.plane};
+    for (int x = 0; x < 3; ++x) {
+        const float place = (p[x] - grid.low[x]) * grid.inverse;
+        const float inside = std::clamp(place, 0.0f, grid.last[x]);
+        const float cell = std::min(std::floor(inside), grid.last[x] - 1.0f);
+        off[x] = (place - inside) * grid.cell;
+        at[x] = inside - cell;
+        first += std::size_t(cell) * strides[x];
+    }
+    float sum = 0.0f;
+    for (std::size_t c = 0; c < 8; ++c) {
+        float weight = 1.0f;
+        std::size_t node = first;
+        for (int x = 0; x < 3; ++x) {
+            const bool far = (c >> x & 1) != 0;
+            weight *= far ? at[x] : 1.0f - at[x];
+            node += far ? strides[x] : 0;
+        }
+        sum += weight * grid.values[node];
+    }
+    return sum + length(off);
+}
+
+TEST(DistanceField, ItsFloorLiesCloseBelow) {
+    for (const ScalpMesh& mesh : {makeSphere(96, 192, 4.0f), makePlane(6, 6, 9.0f),
+                                  makeCube(false), makeTriangleSoup(200, 4.0f, 2.0f, 2)}) {
+        const DistanceField field(mesh, 0.1f);
+        const bool smooth = mesh.triangles().size() > 10'000;
+        SplitMix random(12);
+        double gap = 0.0;
+        for (int i = 0; i < 20000; ++i) {
+            const Vec3f p{random.nextRange(-7, 7), random.nextRange(-7, 7), random.nextRange(-7, 7)};
+            const float own = field.distance(p), below = readGrid(field.floor(), p);
+            EXPECT_NEAR(readGrid(field.grid(), p), own, 1e-4f);
+            EXPECT_LE(below, own);
+            gap += own - below;
+        }
+        if (smooth) {
+            EXPECT_LT(gap / 20000.0, double(field.cell()));
+        }
     }
 }
 

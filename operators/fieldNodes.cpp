@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+
 #include <nlohmann/json.hpp>
 
 #include "graph/colorMap.h"
@@ -50,9 +51,7 @@ public:
     std::string description() const override { return "A ramp shared by several params."; }
     PortSpec output() const override { return {"curve", PortType::Curve}; }
     std::vector<ParamSpec> spec() const override {
-        return {{.name = "curve",
-                 .defaultValue = straight(),
-                 .description = "The ramp, 0 to 1"}};
+        return {{.name = "curve", .defaultValue = straight(), .description = "The ramp, 0 to 1"}};
     }
     NodeValue evaluate(const EvalContext&, const NodeInputs&) override {
         return std::make_shared<const Ramp>(ramp("curve"));
@@ -100,17 +99,25 @@ public:
         return "A value per strand from a formula, feeding any param.";
     }
     std::vector<ParamSpec> spec() const override {
-        return {{.name = "expression",
-                 .defaultValue = std::string("1"),
-                 .description = "The formula: a number per strand, or per point where it reads t, "
-                                "pt, px, py, pz or a point channel"},
-                {.name = "variables",
-                 .defaultValue = std::string("{}"),
-                 .description =
-                     "The node's own variables as JSON, numbers and vectors: {\"amount\": 0.5, "
-                     "\"center\": [0, 1, 0]}, read as $amount and $center.x (.y, .z); a keyable "
-                     "number is {\"value\": 0.5, \"control\": \"name\"}, set by the host's control "
-                     "of that name (ctl_name on the groom in Maya)"}};
+        return {
+            {.name = "expression",
+             .defaultValue = std::string("1"),
+             .description =
+                 "Per strand: length, longest, reach, straightness, lift, tipx/y/z, u, v, x, y, "
+                 "z, nx, ny, nz, rand, index, any strand channel (e.g. clumpId, "
+                 "guideInfluence); per point: t (root 0 to tip 1 by arc length), pt (by point "
+                 "index), px/py/pz, pointIndex, any point channel; frame, time; vectors [x, y, "
+                 "z], P, N, tip, pointP, .x .y .z; + - * / ^, comparisons, c ? a : b; sin cos "
+                 "abs sqrt min max clamp mix smoothstep fit remap step, dot cross length "
+                 "normalize rotate, noise fbm turbulence voronoi cellnoise vnoise, curve "
+                 "spline, pick choose cycle, map(\"name\") ..."},
+            {.name = "variables",
+             .defaultValue = std::string("{}"),
+             .description =
+                 "The node's own variables as JSON, numbers and vectors: {\"amount\": 0.5, "
+                 "\"center\": [0, 1, 0]}, read as $amount and $center.x (.y, .z); a keyable "
+                 "number is {\"value\": 0.5, \"control\": \"name\"}, set by the host's control "
+                 "of that name (ctl_name on the groom in Maya)"}};
     }
     /// Only time is declared: what else a formula reads is in the context hash, by its words.
     std::uint32_t contextReads() const override {
@@ -172,10 +179,7 @@ public:
                 {.name = "offset",
                  .defaultValue = Vec3f{},
                  .description = "Moves the noise, in its own units"},
-                {.name = "seed",
-                 .defaultValue = 0.0,
-                 .description = "Random seed",
-                 .whole = true}};
+                {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true}};
     }
     NodeValue evaluate(const EvalContext&, const NodeInputs&) override {
         return std::make_shared<const NoiseFieldValue>(
@@ -315,8 +319,8 @@ private:
         const EvaluationData& data = context.data();
         const std::string& wanted = text("name");
         const PaintedMap* entry = data.maps ? data.maps->find(wanted) : nullptr;
-        const bool layer = entry ? entry->kind == PaintedMap::Kind::Guides
-                                 : isGroomLayer(wanted, data);
+        const bool layer =
+            entry ? entry->kind == PaintedMap::Kind::Guides : isGroomLayer(wanted, data);
         GuidesPtr guides = layer ? groomGuides(data) : nullptr;
         return {.colorSets = false, .guides = guides ? std::move(guides) : none};
     }
@@ -327,7 +331,8 @@ private:
         const std::string head = "Map '" + wanted + "': ";
         switch (found.fault) {
             case MapFault::NoImage:
-                return head + "the texture map has no image file yet (paint it in Groom Tools > Paint)";
+                return head +
+                       "the texture map has no image file yet (paint it in Groom Tools > Paint)";
             case MapFault::WrongScalp:
                 return head +
                        "the vertex map does not fit this scalp (paint it again, or convert it, in "
@@ -335,8 +340,10 @@ private:
             case MapFault::NoLayer:
             case MapFault::NoGuides:
                 return head + "no guide carries the layer (paint it in Groom Tools > Paint)";
-            case MapFault::NoUvs: return head + "a texture map needs a scalp with UVs";
-            case MapFault::Unreadable: break;
+            case MapFault::NoUvs:
+                return head + "a texture map needs a scalp with UVs";
+            case MapFault::Unreadable:
+                break;
         }
         return head + found.detail;
     }

@@ -1,10 +1,11 @@
-#include "operators/fieldNodes.h"
-
+#include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <sstream>
 
 #include <gmock/gmock.h>
 
+#include "expr/expressionFunctions.h"
 #include "expr/testing/pictures.h"
 #include "graph/operator.h"
 #include "graph/scalarField.h"
@@ -13,6 +14,7 @@
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
+#include "operators/fieldNodes.h"
 #include "operators/fieldValues.h"
 #include "operators/registerOperators.h"
 
@@ -32,7 +34,8 @@ const FieldPtr kPlaceX = std::make_shared<const PlaceX>();
 class FieldNodeTest : public testing::Test {
 protected:
     static void SetUpTestSuite() { registerFieldOperators(); }
-    static OperatorPtr make(const std::string& type, const std::map<std::string, ParamValue>& params = {}) {
+    static OperatorPtr make(const std::string& type,
+                            const std::map<std::string, ParamValue>& params = {}) {
         OperatorPtr op = OperatorRegistry::instance().create(type);
         for (const auto& [name, value] : params) op->set(name, value);
         return op;
@@ -77,7 +80,8 @@ TEST_F(FieldNodeTest, DeclaresItsPortsAndDefaults) {
         {"FieldNoise", "field", "Smooth noise over the scalp, feeding any param.", 6},
         {"FieldRemap", "field", "Reshapes a field through a curve.", 5},
         {"FieldCombine", "field", "Two fields multiplied, added, mixed...", 3},
-        {"Map", "luminance", "A map painted in Groom Tools > Paint (or an image), feeding any param.", 1},
+        {"Map", "luminance",
+         "A map painted in Groom Tools > Paint (or an image), feeding any param.", 1},
     };
     for (const auto& t : kTypes) {
         const OperatorPtr op = make(t.type);
@@ -85,8 +89,10 @@ TEST_F(FieldNodeTest, DeclaresItsPortsAndDefaults) {
         EXPECT_EQ(op->category(), "field");
         EXPECT_EQ(op->description(), t.description);
         EXPECT_EQ(op->output().name, t.output);
-        EXPECT_EQ(op->params().size(), t.params) << t.type << ": no `affect` on nodes without strands";
-        for (const ParamSpec& spec : op->params()) EXPECT_FALSE(spec.isMappable() || spec.description.empty());
+        EXPECT_EQ(op->params().size(), t.params)
+            << t.type << ": no `affect` on nodes without strands";
+        for (const ParamSpec& spec : op->params())
+            EXPECT_FALSE(spec.isMappable() || spec.description.empty());
     }
     std::vector<std::string> names;
     for (const PortSpec& port : make("Map")->outputs()) names.push_back(port.name);
@@ -107,25 +113,36 @@ TEST_F(FieldNodeTest, CurveGivesItsRamp) {
 // Remaps.
 
 TEST_F(FieldNodeTest, RemapGoesThroughTheCurve) {
-    const Ramp line({{0, 0}, {1, 1}}, true), peak({{0, 0}, {0.5f, 1}, {1, 0}}), none(std::vector<Ramp::Key>{});
+    const Ramp line({{0, 0}, {1, 1}}, true), peak({{0, 0}, {0.5f, 1}, {1, 0}}),
+        none(std::vector<Ramp::Key>{});
     const struct {
         float inMin, inMax;
         Ramp curve;
         float outMin, outMax, value, want;
     } kCases[] = {
-        {0, 1, line, 0, 1, 0.25f, 0.25f},   {0, 1, line, 0, 1, -3, 0},      {0, 1, line, 0, 1, 7, 1},
-        {2, 4, line, 10, 20, 3, 15},        {4, 2, line, 10, 20, 2.5f, 17.5f},  // flipped
-        {0, 1, line, 1, 0, 0.25f, 0.75f},   {0, 1, peak, 0, 2, 0.5f, 2},    {0, 1, peak, 5, 2, 1, 5},
-        {0.5f, 0.5f, line, 3, 4, 0.4f, 3},  {0.5f, 0.5f, line, 3, 4, 0.5f, 4},  // a step
+        {0, 1, line, 0, 1, 0.25f, 0.25f},
+        {0, 1, line, 0, 1, -3, 0},
+        {0, 1, line, 0, 1, 7, 1},
+        {2, 4, line, 10, 20, 3, 15},
+        {4, 2, line, 10, 20, 2.5f, 17.5f},  // flipped
+        {0, 1, line, 1, 0, 0.25f, 0.75f},
+        {0, 1, peak, 0, 2, 0.5f, 2},
+        {0, 1, peak, 5, 2, 1, 5},
+        {0.5f, 0.5f, line, 3, 4, 0.4f, 3},
+        {0.5f, 0.5f, line, 3, 4, 0.5f, 4},  // a step
         {0, 1, none, 0.1f, 0.3f, 0.2f, 0.3f},
         {0, 1, line, 0, 1, NAN, 0},
     };
     for (const auto& c : kCases) {
         const FieldPtr remap = field("FieldRemap",
-                                     {{"inMin", double(c.inMin)}, {"inMax", double(c.inMax)}, {"curve", c.curve},
-                                      {"outMin", double(c.outMin)}, {"outMax", double(c.outMax)}},
+                                     {{"inMin", double(c.inMin)},
+                                      {"inMax", double(c.inMax)},
+                                      {"curve", c.curve},
+                                      {"outMin", double(c.outMin)},
+                                      {"outMax", double(c.outMax)}},
                                      {kPlaceX});
-        EXPECT_FLOAT_EQ(remap->sampleAt({c.value, 0, 0}), c.want) << c.value << " in " << c.inMin << ".." << c.inMax;
+        EXPECT_FLOAT_EQ(remap->sampleAt({c.value, 0, 0}), c.want)
+            << c.value << " in " << c.inMin << ".." << c.inMax;
         EXPECT_LE(remap->sampleAt({c.value, 0, 0}), remap->maxValue());
     }
 }
@@ -133,12 +150,14 @@ TEST_F(FieldNodeTest, RemapGoesThroughTheCurve) {
 TEST_F(FieldNodeTest, RemapsBoundIsTheHighestKey) {
     const Ramp ramp({{0.0f, 0.25f}, {0.5f, 2.0f}, {1.0f, 0.5f}}, true);
     const auto most = [&](double low, double high) {
-        return field("FieldRemap", {{"curve", ramp}, {"outMin", low}, {"outMax", high}}, {kPlaceX})->maxValue();
+        return field("FieldRemap", {{"curve", ramp}, {"outMin", low}, {"outMax", high}}, {kPlaceX})
+            ->maxValue();
     };
     EXPECT_FLOAT_EQ(most(0.0, 1.0), 2.0f);
     EXPECT_FLOAT_EQ(most(1.0, 0.0), 0.75f) << "the other way round";
     SplitMix random(8);
-    const FieldPtr remap = field("FieldRemap", {{"curve", ramp}, {"outMin", -1.0}, {"outMax", 3.0}}, {kPlaceX});
+    const FieldPtr remap =
+        field("FieldRemap", {{"curve", ramp}, {"outMin", -1.0}, {"outMax", 3.0}}, {kPlaceX});
     for (int i = 0; i < 1000; ++i)
         EXPECT_LE(remap->sampleAt({random.nextRange(-2, 3), 0, 0}), remap->maxValue());
 }
@@ -149,7 +168,8 @@ TEST_F(FieldNodeTest, CombineKnowsSixModes) {
     const struct {
         const char* mode;
         float value, withNumber, most, mostWithNumber;
-    } kCases[] = {  // a = 3, b = -2 or the number 0.5; a fraction of 0.25
+    } kCases[] = {
+        // a = 3, b = -2 or the number 0.5; a fraction of 0.25
         {"multiply", -6.0f, 1.5f, -6.0f, 1.5f}, {"add", 1.0f, 3.5f, 1.0f, 3.5f},
         {"subtract", 5.0f, 2.5f, 5.0f, 2.5f},   {"min", -2.0f, 0.5f, -2.0f, 0.5f},
         {"max", 3.0f, 3.0f, 3.0f, 3.0f},        {"mix", 1.75f, 2.375f, 3.0f, 2.375f},
@@ -165,7 +185,8 @@ TEST_F(FieldNodeTest, CombineKnowsSixModes) {
         EXPECT_FLOAT_EQ(number->maxValue(), c.mostWithNumber) << c.mode;
         EXPECT_EQ(both->constant(), both->sampleAt({})) << c.mode;
     }
-    const FieldPtr positive = field("FieldCombine", {{"mode", std::string("subtract")}}, {constant(3.0f), constant(2.0f)});
+    const FieldPtr positive = field("FieldCombine", {{"mode", std::string("subtract")}},
+                                    {constant(3.0f), constant(2.0f)});
     EXPECT_EQ(positive->maxValue(), 3.0f) << "b may be 0 elsewhere";
     EXPECT_EQ(field("FieldCombine", {}, {kPlaceX, constant(2.0f)})->constant(), std::nullopt);
 }
@@ -175,22 +196,31 @@ TEST_F(FieldNodeTest, SaysWhatIsWrong) {
     const TempFolder folder;
     writeBytes(folder.file("bad.png"), "no picture");
     auto catalog = std::make_shared<MapCatalogValue>();
-    const auto sized = [](std::size_t n) { return std::make_shared<const std::vector<float>>(n, 0.5f); };
-    catalog->maps = {{"old", {.kind = PaintedMap::Kind::Vertices, .values = sized(4), .vertices = 4}},
-                     {"unpainted", {.kind = PaintedMap::Kind::Texture}},
-                     {"layer", {.kind = PaintedMap::Kind::Guides}}};
+    const auto sized = [](std::size_t n) {
+        return std::make_shared<const std::vector<float>>(n, 0.5f);
+    };
+    catalog->maps = {
+        {"old", {.kind = PaintedMap::Kind::Vertices, .values = sized(4), .vertices = 4}},
+        {"unpainted", {.kind = PaintedMap::Kind::Texture}},
+        {"layer", {.kind = PaintedMap::Kind::Guides}}};
     data.maps = catalog;
     data.scalp = scalp;
     data.directory = folder.path();
-    const auto map = [&](const char* name) { return errorOf("Map", {{"name", std::string(name)}}); };
+    const auto map = [&](const char* name) {
+        return errorOf("Map", {{"name", std::string(name)}});
+    };
     EXPECT_EQ(map(""), "Map: name the map (Groom Tools > Paint)");
-    EXPECT_EQ(map("nobody"), "Map: no map or image named 'nobody' (Groom Tools > Paint > New... makes a map)");
-    EXPECT_EQ(map("unpainted"),
-              "Map 'unpainted': the texture map has no image file yet (paint it in Groom Tools > Paint)");
+    EXPECT_EQ(map("nobody"),
+              "Map: no map or image named 'nobody' (Groom Tools > Paint > New... makes a map)");
+    EXPECT_EQ(
+        map("unpainted"),
+        "Map 'unpainted': the texture map has no image file yet (paint it in Groom Tools > Paint)");
     EXPECT_EQ(map("old"),
-              "Map 'old': the vertex map does not fit this scalp (paint it again, or convert it, in Groom "
+              "Map 'old': the vertex map does not fit this scalp (paint it again, or convert it, "
+              "in Groom "
               "Tools > Paint)");
-    EXPECT_EQ(map("layer"), "Map 'layer': no guide carries the layer (paint it in Groom Tools > Paint)");
+    EXPECT_EQ(map("layer"),
+              "Map 'layer': no guide carries the layer (paint it in Groom Tools > Paint)");
     EXPECT_THAT(map("bad.png"), testing::StartsWith("Map 'bad.png': cannot read '"));
     data.scalp = std::make_shared<const ScalpMesh>(makeIcosphere(0, 1.0f));
     EXPECT_EQ(map("bad.png"), "Map 'bad.png': a texture map needs a scalp with UVs");
@@ -203,18 +233,22 @@ TEST_F(FieldNodeTest, SaysWhatIsWrong) {
         return errorOf("Expression", {{"variables", std::string(json)}});
     };
     EXPECT_EQ(variables("[1]"), "Expression: variables are a JSON object of numbers and vectors");
-    EXPECT_EQ(variables("{\"a-b\": 1}"), "Expression: 'a-b' is not a variable name (letters, digits and _)");
-    EXPECT_EQ(variables("{\"a\": \"x\"}"), "Expression: a is neither a number nor a vector of three");
+    EXPECT_EQ(variables("{\"a-b\": 1}"),
+              "Expression: 'a-b' is not a variable name (letters, digits and _)");
+    EXPECT_EQ(variables("{\"a\": \"x\"}"),
+              "Expression: a is neither a number nor a vector of three");
     EXPECT_THAT(errorOf("Expression", {{"expression", std::string("1 +")}}),
                 testing::StartsWith("Expression: expression '1 +': "));
-    EXPECT_THAT(errorOf("Expression", {{"expression", std::string("P")}}), testing::HasSubstr("gives a vector"));
+    EXPECT_THAT(errorOf("Expression", {{"expression", std::string("P")}}),
+                testing::HasSubstr("gives a vector"));
 }
 
 // Noise.
 
 TEST_F(FieldNodeTest, NoiseStaysWithinItsEndsAndFollowsItsParams) {
     const std::map<std::string, ParamValue> params = {
-        {"low", 2.0}, {"high", -1.0}, {"frequency", 0.7}, {"octaves", 3.0}, {"seed", 5.0}, {"offset", Vec3f{1, 2, 3}}};
+        {"low", 2.0},     {"high", -1.0}, {"frequency", 0.7},
+        {"octaves", 3.0}, {"seed", 5.0},  {"offset", Vec3f{1, 2, 3}}};
     const FieldPtr noise = field("FieldNoise", params);
     EXPECT_EQ(noise->maxValue(), 2.0f);
     SplitMix random(1);
@@ -230,7 +264,8 @@ TEST_F(FieldNodeTest, NoiseStaysWithinItsEndsAndFollowsItsParams) {
     }
     EXPECT_LT(least, 0.0f);
     EXPECT_GT(most, 1.0f);
-    EXPECT_NE(field("FieldNoise")->sampleAt({1.3f, 2, 3}), field("FieldNoise", {{"seed", 1.0}})->sampleAt({1.3f, 2, 3}));
+    EXPECT_NE(field("FieldNoise")->sampleAt({1.3f, 2, 3}),
+              field("FieldNoise", {{"seed", 1.0}})->sampleAt({1.3f, 2, 3}));
 }
 
 // Controls and expressions.
@@ -260,7 +295,8 @@ TEST_F(FieldNodeTest, ControlGivesTheHostsValueWithinItsRange) {
 TEST_F(FieldNodeTest, ExpressionReadsItsVariablesAndControls) {
     const StrandSet tuft = makeTuft({.strands = 50, .seed = 2});
     const auto value = [&](const char* text, const char* variables) {
-        const FieldPtr f = field("Expression", {{"expression", std::string(text)}, {"variables", std::string(variables)}});
+        const FieldPtr f = field("Expression", {{"expression", std::string(text)},
+                                                {"variables", std::string(variables)}});
         return boundTo(f, tuft)->sampleStrand(tuft, 3);
     };
     EXPECT_EQ(value("1", "{}"), 1.0f);
@@ -273,7 +309,25 @@ TEST_F(FieldNodeTest, ExpressionReadsItsVariablesAndControls) {
     EXPECT_EQ(value("$a", kKeyed), 4.0f);
     EXPECT_NE(hashOfNode(op), before);
     EXPECT_EQ(variablesWithControls("no json", data.controls), "no json");
-    EXPECT_EQ(variablesWithControls("{\"a\":{\"value\":1}}", data.controls), "{\"a\":{\"value\":1}}");
+    EXPECT_EQ(variablesWithControls("{\"a\":{\"value\":1}}", data.controls),
+              "{\"a\":{\"value\":1}}");
+}
+
+TEST_F(FieldNodeTest, TheHelpOnFormulasNamesFunctionsThatAreThere) {
+    const std::string help = make("Expression")->paramSpec("expression")->description;
+    EXPECT_TRUE(
+        help.starts_with("Per strand: length, longest, reach, straightness, lift, tipx/y/z"));
+    const std::size_t begin = help.find("sin cos"), end = help.find("(\"name\") ...");
+    ASSERT_LT(begin, end);
+    std::string words = help.substr(begin, end - begin);
+    std::replace(words.begin(), words.end(), ',', ' ');
+    std::istringstream list(words);
+    std::size_t count = 0;
+    for (std::string word; list >> word; ++count)
+        EXPECT_TRUE(std::ranges::any_of(expressionFunctions(), [&](const ExpressionFunction& f) {
+            return f.name == word;
+        })) << word;
+    EXPECT_EQ(count, 29u);
 }
 
 TEST_F(FieldNodeTest, ExpressionDeclaresTimeOnlyWhereItReadsIt) {
@@ -295,8 +349,9 @@ TEST_F(FieldNodeTest, AChannelThatIsNotThereFailsWhenBound) {
         boundTo(f, tuft);
         ADD_FAILURE();
     } catch (const GraphError& error) {
-        EXPECT_THAT(error.what(), testing::EndsWith("the expression reads 'wavy', which is neither a variable "
-                                                    "nor a channel of the strands"));
+        EXPECT_THAT(error.what(),
+                    testing::EndsWith("the expression reads 'wavy', which is neither a variable "
+                                      "nor a channel of the strands"));
     }
 }
 
@@ -308,13 +363,15 @@ TEST_F(FieldNodeTest, MapGivesItsChannels) {
     data.directory = folder.path();
     data.scalp = std::make_shared<const ScalpMesh>(makePlane(2, 2, 4.0f));
     auto catalog = std::make_shared<MapCatalogValue>();
-    catalog->maps = {{"gray", {.values = std::make_shared<const std::vector<float>>(9, 0.5f), .vertices = 9}},
-                     {"painted", {.kind = PaintedMap::Kind::Texture, .file = "p.png"}}};
+    catalog->maps = {
+        {"gray", {.values = std::make_shared<const std::vector<float>>(9, 0.5f), .vertices = 9}},
+        {"painted", {.kind = PaintedMap::Kind::Texture, .file = "p.png"}}};
     data.maps = catalog;
     std::vector<GuideCurve> curves;
     GuideDetail detail;
     detail.attributes["layer"] = 0.75f;
-    curves.push_back({1, {}, {Vec3f{}, Vec3f{0, 1, 0}}, std::make_shared<const GuideDetail>(detail)});
+    curves.push_back(
+        {1, {}, {Vec3f{}, Vec3f{0, 1, 0}}, std::make_shared<const GuideDetail>(detail)});
     data.flatGuides = std::make_shared<const GuideSet>(std::move(curves));
     const auto values = [&](const char* name) {
         std::vector<float> out;
@@ -324,18 +381,20 @@ TEST_F(FieldNodeTest, MapGivesItsChannels) {
     };
     using testing::ElementsAre;
     using testing::FloatEq;
-    const auto color = ElementsAre(FloatEq(luminance(1.0f, 0.2f, 0.4f)), FloatEq(1.0f), FloatEq(0.2f),
-                                   FloatEq(0.4f), FloatEq(0.8f));
+    const auto color = ElementsAre(FloatEq(luminance(1.0f, 0.2f, 0.4f)), FloatEq(1.0f),
+                                   FloatEq(0.2f), FloatEq(0.4f), FloatEq(0.8f));
     EXPECT_THAT(values("p.png"), color);
     EXPECT_THAT(values("painted"), color);
     EXPECT_THAT(values("gray"), ElementsAre(0.5f, 0.5f, 0.5f, 0.5f, 1.0f));
     EXPECT_THAT(values("layer"), ElementsAre(0.75f, 0.75f, 0.75f, 0.75f, 1.0f));
 
     StrandSet tuft = makeTuft({.strands = 20});
-    const FieldPtr layer = std::get<FieldPtr>(run(make("Map", {{"name", std::string("layer")}})).front());
+    const FieldPtr layer =
+        std::get<FieldPtr>(run(make("Map", {{"name", std::string("layer")}})).front());
     EXPECT_EQ(boundTo(layer, tuft)->sampleStrand(tuft, 1), 0.75f);
     for (float& v : tuft.mutableStrandChannel("layer", 0.0f)) v = 0.125f;
-    EXPECT_EQ(boundTo(layer, tuft)->sampleStrand(tuft, 1), 0.125f) << "what the strands carry comes first";
+    EXPECT_EQ(boundTo(layer, tuft)->sampleStrand(tuft, 1), 0.125f)
+        << "what the strands carry comes first";
 
     const OperatorPtr op = make("Map", {{"name", std::string("p.png")}});
     const std::uint64_t before = hashOfNode(op);
@@ -358,7 +417,9 @@ TEST_F(FieldNodeTest, BatchesGiveTheBitsOfSingleSamplesOnAnyThreadCount) {
         field("FieldRemap", {{"inMax", 0.5}}, {noise}),
         boundTo(shifted, tuft),
         boundTo(field("FieldCombine", {{"mode", std::string("mix")}}, {along, noise}), tuft),
-        boundTo(field("FieldCombine", {{"mode", std::string("subtract")}, {"bValue", 0.25}}, {along, NodeValue{}}), tuft),
+        boundTo(field("FieldCombine", {{"mode", std::string("subtract")}, {"bValue", 0.25}},
+                      {along, NodeValue{}}),
+                tuft),
         field("FieldCombine", {{"mode", std::string("max")}}, {noise, constant(0.4f)}),
     };
     std::vector<std::uint32_t> all(tuft.strandCount());
@@ -366,7 +427,8 @@ TEST_F(FieldNodeTest, BatchesGiveTheBitsOfSingleSamplesOnAnyThreadCount) {
     for (std::size_t k = 0; k < fields.size(); ++k) {
         SCOPED_TRACE(k);
         const FieldPtr& f = fields[k];
-        std::vector<float> strandsOut(all.size()), pointsOut(tuft.pointCount()), rootsOut(all.size());
+        std::vector<float> strandsOut(all.size()), pointsOut(tuft.pointCount()),
+            rootsOut(all.size());
         f->sampleStrands(tuft, all, strandsOut);
         f->samplePoints(tuft, all, pointsOut);
         std::vector<Vec3f> positions;
@@ -382,7 +444,8 @@ TEST_F(FieldNodeTest, BatchesGiveTheBitsOfSingleSamplesOnAnyThreadCount) {
             std::vector<float> parallel(all.size());
             runWithThreads(threads, [&] {
                 parallelRange(0, all.size(), 7, [&](std::size_t b, std::size_t e) {
-                    f->sampleStrands(tuft, std::span(all).subspan(b, e - b), std::span(parallel).subspan(b, e - b));
+                    f->sampleStrands(tuft, std::span(all).subspan(b, e - b),
+                                     std::span(parallel).subspan(b, e - b));
                 });
             });
             EXPECT_EQ(parallel, strandsOut);
@@ -402,7 +465,8 @@ TEST_F(FieldNodeTest, AStrandOfManyPointsCombinesLikeAnyOther) {
     set.addStrand(1, points, {}, {});
     set.addStrand(2, std::span(points).first(5), {}, {});
     const FieldPtr along = field("Expression", {{"expression", std::string("t")}});
-    const FieldPtr both = boundTo(field("FieldCombine", {{"mode", std::string("add")}}, {along, along}), set);
+    const FieldPtr both =
+        boundTo(field("FieldCombine", {{"mode", std::string("add")}}, {along, along}), set);
     const std::uint32_t strands[] = {1, 0, 1};
     std::vector<float> out(10010);
     both->samplePoints(set, strands, out);

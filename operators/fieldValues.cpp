@@ -41,7 +41,8 @@ float NoiseFieldValue::sampleAt(Vec3f position) const {
 }
 void NoiseFieldValue::sampleRoots(std::span<const StrandRoot>, std::span<const Vec3f> positions,
                                   std::span<float> out) const {
-    for (std::size_t i = 0; i < positions.size(); ++i) out[i] = NoiseFieldValue::sampleAt(positions[i]);
+    for (std::size_t i = 0; i < positions.size(); ++i)
+        out[i] = NoiseFieldValue::sampleAt(positions[i]);
 }
 float NoiseFieldValue::maxValue() const { return std::max(settings_.low, settings_.high); }
 
@@ -58,8 +59,8 @@ float remapOutput(const RemapFieldSettings& s, float c) {
 
 float remapValue(const RemapFieldSettings& s, float value) {
     const float range = s.inMax - s.inMin;
-    const float t = range == 0.0f ? (value >= s.inMin ? 1.0f : 0.0f)
-                                  : clamp01((value - s.inMin) / range);
+    const float t =
+        range == 0.0f ? (value >= s.inMin ? 1.0f : 0.0f) : clamp01((value - s.inMin) / range);
     return remapOutput(s, s.curve(t));
 }
 
@@ -89,7 +90,8 @@ void RemapFieldValue::sampleStrands(const StrandSet& set, std::span<const std::u
 }
 void RemapFieldValue::samplePoints(const StrandSet& set, std::span<const std::uint32_t> strands,
                                    std::span<float> out) const {
-    if (!input_->perPoint()) return FieldValue::samplePoints(set, strands, out);  // the curve once a strand
+    if (!input_->perPoint())
+        return FieldValue::samplePoints(set, strands, out);  // the curve once a strand
     input_->samplePoints(set, strands, out);
     apply(out);
 }
@@ -129,12 +131,18 @@ namespace {
 template <CombineMode Mode>
 inline float combineOne(float a, float b, float fraction) {
     switch (Mode) {
-        case CombineMode::Multiply: return a * b;
-        case CombineMode::Add: return a + b;
-        case CombineMode::Subtract: return a - b;
-        case CombineMode::Min: return std::min(a, b);
-        case CombineMode::Max: return std::max(a, b);
-        case CombineMode::Mix: break;
+        case CombineMode::Multiply:
+            return a * b;
+        case CombineMode::Add:
+            return a + b;
+        case CombineMode::Subtract:
+            return a - b;
+        case CombineMode::Min:
+            return std::min(a, b);
+        case CombineMode::Max:
+            return std::max(a, b);
+        case CombineMode::Mix:
+            break;
     }
     return a + (b - a) * fraction;
 }
@@ -143,12 +151,18 @@ inline float combineOne(float a, float b, float fraction) {
 template <class Body>
 void withMode(CombineMode mode, Body&& body) {
     switch (mode) {
-        case CombineMode::Multiply: return body.template operator()<CombineMode::Multiply>();
-        case CombineMode::Add: return body.template operator()<CombineMode::Add>();
-        case CombineMode::Subtract: return body.template operator()<CombineMode::Subtract>();
-        case CombineMode::Min: return body.template operator()<CombineMode::Min>();
-        case CombineMode::Max: return body.template operator()<CombineMode::Max>();
-        case CombineMode::Mix: return body.template operator()<CombineMode::Mix>();
+        case CombineMode::Multiply:
+            return body.template operator()<CombineMode::Multiply>();
+        case CombineMode::Add:
+            return body.template operator()<CombineMode::Add>();
+        case CombineMode::Subtract:
+            return body.template operator()<CombineMode::Subtract>();
+        case CombineMode::Min:
+            return body.template operator()<CombineMode::Min>();
+        case CombineMode::Max:
+            return body.template operator()<CombineMode::Max>();
+        case CombineMode::Mix:
+            return body.template operator()<CombineMode::Mix>();
     }
 }
 
@@ -174,7 +188,8 @@ float CombineFieldValue::sampleRoot(const StrandRoot& root, Vec3f position) cons
     return combined(a_->sampleRoot(root, position), b_ ? b_->sampleRoot(root, position) : bValue_);
 }
 float CombineFieldValue::sampleStrand(const StrandSet& strands, std::size_t index) const {
-    return combined(a_->sampleStrand(strands, index), b_ ? b_->sampleStrand(strands, index) : bValue_);
+    return combined(a_->sampleStrand(strands, index),
+                    b_ ? b_->sampleStrand(strands, index) : bValue_);
 }
 float CombineFieldValue::samplePoint(const StrandSet& strands, std::size_t index,
                                      std::size_t point) const {
@@ -184,8 +199,8 @@ float CombineFieldValue::samplePoint(const StrandSet& strands, std::size_t index
 
 namespace {
 
-/// Cuts [0, count) into batches and gives each a buffer of b's values, filled by read(begin, n, out)
-/// or with the one value there is.
+/// Cuts [0, count) into batches and gives each a buffer of b's values, filled by read(begin, n,
+/// out) or with the one value there is.
 template <class Read, class Use>
 void forEachBatch(std::size_t count, bool hasB, float bValue, Read&& read, Use&& use) {
     std::array<float, kBatch> buffer;
@@ -217,10 +232,11 @@ void CombineFieldValue::samplePoints(const StrandSet& set, std::span<const std::
     if (!CombineFieldValue::perPoint()) return FieldValue::samplePoints(set, strands, out);
     a_->samplePoints(set, strands, out);
     if (!b_)
-        return forEachBatch(out.size(), false, bValue_, [](auto&&...) {},
-                            [&](std::size_t begin, std::size_t n, std::span<const float> b) {
-                                combine(out.subspan(begin, n), b);
-                            });
+        return forEachBatch(
+            out.size(), false, bValue_, [](auto&&...) {},
+            [&](std::size_t begin, std::size_t n, std::span<const float> b) {
+                combine(out.subspan(begin, n), b);
+            });
     // Whole strands at a time, as many as fit the buffer; a longer one takes a buffer of its own.
     constexpr std::size_t kPoints = 4096;
     std::array<float, kPoints> buffer;

@@ -2,57 +2,23 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <numbers>
 
-#include "model/elementary.h"
 #include "model/flowData.h"
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
+#include "operators/placeStrands.h"
 #include "operators/rootFrame.h"
 #include "operators/strandOperator.h"
-#include "operators/transform.h"
 
 namespace corvelle {
-
-namespace {
-
-constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
-
-/// Unit, from root to tip; zero for a strand of no length.
-Vec3f chordDirection(std::span<const Vec3f> points) {
-    const Vec3f chord = normalized(points.back() - points.front());
-    return chord == Vec3f{} ? firstDirection(points) : chord;
-}
-
-/// The turn that lays a unit chord: see layStrand. `heading` is the chord laid onto the surface.
-inline Rotation turnToLay(Vec3f chord, Vec3f heading, Vec3f normal, Vec3f way, float lift) {
-    // Two frames of the chord, the upright direction beside it and what is square to both. A chord
-    // along the normal has no heading: it is tipped the straight way.
-    const float sine = std::clamp(dot(chord, normal), -1.0f, 1.0f);
-    if (heading == Vec3f{}) heading = way;
-    const Vec3f up = normalized(normal * std::sqrt(1.0f - sine * sine) - heading * sine);
-    const Vec3f across = cross(chord, up);
-    const float cosine = math::cos(lift), rise = math::sin(lift);
-    const Vec3f toChord = way * cosine + normal * rise;
-    const Vec3f toUp = normal * cosine - way * rise;
-    const Vec3f toAcross = cross(toChord, toUp);
-    return {chord * toChord.x + up * toUp.x + across * toAcross.x,
-            chord * toChord.y + up * toUp.y + across * toAcross.y,
-            chord * toChord.z + up * toUp.z + across * toAcross.z};
-}
-
-}  // namespace
 
 void layStrand(std::span<const Vec3f> points, Vec3f normal, Vec3f way, float lift,
                std::span<Vec3f> out) {
     if (points.empty()) return;
-    const Vec3f chord = chordDirection(points);
-    if (chord == Vec3f{})
-        std::copy(points.begin(), points.end(), out.begin());
-    else
-        placeStrand(points, 1.0f, turnToLay(chord, laidOnto(chord, normal), normal, way, lift),
-                    points[0], out);
+    const float numbers[LayJob::kNumbers] = {normal.x, normal.y, normal.z, lift,
+                                             way.x,    way.y,    way.z,    0.0f};
+    std::copy(points.begin(), points.end(), out.begin());
+    placeAcross(LayJob{}, numbers, &out[0].x, points.size());
 }
 
 namespace {
@@ -93,36 +59,24 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> lifts;
         lift->sampleStrands(in, strands, std::span(lifts).first(strands.size()));
-        Placements placements;
-        std::array<bool, StrandPick::kBatch> stays;
+        LaneNumbers<LayJob::kNumbers> numbers;
+        const LaneDraws rolls(in, strands, rollBase, rollRandom);
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            const Vec3f chord = points.empty() ? Vec3f{} : chordDirection(points);
-            placements.set(k, {}, {});
-            stays[k] = chord == Vec3f{};
-            if (stays[k]) continue;
-            const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], firstDirection(points));
-            Vec3f way = flow ? flow->at(points[0], normal) : Vec3f{};
-            const Vec3f heading = laidOnto(chord, normal);
-            if (way == Vec3f{}) way = heading;
-            if (way == Vec3f{}) {  // it stands upright, and nothing says where to
-                stays[k] = true;
-                continue;
-            }
-            if (rollRandom > 0.0f) {
-                const float roll = rollRandom * kRadians * drawSigned(rollBase, in.ids()[s]);
-                way = normalized(way * math::cos(roll) + cross(normal, way) * math::sin(roll));
-            }
+            const float roll = rolls.centered(k);
             const float degrees = lifts[k] > 0.0f ? std::min(lifts[k], 90.0f) : 0.0f;
-            placements.set(k, turnToLay(chord, heading, normal, way, degrees * kRadians),
-                           points[0]);
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, scalp.get(), root, degrees * kRadians);
+            if (flow && !points.empty()) {
+                const Vec3f normal = rootNormal(scalp.get(), root, firstDirection(points));
+                numbers.set(k, 1, flow->at(points[0], normal), roll * kRadians);
+            } else {
+                numbers.set(k, 1, {}, roll * kRadians);
+            }
         }
-        placements.apply(in, strands, out.points);
-        for (std::size_t k = 0; k < strands.size(); ++k)
-            if (stays[k])
-                std::ranges::copy(in.pointsOf(strands[k]),
-                                  out.points.begin() + std::ptrdiff_t(in.offsets()[strands[k]]));
+        placeStrands(laneKernels().lay, LayJob{lanePoints(in, strands, out.points), numbers.data()},
+                     in, strands, out.points);
     }
 };
 

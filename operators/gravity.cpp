@@ -1,9 +1,7 @@
-#include <algorithm>
-#include <array>
+#include <limits>
 
 #include "operators/nodeFactories.h"
-#include "operators/segmentTurn.h"
-#include "operators/strandOperator.h"
+#include "operators/towardWork.h"
 
 namespace corvelle {
 
@@ -38,49 +36,14 @@ const std::vector<ParamSpec> kParams = {
      .min = 0.0},
 };
 
-/// What is left of the weight where the strand is as stiff as its profile says.
+/// What is left of the weight where the strand is as stiff as its profile says: a cubic of mirrored
+/// keys is the mirrored cubic.
 Ramp givingProfile(const Ramp& stiffness, float scale) {
     std::vector<Ramp::Key> keys = stiffness.keys();
     if (keys.empty()) keys = {{0.0f, 1.0f}};
     for (Ramp::Key& key : keys) key.second = 1.0f - scale * key.second;
     return Ramp(std::move(keys), stiffness.linear());
 }
-
-class GravityWork final : public StrandWork {
-public:
-    std::shared_ptr<const VectorField> direction;
-    FieldPtr strength;
-    Ramp giving;    ///< 1 - stiffness * profile: a cubic of mirrored keys is the mirrored cubic
-    LaneRamp keys;  ///< the same again
-
-    WrittenArrays writes() const override { return {.points = true}; }
-    bool readsWholeSet() const override {
-        return strength->readsWholeSet() || direction->readsWholeSet();
-    }
-    void run(const StrandSet& in, std::span<const std::uint32_t> strands,
-             const OpenArrays& out) const override {
-        std::array<float, StrandPick::kBatch> strengths;
-        std::array<Vec3f, StrandPick::kBatch> directions;
-        strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        direction->sampleStrands(in, strands, std::span(directions).first(strands.size()));
-        std::size_t most = 0;
-        for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
-        std::vector<float> scratch(most);
-        Toward toward;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            strengths[k] = std::max(strengths[k], 0.0f);
-            toward.set(k, directions[k], strengths[k]);
-        }
-        turnStrands(in, strands, toward, &keys, false, out.points, [&](std::size_t k) {
-            const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            const std::span<float> shares = std::span(scratch).first(points.size());
-            segmentShares(points, giving, strengths[k], shares);
-            turnSegments(points, directions[k], shares,
-                         out.points.subspan(in.offsets()[s], points.size()));
-        });
-    }
-};
 
 class Gravity final : public StrandOperator {
 public:
@@ -95,15 +58,12 @@ public:
 protected:
     std::unique_ptr<StrandWork> prepare(const EvalContext& context, const NodeInputs&,
                                         const StrandSet& strands) override {
-        auto work = std::make_unique<GravityWork>();
-        work->direction = vectorFromParam(*this, "direction", context, strands);
-        work->strength = fieldFromParam(*this, "strength", context, strands);
-        work->giving = givingProfile(ramp("stiffnessProfile"), float(number("stiffness")));
-        work->keys = LaneRamp(work->giving);
-        if (work->strength->constant().value_or(1.0f) <= 0.0f || work->giving.isConstant(0.0f) ||
-            work->direction->constant() == Vec3f{})
-            return nullptr;
-        return work;
+        return towardWork(
+            *this, context, strands,
+            {.direction = "direction",
+             .strength = "strength",
+             .most = std::numeric_limits<float>::infinity(),
+             .profile = givingProfile(ramp("stiffnessProfile"), float(number("stiffness")))});
     }
 };
 

@@ -3,12 +3,13 @@
 #include "operators/guideStrands.h"
 
 #include <algorithm>
-#include <array>
 
 #include "graph/operator.h"
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "operators/discreteChannels.h"
 #include "operators/nodeFactories.h"
+#include "operators/previewStrands.h"
 #include "operators/splineResample.h"
 #include "operators/strandLoop.h"
 
@@ -18,21 +19,12 @@ namespace {
 
 constexpr char kPreview[] = "_preview";
 
-/// Channels of ids and flags: told by their names, since guides do not say it of their attributes.
-constexpr std::array<std::string_view, 10> kDiscrete = {
-    "barbIndex", "braidFlat", "braidId", "clumpId", "featherId",
-    "groupId",   "isDown",    "isShaft", "region",  "side"};
-
 std::vector<std::uint32_t> pickedStrands(const StrandSet& in, const ToGuidesSettings& settings) {
-    const std::vector<float>* preview = in.strandChannel(kPreview);
-    const bool marked =
-        preview && std::ranges::any_of(*preview, [](float held) { return held >= 0.5f; });
     const std::uint64_t base = drawBase(settings.seed, "ToGuides.fraction");
     std::vector<std::uint32_t> picked;
-    for (std::size_t s = 0; s < in.strandCount(); ++s)
-        if ((!marked || (*preview)[s] >= 0.5f) && in.pointCountOf(s) >= 2 &&
-            draw(base, in.ids()[s]) < settings.fraction)
-            picked.push_back(std::uint32_t(s));
+    for (const std::uint32_t s : previewStrands(in))
+        if (in.pointCountOf(s) >= 2 && draw(base, in.ids()[s]) < settings.fraction)
+            picked.push_back(s);
     return picked;
 }
 
@@ -81,13 +73,10 @@ StrandSet strandsFromGuides(const GuideSet& in, const ToStrandsSettings& setting
     std::ranges::copy(in.roots(), out.mutableRoots().begin());
     std::ranges::fill(out.mutableWidths(), settings.width);
 
-    const auto isDiscrete = [](const std::string& name) {
-        return std::ranges::find(kDiscrete, name) != kDiscrete.end();
-    };
     for (const std::string& name : in.attributeNames()) {
         const std::span<float> values = out.overwriteStrandChannel(name, 0.0f);
         for (std::size_t g = 0; g < count; ++g) values[g] = in.attribute(g, name);
-        out.setStrandChannelDiscrete(name, isDiscrete(name));
+        out.setStrandChannelDiscrete(name, isDiscreteName(name));
     }
     for (const std::string& name : in.pointAttributeNames()) {
         const std::span<float> values = out.overwritePointChannel(name, 0.0f);
@@ -96,7 +85,7 @@ StrandSet strandsFromGuides(const GuideSet& in, const ToStrandsSettings& setting
             for (std::size_t i = 0; i < n; ++i)
                 values[first + i] = in.pointAttribute(g, name, float(i) / float(n - 1));
         }
-        out.setPointChannelDiscrete(name, isDiscrete(name));
+        out.setPointChannelDiscrete(name, isDiscreteName(name));
     }
 
     const std::span<Vec3f> points = out.mutablePoints();

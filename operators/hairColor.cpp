@@ -191,7 +191,7 @@ std::vector<ParamSpec> makeParams() {
          .softMax = 0.5},
         scale("saturationScale", "Scales the saturation of every strand"),
         scale("valueScale", "Scales the brightness of every strand"),
-        level("clumpShare", 0.5,
+        share("clumpShare", 0.5,
               "Share of the randomness common to a clump (the clumpChannel), 0-1"),
         {.name = "clumpChannel",
          .defaultValue = std::string("clumpId"),

@@ -23,7 +23,6 @@ const std::vector<ParamSpec> kParams = {
     {.name = "samples",
      .defaultValue = 24.0,
      .description = "Points per guide after resampling (0: keep as read)",
-     .unit = "points",
      .animatable = false,
      .softMin = 0.0,
      .softMax = 64.0,

@@ -9,6 +9,7 @@
 #include "graph/operator.h"
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "operators/discreteChannels.h"
 #include "operators/guideRegions.h"
 #include "operators/interpolateBlend.h"
 #include "operators/registerOperators.h"
@@ -175,7 +176,16 @@ struct CarriedChannel {
     std::string name;
     enum class Kind { Influence, Region, Strand, Point } kind = Kind::Strand;
     std::size_t index = 0;  ///< of the guides' attribute names
+    bool discrete() const { return kind == Kind::Region || isDiscreteName(name); }
 };
+
+/// What stands for a strand where values cannot be mixed: its first guide of the greatest weight,
+/// with all of it.
+std::span<const GuideWeight> heaviest(std::span<const GuideWeight> pairs, GuideWeight& alone) {
+    if (pairs.empty()) return pairs;
+    alone = {std::ranges::max_element(pairs, {}, &GuideWeight::weight)->guide, 1.0f};
+    return {&alone, 1};
+}
 
 class Interpolate final : public Operator {
 public:
@@ -296,11 +306,6 @@ public:
         return out;
     }
 
-    std::string details() const {
-        const std::lock_guard lock(detailMutex_);
-        return details_;
-    }
-
 private:
     struct Run {
         StrandsPtr strands;
@@ -362,12 +367,9 @@ private:
         run.shapes = shapeCache_.shapes(*guides, normals, counts, boolean("smoothGuides"));
         std::string details = "it does not keep clearance";
         if (boolean("keepClearance") && !run.settings.takeLength && connected)
-            run.clearance =
-                clearanceCache_.goals(*guides, boolean("smoothGuides"), connected, details);
-        {
-            const std::lock_guard lock(detailMutex_);
-            details_ = std::move(details);
-        }
+            run.clearance = clearanceCache_.goals(*guides, boolean("smoothGuides"), connected,
+                                                  counts, details);
+        tell(std::move(details));  // empty where it simply keeps it
         for (const std::string& attribute : guides->attributeNames())
             for (std::size_t g = 0; g < guides->size(); ++g)
                 run.attributes.push_back(guides->attribute(g, attribute));
@@ -393,15 +395,19 @@ private:
 
     static std::span<float> openChannel(StrandSet& out, const CarriedChannel& channel) {
         using Kind = CarriedChannel::Kind;
-        if (channel.kind == Kind::Point) return out.mutablePointChannel(channel.name, 0.0f);
-        const bool region = channel.kind == Kind::Region;
+        if (channel.kind == Kind::Point) {
+            const std::span<float> values = out.mutablePointChannel(channel.name, 0.0f);
+            if (channel.discrete()) out.setPointChannelDiscrete(channel.name);
+            return values;
+        }
         const std::span<float> values =
-            out.mutableStrandChannel(channel.name, region ? -1.0f : 0.0f);
-        if (region) out.setStrandChannelDiscrete(channel.name);
+            out.mutableStrandChannel(channel.name, channel.kind == Kind::Region ? -1.0f : 0.0f);
+        if (channel.discrete()) out.setStrandChannelDiscrete(channel.name);
         return values;
     }
 
-    /// Guides' values mixed by their weights; strands without weights keep what came in, else 0.
+    /// Guides' values mixed by their weights, ids and flags taken from the guide of the greatest;
+    /// strands without weights keep what came in, else 0.
     static void writeChannel(const Run& run, const CarriedChannel& channel,
                              std::span<const std::uint32_t> batch, std::span<float> out) {
         using Kind = CarriedChannel::Kind;
@@ -415,11 +421,16 @@ private:
             for (const std::uint32_t s : batch) out[s] = float(run.rootData->regions[s]);
             return;
         }
+        const bool discrete = channel.discrete();
+        GuideWeight alone;
+        const auto pairsOf = [&](std::uint32_t s) {
+            return discrete ? heaviest(weights.of(s), alone) : weights.of(s);
+        };
         if (channel.kind == Kind::Strand) {
             const std::vector<float>* before = in.strandChannel(channel.name);
             const float* values = run.attributes.data() + channel.index * run.guides->size();
             for (const std::uint32_t s : batch) {
-                const auto pairs = weights.of(s);
+                const auto pairs = pairsOf(s);
                 float sum = pairs.empty() && before ? (*before)[s] : 0.0f;
                 for (const GuideWeight& pair : pairs) sum += pair.weight * values[pair.guide];
                 out[s] = sum;
@@ -429,7 +440,7 @@ private:
         const std::vector<float>* before = in.pointChannel(channel.name);
         for (const std::uint32_t s : batch) {
             const std::size_t first = std::size_t(in.offsets()[s]), m = in.pointCountOf(s);
-            const auto pairs = weights.of(s);
+            const auto pairs = pairsOf(s);
             const auto shapes = std::lower_bound(
                 run.shapes.begin(), run.shapes.end(), m,
                 [](const GuideShapesPtr& a, std::size_t n) { return a->points < n; });
@@ -590,16 +601,9 @@ private:
     RootCache rootCache_;
     GuideShapeCache shapeCache_;
     ClearanceCache clearanceCache_;
-    mutable std::mutex detailMutex_;
-    std::string details_;  ///< how keepClearance went last
 };
 
 }  // namespace
-
-std::string interpolateDetails(const Operator& op) {
-    const auto* node = dynamic_cast<const Interpolate*>(&op);
-    return node ? node->details() : std::string();
-}
 
 GuideSharing guideSharing(Operator& op, const EvalContext& context, const NodeInputs& inputs) {
     auto* node = dynamic_cast<Interpolate*>(&op);

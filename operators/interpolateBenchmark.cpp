@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cmath>
 #include <numeric>
 
@@ -56,10 +57,13 @@ struct Load {
         guides = std::make_shared<const GuideSet>(curves);
         for (GuideCurve& curve : curves) curve.points = combedGuide(*scalp, curve.root);
         combed = std::make_shared<const GuideSet>(curves);
+        std::vector<StrandRoot> roots(kStrands);
+        for (StrandRoot& root : roots) root = randomRoot(*scalp, random);
+        std::ranges::stable_sort(roots, {}, &StrandRoot::triangle);  // as Scatter leaves them
         StrandSet set;
         set.allocateUniform(kStrands, kPoints);
         for (std::size_t s = 0; s < kStrands; ++s) {
-            const StrandRoot root = randomRoot(*scalp, random);
+            const StrandRoot root = roots[s];
             set.mutableIds()[s] = mix64(s);
             set.mutableRoots()[s] = root;
             const Vec3f from = scalp->surfacePoint(root), normal = scalp->surfaceNormal(root);

@@ -84,11 +84,24 @@ CORVELLE_INLINE void addTurnedBody(std::span<const GuideWeight> pairs, const Gui
     }
 }
 
-using AddTurned = void (*)(std::span<const GuideWeight>, const GuideShapes&, Vec3f, float*);
+/// Adds the weighted heights of all guides of a strand into `sum`, [stride].
+CORVELLE_INLINE void addHeightsBody(std::span<const GuideWeight> pairs, const ClearanceTable& table,
+                                    float* sum) {
+    const std::size_t runs = table.stride / kLanes;
+    Lanes* const heights = reinterpret_cast<Lanes*>(sum);
+    for (const GuideWeight& pair : pairs) {
+        const float weight = pair.weight;
+        const Lanes* const guide = reinterpret_cast<const Lanes*>(table.of(pair.guide));
+        for (std::size_t j = 0; j < runs; ++j) heights[j] = heights[j] + weight * guide[j];
+    }
+}
 
 void addTurnedPlain(std::span<const GuideWeight> pairs, const GuideShapes& shapes, Vec3f normal,
                     float* sum) {
     addTurnedBody(pairs, shapes, normal, sum);
+}
+void addHeightsPlain(std::span<const GuideWeight> pairs, const ClearanceTable& table, float* sum) {
+    addHeightsBody(pairs, table, sum);
 }
 
 #if defined(__GNUC__) && defined(__x86_64__)
@@ -98,13 +111,22 @@ __attribute__((target("avx2"))) void addTurnedWide(std::span<const GuideWeight> 
                                                    float* sum) {
     addTurnedBody(pairs, shapes, normal, sum);
 }
+__attribute__((target("avx2"))) void addHeightsWide(std::span<const GuideWeight> pairs,
+                                                    const ClearanceTable& table, float* sum) {
+    addHeightsBody(pairs, table, sum);
+}
 #endif
 
-AddTurned pickAddTurned() {
+struct AddKernels {
+    void (*turned)(std::span<const GuideWeight>, const GuideShapes&, Vec3f, float*);
+    void (*heights)(std::span<const GuideWeight>, const ClearanceTable&, float*);
+};
+
+AddKernels pickAddKernels() {
 #if defined(__GNUC__) && defined(__x86_64__)
-    if (__builtin_cpu_supports("avx2")) return addTurnedWide;
+    if (__builtin_cpu_supports("avx2")) return {addTurnedWide, addHeightsWide};
 #endif
-    return addTurnedPlain;
+    return {addTurnedPlain, addHeightsPlain};
 }
 
 /// Arc length of `count` points, `stride` a coordinate. Four sums, joined in order.
@@ -136,6 +158,49 @@ private:
     std::vector<Block> blocks_;
 };
 
+/// The strands of a batch that may have to be lifted, those of one point count at a time.
+class LiftBatch {
+public:
+    LiftBatch(const StrandSet& in, const ClearanceGoals* goals, std::size_t strands,
+              std::size_t stride)
+        : in_(in), goals_(goals) {
+        if (!goals) return;
+        strands_.reserve(strands);
+        wanted_.reserve(strands * stride);
+    }
+    /// The table that the strands to come go by.
+    void turnTo(std::size_t table, std::span<Vec3f> out) {
+        if (!goals_) return;
+        lift(out);
+        table_ = &goals_->tables[table];
+    }
+    const ClearanceTable& table() const { return *table_; }
+    /// Where its wanted heights go, zeros until then.
+    float* add(std::uint32_t strand) {
+        strands_.push_back(strand);
+        wanted_.resize(wanted_.size() + table_->stride);
+        return wanted_.data() + wanted_.size() - table_->stride;
+    }
+    void lift(std::span<Vec3f> out) {
+        if (strands_.empty()) return;
+        liftStrands(goals_->space,
+                    {.strands = strands_,
+                     .wanted = wanted_,
+                     .points = table_->points,
+                     .stride = table_->stride},
+                    in_.roots(), in_.offsets(), out);
+        strands_.clear();
+        wanted_.clear();
+    }
+
+private:
+    const StrandSet& in_;
+    const ClearanceGoals* goals_;
+    const ClearanceTable* table_ = nullptr;
+    std::vector<std::uint32_t> strands_;
+    std::vector<float> wanted_;
+};
+
 }  // namespace
 
 float guideInfluence(const WeightTable& weights, std::size_t strand,
@@ -149,12 +214,13 @@ float guideInfluence(const WeightTable& weights, std::size_t strand,
 
 void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
                   const BlendSource& source, const BlendSettings& settings, std::span<Vec3f> out) {
-    static const AddTurned addTurned = pickAddTurned();
+    static const AddKernels add = pickAddKernels();
     std::size_t widest = 0;
     for (const GuideShapesPtr& shapes : source.shapes) widest = std::max(widest, shapes->stride);
     Room room(widest);  // of 4 lanes: 3 coordinates and the segments
     float* sum = room.get();
-    std::vector<Vec3f> scratch;
+    LiftBatch low(in, source.clearance, strands.size(), widest);
+    std::vector<std::pair<std::uint32_t, float>> mixed;  // strands that follow their guides in part
     const GuideShapes* shapes = nullptr;
     for (const std::uint32_t s : strands) {
         const std::span<const Vec3f> from = in.pointsOf(s);
@@ -166,11 +232,13 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
             std::copy(from.begin(), from.end(), to.begin());
             continue;
         }
-        if (!shapes || shapes->points != m)
-            shapes = std::lower_bound(
-                         source.shapes.begin(), source.shapes.end(), m,
-                         [](const GuideShapesPtr& a, std::size_t n) { return a->points < n; })
-                         ->get();
+        if (!shapes || shapes->points != m) {
+            const auto found = std::lower_bound(
+                source.shapes.begin(), source.shapes.end(), m,
+                [](const GuideShapesPtr& a, std::size_t n) { return a->points < n; });
+            shapes = found->get();
+            low.turnTo(std::size_t(found - source.shapes.begin()), out);
+        }
         float wanted = 0.0f;  // cm
         for (const GuideWeight& pair : pairs) wanted += pair.weight * shapes->lengths[pair.guide];
         const Vec3f root = from[0];
@@ -182,7 +250,7 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
         } else {
             const std::size_t stride = shapes->stride;
             std::fill_n(sum, 3 * stride, 0.0f);
-            addTurned(pairs, *shapes, source.strandNormals[s], sum);
+            add.turned(pairs, *shapes, source.strandNormals[s], sum);
             float scale = 1.0f;
             if (settings.preserveLength) {
                 const float length = sumLength(sum, stride, m, sum + 3 * stride);
@@ -193,11 +261,15 @@ void blendStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
             to[0] = root;
             for (std::size_t j = 1; j < m; ++j)
                 to[j] = Vec3f{root.x + x[j] * scale, root.y + y[j] * scale, root.z + z[j] * scale};
-            if (source.clearance)
-                keepClearance(*source.clearance, pairs, in.roots()[s], to, scratch);
+            if (source.clearance) add.heights(pairs, low.table(), low.add(s));
         }
-        if (influence < 1.0f)
-            for (std::size_t j = 1; j < m; ++j) to[j] = mix(from[j], to[j], influence);
+        if (influence < 1.0f) mixed.emplace_back(s, influence);
+    }
+    low.lift(out);
+    for (const auto& [s, influence] : mixed) {
+        const std::span<const Vec3f> from = in.pointsOf(s);
+        Vec3f* const to = out.data() + in.offsets()[s];
+        for (std::size_t j = 1; j < from.size(); ++j) to[j] = mix(from[j], to[j], influence);
     }
 }
 

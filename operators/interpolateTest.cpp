@@ -1,5 +1,6 @@
 #include <cmath>
 #include <functional>
+#include <set>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -238,6 +239,27 @@ TEST_P(InterpolateTest, OneGuideShapesAllAndOneNeighborMakesHardEdges) {
                 nearest = g;
         EXPECT_EQ((*out->strandChannel("stiff"))[s], hard.guides->attribute(nearest, "stiff"));
     }
+}
+
+TEST_P(InterpolateTest, IdsOnGuidesAreTakenOverAndNeverMixed) {
+    Salon salon(GetParam());
+    std::vector<GuideCurve> curves = salon.guides->curves();
+    for (std::size_t g = 0; g < curves.size(); ++g) {
+        auto detail = std::make_shared<GuideDetail>(*curves[g].detail);
+        detail->attributes["clumpId"] = float(1000 * (g + 1));
+        curves[g].detail = std::move(detail);
+    }
+    salon.guides = std::make_shared<const GuideSet>(curves);
+    const StrandsPtr out = salon.evaluate();
+    const StrandSet::Channels& channels = out->strandChannels();
+    EXPECT_TRUE(channels.find("clumpId")->second.discrete);
+    EXPECT_FALSE(channels.find("stiff")->second.discrete);
+    std::set<float> ids;
+    for (const float id : *out->strandChannel("clumpId")) {
+        EXPECT_EQ(std::fmod(id, 1000.0f), 0.0f);
+        ids.insert(id);
+    }
+    EXPECT_GT(ids.size(), curves.size() / 2);
 }
 
 TEST(Interpolate, RestoresAShortBlendByAtMostTwiceItsLength) {
@@ -494,11 +516,11 @@ TEST(Interpolate, LiftsOutWhatWouldSinkIntoABump) {
     for (const bool deformed : {false, true}) {
         Bump bump(deformed);
         const StrandsPtr kept = bump.evaluate();
-        EXPECT_EQ(interpolateDetails(*bump.op),
+        EXPECT_EQ(bump.op->takeDetails(),
                   deformed ? "it keeps clearance over a deformed scalp" : "");
         bump.op->set("keepClearance", false);
         const StrandsPtr sunk = bump.evaluate();
-        EXPECT_EQ(interpolateDetails(*bump.op), "it does not keep clearance");
+        EXPECT_EQ(bump.op->takeDetails(), "it does not keep clearance");
         EXPECT_LT(bump.lowest(*sunk), -0.5f) << "this bump is too low to prove anything";
         EXPECT_GT(bump.lowest(*kept), 0.15f);
         std::size_t same = 0;
@@ -519,16 +541,16 @@ TEST(Interpolate, SaysWhyAScalpKeepsNoClearance) {
                                                         std::vector<Triangle>{{0, 1, 2}});
     bump.inputs.values[2] = MeshValue{flat, -1.0f};
     bump.evaluate();
-    EXPECT_EQ(interpolateDetails(*bump.op), "its scalp has no size");
+    EXPECT_EQ(bump.op->takeDetails(), "its scalp has no size");
     const auto huge =
         std::make_shared<const ScalpMesh>(std::vector<Vec3f>{{0, 0, 0}, {1e7f, 0, 0}, {0, 0, 1e7f}},
                                           std::vector<Triangle>{{0, 1, 2}});
     bump.inputs.values[2] = MeshValue{huge, -1.0f};
     bump.evaluate();
-    EXPECT_EQ(interpolateDetails(*bump.op), "its scalp is too big for the clearance field's grid");
+    EXPECT_EQ(bump.op->takeDetails(), "its scalp is too big for the clearance field's grid");
     bump.inputs.values[2] = NodeValue{};
     bump.evaluate();
-    EXPECT_EQ(interpolateDetails(*bump.op), "it does not keep clearance");
+    EXPECT_EQ(bump.op->takeDetails(), "it does not keep clearance");
 }
 
 TEST(Interpolate, FollowsOtherPointCountsOnTheSameRoots) {

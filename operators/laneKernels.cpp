@@ -1,16 +1,15 @@
 #include "operators/laneKernels.h"
 
 #include "model/simd4.h"
-#include "operators/deformLanes.h"
-#include "operators/strandLanes.h"
+#include "operators/laneTable.h"
 
 namespace corvelle {
 
 const LaneKernels& laneKernels(SplineLanes lanes) {
-    static const LaneKernels four{trimLanes<Float4>,    widthLanes<Float4>,  turnLanes<Float4>,
-                                  stepLanes<Float4>,    smoothLanes<Float4>, placeLanes<Float4>,
-                                  headingLanes<Float4>, bendLanes<Float4>};
+    static const LaneKernels four = kernelsOver<Float4>();
     static const LaneKernels* const eight = laneKernelsAvx2();
+    static const LaneKernels* const sixteen = laneKernelsAvx512();
+    if (sixteen && (lanes == SplineLanes::Widest || lanes == SplineLanes::Sixteen)) return *sixteen;
     return eight && lanes != SplineLanes::Four ? *eight : four;
 }
 

@@ -9,6 +9,7 @@
 #include "model/rampSlopes.h"
 #include "model/strandSet.h"
 #include "operators/laneKernels.h"
+#include "operators/strandLoop.h"
 
 namespace corvelle {
 
@@ -16,9 +17,9 @@ namespace corvelle {
 class LaneScratch {
 public:
     float* of(std::size_t n) {
-        const std::size_t floats = kLanes * kLaneScratchPerPoint * n;
+        const std::size_t floats = kMostLanes * kLaneScratchPerPoint * n;
         if (floats <= onStack_.size()) return onStack_.data();
-        constexpr std::size_t kAlignment = 32 / sizeof(float);
+        constexpr std::size_t kAlignment = kLaneAlignment / sizeof(float);
         if (onHeap_.size() < floats + kAlignment) onHeap_.resize(floats + kAlignment);
         const auto past =
             (reinterpret_cast<std::uintptr_t>(onHeap_.data()) / sizeof(float)) % kAlignment;
@@ -26,9 +27,52 @@ public:
     }
 
 private:
-    static constexpr std::size_t kLanes = 8;
-    alignas(32) std::array<float, kLanes * kLaneScratchPerPoint * 32> onStack_;
+    alignas(kLaneAlignment) std::array<float, kMostLanes * kLaneScratchPerPoint * 32> onStack_;
     std::vector<float> onHeap_;
+};
+
+/// What a job takes for each strand of a batch, by the strands' places in it: kNumbers of them, in
+/// fours.
+template <std::size_t kNumbers>
+class LaneNumbers {
+public:
+    /// Fours by their index.
+    void set(std::size_t place, std::size_t four, Vec3f v, float w) {
+        float* const to = &numbers_[kNumbers * place + 4 * four];
+        to[0] = v.x;
+        to[1] = v.y;
+        to[2] = v.z;
+        to[3] = w;
+    }
+    const float* data() const { return numbers_.data(); }
+    const float* at(std::size_t place) const { return &numbers_[kNumbers * place]; }
+
+private:
+    std::array<float, kNumbers * StrandPick::kBatch> numbers_;
+};
+
+/// Draws for the strands of a batch, by their places in it, times a scale; zeros when that is 0.
+class LaneDraws {
+public:
+    LaneDraws(const StrandSet& set, std::span<const std::uint32_t> strands, std::uint64_t base,
+              float scale)
+        : scale_(scale) {
+        if (scale != 0.0f)
+            laneKernels().draw(base, set.ids().data(), strands.data(), strands.size(),
+                               draws_.data());
+    }
+    /// As draw.
+    float operator[](std::size_t place) const {
+        return scale_ == 0.0f ? 0.0f : scale_ * draws_[place];
+    }
+    /// As drawSigned.
+    float centered(std::size_t place) const {
+        return scale_ == 0.0f ? 0.0f : scale_ * (2.0f * draws_[place] - 1.0f);
+    }
+
+private:
+    float scale_;
+    std::array<float, StrandPick::kBatch> draws_;
 };
 
 /// Fewer strands than this do not fill the lanes.

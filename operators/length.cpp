@@ -20,7 +20,9 @@ constexpr std::size_t kScratchPoints = 128;  ///< floats kept on the stack
 
 float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings& settings) {
     const float share = std::clamp(keep, 0.0f, 1.0f);
-    if (!(draw(drawBase(settings.seed, kFraction), id) < fraction)) return share;
+    // A draw is below 1.
+    if (!(fraction >= 1.0f) && !(draw(drawBase(settings.seed, kFraction), id) < fraction))
+        return share;
     const float lo = std::min(settings.trimMin, settings.trimMax);
     const float hi = std::max(settings.trimMin, settings.trimMax);
     const float loss = lo + (hi - lo) * draw(drawBase(settings.seed, kTrim), id);
@@ -90,6 +92,26 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
 };
 
+/// Orders a batch by the share kept, roughly: the new points of strands that are worked on side by
+/// side then lie in few different segments.
+void orderByShare(std::span<const std::uint32_t> strands, std::span<const float> shares,
+                  std::span<std::uint32_t> orderedStrands, std::span<float> orderedShares) {
+    constexpr std::size_t kBins = 32;
+    std::array<std::uint8_t, StrandPick::kBatch> bin;
+    std::array<std::size_t, kBins + 1> starts{};
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        const float at = clampShare(shares[k]) * float(kBins - 1);
+        bin[k] = std::uint8_t(at);
+        ++starts[bin[k] + 1u];
+    }
+    for (std::size_t b = 0; b < kBins; ++b) starts[b + 1] += starts[b];
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        const std::size_t to = starts[bin[k]]++;
+        orderedStrands[to] = strands[k];
+        orderedShares[to] = shares[k];
+    }
+}
+
 class LengthWork final : public StrandWork {
 public:
     FieldPtr keep, fraction;
@@ -104,16 +126,21 @@ public:
         for (std::size_t k = 0; k < strands.size(); ++k)
             keeps[k] = keptShare(in.ids()[strands[k]], keeps[k], fractions[k], settings);
         if (in.points().empty()) return;
+        std::array<std::uint32_t, StrandPick::kBatch> ordered;
+        std::array<float, StrandPick::kBatch> shares;
+        orderByShare(strands, std::span(keeps).first(strands.size()), ordered, shares);
+        const std::span<const std::uint32_t> list(ordered.data(), strands.size());
         const TrimJob job{&in.points()[0].x, &out.points[0].x, in.offsets().data()};
         LaneScratch scratch;
         forEachLaneRun(
-            in, strands,
+            in, list,
             [&](std::size_t first, std::size_t count, std::size_t n) {
-                laneKernels().trim(job, &strands[first], &keeps[first], count, n, scratch.of(n));
+                laneKernels().trim(job, &list[first], &shares[first], count, n, scratch.of(n));
             },
             [&](std::size_t k) {
-                const std::size_t s = strands[k];
-                trimStrand(in.pointsOf(s), keeps[k], out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
+                const std::size_t s = list[k];
+                trimStrand(in.pointsOf(s), shares[k],
+                           out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
             });
     }
 };

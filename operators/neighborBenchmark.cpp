@@ -1,5 +1,6 @@
 // Tables of neighbours against nanoflann on the same roots, and the nodes that read them against
-// the stream p += w (q - p) of the same points.
+// the stream p += w (q - p) of the same points and the bare loop over the neighbours: flat arrays,
+// the table given, points paired by their numbers, and nothing kept or eased.
 
 #include <benchmark/benchmark.h>
 #include <nanoflann.hpp>
@@ -8,6 +9,7 @@
 #include "model/parallel.h"
 #include "model/testing/tuft.h"
 #include "operators/neighborTable.h"
+#include "operators/polynomialTrig.h"
 #include "operators/testing/nodeBench.h"
 
 namespace corvelle {
@@ -19,6 +21,18 @@ constexpr std::size_t kPoints = 16;
 const StrandSet& load() {
     static const StrandSet tuft =
         makeTuft({.strands = kStrands, .pointsPerStrand = kPoints, .seed = 7});
+    return tuft;
+}
+
+/// The same, every point but the roots a little off.
+const StrandSet& moved() {
+    static const StrandSet tuft = [] {
+        StrandSet set = load();
+        const auto points = set.mutablePoints();
+        for (std::size_t i = 0; i < points.size(); ++i)
+            if (i % kPoints != 0) points[i].x += 0.01f;
+        return set;
+    }();
     return tuft;
 }
 
@@ -92,12 +106,14 @@ template <class Setup>
 void timeNode(benchmark::State& state, const char* type, Setup&& setup) {
     NodeBench bench(type);
     setup(bench.op());
-    setIncrementalEvaluation(false);  // the same strands come again: a full run is what is timed
+    setIncrementalEvaluation(false);
     bench.feed(load());
     bench.evaluate();
+    bool other = false;
     for (auto _ : state) {
         state.PauseTiming();
-        bench.feed(load());
+        bench.feed(other ? load() : moved());  // all differ: equal results would be compared whole
+        other = !other;
         state.ResumeTiming();
         runWithThreads(unsigned(state.range(0)),
                        [&] { benchmark::DoNotOptimize(bench.evaluate()); });
@@ -114,6 +130,97 @@ void tangle(benchmark::State& state) {
 void twist(benchmark::State& state) {
     timeNode(state, "Twist", [](Operator&) {});
 }
+/// Strands of kPoints, flat, written anew by body(s, p, out).
+template <class Body>
+void timeBare(benchmark::State& state, Body&& body) {
+    const StrandSet& set = load();
+    const std::vector<Vec3f> points(set.points().begin(), set.points().end());
+    std::vector<Vec3f> out(points.size());
+    for (auto _ : state) {
+        runWithThreads(unsigned(state.range(0)), [&] {
+            parallelRange(0, kStrands, kStrandGrain, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t s = begin; s < end; ++s) body(s, points.data(), &out[s * kPoints]);
+            });
+        });
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+void bareBlend(benchmark::State& state) {
+    const NeighborTable table(load(), {.count = 4});
+    timeBare(state, [&](std::size_t s, const Vec3f* points, Vec3f* out) {
+        std::array<Vec3f, kPoints> sum{};
+        for (const std::uint32_t other : table.of(s)) {
+            const Vec3f* const q = points + other * kPoints;
+            for (std::size_t i = 0; i < kPoints; ++i) sum[i] += q[i] - q[0];
+        }
+        const Vec3f* const p = points + s * kPoints;
+        for (std::size_t i = 0; i < kPoints; ++i) out[i] = mix(p[i], p[0] + sum[i] * 0.25f, 0.5f);
+    });
+}
+void bareTangle(benchmark::State& state) {
+    const NeighborTable table(load(), {.count = 8});
+    timeBare(state, [&](std::size_t s, const Vec3f* points, Vec3f* out) {
+        std::uint32_t partner = std::uint32_t(s);
+        if (s % 2 == 0)
+            for (const std::uint32_t other : table.of(s)) partner = std::min(partner, other);
+        const Vec3f* const p = points + s * kPoints;
+        const Vec3f* const q = points + partner * kPoints;
+        for (std::size_t i = 0; i < kPoints; ++i) out[i] = mix(p[i], q[i], 0.8f);
+    });
+}
+/// The means of the clumps too, since the node works them out.
+void bareTwist(benchmark::State& state) {
+    const std::vector<float>& clumps = *load().strandChannel("clumpId");
+    constexpr std::size_t kClumps = 16;
+    std::array<std::size_t, kClumps> members{};
+    for (const float clump : clumps) ++members[std::size_t(clump)];
+    const StrandSet& set = load();
+    const std::vector<Vec3f> points(set.points().begin(), set.points().end());
+    std::vector<Vec3f> out(points.size());
+    for (auto _ : state) {
+        std::array<std::array<Vec3f, kPoints>, kClumps> means{}, axes{};
+        for (std::size_t s = 0; s < kStrands; ++s)
+            for (std::size_t i = 0; i < kPoints; ++i)
+                means[std::size_t(clumps[s])][i] += points[s * kPoints + i];
+        for (std::size_t c = 0; c < kClumps; ++c)
+            for (std::size_t i = 0; i < kPoints; ++i) {
+                means[c][i] *= 1.0f / float(members[c]);
+                if (i > 0) axes[c][i] = normalized(means[c][i] - means[c][i - 1]);
+            }
+        runWithThreads(unsigned(state.range(0)), [&] {
+            parallelRange(0, kStrands, kStrandGrain, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t s = begin; s < end; ++s) {
+                    const std::size_t c = std::size_t(clumps[s]);
+                    for (std::size_t i = 0; i < kPoints; ++i) {
+                        const Vec3f p = points[s * kPoints + i];
+                        const float angle = 0.2f * float(i);
+                        const Vec3f once = cross(axes[c][i], p - means[c][i]);
+                        out[s * kPoints + i] = p + once * sineOf(angle) +
+                                               cross(axes[c][i], once) * (1.0f - cosineOf(angle));
+                    }
+                }
+            });
+        });
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * std::int64_t(kStrands));
+}
+BENCHMARK(bareBlend)
+    ->Name("neighbors/bare BlendNeighbors")
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(bareTangle)
+    ->Name("neighbors/bare Tangle")
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(bareTwist)
+    ->Name("neighbors/bare Twist")
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(blendNeighbors)
     ->Name("neighbors/BlendNeighbors")
     ->Arg(1)

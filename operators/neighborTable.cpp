@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
 #include <compare>
@@ -14,16 +15,12 @@
 
 namespace corvelle {
 
-namespace {
-
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-
 /// The channels that the settings name and the strands have.
-struct Channels {
+struct NeighborChannels {
     const std::vector<float>* region = nullptr;
     const std::vector<float>* clump = nullptr;
     const std::vector<float>* preview = nullptr;
-    Channels(const StrandSet& strands, const NeighborSettings& settings)
+    NeighborChannels(const StrandSet& strands, const NeighborSettings& settings)
         : preview(strands.strandChannel("_preview")) {
         if (!settings.regionChannel.empty()) region = strands.strandChannel(settings.regionChannel);
         if (!settings.clumpChannel.empty()) clump = strands.strandChannel(settings.clumpChannel);
@@ -38,26 +35,14 @@ struct Channels {
     bool marked(std::size_t strand) const { return preview && (*preview)[strand] >= 0.5f; }
 };
 
+namespace {
+
+using Channels = NeighborChannels;
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
 Vec3f rootOf(const StrandSet& strands, std::size_t s) {
     return strands.pointCountOf(s) > 0 ? strands.points()[std::size_t(strands.offsets()[s])]
                                        : Vec3f{kNan, kNan, kNan};
-}
-
-/// All that the table takes from one strand.
-std::uint64_t keyOf(const StrandSet& strands, const Channels& channels, std::size_t s) {
-    const Vec3f root = rootOf(strands, s);
-    const auto bits = [](float x) { return std::uint64_t(std::bit_cast<std::uint32_t>(x)); };
-    std::uint64_t h = hashCombine(strands.ids()[s], bits(root.x) << 32 | bits(root.y));
-    h = hashCombine(h, bits(root.z) << 1 | std::uint64_t(channels.marked(s)));
-    return channels.region || channels.clump ? hashCombine(h, channels.group(s)) : h;
-}
-
-std::vector<std::uint64_t> keysOf(const StrandSet& strands, const Channels& channels) {
-    std::vector<std::uint64_t> keys(strands.strandCount());
-    parallelRange(0, keys.size(), kStrandGrain, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t s = begin; s < end; ++s) keys[s] = keyOf(strands, channels, s);
-    });
-    return keys;
 }
 
 std::uint64_t settingsKeyOf(const NeighborSettings& settings) {
@@ -65,22 +50,6 @@ std::uint64_t settingsKeyOf(const NeighborSettings& settings) {
     h = hashCombine(h, settings.maxDistance);
     h = hashCombine(hashCombine(h, hashOf(settings.regionChannel)), hashOf(settings.clumpChannel));
     return hashCombine(h, settings.parts && !settings.parts->empty() ? settings.parts->hash() : 0);
-}
-
-std::uint64_t joined(std::uint64_t h, std::span<const std::uint64_t> keys) {
-    const std::size_t chunks = (keys.size() + kChunkStrands - 1) / kChunkStrands;
-    std::vector<std::uint64_t> hashes(chunks);
-    parallelRange(0, chunks, 1, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t c = begin; c < end; ++c) {
-            std::uint64_t own = c;
-            const std::size_t last = std::min(keys.size(), (c + 1) * kChunkStrands);
-            for (std::size_t s = c * kChunkStrands; s < last; ++s) own = hashCombine(own, keys[s]);
-            hashes[c] = own;
-        }
-    });
-    h = hashCombine(h, std::uint64_t(keys.size()));
-    for (const std::uint64_t chunk : hashes) h = hashCombine(h, chunk);
-    return h;
 }
 
 constexpr std::size_t kBucketGrain = 64;
@@ -151,14 +120,21 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
     static_assert(kMost + 2 <= PointIndex::kMostTogether);
     const std::size_t n = strands.strandCount();
     const Channels channels(strands, settings);
-    keys_ = keysOf(strands, channels);
     neighbors_.resize(n * count_);
     found_.assign(n, 0);
     const PartLines* parts =
         settings.parts && !settings.parts->empty() ? settings.parts.get() : nullptr;
 
-    std::vector<Vec3f> roots(n);
-    for (std::size_t s = 0; s < n; ++s) roots[s] = rootOf(strands, s);
+    ids_.assign(strands.ids().begin(), strands.ids().end());
+    roots_.resize(n);
+    marked_.resize(n);
+    if (channels.region || channels.clump) groups_.resize(n);
+    for (std::size_t s = 0; s < n; ++s) {
+        roots_[s] = rootOf(strands, s);
+        marked_[s] = channels.marked(s);
+        if (!groups_.empty()) groups_[s] = channels.group(s);
+    }
+    const std::span<const Vec3f> roots = roots_;
     std::vector<std::uint8_t> candidate(n, 0);
     for (const std::uint32_t s : previewStrands(strands)) candidate[s] = 1;
     std::vector<std::pair<std::uint64_t, std::uint32_t>> members(n);
@@ -190,17 +166,21 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
     std::vector<Job> jobs;
     for (std::uint32_t g = 0; g < groups.size(); ++g)
         for (std::uint32_t b = 0; b < groups[g].all().bucketCount(); ++b) jobs.push_back({g, b});
+    constexpr std::uint32_t kNone = 0xffffffffu;
+    std::vector<std::uint32_t> seats(jobs.size() * PointIndex::kBucket, kNone);
     const Picker picker{strands, roots, parts, settings.maxDistance};
     parallelRange(0, jobs.size(), kBucketGrain, [&](std::size_t begin, std::size_t end) {
         PointIndex::BucketNeighbors near;
         // Itself is mostly among them, and one more tells whether others lie as far as the last.
         const std::size_t wanted = count_ + 2;
-        for (const Job job : std::span(jobs).subspan(begin, end - begin)) {
+        for (std::size_t j = begin; j < end; ++j) {
+            const Job job = jobs[j];
             const Group& group = groups[job.group];
             group.asked.nearestToBucket(group.all(), job.bucket, wanted, settings.maxDistance,
                                         near);
             for (std::size_t q = 0; q < near.points; ++q) {
                 const std::uint32_t s = group.strands[near.index[q]];
+                seats[j * PointIndex::kBucket + q] = s;
                 const std::span<std::uint32_t> to(neighbors_.data() + s * count_, count_);
                 const std::span<Neighbor> found = std::span(near.near[q]).first(near.found[q]);
                 std::size_t kept = 0;
@@ -210,6 +190,15 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
             }
         }
     });
+    std::vector<bool> seated(n, false);
+    order_.reserve(n);
+    for (const std::uint32_t s : seats)
+        if (s != kNone) {
+            order_.push_back(s);
+            seated[s] = true;
+        }
+    for (std::uint32_t s = 0; s < n; ++s)
+        if (!seated[s]) order_.push_back(s);  // without a root
 }
 
 std::span<const std::uint32_t> NeighborTable::neighborsTo(std::size_t strand) const {
@@ -227,22 +216,46 @@ std::span<const std::uint32_t> NeighborTable::neighborsTo(std::size_t strand) co
     return std::span(to_).subspan(toOffsets_[strand], toOffsets_[strand + 1] - toOffsets_[strand]);
 }
 
+bool NeighborTable::knows(const StrandSet& strands, const NeighborChannels& channels,
+                          std::size_t s) const {
+    using Bits = std::array<std::uint32_t, 3>;
+    return strands.ids()[s] == ids_[s] &&
+           std::bit_cast<Bits>(rootOf(strands, s)) == std::bit_cast<Bits>(roots_[s]) &&
+           channels.marked(s) == (marked_[s] != 0) &&
+           channels.group(s) == (groups_.empty() ? 0 : groups_[s]);
+}
+
 bool NeighborTable::fits(const StrandSet& strands, std::span<const std::uint32_t> changed,
                          const NeighborSettings& settings) const {
-    if (strands.strandCount() != keys_.size()) return false;
+    if (strands.strandCount() != ids_.size()) return false;
     const Channels channels(strands, settings);
-    return std::ranges::all_of(
-        changed, [&](std::uint32_t s) { return keyOf(strands, channels, s) == keys_[s]; });
+    return std::ranges::all_of(changed,
+                               [&](std::uint32_t s) { return knows(strands, channels, s); });
+}
+
+bool NeighborTable::fits(const StrandSet& strands, const NeighborSettings& settings) const {
+    if (strands.strandCount() != ids_.size()) return false;
+    const Channels channels(strands, settings);
+    std::atomic<bool> same = true;
+    parallelRange(0, ids_.size(), kChunkStrands, [&](std::size_t begin, std::size_t end) {
+        for (std::size_t s = begin; s < end; ++s)
+            if (!knows(strands, channels, s)) {
+                same = false;
+                return;
+            }
+    });
+    return same;
 }
 
 std::shared_ptr<const NeighborTable> NeighborCache::table(const StrandSet& strands,
                                                           const NeighborSettings& settings) {
     const std::uint64_t settingsKey = settingsKeyOf(settings);
-    const std::uint64_t key = joined(settingsKey, keysOf(strands, Channels(strands, settings)));
-    if (Held last = held(); last.table && last.key == key) return last.table;
+    if (Held last = held();
+        last.table && last.settingsKey == settingsKey && last.table->fits(strands, settings))
+        return last.table;
     auto made = std::make_shared<const NeighborTable>(strands, settings);
     const std::lock_guard lock(mutex_);
-    held_ = {key, settingsKey, made};
+    held_ = {settingsKey, made};
     return made;
 }
 

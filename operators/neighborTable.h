@@ -23,6 +23,8 @@ struct NeighborSettings {
     std::shared_ptr<const PartLines> parts;  ///< never across one; null: not asked
 };
 
+struct NeighborChannels;
+
 /// The nearest strands of every strand of a set, by the straight distance between their first
 /// points, of those that every preview holds and other than the strand itself; at equal distances
 /// the lower id comes first. So a strand has the same neighbours in a thinned view. Strands without
@@ -41,21 +43,30 @@ public:
     std::span<const std::uint32_t> of(std::size_t strand) const {
         return std::span(neighbors_).subspan(strand * count_, found_[strand]);
     }
+    /// All strands, those with neighbours in common mostly close together.
+    std::span<const std::uint32_t> order() const { return order_; }
     /// The strands that `strand` is a neighbour of, ascending. Turned about when first asked for.
     std::span<const std::uint32_t> neighborsTo(std::size_t strand) const;
     /// True when a table of these strands, which differ from the ones it was made of in the listed
     /// ones at most, would be the same. `settings` are those it was made with.
     bool fits(const StrandSet& strands, std::span<const std::uint32_t> changed,
               const NeighborSettings& settings) const;
+    /// The same for strands that may all differ.
+    bool fits(const StrandSet& strands, const NeighborSettings& settings) const;
 
 private:
+    bool knows(const StrandSet& strands, const NeighborChannels& channels, std::size_t s) const;
     struct Group;
     struct Picker;
 
     std::size_t count_ = 0;
     std::vector<std::uint32_t> neighbors_;  ///< [strands][count_]
     std::vector<std::uint8_t> found_;       ///< [strands]
-    std::vector<std::uint64_t> keys_;       ///< [strands] what of a strand the table is made from
+    std::vector<std::uint32_t> order_;      ///< [strands]
+    /// [strands] what of the strands the table is made from; groups_ empty: all of group 0.
+    std::vector<std::uint64_t> ids_, groups_;
+    std::vector<Vec3f> roots_;
+    std::vector<std::uint8_t> marked_;
     mutable std::once_flag turned_;
     mutable std::vector<std::uint32_t> toOffsets_, to_;
 };
@@ -75,7 +86,7 @@ public:
 
 private:
     struct Held {
-        std::uint64_t key = 0, settingsKey = 0;
+        std::uint64_t settingsKey = 0;
         std::shared_ptr<const NeighborTable> table;
     };
     Held held() const;

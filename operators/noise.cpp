@@ -215,12 +215,12 @@ public:
     }
 };
 
-/// The text that says that the strands are too coarse for the noise; empty when they are not. In
-/// world space, by up to 64 strands spread over the set: more than half of them must be too coarse.
+/// The text that says that the strands are too coarse for the noise; empty when they are not. By
+/// some strands spread over the set: more than half of them must be too coarse.
 std::string finenessText(const StrandSet& strands, const NoiseSettings& settings) {
+    constexpr std::size_t kLooked = 64;
     const std::size_t count = strands.strandCount();
-    if (count == 0) return {};
-    const std::size_t step = settings.world ? std::max<std::size_t>(1, count / 64) : count;
+    const std::size_t step = std::max<std::size_t>(1, count / kLooked);
     std::size_t looked = 0, coarse = 0, segments = 0;
     for (std::size_t s = 0; s < count; s += step) {
         const auto points = strands.pointsOf(s);

@@ -2,77 +2,37 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
-#include <numbers>
 
 #include "model/hash.h"
 #include "operators/nodeFactories.h"
-#include "operators/polynomialTrig.h"
+#include "operators/partLanes.h"
+#include "operators/placeStrands.h"
 #include "operators/rootFrame.h"
 #include "operators/segmentTurn.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
 
-namespace {
-
-constexpr float kPi = std::numbers::pi_v<float>;
-
-/// A direction in the surface by its shares along two axes.
-struct Flat {
-    float x = 0.0f, y = 0.0f;
-    float length() const { return std::sqrt(x * x + y * y); }
-};
-
-/// The angle from the unit `a` to the unit `b`, -pi to pi.
-float angleBetween(Flat a, Flat b) {
-    const float angle = arcCosine(a.x * b.x + a.y * b.y);
-    return a.x * b.y - a.y * b.x < 0.0f ? -angle : angle;
-}
-
-}  // namespace
-
 void turnAway(std::span<const Vec3f> points, Vec3f normal, Vec3f away,
               std::span<const float> shares, std::span<Vec3f> out) {
-    const std::size_t n = points.size();
-    if (n == 0) return;
-    const Vec3f side = cross(normal, away);
-    const auto flat = [&](Vec3f v) { return Flat{dot(v, away), dot(v, side)}; };
-    const Flat chord = flat(points[n - 1] - points[0]);
-    const float reach = chord.length();
-    // What angles count from: the strand as a whole, or `away` for one that stands upright.
-    const Flat whole = reach > 0.0f ? Flat{chord.x / reach, chord.y / reach} : Flat{1.0f, 0.0f};
-    const float wholeAngle = angleBetween({1.0f, 0.0f}, whole);
-    out[0] = points[0];
-    bool moved = false;
-    for (std::size_t i = 1; i < n; ++i) {
-        const Vec3f segment = points[i] - points[i - 1];
-        const Flat own = flat(segment);
-        const float size = own.length();
-        if (!(shares[i] > 0.0f) || !(size > 0.0f)) {
-            out[i] = moved ? out[i - 1] + segment : points[i];
-            continue;
-        }
-        moved = true;
-        const float angle = wholeAngle + angleBetween(whole, {own.x / size, own.y / size});
-        float left = (1.0f - shares[i]) * angle;
-        if (left > kPi) left -= 2.0f * kPi;
-        if (left < -kPi) left += 2.0f * kPi;
-        out[i] = out[i - 1] + normal * dot(segment, normal) + away * (size * cosineOf(left)) +
-                 side * (size * sineOf(left));
-    }
+    if (points.empty()) return;
+    std::ranges::copy(points, out.begin());
+    awayAcross(&out[0].x, out.size(), lanes3(normal), lanes3(away), shares.data());
 }
 
 namespace {
 
+constexpr std::size_t kAhead = 8;  ///< strands, for the caches
 constexpr std::uint64_t kSide = hashOf("Part.side");
+/// Of a root's coordinates: what is nearer to the line than they round has no side of its own.
+constexpr float kOnLine = 4e-6f;
 
 const std::vector<ParamSpec> kParams = {
     {.name = "width",
      .defaultValue = 1.5,
      .description = "Distance from the part over which strands lean away (scene units)",
      .unit = "length",
-     .softMin = 1e-6,
+     .softMin = 0.0,
      .softMax = 5.0,
      .min = 1e-6},
     {.name = "strength",
@@ -95,6 +55,7 @@ class PartWork final : public StrandWork {
 public:
     FieldPtr strength;
     Ramp profile;
+    LaneRamp keys;  ///< the same again
     float width = 0.0f;
     std::shared_ptr<const PartLines> parts;
     std::int32_t part = -1;  ///< by the parts' number, -1: all
@@ -106,36 +67,52 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> strengths;
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        std::size_t most = 0;
-        for (const std::uint32_t s : strands) most = std::max(most, in.pointCountOf(s));
-        std::vector<float> scratch(most);
+        // Those far from the part stay; the others are listed anew.
+        std::array<std::uint32_t, StrandPick::kBatch> listed;
+        std::size_t count = 0;
+        LaneNumbers<AwayJob::kNumbers> numbers;
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
+            if (k + kAhead < strands.size()) {
+                const auto next = in.pointsOf(strands[k + kAhead]);
+                fetchFloats(reinterpret_cast<const float*>(next.data()), 3 * next.size());
+            }
             PartPlace place;
             if (points.size() < 2 || !(strengths[k] > 0.0f) ||
                 !parts->nearest(points[0], part, width, place)) {
-                std::copy(points.begin(), points.end(), to.begin());
+                std::ranges::copy(points, out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
                 continue;
             }
             const float x = std::min(place.distance / width, 1.0f);
             const float near = 1.0f - x * x * (3.0f - 2.0f * x);
-            const Vec3f normal = rootNormal(scalp.get(), in.roots()[s], firstDirection(points));
-            const std::span<float> shares = std::span(scratch).first(points.size());
-            segmentShares(points, profile, clampShare(strengths[k]) * near, shares);
-            turnAway(points, normal, awayFrom(place, points[0], normal, in.ids()[s]), shares, to);
+            const float side = hashCombine(kSide, in.ids()[s]) & 1u ? 1.0f : -1.0f;
+            setNormal(numbers, count, 0, scalp.get(), in.roots()[s],
+                      clampShare(strengths[k]) * near);
+            const bool onLine = place.distance <= kOnLine * length(points[0]);
+            numbers.set(count, 1, onLine ? Vec3f{} : points[0] - place.position, side);
+            numbers.set(count, 2, place.along, 0.0f);
+            listed[count++] = std::uint32_t(s);
         }
-    }
-
-private:
-    /// Unit, in the surface. A root on the line itself goes to a side of its own.
-    static Vec3f awayFrom(const PartPlace& place, Vec3f root, Vec3f normal, std::uint64_t id) {
-        if (const Vec3f away = laidOnto(root - place.position, normal); !(away == Vec3f{}))
-            return away;
-        Vec3f across = laidOnto(cross(normal, place.along), normal);
-        if (across == Vec3f{}) across = anyPerpendicular(normal);
-        return hashCombine(kSide, id) & 1u ? across : -across;
+        const auto near = std::span<const std::uint32_t>(listed).first(count);
+        std::vector<float> shares;
+        const auto single = [&](std::size_t k) {
+            const auto points = in.pointsOf(near[k]);
+            const auto at = [&](std::size_t i) { return Lanes3<float>::at(numbers.at(k) + i); };
+            const Lanes3<float> normal = normalAcross(at(0), lanes3(firstDirection(points)));
+            const float* const n = numbers.at(k);
+            shares.resize(points.size());
+            segmentShares(points, profile, n[3], shares);
+            turnAway(points, vec3(normal), vec3(wayFromPart(normal, at(4), at(8), n[7])), shares,
+                     out.points.subspan(in.offsets()[near[k]], points.size()));
+        };
+        const bool flat = profile.isConstant(1.0f);
+        if (flat || keys.fits()) {
+            const AwayJob job{lanePoints(in, near, out.points), numbers.data(),
+                              flat ? RampKeys{} : keys.keys()};
+            return deformStrands(laneKernels().away, job, in, near, single);
+        }
+        for (std::size_t k = 0; k < count; ++k) single(k);
     }
 };
 
@@ -167,6 +144,7 @@ protected:
         }
         work->strength = fieldFromParam(*this, "strength", context, strands);
         work->profile = ramp("profile");
+        work->keys = LaneRamp(work->profile);
         if (work->strength->constant().value_or(1.0f) <= 0.0f || work->profile.isConstant(0.0f))
             return nullptr;
         work->width = float(number("width"));

@@ -17,19 +17,23 @@ namespace {  // a copy of its own for every source: each has its own target
 // several side by side they have the same bits on every platform, which a library's functions need
 // not have.
 
-/// acos for -1 to 1, within 1.2e-6: sqrt(1 - x) times a polynomial (Abramowitz, Stegun, "Handbook
-/// of Mathematical Functions", 4.4.45), its coefficients fitted for the least greatest error.
+/// acos(x) / sqrt(1 - x) for 0 to 1, within 1.2e-6: a polynomial (Abramowitz, Stegun, "Handbook of
+/// Mathematical Functions", 4.4.45), its coefficients fitted for the least greatest error.
 template <class F>
-CORVELLE_LANES_TARGET inline F arcCosine(F c) {
-    const F zero(0.0f), one(1.0f);
-    const F x = lower(one, upper(c, zero - c));
+CORVELLE_LANES_TARGET inline F arcCosineRatio(F x) {
     F p(-0.004337170221f);
     p = p * x + F(0.01934826519f);
     p = p * x - F(0.04495723878f);
     p = p * x + F(0.08787565108f);
     p = p * x - F(0.2145122717f);
-    p = p * x + F(1.570795206f);
-    const F angle = squareRoot(one - x) * p;
+    return p * x + F(1.570795206f);
+}
+/// acos for -1 to 1, likewise.
+template <class F>
+CORVELLE_LANES_TARGET inline F arcCosine(F c) {
+    const F zero(0.0f), one(1.0f);
+    const F x = lower(one, upper(c, zero - c));
+    const F angle = squareRoot(one - x) * arcCosineRatio(x);
     return select(c < zero, F(std::numbers::pi_v<float>) - angle, angle);
 }
 

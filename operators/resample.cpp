@@ -4,6 +4,7 @@
 #include <numbers>
 
 #include "model/elementary.h"
+#include "model/polyline.h"
 #include "operators/nodeFactories.h"
 #include "operators/pointArrays.h"
 #include "operators/splineResample.h"
@@ -218,7 +219,7 @@ private:
                 const auto points = in.pointsOf(batch[k]);
                 int wanted = std::min(whole("minSegments"), segments);
                 if (points.size() >= 2 && mode == Mode::Length) {
-                    const float share = longest > 0.0f ? lengthOf(points) / longest : 1.0f;
+                    const float share = longest > 0.0f ? polylineLength(points) / longest : 1.0f;
                     wanted = std::clamp(int(std::ceil(std::min(share, 1.0f) * float(segments))),
                                         wanted, segments);
                 } else if (points.size() >= 2) {
@@ -248,12 +249,6 @@ private:
         takeStrandData(in, out);
     }
 
-    static float lengthOf(std::span<const Vec3f> points) {
-        float sum = 0.0f;
-        for (std::size_t i = 1; i < points.size(); ++i) sum += distance(points[i], points[i - 1]);
-        return sum;
-    }
-
     /// Of the strands that every preview holds, so that a thinned view gives a strand the same
     /// points.
     static float longestInPreview(const StrandSet& in) {
@@ -267,7 +262,7 @@ private:
                 for (std::size_t s = c * kChunkStrands;
                      s < std::min(in.strandCount(), (c + 1) * kChunkStrands); ++s)
                     if (!marked || (*preview)[s] >= 0.5f)
-                        longest[c] = std::max(longest[c], lengthOf(in.pointsOf(s)));
+                        longest[c] = std::max(longest[c], polylineLength(in.pointsOf(s)));
         });
         return std::ranges::max(longest);
     }

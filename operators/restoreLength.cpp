@@ -6,8 +6,12 @@
 #include <vector>
 
 #include "model/polyline.h"
+#include "model/simd4.h"
+#include "operators/laneRuns.h"
 #include "operators/matchIds.h"
+#include "operators/neighborLanes.h"
 #include "operators/nodeFactories.h"
+#include "operators/pointCountOrder.h"
 #include "operators/rootFrame.h"
 #include "operators/splineResample.h"
 #include "operators/strandOperator.h"
@@ -16,10 +20,9 @@ namespace corvelle {
 
 namespace {
 
-constexpr float kSame = 1e-6f;  ///< relative: less is rounding, not stretch
 constexpr std::size_t kScratchPoints = 64;
 
-bool sameLength(float a, float b) { return std::fabs(a - b) <= kSame * std::max(a, b); }
+bool sameLength(float a, float b) { return std::fabs(a - b) <= kSameLength * std::max(a, b); }
 
 /// The lengths of n - 1 segments over a reference of other point count.
 void spreadLengths(std::span<const Vec3f> reference, std::span<float> out) {
@@ -115,14 +118,36 @@ public:
     WrittenArrays writes() const override { return {.points = true}; }
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
-        for (const std::uint32_t s : strands) {
+        const auto referenceOf = [&](std::uint32_t s) {
             const std::uint32_t from = match.empty() ? s : match[s];
+            return from == kNoMatch ? std::span<const Vec3f>() : reference->pointsOf(from);
+        };
+        const auto alone = [&](std::uint32_t s) {
             const auto points = in.pointsOf(s);
             const auto to = out.points.subspan(std::size_t(in.offsets()[s]), points.size());
-            const auto wanted =
-                from == kNoMatch ? std::span<const Vec3f>() : reference->pointsOf(from);
-            (scale ? restoreScale : restoreSegments)(points, wanted, to);
+            (scale ? restoreScale : restoreSegments)(points, referenceOf(s), to);
+        };
+        std::array<std::uint32_t, StrandPick::kBatch> listed;
+        std::array<const float*, StrandPick::kBatch> references;
+        std::array<std::uint8_t, StrandPick::kBatch> again{};
+        std::size_t count = 0;
+        for (const std::uint32_t k : PointCountOrder(in, strands)) {
+            const std::uint32_t s = strands[k];
+            const std::span<const Vec3f> wanted = referenceOf(s);
+            if (scale || wanted.size() < 2 || wanted.size() != in.pointCountOf(s)) {
+                alone(s);
+                continue;
+            }
+            listed[count] = s;
+            references[count++] = &wanted[0].x;
         }
+        if (count == 0) return;
+        const std::span<const std::uint32_t> list(listed.data(), count);
+        const RestoreJob job{lanePoints(in, list, out.points), references.data(), again.data()};
+        deformStrands(neighborKernels().restore, job, in, list,
+                      [&](std::size_t k) { alone(list[k]); });
+        for (std::size_t k = 0; k < count; ++k)
+            if (again[k]) alone(list[k]);
     }
 };
 

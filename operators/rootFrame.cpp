@@ -1,8 +1,6 @@
 #include "operators/rootFrame.h"
 
-#include <cmath>
-
-#include "model/elementary.h"
+#include "operators/vectorLanes.h"
 
 namespace corvelle {
 
@@ -35,34 +33,10 @@ RootFrame rootFrame(const ScalpMesh* scalp, const StrandRoot& root, Vec3f first)
     return frame;
 }
 
-namespace {
-
-/// The sine times the axis of the turn between two directions.
-struct WideCross {
-    double x, y, z, sine;
-};
-
-WideCross wideCross(Vec3f from, Vec3f to) {
-    // In double: near the half turn a float cross product is mostly rounding.
-    const double x = double(from.y) * to.z - double(from.z) * to.y;
-    const double y = double(from.z) * to.x - double(from.x) * to.z;
-    const double z = double(from.x) * to.y - double(from.y) * to.x;
-    return {x, y, z, std::sqrt(x * x + y * y + z * z)};
-}
-
-Vec3f axisOf(const WideCross& c, Vec3f from) {
-    if (!(c.sine > 1e-6)) return anyPerpendicular(from);
-    return {float(c.x / c.sine), float(c.y / c.sine), float(c.z / c.sine)};
-}
-
-}  // namespace
-
-Vec3f shortestAxis(Vec3f from, Vec3f to) { return axisOf(wideCross(from, to), from); }
-
 ShortestArc shortestArc(Vec3f from, Vec3f to) {
-    const WideCross c = wideCross(from, to);
-    const double cosine = double(from.x) * to.x + double(from.y) * to.y + double(from.z) * to.z;
-    return {axisOf(c, from), float(math::atan2(c.sine, cosine))};
+    LanesArc<float> arc;
+    arcBetween(lanes3(from), lanes3(to), arc);
+    return {vec3(arc.axis), arc.angle};
 }
 
 }  // namespace corvelle

@@ -50,8 +50,7 @@ struct ShortestArc {
     float angle = 0.0f;  ///< radians, 0 to pi
 };
 /// Between unit directions. Parallel and antiparallel ones turn about `anyPerpendicular(from)`.
+/// The angle is within 2e-6.
 ShortestArc shortestArc(Vec3f from, Vec3f to);
-/// Its axis alone, at a fraction of the cost.
-Vec3f shortestAxis(Vec3f from, Vec3f to);
 
 }  // namespace corvelle

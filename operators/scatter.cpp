@@ -1,7 +1,6 @@
 #include "operators/scatter.h"
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <mutex>
 #include <optional>
@@ -16,6 +15,7 @@
 #include "operators/previewShare.h"
 #include "operators/registerOperators.h"
 #include "operators/scatterGrid.h"
+#include "operators/strandLoop.h"
 
 namespace corvelle {
 
@@ -184,6 +184,7 @@ const std::vector<ParamSpec> kParams = {
      .description = "uvGrid: each root moved at random up to this share of its cell",
      .unit = "fraction",
      .animatable = false,
+     .group = "Random",
      .softMin = 0.0,
      .softMax = 1.0,
      .showWhen = kGridOnly,
@@ -212,9 +213,9 @@ struct RootSet {
     std::uint64_t spreadKey = 0;  ///< of all but randomness: the sets are shared between its values
     std::uint64_t key = 0;
     ParamIdentity density;
-    std::shared_ptr<const ScatterPoints> random;            ///< as they fell
-    std::shared_ptr<const std::vector<StrandRoot>> even;    ///< relaxed; null when not asked for
-    std::shared_ptr<const ScatterPoints> roots;             ///< the result
+    std::shared_ptr<const ScatterPoints> random;          ///< as they fell
+    std::shared_ptr<const std::vector<StrandRoot>> even;  ///< relaxed; null when not asked for
+    std::shared_ptr<const ScatterPoints> roots;           ///< the result
 };
 
 class Scatter final : public Operator {
@@ -266,6 +267,15 @@ private:
     }
     ScatterDensity readDensity(const EvalContext& context, const GuidesPtr& guides,
                                bool grid) const;
+    /// How much there will be to make.
+    struct Expected {
+        std::vector<float> envelope;  ///< of the random layout, see densityEnvelope
+        double candidates = 0.0, strands = 0.0;
+    };
+    /// Throws GraphError when it is more than can be made.
+    Expected expectedOf(const ScalpMesh& scalp, const ScatterDensity& density, bool grid) const;
+    void giveLengths(const ScalpMesh& scalp, const EvalContext& context, const GuidesPtr& guides,
+                     StrandSet& strands) const;
     std::shared_ptr<const ScatterPoints> rootsOf(const ScalpMesh& scalp,
                                                  const ScatterDensity& density,
                                                  std::span<const float> envelope,
@@ -292,8 +302,7 @@ ScatterDensity Scatter::readDensity(const EvalContext& context, const GuidesPtr&
     out.sample = [field](std::span<const StrandRoot> roots, std::span<const Vec3f> positions,
                          std::span<float> values) { field->sampleRoots(roots, positions, values); };
     const MapSource* map = std::get_if<MapSource>(&value("density"));
-    const bool bounded =
-        !drivenField("density") && map && map->kind != MapKind::Expression;
+    const bool bounded = !drivenField("density") && map && map->kind != MapKind::Expression;
     if (bounded) out.bound = field->maxValue();
     return out;
 }
@@ -364,6 +373,39 @@ std::shared_ptr<const ScatterPoints> Scatter::rootsOf(const ScalpMesh& scalp,
     return made.roots;
 }
 
+Scatter::Expected Scatter::expectedOf(const ScalpMesh& scalp, const ScatterDensity& density,
+                                      bool grid) const {
+    Expected out;
+    if (grid) {
+        out.candidates = out.strands = double(whole("gridRows")) * double(whole("gridColumns"));
+    } else {
+        out.envelope = densityEnvelope(scalp, density);
+        out.candidates = expectedCandidates(scalp, out.envelope);
+        out.strands = density.mapped() ? expectedRoots(scalp, density) : out.candidates;
+    }
+    if (!std::isfinite(out.candidates) || !std::isfinite(out.strands))
+        throw GraphError("Scatter: the density (or the scalp's area) is not a finite number");
+    if (out.candidates > kMaxStrands)
+        throw GraphError(grid ? "Scatter: the grid would create more than 50M strands"
+                              : "Scatter: density would create more than 50M strands");
+    return out;
+}
+
+/// Read from the strands at unit length, so that an expression may use what strands have.
+void Scatter::giveLengths(const ScalpMesh& scalp, const EvalContext& context,
+                          const GuidesPtr& guides, StrandSet& strands) const {
+    const FieldPtr field = fieldFromParam(*this, "length", context, strands, guides);
+    std::vector<float> lengths(strands.strandCount());
+    StrandPick(lengths.size())
+        .forEachBatchAt([&](std::size_t first, std::span<const std::uint32_t> batch) {
+            const std::span<float> own = std::span(lengths).subspan(first, batch.size());
+            field->sampleStrands(strands, batch, own);
+            for (float& length : own)  // a map may say less than the param may
+                length = length > 0.0f ? length : 0.0f;
+        });
+    setStrandLengths(strands, scalp, lengths);
+}
+
 NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs) {
     const ScalpPtr scalp = requireMesh(*this, inputs, 0);
     const bool grid = choice("layout") == "uvGrid";
@@ -373,36 +415,20 @@ NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs
     const float guideRadius = float(number("guideRadius"));
     const bool nearGuides = guideRadius > 0.0f && inputs.isConnected(1);
     if (nearGuides && (!guides || guides->empty()))
-        throw GraphError(
-            "Scatter: guideRadius needs guides on the guides input (a Guides node)");
+        throw GraphError("Scatter: guideRadius needs guides on the guides input (a Guides node)");
 
     const ScatterDensity density = readDensity(context, guides, grid);
-    std::vector<float> envelope;
-    double expected = 0.0;  // at most
-    double strands = 0.0;
-    if (grid) {
-        expected = strands = double(whole("gridRows")) * double(whole("gridColumns"));
-    } else {
-        envelope = densityEnvelope(*scalp, density);
-        expected = expectedCandidates(*scalp, envelope);
-        strands = density.mapped() ? expectedRoots(*scalp, density) : expected;
-    }
-    if (!std::isfinite(expected) || !std::isfinite(strands))
-        throw GraphError("Scatter: the density (or the scalp's area) is not a finite number");
-    if (expected > kMaxStrands)
-        throw GraphError(grid ? "Scatter: the grid would create more than 50M strands"
-                              : "Scatter: density would create more than 50M strands");
-
+    const Expected expected = expectedOf(*scalp, density, grid);
     const int segments = context.growSegments() > 0 ? context.growSegments() : kDefaultSegments;
-    const PreviewShare share = previewShare({.strands = strands,
+    const PreviewShare share = previewShare({.strands = expected.strands,
                                              .pointsPerStrand = std::size_t(segments) + 1,
                                              .density = context.density(),
                                              .pointBudget = context.pointBudget(),
                                              .previewAll = boolean("previewAll")});
 
     const std::shared_ptr<const ScatterPoints> roots =
-        rootsOf(*scalp, density, envelope, identityOf(*this, "density", context, guides), grid,
-                share.share);
+        rootsOf(*scalp, density, expected.envelope, identityOf(*this, "density", context, guides),
+                grid, share.share);
 
     const ParamIdentity length = identityOf(*this, "length", context, guides);
     const std::uint64_t guideRoots = nearGuides ? guides->rootsHash() : 0;
@@ -429,24 +455,11 @@ NodeValue Scatter::evaluate(const EvalContext& context, const NodeInputs& inputs
         near = rootsNear(*scalp, *roots, places, guideRadius);
     }
     auto out = std::make_shared<StrandSet>(growStrands(*scalp, near ? *near : *roots, settings));
-    if (isMapped("length")) {
-        // Read from the strands at unit length, so that an expression may use what strands have.
-        const FieldPtr field = fieldFromParam(*this, "length", context, *out, guides);
-        std::vector<float> lengths(out->strandCount());
-        parallelRange(0, lengths.size(), kBlock, [&](std::size_t b, std::size_t e) {
-            std::array<std::uint32_t, kBlock> indices;
-            for (std::size_t i = b; i < e; i += kBlock) {
-                const std::size_t n = std::min(kBlock, e - i);
-                for (std::size_t k = 0; k < n; ++k) indices[k] = std::uint32_t(i + k);
-                field->sampleStrands(*out, {indices.data(), n}, {lengths.data() + i, n});
-            }
-        });
-        setStrandLengths(*out, *scalp, lengths);
-    }
+    if (isMapped("length")) giveLengths(*scalp, context, guides, *out);
 
     const std::lock_guard lock(mutex_);
-    last_ = {.key = key, .roots = roots, .length = length, .guideRoots = guideRoots,
-             .strands = out};
+    last_ = {
+        .key = key, .roots = roots, .length = length, .guideRoots = guideRoots, .strands = out};
     return StrandsPtr(out);
 }
 

@@ -53,18 +53,9 @@ CellRange cellsOf(double low, double high, std::uint32_t count) {
     return {std::uint32_t(first), std::uint32_t(last), false};
 }
 
-}  // namespace
-
-ScatterPoints scatterGrid(const ScalpMesh& mesh, const ScatterGridSettings& settings,
-                          const ScatterDensity& thinning) {
+/// The triangles that UVs lay facing up on the grid, in triangle order.
+std::vector<Face> facesOnGrid(const ScalpMesh& mesh, const ScatterGridSettings& settings) {
     const auto uvs = mesh.uvs();
-    if (uvs.size() != mesh.triangles().size() * 3 || uvs.empty())
-        throw std::invalid_argument("scatterGrid: the mesh has no UVs");
-    ScatterPoints out;
-    if (settings.rows == 0 || settings.columns == 0) return out;
-    const std::size_t columns = settings.columns;
-    const std::uint64_t base = mix64(settings.seed ^ kGridBase);
-
     const auto [first, end] = mesh.activeTriangles();
     std::vector<Face> faces;
     for (std::size_t t = first; t < end; ++t) {
@@ -76,8 +67,8 @@ ScatterPoints scatterGrid(const ScalpMesh& mesh, const ScatterGridSettings& sett
         const auto& [a, b, c] = face.corners;
         face.area2 = edgeSide(a, b, c);
         if (!(face.area2 > 0.0) || !std::isfinite(face.area2)) continue;
-        const CellRange x = cellsOf(std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x}),
-                                    settings.columns);
+        const CellRange x =
+            cellsOf(std::min({a.x, b.x, c.x}), std::max({a.x, b.x, c.x}), settings.columns);
         const CellRange y =
             cellsOf(std::min({a.y, b.y, c.y}), std::max({a.y, b.y, c.y}), settings.rows);
         if (x.empty || y.empty) continue;
@@ -87,9 +78,102 @@ ScatterPoints scatterGrid(const ScalpMesh& mesh, const ScatterGridSettings& sett
         face.lastRow = y.last;
         faces.push_back(face);
     }
+    return faces;
+}
+
+/// Whole rows of the grid, one band at a time: a parallel body keeps one for all of its bands.
+class Band {
+public:
+    Band(const ScatterGridSettings& settings, std::uint64_t base)
+        : settings_(settings), base_(base), columns_(settings.columns) {}
+
+    /// Makes the rows from `begin` up to `end` the band, no cell on a face.
+    void open(std::size_t begin, std::size_t end) {
+        rowBegin_ = begin;
+        rowEnd_ = end;
+        cells_.assign((end - begin) * columns_, StrandRoot{});
+        places_.resize(cells_.size());
+        for (std::size_t cell = 0; cell < cells_.size(); ++cell) {
+            const std::uint64_t id = idOf(cell);
+            Point2 place{double(cell % columns_) + 0.5, double(begin + cell / columns_) + 0.5};
+            if (settings_.random > 0.0f) {
+                place.x += double(settings_.random * drawSigned(kMoveSaltU, id));
+                place.y += double(settings_.random * drawSigned(kMoveSaltV, id));
+            }
+            places_[cell] = place;
+        }
+    }
+    /// The face takes the cells whose points it holds and no face before it took.
+    void take(const Face& face) {
+        const auto& [a, b, c] = face.corners;
+        const std::size_t lastRow = std::min<std::size_t>(face.lastRow, rowEnd_ - 1);
+        for (std::size_t row = std::max<std::size_t>(face.firstRow, rowBegin_); row <= lastRow;
+             ++row)
+            for (std::size_t column = face.firstColumn; column <= face.lastColumn; ++column) {
+                const std::size_t cell = (row - rowBegin_) * columns_ + column;
+                if (cells_[cell].rooted()) continue;
+                const Point2 p = places_[cell];
+                const double wa = edgeSide(b, c, p), wb = edgeSide(c, a, p);
+                if (wa < 0.0 || wb < 0.0 || edgeSide(a, b, p) < 0.0) continue;
+                cells_[cell] = {face.triangle, float(wa / face.area2), float(wb / face.area2)};
+            }
+    }
+    /// The cells on faces.
+    ScatterPoints found() const {
+        ScatterPoints out;
+        for (std::size_t cell = 0; cell < cells_.size(); ++cell) {
+            if (!cells_[cell].rooted()) continue;
+            out.ids.push_back(idOf(cell));
+            out.roots.push_back(cells_[cell]);
+        }
+        return out;
+    }
+
+private:
+    std::uint64_t idOf(std::size_t cell) const {
+        return hashCombine(base_, std::uint64_t(rowBegin_ * columns_ + cell));
+    }
+
+    const ScatterGridSettings& settings_;
+    std::uint64_t base_;
+    std::size_t columns_, rowBegin_ = 0, rowEnd_ = 0;
+    std::vector<StrandRoot> cells_;
+    std::vector<Point2> places_;  ///< in cells of the whole grid
+};
+
+/// Keeps each point with the odds that the map gives there.
+void thin(const ScalpMesh& mesh, const ScatterDensity& odds, ScatterPoints& points) {
+    std::array<Vec3f, kBlock> positions;
+    std::array<float, kBlock> values;
+    std::size_t to = 0;
+    for (std::size_t i = 0; i < points.size(); i += kBlock) {
+        const std::size_t n = std::min(kBlock, points.size() - i);
+        for (std::size_t k = 0; k < n; ++k) positions[k] = mesh.surfacePoint(points.roots[i + k]);
+        odds.sample({points.roots.data() + i, n}, {positions.data(), n}, {values.data(), n});
+        for (std::size_t k = 0; k < n; ++k) {
+            if (!(draw(kKeepSalt, points.ids[i + k]) < values[k])) continue;
+            points.ids[to] = points.ids[i + k];
+            points.roots[to] = points.roots[i + k];
+            ++to;
+        }
+    }
+    points.ids.resize(to);
+    points.roots.resize(to);
+}
+
+}  // namespace
+
+ScatterPoints scatterGrid(const ScalpMesh& mesh, const ScatterGridSettings& settings,
+                          const ScatterDensity& thinning) {
+    const auto uvs = mesh.uvs();
+    if (uvs.size() != mesh.triangles().size() * 3 || uvs.empty())
+        throw std::invalid_argument("scatterGrid: the mesh has no UVs");
+    ScatterPoints out;
+    if (settings.rows == 0 || settings.columns == 0) return out;
+    const std::vector<Face> faces = facesOnGrid(mesh, settings);
 
     // Bands of whole rows; each lists its faces in triangle order.
-    const std::size_t rowsPerBand = std::max<std::size_t>(kCellsPerBand / columns, 1);
+    const std::size_t rowsPerBand = std::max<std::size_t>(kCellsPerBand / settings.columns, 1);
     const std::size_t bandCount = (settings.rows + rowsPerBand - 1) / rowsPerBand;
     std::vector<std::vector<std::uint32_t>> facesOf(bandCount);
     for (std::size_t f = 0; f < faces.size(); ++f)
@@ -97,81 +181,25 @@ ScatterPoints scatterGrid(const ScalpMesh& mesh, const ScatterGridSettings& sett
              ++b)
             facesOf[b].push_back(std::uint32_t(f));
 
-    std::vector<ScatterPoints> bands(bandCount);
-    parallelRange(0, bandCount, 1, [&](std::size_t bandBegin, std::size_t bandEnd) {
-        std::vector<StrandRoot> cells;
-        std::vector<Point2> places;
-        for (std::size_t band = bandBegin; band < bandEnd; ++band) {
-            if (facesOf[band].empty()) continue;
-            const std::size_t rowBegin = band * rowsPerBand;
-            const std::size_t rowEnd = std::min<std::size_t>(rowBegin + rowsPerBand, settings.rows);
-            cells.assign((rowEnd - rowBegin) * columns, StrandRoot{});
-            places.resize(cells.size());
-            for (std::size_t row = rowBegin; row < rowEnd; ++row) {
-                for (std::size_t column = 0; column < columns; ++column) {
-                    const std::uint64_t id =
-                        hashCombine(base, std::uint64_t(row * columns + column));
-                    Point2 place{double(column) + 0.5, double(row) + 0.5};
-                    if (settings.random > 0.0f) {
-                        place.x += double(settings.random * drawSigned(kMoveSaltU, id));
-                        place.y += double(settings.random * drawSigned(kMoveSaltV, id));
-                    }
-                    places[(row - rowBegin) * columns + column] = place;
-                }
-            }
-            for (const std::uint32_t f : facesOf[band]) {
-                const Face& face = faces[f];
-                const auto& [a, b, c] = face.corners;
-                const std::size_t lastRow = std::min<std::size_t>(face.lastRow, rowEnd - 1);
-                for (std::size_t row = std::max<std::size_t>(face.firstRow, rowBegin);
-                     row <= lastRow; ++row) {
-                    for (std::size_t column = face.firstColumn; column <= face.lastColumn;
-                         ++column) {
-                        const std::size_t cell = (row - rowBegin) * columns + column;
-                        if (cells[cell].rooted()) continue;
-                        const Point2 p = places[cell];
-                        const double wa = edgeSide(b, c, p), wb = edgeSide(c, a, p);
-                        if (wa < 0.0 || wb < 0.0 || edgeSide(a, b, p) < 0.0) continue;
-                        cells[cell] = {face.triangle, float(wa / face.area2),
-                                       float(wb / face.area2)};
-                    }
-                }
-            }
-            ScatterPoints& found = bands[band];
-            for (std::size_t cell = 0; cell < cells.size(); ++cell) {
-                if (!cells[cell].rooted()) continue;
-                found.ids.push_back(hashCombine(base, std::uint64_t(rowBegin * columns + cell)));
-                found.roots.push_back(cells[cell]);
-            }
-            if (!thinning.mapped()) continue;
-
-            std::array<Vec3f, kBlock> positions;
-            std::array<float, kBlock> odds;
-            std::size_t to = 0;
-            for (std::size_t i = 0; i < found.size(); i += kBlock) {
-                const std::size_t n = std::min(kBlock, found.size() - i);
-                for (std::size_t k = 0; k < n; ++k)
-                    positions[k] = mesh.surfacePoint(found.roots[i + k]);
-                thinning.sample({found.roots.data() + i, n}, {positions.data(), n},
-                                {odds.data(), n});
-                for (std::size_t k = 0; k < n; ++k) {
-                    if (!(draw(kKeepSalt, found.ids[i + k]) < odds[k])) continue;
-                    found.ids[to] = found.ids[i + k];
-                    found.roots[to] = found.roots[i + k];
-                    ++to;
-                }
-            }
-            found.ids.resize(to);
-            found.roots.resize(to);
+    const std::uint64_t base = mix64(settings.seed ^ kGridBase);
+    std::vector<ScatterPoints> found(bandCount);
+    parallelRange(0, bandCount, 1, [&](std::size_t begin, std::size_t end) {
+        Band band(settings, base);
+        for (std::size_t b = begin; b < end; ++b) {
+            if (facesOf[b].empty()) continue;
+            band.open(b * rowsPerBand, std::min<std::size_t>((b + 1) * rowsPerBand, settings.rows));
+            for (const std::uint32_t f : facesOf[b]) band.take(faces[f]);
+            found[b] = band.found();
+            if (thinning.mapped()) thin(mesh, thinning, found[b]);
         }
     });
     std::size_t total = 0;
-    for (const ScatterPoints& band : bands) total += band.size();
+    for (const ScatterPoints& points : found) total += points.size();
     out.ids.reserve(total);
     out.roots.reserve(total);
-    for (const ScatterPoints& band : bands) {
-        out.ids.insert(out.ids.end(), band.ids.begin(), band.ids.end());
-        out.roots.insert(out.roots.end(), band.roots.begin(), band.roots.end());
+    for (const ScatterPoints& points : found) {
+        out.ids.insert(out.ids.end(), points.ids.begin(), points.ids.end());
+        out.roots.insert(out.roots.end(), points.roots.begin(), points.roots.end());
     }
     return out;
 }

@@ -235,6 +235,16 @@ TEST_F(ScatterTest, AMappedLengthIsEachStrandsOwn) {
     for (std::size_t s = 0; s < out->strandCount(); ++s)
         EXPECT_NEAR(out->pointsOf(s).back().y, 6.0f + out->pointsOf(s)[0].x, 1e-4f);
     EXPECT_EQ(run(), out);
+    op->drive("length", Operator::DrivenField{
+                            std::make_shared<const PlaceField>([](Vec3f p) { return p.x; }), 1.0f});
+    const StrandsPtr half = run();
+    std::size_t flat = 0;
+    for (std::size_t s = 0; s < half->strandCount(); ++s) {
+        const float y = half->pointsOf(s).back().y, x = half->pointsOf(s)[0].x;
+        EXPECT_NEAR(y, std::max(x, 0.0f), 1e-4f) << "a strand does not grow inward";
+        flat += x < 0.0f;
+    }
+    EXPECT_GT(flat, half->strandCount() / 4);
 }
 
 TEST_F(ScatterTest, SaysWhatItCannotDo) {

@@ -45,7 +45,10 @@ bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
     const float toward[3] = {b.x, b.y, b.z};
     for (std::size_t i = 0; i < count; ++i) {
         float v[3] = {s.x[i], s.y[i], s.z[i]};
-        s.cosine[i] = turnAcross(v, lengthAcross(v), toward, s.share[i]);
+        const float size = lengthAcross(v);
+        shortenAcross(v, size);
+        s.cosine[i] = turnAcross(v, toward, s.share[i]);
+        lengthenAcross(v, size);
         s.x[i] = v[0];
         s.y[i] = v[1];
         s.z[i] = v[2];
@@ -55,6 +58,10 @@ bool turnBlock(Segments& s, std::size_t count, Vec3f b) {
 }
 
 }  // namespace
+
+Vec3f laidOnSurface(Vec3f direction, Vec3f normal) {
+    return vec3(laidOnAcross(unitOf(lanes3(direction)), lanes3(normal)));
+}
 
 void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float strength,
                    std::span<float> out) {

@@ -28,37 +28,25 @@ void segmentShares(std::span<const Vec3f> points, const Ramp& profile, float str
 void turnSegments(std::span<const Vec3f> points, Vec3f toward, std::span<const float> shares,
                   std::span<Vec3f> out);
 
-/// Where the strands of a batch turn and how strongly, by their places in it.
-class Toward {
-public:
-    /// Any direction; a zero one keeps the strand. `strength` 0 to 1, or any above with a profile.
-    void set(std::size_t place, Vec3f direction, float strength) {
-        const Vec3f b = normalized(direction);
-        float* const to = &numbers_[4 * place];
-        to[0] = b.x;
-        to[1] = b.y;
-        to[2] = b.z;
-        to[3] = b == Vec3f{} ? 0.0f : strength;
-    }
-    const float* data() const { return numbers_.data(); }
-
-private:
-    std::array<float, 4 * StrandPick::kBatch> numbers_;
-};
+/// `direction` laid onto the plane square to the unit `normal`: zero where it stands along the
+/// normal, itself (unit) where the normal is zero.
+Vec3f laidOnSurface(Vec3f direction, Vec3f normal);
 
 /// Turns the listed strands as turnSegments does, several side by side; single(k) does the same for
 /// the strand at place k alone, where that is no use or no way. `profile`: of the strength, see
-/// segmentShares; null for the same everywhere. `straighten`: toward the strands' own chords, of
-/// `toward` just the strengths.
+/// segmentShares; null for the same everywhere. `toward`, `normals` (may be null) and `straighten`
+/// as TurnJob has them.
 template <class Single>
-void turnStrands(const StrandSet& in, std::span<const std::uint32_t> strands, const Toward& toward,
-                 const LaneRamp* profile, bool straighten, std::span<Vec3f> out, Single&& single) {
+void turnStrands(const StrandSet& in, std::span<const std::uint32_t> strands,
+                 const LaneNumbers<4>& toward, const LaneNumbers<4>* normals, bool straighten,
+                 const LaneRamp* profile, std::span<Vec3f> out, Single&& single) {
     if (profile && !profile->fits()) {
         for (std::size_t k = 0; k < strands.size(); ++k) single(k);
         return;
     }
     std::array<std::uint8_t, StrandPick::kBatch> again{};
-    const TurnJob job{lanePoints(in, strands, out), toward.data(), straighten,
+    const TurnJob job{lanePoints(in, strands, out),           toward.data(),
+                      normals ? normals->data() : nullptr,    straighten,
                       profile ? profile->keys() : RampKeys{}, again.data()};
     deformStrands(laneKernels().turn, job, in, strands, single);
     for (std::size_t k = 0; k < strands.size(); ++k)

@@ -6,7 +6,7 @@
 #include "model/polyline.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
-#include "operators/comb.h"
+#include "operators/segmentTurn.h"
 #include "operators/segmentTurn.h"
 #include "operators/smooth.h"
 #include "operators/testing/nodeBench.h"

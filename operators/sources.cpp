@@ -124,8 +124,8 @@ private:
         const bool useFlat = !text("guides").empty() || (!asksHierarchy && flat && !flat->empty());
         static const GuidesPtr none = std::make_shared<const GuideSet>();
         if (useFlat) return flat ? flat : none;
-        const auto& hierarchy = context.hierarchy();
-        if (!hierarchy) return none;
+        static const auto empty = std::make_shared<const GuideHierarchy>();
+        const auto& hierarchy = context.hierarchy() ? context.hierarchy() : empty;
         const std::vector<std::uint32_t> exclude = groupIds(*hierarchy, text("exclude"), " to exclude");
         if (!text("group").empty())
             return hierarchy->flattenGroups(groupIds(*hierarchy, text("group"), ""), exclude);

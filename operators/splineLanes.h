@@ -126,6 +126,13 @@ CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x
     return a + t * (span.b[x] + t * (span.c[x] + t * span.d[x]));
 }
 
+/// Asks the caches for what the next strands read and write, while these are worked on: hair is
+/// walked in pieces too short for the processor to see where they go.
+inline void fetchFloats(const float* from, std::size_t count) {
+    constexpr std::size_t kLine = 16;
+    for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
+}
+
 /// `count` floats of each of F::kLanes arrays, side by side.
 template <class F>
 CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::size_t count, F* out) {
@@ -248,6 +255,10 @@ CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std:
                                                 float* scratch) {
     std::uint32_t group[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
+        for (std::size_t next = k + F::kLanes; next < k + 2 * F::kLanes && next < count; ++next) {
+            fetchFloats(job.from + 3 * job.fromOffsets[strands[next]], 3 * n);
+            fetchFloats(job.to + 3 * job.toOffsets[strands[next]], 3 * m);
+        }
         if (k + F::kLanes <= count) {
             resampleAcross<F>(job, strands + k, n, m, scratch);
             continue;

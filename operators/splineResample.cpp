@@ -3,25 +3,15 @@
 #include <algorithm>
 #include <memory>
 
-#include "model/simd4.h"
+#include "operators/laneKernels.h"
 #include "operators/splineLanes.h"
-#include "operators/splineLanesAvx2.h"
 
 namespace corvelle {
 
-namespace {
-
-constexpr std::size_t kMaxLanes = 8;
-constexpr std::size_t kAlignment = 32;
-
-bool eightLanes() {
-    static const bool able = splineLanesAvx2() != nullptr;
-    return able;
+bool canResample(SplineLanes lanes) {
+    const std::size_t given = laneKernels(lanes).lanes;
+    return lanes == SplineLanes::Sixteen ? given == 16 : lanes != SplineLanes::Eight || given == 8;
 }
-
-}  // namespace
-
-bool canResample(SplineLanes lanes) { return lanes != SplineLanes::Eight || eightLanes(); }
 
 void SplineResampler::run(const SplineJob& job, std::span<const std::uint32_t> strands) {
     const auto pointsOf = [](const std::uint64_t* offsets, std::uint32_t s) {
@@ -38,18 +28,18 @@ void SplineResampler::run(const SplineJob& job, std::span<const std::uint32_t> s
         std::ranges::sort(order_, {}, [&](std::uint32_t s) { return std::pair(counts(s), s); });
         strands = order_;
     }
-    const SplineLanesFunction resample =
-        lanes_ != SplineLanes::Four && eightLanes() ? splineLanesAvx2() : resampleLanes<Float4>;
+    const LaneKernels& kernels = laneKernels(lanes_);
     while (!strands.empty()) {
         const auto [n, m] = counts(strands[0]);
         std::size_t same = 1;
         while (same < strands.size() && counts(strands[same]) == std::pair(n, m)) ++same;
-        const std::size_t floats = kMaxLanes * laneScratch(n, m, job.arrayCount);
-        if (scratch_.size() < floats + kAlignment) scratch_.resize(floats + kAlignment);
+        const std::size_t floats = kernels.lanes * laneScratch(n, m, job.arrayCount);
+        constexpr std::size_t kMore = kLaneAlignment / sizeof(float);
+        if (scratch_.size() < floats + kMore) scratch_.resize(floats + kMore);
         void* aligned = scratch_.data();
         std::size_t room = scratch_.size() * sizeof(float);
-        std::align(kAlignment, floats * sizeof(float), aligned, room);
-        resample(job, strands.data(), same, n, m, static_cast<float*>(aligned));
+        std::align(kLaneAlignment, floats * sizeof(float), aligned, room);
+        kernels.resample(job, strands.data(), same, n, m, static_cast<float*>(aligned));
         strands = strands.subspan(same);
     }
 }

@@ -25,8 +25,8 @@ struct SplineJob {
 };
 
 /// How many strands are worked on side by side: the results have the same bits.
-enum class SplineLanes { Widest, Four, Eight };
-/// False for Eight on processors (or compilers) that are not up to it.
+enum class SplineLanes { Widest, Four, Eight, Sixteen };
+/// False for Eight and Sixteen on processors (or compilers) that are not up to it.
 bool canResample(SplineLanes lanes);
 
 /// Resamples the strands listed, of any point counts from 2 up, both given and wanted; root and tip

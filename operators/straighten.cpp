@@ -51,10 +51,10 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> strengths;
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        Toward toward;
+        LaneNumbers<4> toward;
         for (std::size_t k = 0; k < strands.size(); ++k)
-            toward.set(k, {1.0f, 0.0f, 0.0f}, clampShare(strengths[k]));
-        turnStrands(in, strands, toward, nullptr, true, out.points, [&](std::size_t k) {
+            toward.set(k, 0, {}, clampShare(strengths[k]));
+        turnStrands(in, strands, toward, nullptr, true, nullptr, out.points, [&](std::size_t k) {
             const std::size_t s = strands[k];
             straightenStrand(in.pointsOf(s), clampShare(strengths[k]),
                              out.points.subspan(in.offsets()[s], in.pointCountOf(s)));

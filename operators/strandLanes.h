@@ -25,9 +25,10 @@ CORVELLE_LANES_TARGET inline F measureAcross(const F* points, std::size_t n, F* 
 }
 
 /// The share of the arc length at each point: see polylineShares. segments [n - 1], shares [n].
+/// Returns the arc length.
 template <class F>
-CORVELLE_LANES_TARGET inline void sharesAcross(const F* points, std::size_t n, F* segments,
-                                               F* shares) {
+CORVELLE_LANES_TARGET inline F sharesAcross(const F* points, std::size_t n, F* segments,
+                                            F* shares) {
     const F total = measureAcross(points, n, segments, shares);
     const F zero(0.0f), most(3.4028235e38f);
     for (std::size_t i = 0; i < n; ++i) {
@@ -35,6 +36,7 @@ CORVELLE_LANES_TARGET inline void sharesAcross(const F* points, std::size_t n, F
         const F measured = select(most < total, byIndex, shares[i] / total);
         shares[i] = select(total > zero, measured, byIndex);
     }
+    return total;
 }
 
 template <class F>
@@ -138,6 +140,15 @@ CORVELLE_LANES_TARGET inline void widthsAcross(const WidthJob& job, const std::u
     scatterLanes(shares, n, to);
 }
 
+inline void fetchStrand(const TrimJob& job, std::uint32_t strand, std::size_t n) {
+    fetchFloats(job.from + 3 * job.offsets[strand], 3 * n);
+    fetchFloats(job.to + 3 * job.offsets[strand], 3 * n);
+}
+inline void fetchStrand(const WidthJob& job, std::uint32_t strand, std::size_t n) {
+    fetchFloats(job.points + 3 * job.offsets[strand], 3 * n);
+    fetchFloats(job.to + job.offsets[strand], n);
+}
+
 /// All of the strands, kLanes at a time; a last one fills up the lanes left over.
 template <class F, class Job>
 CORVELLE_LANES_TARGET inline void eachGroup(void (*across)(const Job&, const std::uint32_t*,
@@ -149,6 +160,7 @@ CORVELLE_LANES_TARGET inline void eachGroup(void (*across)(const Job&, const std
     float values[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         for (std::size_t l = 0; l < F::kLanes; ++l) {
+            if (k + l + F::kLanes < count) fetchStrand(job, strands[k + l + F::kLanes], n);
             const std::size_t at = k + l < count ? k + l : count - 1;
             group[l] = strands[at];
             values[l] = numbers[at];

@@ -5,6 +5,7 @@
 
 #include "model/noise.h"
 #include "model/parallel.h"
+#include "model/partData.h"
 #include "model/polyline.h"
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
@@ -24,6 +25,16 @@ const StrandSet& load() {
     return tuft;
 }
 
+/// The same strands, each point a little elsewhere.
+const StrandSet& movedLoad() {
+    static const StrandSet moved = [] {
+        StrandSet set = load();
+        for (Vec3f& p : set.mutablePoints()) p = p * 1.01f;
+        return set;
+    }();
+    return moved;
+}
+
 void stream(benchmark::State& state) {
     PointStream points(load().points());
     for (auto _ : state) {
@@ -41,10 +52,12 @@ void timeNode(benchmark::State& state, const char* type, Setup&& setup) {
         setup(bench);
     else
         setup(bench.op());
-    setIncrementalEvaluation(false);  // the same strands come again: a full run is what is timed
+    setIncrementalEvaluation(false);  // a full run is what is timed, and has a cause: all moved
+    bool moved = false;
     for (auto _ : state) {
         state.PauseTiming();
-        bench.feed(load());
+        bench.feed(moved ? movedLoad() : load());
+        moved = !moved;
         state.ResumeTiming();
         runWithThreads(unsigned(state.range(0)), [&] { benchmark::DoNotOptimize(bench.evaluate()); });
     }
@@ -129,6 +142,25 @@ void flow(benchmark::State& state) {
 void flyaway(benchmark::State& state) {
     timeNode(state, "Flyaway", [](Operator&) {});
 }
+/// A straight part through the middle, under the default width or one that has all hair lean away.
+void part(benchmark::State& state, double width) {
+    timeNode(state, "Part", [width](NodeBench& bench) {
+        const auto scalp = std::make_shared<const ScalpMesh>(makePlane(40, 40, 25.0f));
+        PartLine line{"middle", {}};
+        for (float x = -10.0f; x <= 10.0f; x += 0.5f) {
+            SurfaceHit hit;
+            scalp->closestPoint({x, 0.0f, 0.3f}, 1.0f, hit);
+            line.points.push_back(hit.root());
+        }
+        bench.data.scalp = scalp;
+        bench.data.parts = partLinesOn({{line}}, scalp);
+        if (width > 0.0) bench.op().set("width", width);
+    });
+}
+void partNear(benchmark::State& state) { part(state, 0.0); }
+void partAll(benchmark::State& state) { part(state, 30.0); }
+BENCHMARK(partNear)->Name("nodes/Part")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(partAll)->Name("nodes/PartAll")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(comb)->Name("nodes/Comb")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(gravity)->Name("nodes/Gravity")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(straighten)->Name("nodes/Straighten")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);

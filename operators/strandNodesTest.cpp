@@ -248,6 +248,13 @@ TEST_F(OneNodeTest, WidthFollowsItsProfile) {
             EXPECT_NEAR(out->widths()[tuft.offsets()[s] + i], 2.0f * (1.0f - lengthOf(points.first(i + 1)) / total), 1e-4f);
     }
     EXPECT_TRUE(out->sharesPoints(tuft)) << "only widths are written";
+    // A map may say what the param itself may not.
+    for (const char* text : {"rand - 0.5", "t - 0.5"}) {
+        bench.op().set("width", expression(text));
+        const auto widths = run(bench)->widths();
+        EXPECT_EQ(std::ranges::min(widths), 0.0f) << text;
+        EXPECT_GT(std::ranges::max(widths), 0.0f) << text;
+    }
 }
 
 TEST_F(OneNodeTest, NoiseWarnsWhereTheStrandsAreTooCoarseForIt) {
@@ -260,6 +267,14 @@ TEST_F(OneNodeTest, NoiseWarnsWhereTheStrandsAreTooCoarseForIt) {
     bench.op().set("frequency", 1.0);
     run(bench);
     EXPECT_EQ(bench.warning(), "");
+    bench.op().set("frequency", 6.5);
+    StrandSet stub;  // one strand that says nothing before many that do
+    const Vec3f alone[] = {{0, 0, 0}};
+    stub.addStrand(9, alone, {}, {});
+    stub.append(tuft);
+    bench.feed(stub);
+    bench.evaluate();
+    EXPECT_NE(bench.warning(), "");
     bench.op().set("space", std::string("sideways"));
     EXPECT_THROW(run(bench), GraphError);
 }

@@ -46,9 +46,10 @@ NodeValue StrandOperator::evaluate(const EvalContext& context, const NodeInputs&
     auto out = std::make_shared<StrandSet>(*strands);  // shares every array until written
     for (const std::string& channel : work->removedPointChannels()) out->removePointChannel(channel);
     const OpenArrays open = openArrays(*out, work->writes(), true);
-    StrandPick(strands->strandCount()).forEachBatch([&](std::span<const std::uint32_t> batch) {
-        work->run(*strands, batch, open);
-    });
+    const std::span<const std::uint32_t> order = work->runOrder();
+    const StrandPick all = order.empty() ? StrandPick(strands->strandCount()) : StrandPick(order);
+    all.forEachBatch(
+        [&](std::span<const std::uint32_t> batch) { work->run(*strands, batch, open); });
     if (std::string text = work->warning(); !text.empty()) warn(std::move(text));
     return StrandsPtr(std::move(out));
 }

@@ -42,6 +42,9 @@ public:
     virtual bool readsWholeSet() const { return false; }
     /// Before a run over all strands.
     virtual void beginFull(const StrandSet&) {}
+    /// The order for a run over all strands, each of them once; empty: as they come. Speed alone
+    /// depends on it.
+    virtual std::span<const std::uint32_t> runOrder() const { return {}; }
     /// Before a run over some: the strands whose results may differ when those of the input differ
     /// that are listed (ascending, never all). Null when it cannot tell: a full run then.
     virtual StrandChangesPtr beginSome(const StrandSet&, const StrandChangesPtr& changed) {

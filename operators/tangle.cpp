@@ -2,11 +2,19 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <memory>
+#include <mutex>
+#include <vector>
 
 #include "model/hash.h"
+#include "model/parallel.h"
 #include "model/polyline.h"
+#include "operators/laneRuns.h"
+#include "operators/neighborKernels.h"
 #include "operators/neighborTable.h"
 #include "operators/nodeFactories.h"
+#include "operators/pointCountOrder.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
@@ -31,7 +39,7 @@ bool stickStrand(std::span<const Vec3f> points, std::span<const float> lengths,
     if (n < 2 || m < 2) return false;
     const float begin = span.begin * lengths[n - 1];
     const float end = std::min(span.end * lengths[n - 1], partnerLengths[m - 1]);
-    if (!(end > begin)) return false;
+    if (!(end > begin) || !std::isfinite(partnerLengths[m - 1])) return false;
     const float scale = 1.0f / (end - begin);
     bool sticks = false;
     std::size_t k = 0;
@@ -114,6 +122,56 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
 };
 
+/// Keeps the strands' partners, by the table they were picked from. Guarded by a mutex of its own.
+class PartnerCache {
+public:
+    using List = std::shared_ptr<const std::vector<std::uint32_t>>;
+
+    /// For each strand the one among its neighbours whose id draws lowest, so that near ones mostly
+    /// pick the same and form tufts; itself when it draws lower than all: then they come to it.
+    /// Were it to go to one of them, the two would trade places and not meet.
+    List of(const StrandSet& in, const std::shared_ptr<const NeighborTable>& table,
+            std::uint64_t base) {
+        if (const Held last = held(); last.table == table && last.base == base) return last.list;
+        const std::size_t n = in.strandCount();
+        std::vector<std::uint64_t> draws(n);
+        auto list = std::make_shared<std::vector<std::uint32_t>>(n);
+        parallelRange(0, n, kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s) draws[s] = hashCombine(base, in.ids()[s]);
+        });
+        parallelRange(0, n, kStrandGrain, [&](std::size_t begin, std::size_t end) {
+            for (std::size_t s = begin; s < end; ++s) {
+                std::uint32_t best = std::uint32_t(s);
+                for (const std::uint32_t other : table->of(s))
+                    if (draws[other] < draws[best]) best = other;
+                (*list)[s] = best;
+            }
+        });
+        const std::lock_guard lock(mutex_);
+        held_ = {table, base, list};
+        return list;
+    }
+    void copyFrom(const PartnerCache& other) {
+        if (&other == this) return;
+        Held copy = other.held();
+        const std::lock_guard lock(mutex_);
+        held_ = std::move(copy);
+    }
+
+private:
+    struct Held {
+        std::shared_ptr<const NeighborTable> table;
+        std::uint64_t base = 0;
+        List list;
+    };
+    Held held() const {
+        const std::lock_guard lock(mutex_);
+        return held_;
+    }
+    mutable std::mutex mutex_;
+    Held held_;
+};
+
 class TangleWork final : public StrandWork {
 public:
     FieldPtr fraction, strength;
@@ -121,57 +179,71 @@ public:
     std::uint64_t fractionBase = 0, partnerBase = 0, spanBase = 0;
     NeighborSettings settings;
     NeighborCache* cache = nullptr;
+    PartnerCache* partners = nullptr;
 
     WrittenArrays writes() const override { return {.points = true}; }
     bool readsWholeSet() const override { return true; }
-    void beginFull(const StrandSet& in) override { table_ = cache->table(in, settings); }
+    void beginFull(const StrandSet& in) override {
+        partners_ = partners->of(in, cache->table(in, settings), partnerBase);
+        for (std::size_t s = 1; s < in.strandCount(); ++s)
+            oneCount_ &= in.pointCountOf(s) == in.pointCountOf(0);
+    }
 
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> fractions, strengths;
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        std::array<std::uint32_t, StrandPick::kBatch> stuck, stuckTo;
+        std::array<Span, StrandPick::kBatch> spans;
+        std::size_t count = 0;
         std::vector<float> lengths, partnerLengths;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const std::uint64_t id = in.ids()[s];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
-            const std::size_t partner =
-                draw(fractionBase, id) < fractions[k] ? partnerOf(in, s) : s;
-            if (partner == s) {
-                std::copy(points.begin(), points.end(), to.begin());
-                continue;
-            }
-            const auto theirs = in.pointsOf(partner);
+        const auto alone = [&](std::uint32_t s, std::uint32_t partner, const Span& at) {
+            const auto points = in.pointsOf(s), theirs = in.pointsOf(partner);
             lengths.resize(points.size());
             partnerLengths.resize(theirs.size());
             polylineLengths(points, lengths);
             polylineLengths(theirs, partnerLengths);
+            stickStrand(points, lengths, theirs, partnerLengths, {at.begin, at.end}, at.strength,
+                        reach, out.points.subspan(in.offsets()[s], points.size()));
+        };
+        for (const std::uint32_t k : PointCountOrder(in, strands)) {
+            const std::uint32_t s = strands[k];
+            const std::uint64_t id = in.ids()[s];
+            const std::uint32_t partner =
+                draw(fractionBase, id) < fractions[k] ? (*partners_)[s] : s;
+            if (partner == s) {
+                std::ranges::copy(in.pointsOf(s),
+                                  out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
+                continue;
+            }
             const float latest = std::max(start, 1.0f - span);
             const float begin = mix(start, latest, draw(spanBase, id));
-            stickStrand(points, lengths, theirs, partnerLengths,
-                        {begin, std::min(begin + span, 1.0f)}, clampShare(strengths[k]), reach, to);
+            const Span at = {begin, std::min(begin + span, 1.0f), clampShare(strengths[k]), 0.0f};
+            if (!oneCount_ && in.pointCountOf(partner) != in.pointCountOf(s)) {
+                alone(s, partner, at);
+                continue;
+            }
+            stuck[count] = s;
+            stuckTo[count] = partner;
+            spans[count++] = at;
         }
+        if (count == 0) return;
+        const std::span<const std::uint32_t> list(stuck.data(), count);
+        const StickJob job{lanePoints(in, list, out.points), stuckTo.data(), &spans[0].begin,
+                           reach};
+        deformStrands(neighborKernels().stick, job, in, list,
+                      [&](std::size_t k) { alone(list[k], stuckTo[k], spans[k]); });
     }
 
 private:
-    /// The strand among the neighbours whose id draws lowest, so that near ones mostly pick the
-    /// same and form tufts; itself when it draws lower than all: then they come to it. Were it to
-    /// go to one of them, the two would trade places and not meet.
-    std::size_t partnerOf(const StrandSet& in, std::size_t s) const {
-        std::size_t best = s;
-        std::uint64_t least = hashCombine(partnerBase, in.ids()[s]);
-        for (const std::uint32_t other : table_->of(s)) {
-            const std::uint64_t drawn = hashCombine(partnerBase, in.ids()[other]);
-            if (drawn >= least) continue;
-            least = drawn;
-            best = other;
-        }
-        return best;
-    }
+    /// As kernels take it.
+    struct Span {
+        float begin, end, strength, unused;
+    };
 
-    std::shared_ptr<const NeighborTable> table_;
+    std::shared_ptr<const std::vector<std::uint32_t>> partners_;
+    bool oneCount_ = true;  ///< all strands have as many points
 };
 
 class Tangle final : public StrandOperator {
@@ -182,8 +254,12 @@ public:
         return "Strands stuck together: mats and wet hair.";
     }
     std::vector<ParamSpec> spec() const override { return kParams; }
+    std::uint32_t contextReads() const override { return reads::kParts; }
     void adoptState(const Operator& other) override {
-        if (const auto* from = dynamic_cast<const Tangle*>(&other)) cache_.copyFrom(from->cache_);
+        if (const auto* from = dynamic_cast<const Tangle*>(&other)) {
+            cache_.copyFrom(from->cache_);
+            partners_.copyFrom(from->partners_);
+        }
     }
 
 protected:
@@ -204,13 +280,16 @@ protected:
         work->settings = {.count = kCandidates,
                           .maxDistance = float(number("radius")),
                           .regionChannel = text("regionChannel"),
-                          .clumpChannel = boolean("sameClump") ? "clumpId" : ""};
+                          .clumpChannel = boolean("sameClump") ? "clumpId" : "",
+                          .parts = context.parts()};  // hair combed apart does not mat
         work->cache = &cache_;
+        work->partners = &partners_;
         return work;
     }
 
 private:
     NeighborCache cache_;
+    PartnerCache partners_;
 };
 
 }  // namespace

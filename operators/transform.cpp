@@ -2,25 +2,18 @@
 
 #include <algorithm>
 #include <array>
-#include <numbers>
 
 #include "model/hash.h"
-#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
+#include "operators/placeStrands.h"
 #include "operators/strandOperator.h"
 
 namespace corvelle {
 
-namespace {
-
-constexpr float kRadians = std::numbers::pi_v<float> / 180.0f;
-
-}  // namespace
-
 Rotation turnInFrame(Vec3f degrees, const RootFrame& frame) {
-    const Rotation x = Rotation::about(frame.x, degrees.x * kRadians);
-    const Rotation y = Rotation::about(frame.y, degrees.y * kRadians);
-    return Rotation::about(frame.z, degrees.z * kRadians).after(y.after(x));
+    const Lanes3<float> radians(turnRadians(degrees.x), turnRadians(degrees.y),
+                                turnRadians(degrees.z));
+    return rotation(turnAbout(radians, lanes3(frame.x), lanes3(frame.y), lanes3(frame.z)));
 }
 
 void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& turn, Vec3f root,
@@ -30,20 +23,6 @@ void placeStrand(std::span<const Vec3f> points, float scale, const Rotation& tur
     const Vec3f from = points[0];
     out[0] = root;
     for (std::size_t i = 1; i < points.size(); ++i) out[i] = root + scaled(points[i] - from);
-}
-
-void Placements::apply(const StrandSet& in, std::span<const std::uint32_t> strands,
-                       std::span<Vec3f> out) const {
-    deformStrands(laneKernels().place, PlaceJob{lanePoints(in, strands, out), numbers_.data()}, in,
-                  strands, [&](std::size_t k) {
-                      const std::size_t s = strands[k];
-                      const float* at = &numbers_[12 * k];
-                      const auto vector = [&](int row) {
-                          return Vec3f{at[3 * row], at[3 * row + 1], at[3 * row + 2]};
-                      };
-                      placeStrand(in.pointsOf(s), 1.0f, {vector(0), vector(1), vector(2)},
-                                  vector(3), out.subspan(in.offsets()[s], in.pointCountOf(s)));
-                  });
 }
 
 namespace {
@@ -99,12 +78,17 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
 };
 
-/// Three draws in -1 to 1 for a strand, one per axis.
+using AxisBases = std::array<std::uint64_t, 3>;
+
+/// Up to `scale` more or less along each axis, by the strands of a batch.
 struct AxisDraws {
-    std::array<std::uint64_t, 3> bases{};
-    Vec3f operator()(std::uint64_t id) const {
-        return {drawSigned(bases[0], id), drawSigned(bases[1], id), drawSigned(bases[2], id)};
-    }
+    LaneDraws x, y, z;
+    AxisDraws(const StrandSet& in, std::span<const std::uint32_t> strands, const AxisBases& bases,
+              Vec3f scale)
+        : x(in, strands, bases[0], scale.x),
+          y(in, strands, bases[1], scale.y),
+          z(in, strands, bases[2], scale.z) {}
+    Vec3f operator[](std::size_t k) const { return {x.centered(k), y.centered(k), z.centered(k)}; }
 };
 
 class TransformWork final : public StrandWork {
@@ -113,7 +97,7 @@ public:
     bool world = false;
     Vec3f translate, rotate, pivot, translateRandom, rotateRandom;
     float scaleRandom = 0.0f;
-    AxisDraws translateDraws, rotateDraws;
+    AxisBases translateBases{}, rotateBases{};
     std::uint64_t scaleBase = 0;
     ScalpPtr scalp;
 
@@ -123,34 +107,37 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> scales;
         scale->sampleStrands(in, strands, std::span(scales).first(strands.size()));
-        Placements placements;
-        const bool ownTurn = !(rotateRandom == Vec3f{});
+        LaneNumbers<TransformJob::kNumbers> numbers;
+        const LaneDraws sizes(in, strands, scaleBase, scaleRandom);
+        const AxisDraws moves(in, strands, translateBases, translateRandom);
+        const AxisDraws turns(in, strands, rotateBases, rotateRandom);
+        const bool ownTurn = !(rotateRandom == Vec3f{}), ownMove = !(translateRandom == Vec3f{});
+        const bool inFrame =
+            !world && (ownTurn || ownMove || !(rotate == Vec3f{}) || !(translate == Vec3f{}));
+        const ScalpMesh* const surface = inFrame ? scalp.get() : nullptr;
         const Rotation setTurn = world ? turnInFrame(rotate, {}) : Rotation{};
         for (std::size_t k = 0; k < strands.size(); ++k) {
             const std::size_t s = strands[k];
             const auto points = in.pointsOf(s);
-            if (points.empty()) continue;
-            const std::uint64_t id = in.ids()[s];
             const float size = std::max(scales[k], 0.0f);
-            const float ownSize = size * (1.0f + scaleRandom * drawSigned(scaleBase, id));
-            const Vec3f ownMove = translateRandom * translateDraws(id);
-            const Vec3f ownRotate = ownTurn ? rotate + rotateRandom * rotateDraws(id) : rotate;
+            const float ownSize = size * (1.0f + sizes.centered(k));
+            const Vec3f turn = rotate + turns[k];
+            Vec3f move = moves[k];
             // The set's root goes with the set; what is the strand's own happens about that root.
-            Rotation turn = setTurn;
-            Vec3f root;
-            if (world) {
-                if (ownTurn) turn = turnInFrame(ownRotate, {});
-                root = movedRoot(points[0], size, setTurn) + ownMove;
-            } else {
-                const RootFrame frame =
-                    rootFrame(scalp.get(), in.roots()[s], firstDirection(points));
-                if (!(ownRotate == Vec3f{})) turn = turnInFrame(ownRotate, frame);
-                root = points[0] + frame.toWorld(translate + ownMove);
-            }
-            placements.set(k, {turn.row0 * ownSize, turn.row1 * ownSize, turn.row2 * ownSize},
-                           root);
+            if (world)
+                move += points.empty() ? Vec3f{} : movedRoot(points[0], size, setTurn);
+            else
+                move += translate;
+            const StrandRoot& root = in.roots()[s];
+            setNormal(numbers, k, 0, surface, root, ownSize);
+            setTangent(numbers, k, 1, surface, root, 0.0f);
+            numbers.set(k, 2, {turnRadians(turn.x), turnRadians(turn.y), turnRadians(turn.z)},
+                        0.0f);
+            numbers.set(k, 3, move, 0.0f);
         }
-        placements.apply(in, strands, out.points);
+        placeStrands(laneKernels().transform,
+                     TransformJob{lanePoints(in, strands, out.points), numbers.data(), world}, in,
+                     strands, out.points);
     }
 
 private:
@@ -189,10 +176,10 @@ protected:
             return nullptr;
         work->pivot = vec3("pivot");
         const auto base = [&](const char* use) { return drawBase(seed(), use); };
-        work->translateDraws.bases = {base("Transform.translateX"), base("Transform.translateY"),
-                                      base("Transform.translateZ")};
-        work->rotateDraws.bases = {base("Transform.rotateX"), base("Transform.rotateY"),
-                                   base("Transform.rotateZ")};
+        work->translateBases = {base("Transform.translateX"), base("Transform.translateY"),
+                                base("Transform.translateZ")};
+        work->rotateBases = {base("Transform.rotateX"), base("Transform.rotateY"),
+                             base("Transform.rotateZ")};
         work->scaleBase = base("Transform.scale");
         work->scalp = context.scalp();
         return work;

@@ -9,7 +9,6 @@
 #include "model/testing/meshes.h"
 #include "model/testing/tuft.h"
 #include "operators/bend.h"
-#include "operators/direction.h"
 #include "operators/rootFrame.h"
 #include "operators/testing/nodeBench.h"
 #include "operators/transform.h"

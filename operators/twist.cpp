@@ -4,15 +4,17 @@
 #include <array>
 #include <bit>
 #include <cmath>
-#include <numbers>
 #include <numeric>
 #include <unordered_map>
 
 #include "model/parallel.h"
 #include "model/pointIndex.h"
 #include "model/polyline.h"
+#include "model/simd4.h"
+#include "operators/laneRuns.h"
+#include "operators/neighborLanes.h"
 #include "operators/nodeFactories.h"
-#include "operators/polynomialTrig.h"
+#include "operators/pointCountOrder.h"
 #include "operators/previewStrands.h"
 #include "operators/strandOperator.h"
 
@@ -22,32 +24,83 @@ namespace {
 
 constexpr int kSmooth = 8;  ///< pieces that a guide's segment is drawn in
 
+constexpr std::size_t kRow = 8;  ///< floats
+
 /// Room for axes of the given point counts.
 TwistAxes emptyAxes(std::span<const std::size_t> counts) {
     TwistAxes axes;
     axes.offsets.resize(counts.size() + 1);
     std::partial_sum(counts.begin(), counts.end(), axes.offsets.begin() + 1);
-    axes.points.resize(axes.offsets.back());
-    axes.tangents.resize(axes.offsets.back());
-    axes.lengths.resize(axes.offsets.back());
-    axes.shares.resize(axes.offsets.back());
+    axes.rows.resize(kRow * axes.offsets.back());
     return axes;
 }
 
-/// What follows from an axis's points. Tangents: halfway between the segments on both sides.
-void measureAxis(TwistAxes& axes, std::size_t axis) {
-    const std::size_t first = axes.offsets[axis], n = axes.offsets[axis + 1] - first;
-    const std::span<const Vec3f> points = std::span(axes.points).subspan(first, n);
-    polylineLengths(points, std::span(axes.lengths).subspan(first, n));
-    polylineShares(points, std::span(axes.shares).subspan(first, n));
+/// Writes the rows of an axis through points. Tangents: halfway between the segments on both sides.
+void writeAxis(TwistAxes& axes, std::size_t axis, std::span<const Vec3f> points,
+               std::vector<float>& scratch) {
+    const std::size_t n = points.size();
+    scratch.resize(2 * n);
+    const std::span<float> lengths(scratch.data(), n), shares(scratch.data() + n, n);
+    polylineLengths(points, lengths);
+    polylineShares(points, shares);
+    float* row = axes.rows.data() + kRow * axes.offsets[axis];
     Vec3f before;
-    for (std::size_t i = 0; i < n; ++i) {
+    for (std::size_t i = 0; i < n; ++i, row += kRow) {
         const Vec3f after = i + 1 < n ? normalized(points[i + 1] - points[i]) : Vec3f{};
         const Vec3f both = normalized(before + after);
-        axes.tangents[first + i] = both == Vec3f{} ? before : both;
+        const Vec3f tangent = both == Vec3f{} ? before : both;
         if (!(after == Vec3f{})) before = after;
+        const std::array<float, kRow> made = {points[i].x, points[i].y, points[i].z, shares[i],
+                                              tangent.x,   tangent.y,   tangent.z,   lengths[i]};
+        std::ranges::copy(made, row);
     }
 }
+
+/// Means of strands at evenly spaced points, many side by side.
+class EvenMean {
+public:
+    /// Of the listed strands at out.size() >= 2 points. The same bits for the same strands in the
+    /// same order.
+    void of(const StrandSet& set, std::span<const std::uint32_t> members, std::span<Vec3f> out) {
+        const std::size_t m = out.size();
+        static_assert(3 <= kLaneScratchPerPoint);
+        float* const sums = sums_.of(m);
+        std::fill_n(sums, 3 * m * kEvenSums, 0.0f);
+        const EvenJob job{&set.points()[0].x, set.offsets().data(), m, sums};
+        for (std::size_t i = 0; i < members.size(); i += kEvenSums) {
+            const auto block = members.subspan(i, std::min(kEvenSums, members.size() - i));
+            const std::size_t n = set.pointCountOf(block[0]);
+            const bool fits = block.size() == kEvenSums &&
+                              std::ranges::all_of(
+                                  block, [&](std::uint32_t s) { return set.pointCountOf(s) == n; });
+            if (fits) {
+                neighborKernels().even(job, block.data(), n, lanes_.of(n + m));
+                continue;
+            }
+            for (std::size_t l = 0; l < block.size(); ++l)
+                addOne(set.pointsOf(block[l]), m, sums + l);
+        }
+        const float share = 1.0f / float(members.size());
+        for (std::size_t i = 0; i < 3 * m; ++i) {
+            float* const row = sums + kEvenSums * i;
+            for (std::size_t half = kEvenSums / 2; half > 0; half /= 2)
+                for (std::size_t l = 0; l < half; ++l) row[l] += row[l + half];
+            out[i / 3][int(i % 3)] = row[0] * share;
+        }
+    }
+
+private:
+    void addOne(std::span<const Vec3f> points, std::size_t m, float* sums) {
+        const std::size_t n = points.size();
+        single_.resize(2 * n + 3 * m);
+        float* const even = single_.data() + 2 * n;
+        evenAcross(&points[0].x, n, single_.data(), single_.data() + n, even, m);
+        for (std::size_t i = 0; i < 3 * m; ++i) sums[kEvenSums * i] += even[i];
+    }
+
+    LaneScratch lanes_, sums_;
+    std::vector<float> single_;
+};
 
 }  // namespace
 
@@ -57,10 +110,12 @@ TwistAxes guideAxes(const GuideSet& guides) {
         counts[g] = (guides.pointsOf(g).size() - 1) * kSmooth + 1;
     TwistAxes axes = emptyAxes(counts);
     parallelRange(0, counts.size(), 64, [&](std::size_t begin, std::size_t end) {
+        std::vector<Vec3f> points;
+        std::vector<float> scratch;
         for (std::size_t g = begin; g < end; ++g) {
-            catmullRom(guides.pointsOf(g), kSmooth,
-                       std::span(axes.points).subspan(axes.offsets[g], counts[g]));
-            measureAxis(axes, g);
+            points.resize(counts[g]);
+            catmullRom(guides.pointsOf(g), kSmooth, points);
+            writeAxis(axes, g, points, scratch);
         }
     });
     return axes;
@@ -104,19 +159,15 @@ TwistAxes clumpAxes(const StrandSet& strands, std::span<const float> clumps,
         if (member[s]) members[next[ofStrand[s]]++] = std::uint32_t(s);
 
     TwistAxes axes = emptyAxes(counts);
-    parallelRange(0, count, 8, [&](std::size_t begin, std::size_t end) {
-        std::vector<Vec3f> even;
+    parallelRange(0, count, 1, [&](std::size_t begin, std::size_t end) {
+        EvenMean even;
+        std::vector<Vec3f> mean;
+        std::vector<float> scratch;
         for (std::size_t c = begin; c < end; ++c) {
-            const std::span<Vec3f> mean =
-                std::span(axes.points).subspan(axes.offsets[c], counts[c]);
-            even.resize(counts[c]);
-            for (std::size_t i = starts[c]; i < starts[c + 1]; ++i) {  // in the strands' order
-                resamplePolyline(strands.pointsOf(members[i]), even);
-                for (std::size_t j = 0; j < counts[c]; ++j) mean[j] += even[j];
-            }
-            const float share = 1.0f / float(starts[c + 1] - starts[c]);
-            for (Vec3f& p : mean) p *= share;
-            measureAxis(axes, c);
+            mean.resize(counts[c]);
+            even.of(strands, std::span(members).subspan(starts[c], starts[c + 1] - starts[c]),
+                    mean);
+            writeAxis(axes, c, mean, scratch);
         }
     });
     return axes;
@@ -124,22 +175,17 @@ TwistAxes clumpAxes(const StrandSet& strands, std::span<const float> clumps,
 
 void twistStrand(std::span<const Vec3f> points, std::span<const float> shares,
                  const TwistAxes& axes, std::size_t axis, float turn, std::span<Vec3f> out) {
-    const std::size_t first = axes.offsets[axis], last = axes.offsets[axis + 1] - 2;
-    std::size_t k = first;
+    const float* row = axes.rows.data() + kRow * axes.offsets[axis];
+    const float* const last = axes.rows.data() + kRow * (axes.offsets[axis + 1] - 2);
     out[0] = points[0];
     for (std::size_t i = 1; i < points.size(); ++i) {
-        while (k < last && axes.shares[k + 1] < shares[i]) ++k;
-        const float span = axes.shares[k + 1] - axes.shares[k];
-        const float along =
-            span > 0.0f ? std::clamp((shares[i] - axes.shares[k]) / span, 0.0f, 1.0f) : 0.0f;
-        const Vec3f center = mix(axes.points[k], axes.points[k + 1], along);
-        const Vec3f tangent = normalized(mix(axes.tangents[k], axes.tangents[k + 1], along));
-        const float turns = turn * mix(axes.lengths[k], axes.lengths[k + 1], along);
-        const float angle = 2.0f * std::numbers::pi_v<float> * (turns - std::round(turns));
-        const Vec3f off = points[i] - center;
-        // Rodrigues' formula, about a zero tangent the identity.
-        const Vec3f once = cross(tangent, off);
-        out[i] = points[i] + once * sineOf(angle) + cross(tangent, once) * (1.0f - cosineOf(angle));
+        while (row < last && row[kRow + 3] < shares[i]) row += kRow;
+        const float span = row[kRow + 3] - row[3];
+        const float along = span > 0.0f ? std::min((shares[i] - row[3]) / span, 1.0f) : 0.0f;
+        std::array<float, kRow> at;
+        for (std::size_t x = 0; x < kRow; ++x) at[x] = mix(row[x], row[kRow + x], along);
+        out[i] = points[i];
+        twistAcross(&out[i].x, &at[0], &at[4], turn * at[7]);
     }
 }
 
@@ -171,23 +217,35 @@ public:
     bool readsWholeSet() const override { return true; }
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
-        std::array<float, StrandPick::kBatch> turns;
+        std::array<float, StrandPick::kBatch> turns, listedTurns;
         turn->sampleStrands(in, strands, std::span(turns).first(strands.size()));
-        std::vector<float> shares;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
+        std::array<std::uint32_t, StrandPick::kBatch> listed, listedAxes;
+        std::size_t count = 0;
+        for (const std::uint32_t k : PointCountOrder(in, strands)) {
+            const std::uint32_t s = strands[k];
             const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.points.subspan(in.offsets()[s], points.size());
             const std::uint32_t axis =
                 points.size() < 2 || !std::isfinite(turns[k]) ? kNoAxis : axisOf(s, points[0]);
             if (axis == kNoAxis) {
-                std::copy(points.begin(), points.end(), to.begin());
+                std::ranges::copy(points, out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
                 continue;
             }
+            listed[count] = s;
+            listedAxes[count] = axis;
+            listedTurns[count++] = turns[k];
+        }
+        if (count == 0) return;
+        const std::span<const std::uint32_t> list(listed.data(), count);
+        const TwistJob job{lanePoints(in, list, out.points), axes.rows.data(), axes.offsets.data(),
+                           listedAxes.data(), listedTurns.data()};
+        std::vector<float> shares;
+        deformStrands(neighborKernels().twist, job, in, list, [&](std::size_t k) {
+            const auto points = in.pointsOf(list[k]);
             shares.resize(points.size());
             polylineShares(points, shares);
-            twistStrand(points, shares, axes, axis, turns[k], to);
-        }
+            twistStrand(points, shares, axes, listedAxes[k], listedTurns[k],
+                        out.points.subspan(in.offsets()[list[k]], points.size()));
+        });
     }
 
 private:

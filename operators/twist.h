@@ -10,24 +10,21 @@
 
 namespace corvelle {
 
-/// Curves that strands turn about, flat.
-/// Shapes: offsets [axes + 1]; points, tangents, lengths, shares [offsets.back()]. Tangents are
-/// unit
-///         (zero where an axis has no length), lengths arc lengths from the root in cm, shares of
-///         the whole length.
+/// Curves that strands turn about, flat: axis a has the points offsets[a] to offsets[a + 1], 2 or
+/// more, each a row of 8: its place, its share of the arc length, the unit tangent (zero where an
+/// axis has no length), the arc length from the root in cm.
 struct TwistAxes {
-    std::vector<std::size_t> offsets{0};
-    std::vector<Vec3f> points, tangents;
-    std::vector<float> lengths, shares;
+    std::vector<std::uint64_t> offsets{0};
+    std::vector<float> rows;
     std::size_t count() const { return offsets.size() - 1; }
 };
 
 /// The smooth curves through the guides' points.
 TwistAxes guideAxes(const GuideSet& guides);
 
-/// The mean curve of each clump's strands: of those that every preview holds, or of all where none
-/// of these is in the clump. ofStrand [strands] names each strand's axis, kNoAxis outside of
-/// clumps.
+/// The mean curve of each clump's strands, at evenly spaced points: of those that every preview
+/// holds, or of all where none of these is in the clump. ofStrand [strands] names each strand's
+/// axis, kNoAxis outside of clumps.
 inline constexpr std::uint32_t kNoAxis = 0xffffffffu;
 TwistAxes clumpAxes(const StrandSet& strands, std::span<const float> clumps,
                     std::vector<std::uint32_t>& ofStrand);

@@ -72,6 +72,9 @@ public:
         } else {
             width->sampleStrands(in, strands, std::span(perStrand).first(strands.size()));
         }
+        for (float& own :
+             perPoint ? std::span<float>(points) : std::span(perStrand).first(strands.size()))
+            own = own > 0.0f ? own : 0.0f;  // a map may say less than the param may
         const auto scaleOf = [&](std::size_t k) {
             return 1.0f + randomness * drawSigned(base, in.ids()[strands[k]]);
         };

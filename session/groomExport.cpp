@@ -119,14 +119,10 @@ struct GroomExport::UsdSink final : Sink {
 
 GroomExport::GroomExport(ExportSettings settings, double framesPerSecond)
     : settings_(std::move(settings)) {
-    try {
-        if (settings_.format == ExportSettings::Format::Alembic)
-            sink_ = std::make_unique<AlembicSink>(settings_, framesPerSecond);
-        else
-            sink_ = std::make_unique<UsdSink>(settings_, framesPerSecond);
-    } catch (const AlembicError& error) {
-        throw ExportFileError(error.what());
-    }
+    if (settings_.format == ExportSettings::Format::Alembic)
+        sink_ = std::make_unique<AlembicSink>(settings_, framesPerSecond);
+    else
+        sink_ = std::make_unique<UsdSink>(settings_, framesPerSecond);
 }
 
 GroomExport::~GroomExport() = default;
@@ -149,9 +145,13 @@ void GroomExport::noteWarnings(const StrandSet& strands, double frame) {
     }
 }
 
-std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float density) {
+void GroomExport::requireRising(double frame) const {
     if (frames_ > 0 && !(frame > lastFrame_))
         throw std::invalid_argument("export frames must increase");
+}
+
+std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float density) {
+    requireRising(frame);
     const EvaluateOptions options{.density = density,
                                   .seconds = secondsFromFrames(frame, groom.framesPerSecond()),
                                   .preview = false,
@@ -179,13 +179,7 @@ std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float den
         guides = guidesOf(groom, *strands);
         out.shares = guides->shares;
     }
-    try {
-        sink_->write(frame, out, guides ? &guides->guides : nullptr);
-    } catch (const AlembicError& error) {
-        throw ExportFileError(error.what());
-    } catch (const UsdError& error) {
-        throw ExportFileError(error.what());
-    }
+    sink_->write(frame, out, guides ? &guides->guides : nullptr);
     noteWarnings(*strands, frame);
     last_ = strands;
     ++frames_;
@@ -193,10 +187,6 @@ std::size_t GroomExport::writeFrame(GroomSession& groom, double frame, float den
     return strands->strandCount();
 }
 
-void GroomExport::close() try { sink_->close(); } catch (const AlembicError& error) {
-    throw ExportFileError(error.what());
-} catch (const UsdError& error) {
-    throw ExportFileError(error.what());
-}
+void GroomExport::close() { sink_->close(); }
 
 }  // namespace corvelle

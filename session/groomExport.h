@@ -17,10 +17,6 @@ class GroomSession;
 struct ExportEvaluationError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
-/// A file that an export cannot write. The text is for the user.
-struct ExportFileError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 struct ExportSettings {
     enum class Format { Alembic, Usd };
@@ -36,18 +32,21 @@ struct ExportSettings {
 /// Groom space: Y up, centimetres. Dropped without `close`, it leaves no file that a reader takes.
 class GroomExport {
 public:
-    /// `framesPerSecond` is the groom's. Throws ExportFileError.
+    /// `framesPerSecond` is the groom's. Throws AlembicError.
     GroomExport(ExportSettings settings, double framesPerSecond);
     ~GroomExport();
     GroomExport(const GroomExport&) = delete;
     GroomExport& operator=(const GroomExport&) = delete;
 
+    /// Throws std::invalid_argument "export frames must increase" for a frame that is not above the
+    /// last one written.
+    void requireRising(double frame) const;
     /// Evaluates the groom for rendering at a frame, with a share of its strands (0 to 1), and
-    /// writes it. Answers how many strands there were. Throws std::invalid_argument "export frames
-    /// must increase", ExportEvaluationError with the evaluation's first error or "the groom gave
-    /// no strands", ExportFileError. After a failure the next frame may be tried.
+    /// writes it. Answers how many strands there were. Throws as `requireRising`,
+    /// ExportEvaluationError with the evaluation's first error or "the groom gave no strands",
+    /// AlembicError, UsdError. After a failure the next frame may be tried.
     std::size_t writeFrame(GroomSession& groom, double frame, float density);
-    /// Throws ExportFileError.
+    /// Throws AlembicError, UsdError.
     void close();
 
     const std::string& path() const { return settings_.path; }

@@ -115,7 +115,8 @@ json GroomSession::stats() {
     out["renderData"] = nodes.renderDatas;
     out["colorNodes"] = nodes.colorNodes.size();
     out["colorBlends"] = nodes.blends;
-    json times = json::object(), runs = json::object(), notes = json::object();
+    json times = json::object(), runs = json::object(), notes = json::object(),
+         details = json::object();
     if (graph)
         for (const auto& [id, node] : graph->nodes()) {
             if (const auto time = graph->runTimings().find(id); time != graph->runTimings().end())
@@ -123,10 +124,12 @@ json GroomSession::stats() {
             runs[node.op->name] = node.runs;
             if (const auto note = graph->warnings().find(id); note != graph->warnings().end())
                 notes[node.op->name] = note->second;
+            if (!node.runDetails.empty()) details[node.op->name] = node.runDetails;
         }
     out["times"] = std::move(times);
     out["runs"] = std::move(runs);
     out["notes"] = std::move(notes);
+    out["details"] = std::move(details);
     json channels = json::array();
     if (now.strands)
         for (const std::string& name : now.strands->strandChannelNames())

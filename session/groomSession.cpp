@@ -1,8 +1,9 @@
 #include "session/groomSession.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
 #include <stdexcept>
+
+#include <nlohmann/json.hpp>
 
 #include "graph/graphJson.h"
 #include "io/curveCaches.h"
@@ -29,7 +30,9 @@ std::optional<Graph> readGraph(const std::string& text) {
     nlohmann::json json;
     try {
         json = nlohmann::json::parse(text, shallow);
-        if (deep) throw SchemaError("graph: nested deeper than " + std::to_string(kDeepestGraph) + " levels");
+        if (deep)
+            throw SchemaError("graph: nested deeper than " + std::to_string(kDeepestGraph) +
+                              " levels");
     } catch (const nlohmann::json::exception& error) {
         throw SchemaError(std::string("graph: invalid JSON: ") + error.what());
     }
@@ -50,7 +53,8 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
     if (graph_) graph_->setFramesPerSecond(document_.framesPerSecond);
     if (!blankGraphText(document_.hierarchy)) {
         try {
-            hierarchy_ = std::make_shared<const GuideHierarchy>(guidesFromJson(document_.hierarchy));
+            hierarchy_ =
+                std::make_shared<const GuideHierarchy>(guidesFromJson(document_.hierarchy));
         } catch (const std::exception& error) {
             hierarchyError_ = std::string("guideData: ") + error.what();
             ++hierarchyRevision_;
@@ -67,7 +71,6 @@ GroomSession::GroomSession(GroomFile file) : document_(std::move(file)) {
                 pendingMessages_.push_back(
                     {"map " + vertexCountText(name, map.vertices, document_.scalp->points().size()),
                      false});
-    readFlow();
     bindScalp_ = document_.scalp;
     if (document_.guides && document_.guides->empty()) document_.guides = nullptr;
 }
@@ -88,7 +91,8 @@ void GroomSession::dropSculptGraph() {
     sculptGraph_.reset();
 }
 
-void GroomSession::setGraphJson(const std::string& text, const std::map<std::string, std::string>& renamed) {
+void GroomSession::setGraphJson(const std::string& text,
+                                const std::map<std::string, std::string>& renamed) {
     if (graph_ && text == document_.graph) return;
     std::optional<Graph> next = readGraph(text);
     if (next) next->setFramesPerSecond(document_.framesPerSecond);
@@ -164,7 +168,8 @@ std::shared_ptr<const GuideHierarchy> GroomSession::activeHierarchy() {
         return hierarchy_;
     auto& cache = activeCache_;
     if (cache.from != hierarchy_ || cache.bind != bind || cache.current != current) {
-        cache.result = std::make_shared<const GuideHierarchy>(hierarchy_->deformed(*bind, *current));
+        cache.result =
+            std::make_shared<const GuideHierarchy>(hierarchy_->deformed(*bind, *current));
         cache.from = hierarchy_;
         cache.bind = bind;
         cache.current = current;
@@ -188,7 +193,8 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     if (scalp && old && scalp->fullHash() == old->fullHash()) return;
 
     // A document that came without its scalp knows the triangles from what is bound to them.
-    const bool boundToOthers = scalp && !old && !hierarchy_->empty() && hierarchy_->scalpTopology() != 0 &&
+    const bool boundToOthers = scalp && !old && !hierarchy_->empty() &&
+                               hierarchy_->scalpTopology() != 0 &&
                                hierarchy_->scalpTopology() != scalp->topologyHash();
     const bool otherTriangles =
         boundToOthers || (scalp && old && scalp->topologyHash() != old->topologyHash());
@@ -201,9 +207,10 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     if (otherTriangles) {
         undo_.clear();  // roots on triangles that are there no more
         if (document_.topology != held->topologyHash())
-            pendingMessages_.push_back({"the scalp's vertex order or triangles differ from the groom's: "
-                                        "strands are rooted again by position",
-                                        false});
+            pendingMessages_.push_back(
+                {"the scalp's vertex order or triangles differ from the groom's: "
+                 "strands are rooted again by position",
+                 false});
         if (!hierarchy_->empty() && !held->triangles().empty()) {
             GuideHierarchy moved = *hierarchy_;
             moved.transfer(oldBind.get(), *restScalp(), {});
@@ -228,7 +235,8 @@ void GroomSession::setScalp(ScalpPtr scalp) {
     document_.hierarchy = guidesToJson(*hierarchy_);
 }
 
-void GroomSession::updateScalpPoints(std::vector<Vec3f> points, std::optional<std::vector<Vec3f>> restPoints) {
+void GroomSession::updateScalpPoints(std::vector<Vec3f> points,
+                                     std::optional<std::vector<Vec3f>> restPoints) {
     const ScalpPtr& scalp = document_.scalp;
     if (!scalp) throw std::runtime_error("updateScalpPoints: the session has no scalp");
     const std::size_t count = scalp->points().size();
@@ -301,7 +309,8 @@ void GroomSession::readFlow() {
     flow_ = std::make_shared<const FlowData>(std::move(flow));
 }
 
-std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp, const ScalpPtr& cage) {
+std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp,
+                                                         const ScalpPtr& cage) {
     const std::shared_ptr<const FlowData> flow = shownFlow();
     if (flow->empty() || !scalp || !cage) return nullptr;
     auto& held = flowField_;
@@ -310,8 +319,8 @@ std::shared_ptr<const FlowField> GroomSession::flowField(const ScalpPtr& scalp, 
     return held.field;
 }
 
-/// Takes parts and flow over to the scalp that has replaced `old`, between rest poses where both have
-/// one. A scalp without faces leaves them for the next one to find.
+/// Takes parts and flow over to the scalp that has replaced `old`, between rest poses where both
+/// have one. A scalp without faces leaves them for the next one to find.
 void GroomSession::moveDrawn(const ScalpMesh& old) {
     if (document_.scalp->triangles().empty()) return;
     const bool rest = !old.restPoints().empty() && !document_.scalp->restPoints().empty();
@@ -328,7 +337,9 @@ void GroomSession::moveDrawn(const ScalpMesh& old) {
     }
 }
 
-void GroomSession::setControl(const std::string& name, float value) { document_.controls[name] = value; }
+void GroomSession::setControl(const std::string& name, float value) {
+    document_.controls[name] = value;
+}
 
 void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
     if (mesh)
@@ -339,8 +350,8 @@ void GroomSession::setCollider(const std::string& name, ScalpPtr mesh) {
 
 std::vector<std::string> GroomSession::dataErrors() const {
     std::vector<std::string> errors;
-    for (const std::string* text : {&hierarchyError_, &graphError_, &flowError_, &partError_,
-                                    &correctiveError_})
+    for (const std::string* text :
+         {&hierarchyError_, &graphError_, &flowError_, &partError_, &correctiveError_})
         if (!text->empty()) errors.push_back(*text);
     return errors;
 }

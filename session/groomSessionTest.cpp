@@ -537,6 +537,7 @@ TEST_F(GroomSessionTest, StatsAndLookTellWhatIsThere) {
     EXPECT_EQ(stats.at("hairColor"), 1);
     EXPECT_EQ(stats.at("runs").at("scatter"), 1);
     EXPECT_EQ(stats.at("frames"), 2);
+    EXPECT_EQ(stats.at("details"), json::object());
     for (const json& name : stats.at("channels")) EXPECT_NE(name, "_preview");
 
     const auto byRgb = [&](const char* param, const json& value) {

@@ -1,7 +1,7 @@
 #include "session/sessionStrokeHost.h"
 
 #include "session/frameRate.h"
-#include "tools/paramBrush.h"
+#include "tools/strokeErrors.h"
 
 namespace corvelle {
 
@@ -10,7 +10,7 @@ std::shared_ptr<const PaintImage> SessionStrokeHost::image(const std::string& ma
     const MapCatalogPtr maps = groom_->document().maps;
     const PaintedMap* found = maps ? maps->find(map) : nullptr;
     if (!found || found->kind != PaintedMap::Kind::Texture)
-        throw MapNotFound("this groom has no texture map named " + map);
+        throw StrokeNotFound("this groom has no texture map named " + map);
     const GroomFile& document = groom_->document();
     auto read =
         readPaintImage(searchPathResolver(document.directory, document.searchPaths)(found->file));
@@ -33,12 +33,14 @@ void SessionStrokeHost::setStrokeActive(bool active) {
     carried_ = nullptr;
 }
 
-void SessionStrokeHost::commit(StrokeDocument document, const std::string& label) {
-    groom_->applyStroke(document, label, mapsDir(), carried_);
+bool SessionStrokeHost::commit(StrokeDocument document, const std::string& label) {
+    const bool changed = groom_->applyStroke(document, label, mapsDir(), carried_);
     carried_ = nullptr;
+    if (!changed) return false;
     std::vector<std::string> painted;
     for (const auto& [name, image] : document.images) painted.push_back(name);
     for (const std::string& text : writePaintImages(*groom_, painted)) notify(text);
+    return true;
 }
 
 GuideHierarchy SessionStrokeHost::toDocumentPose(const GuideHierarchy& edited) {

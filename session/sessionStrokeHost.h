@@ -47,7 +47,7 @@ public:
     void setLiveMaps(MapCatalogPtr live) override { groom_->setLiveMaps(std::move(live)); }
     void setLiveGraph(const std::string& text) override { groom_->setLiveGraph(text); }
 
-    void commit(StrokeDocument document, const std::string& label) override;
+    bool commit(StrokeDocument document, const std::string& label) override;
     GuideHierarchy toDocumentPose(const GuideHierarchy& edited) override;
 
     void notify(const std::string& text) override { groom_->addMessage(text); }

@@ -137,6 +137,20 @@ class EvaluateTest(unittest.TestCase):
         entry = tipped["arrays"]["attributes"]["pointColor"]
         self.assertEqual((entry["scope"], entry["array"].shape), ("point", (tipped["pointCount"], 3)))
 
+    def test_a_channel_may_have_the_name_of_a_computed_attribute(self):
+        session = self.head()
+        session.set_graph(self.helper.default_graph())
+        session.edit_graph("add_node", type="Clump", name="clump", params={"clumpChannel": "color"})
+        session.edit_graph("connect", **{"from": "interpolate", "to": "clump", "input": "strands"})
+        session.edit_graph("connect", **{"from": "clump", "to": "length", "input": "strands"})
+        for asked in (["color"], []):
+            answer = session.evaluate(attributes=asked)
+            listed = [entry for entry in answer["attributesAvailable"] if entry["name"] == "color"]
+            self.assertEqual(listed, [{"name": "color", "scope": "strand", "components": 1}])
+            for name in asked:
+                array = answer["arrays"]["attributes"][name]["array"]
+                self.assertEqual(array.shape, (answer["strandCount"],))
+
     def test_widths_are_left_out_where_no_node_set_them(self):
         session = self.head()
         view = session.evaluate(viewNode="interpolate")

@@ -1,5 +1,6 @@
 """Hair goes out: export_open, export_frame, export_close and export, read back by the program itself."""
 
+import json
 import os
 import tempfile
 import unittest
@@ -130,7 +131,8 @@ class ExportTest(unittest.TestCase):
                 ("export_open", {"path": path, "format": "fbx"}, 'bad_request: format is "alembic" or "usd"'),
                 ("export_open", {}, 'bad_request: missing "path"'),
                 ("export_open", {"path": path, "step": 0}, "bad_request: step must be above 0"),
-                ("export_open", {"path": self.file("none/x.abc")}, "io: cannot create '%s'" % self.file("none/x.abc")),
+                ("export_open", {"path": self.file("none/x.abc")}, "internal: cannot create '%s'" % self.file("none/x.abc")),
+                ("export_open", {"path": path + "\0"}, "bad_request: a path holds a NUL character"),
                 ("export", {"path": path, "frames": {"first": 2, "last": 1}}, "bad_request: frames: first <= last, step above 0"),
                 ("export", {"path": path, "frames": {"step": 0}}, "bad_request: frames: first <= last, step above 0"),
                 ("export", {"path": path, "frames": {"last": 1e300}}, "bad_request: frames: at most 1000000 of them"),
@@ -147,6 +149,39 @@ class ExportTest(unittest.TestCase):
             for cmd, fields, expected in cases:
                 with self.subTest(cmd=cmd, fields=fields):
                     self.assertEqual(failure(groom.ask(cmd, **fields)), expected)
+
+    def test_a_guide_cache_plays_and_a_refused_frame_does_not_move_it(self):
+        with client.Helper(HELPER) as helper, patch(helper) as session:
+            cache = self.file("guides.abc")
+            number = session.export_open(cache, guides=True)
+            for frame in (1, 2):
+                session.set_guides((GUIDES + [0, 0, 0.01 * frame]).reshape(-1, 3), [3, 3, 3, 3], ids=[1, 2, 3, 4])
+                session.export_frame(number, frame=frame)
+            session.export_close(number)
+            groom = json.loads(session.get_state()["groom"])
+            groom["guideCache"] = {"file": cache, "object": "guides_0"}
+            session.set_state({"groom": json.dumps(groom)})
+
+            def heights():
+                return client.keep(session.get_guides(space="groom"))["arrays"]["points"][:, 1].max()
+
+            for frame in (2, 1):
+                session.set_time(frame=frame)
+                session.evaluate()
+                self.assertAlmostEqual(heights(), 4 + frame, places=4)
+            number = session.export_open(self.file("hair.abc"))
+            session.export_frame(number, frame=2)
+            session.evaluate()
+            self.assertAlmostEqual(heights(), 5, places=4)
+            with self.assertRaisesRegex(client.BadRequest, "export frames must increase"):
+                session.export_frame(number, frame=2)
+            self.assertAlmostEqual(heights(), 5, places=4)
+            # A cache that breaks under way ends the request, not the process.
+            os.truncate(cache, 100)
+            session.set_time(frame=2)
+            with self.assertRaises(client.RequestFailed) as caught:
+                session.evaluate()
+            self.assertEqual(caught.exception.code, "internal")
 
     def test_a_failed_frame_leaves_the_job_open(self):
         with client.Helper(HELPER) as helper:

@@ -169,6 +169,7 @@ class GroomTest(Folder):
                     self.write("d", "[" * 10**6),
                     "parse: groom file: invalid JSON: nested deeper than 512",
                 ),
+                ("path", inches + "\0b", "bad_request: a path holds a NUL character"),
                 (
                     "path",
                     inches,
@@ -186,12 +187,52 @@ class GroomTest(Folder):
             [
                 ("path", ABSENT, 'bad_request: missing "path"'),
                 ("path", none, "io: cannot write '%s'" % none),
+                ("path", none + "\0b", "bad_request: a path holds a NUL character"),
                 ("path", folder, "io: cannot write '%s'" % folder),
                 ("upAxis", "X", 'bad_request: upAxis is "Y" or "Z"'),
                 ("upAxis", 5, 'bad_request: "upAxis" must be a string'),
             ],
         )
         self.assertFalse(os.path.exists(self.path("none")))
+
+    def test_a_picture_beside_the_groom_is_still_found_when_it_is_saved_elsewhere(self):
+        self.groom.do("set_options", mapsDir=self.folder)
+        self.groom.do("map_create", name="wet", kind="texture", resolution=4)
+        file = json.loads(self.groom.do("get_state")["groom"])
+        file["maps"]["wet"]["texture"] = "wet.png"
+        file["maps"]["far"] = {"kind": "texture", "texture": "far.png"}
+        file["maps"]["none"] = {"kind": "texture", "texture": "no\0path.png"}
+        os.mkdir(self.path("shots"))
+        before = self.write("near.groom", file)
+        after = self.path("shots/moved.groom")
+        self.groom.do("load_groom", path=before)
+        self.groom.do("save_groom", path=after)
+        maps = json.loads(self.read("shots/moved.groom"))["maps"]
+        self.assertEqual(
+            {name: entry["texture"] for name, entry in maps.items()},
+            {"far": "far.png", "none": "no\0path.png", "wet": "../wet.png"},
+        )
+        for path in (before, after):
+            self.groom.do("load_groom", path=path)
+            wet = self.groom.do("maps_list")["maps"][2]
+            self.assertEqual((wet["name"], wet["resolution"]), ("wet", 4))
+            self.assertEqual(
+                [sorted(entry) for entry in self.groom.do("get_state")["textures"]],
+                [["name", "stored"], ["name", "stored"], ["name", "png"]],
+            )
+
+    def test_a_mirror_means_the_same_in_a_file_with_z_up(self):
+        graph = self.groom.do("get_graph")["graph"]
+        graph["nodes"].append({"name": "mirror", "type": "Mirror", "params": {"axis": "z", "reattach": False}})
+        for link in graph["connections"]:
+            if link["to"] == "length":
+                link["to"], link["input"] = "mirror", "strands"
+        graph["connections"].append({"from": "mirror", "to": "length", "input": "strands"})
+        self.groom.do("set_graph", graph=graph)
+        before = hair(self.groom)
+        self.groom.do("save_groom", path=self.path("z.groom"), upAxis="Z")
+        self.groom.do("load_groom", path=self.path("z.groom"))
+        self.assertEqual(hair(self.groom), before)
 
     def test_what_a_file_holds_beside_the_graph_is_kept(self):
         file = {

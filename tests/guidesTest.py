@@ -170,6 +170,12 @@ class GuidesTest(unittest.TestCase):
         unknown = self.groom.do("set_guides", points=bent, counts=[3], ids=[77])
         self.assertEqual((unknown["added"], unknown["removed"]), (1, 2))
         self.assertEqual(self.guides()[1]["ids"], [77])
+        # Where the counted IDs end, those that children have are stepped over.
+        last = 2**53 - 1
+        self.groom.do("set_guides", **TWO, target="hierarchy", ids=[last, last + 1])
+        self.groom.do("set_guides", **TWO, target="hierarchy", keepMissing=True)
+        self.assertEqual(self.guides()[1]["ids"], [last, last + 1, last + 2, last + 3])
+        self.groom.do("set_guides", points=bent, counts=[3], ids=[77], target="hierarchy")
         self.groom.do("set_guides", **TWO, target="flat")
         self.assertEqual(self.guides()[0]["source"], "flat", "auto: a flat list wins")
         self.assertEqual(self.groom.do("set_guides", points=[], counts=[])["target"], "flat")

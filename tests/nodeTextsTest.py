@@ -16,6 +16,11 @@ def error(text):
     return {"errors": text}
 
 
+def details(text):
+    """Told by `stats`, and nothing to warn of."""
+    return {"details": text, "notes": None}
+
+
 # (type, params, links to "it" beside its strands (None: nothing at all), what is said, and "parts" for
 # a groom with a part drawn).
 CASES = [
@@ -35,6 +40,11 @@ CASES = [
     ("Clump", {"centersFrom": "inputCurves"}, [], note("no clumps: connect centers (guides or strands) or set centersFrom to pick; the strands pass through")),
     ("Clump", {"centersFrom": "inputPoints"}, [], note("no clumps: connect centers (guides or strands) or set centersFrom to pick; the strands pass through")),
     ("Clump", {}, [("guides", "centers")], note("centers are connected but centersFrom is pick (it picks its own): set centersFrom to inputPoints or inputCurves to clump by them")),
+    ("Clump", {"centersFrom": "inputPoints", "strength": -0.5}, [("guides", "centers")], details("parts the strands around the strands nearest its centers (centersFrom inputPoints); inputCurves parts them around the center curves themselves (whiskers, horns)")),
+    # Interpolate.
+    ("Interpolate", {}, [], note("no guides: place some with the guide tools; the strands keep their incoming shape")),
+    ("Interpolate", {"keepClearance": False}, [("guides", "guides"), ("scalp", "scalp")], details("it does not keep clearance")),
+    ("Interpolate", {}, [("guides", "guides"), ("scalp", "scalp")], details(None)),
     # Curl.
     ("Curl", {"coherence": "clump"}, [], error("Curl: coherence clump needs a Clump before it (no 'clumpId' channel to find the clumps)")),
     ("Curl", {"coherence": "clump", "clumpChannel": "lockId"}, [], error("Curl: coherence clump needs a Clump before it (no 'lockId' channel to find the clumps)")),
@@ -100,6 +110,7 @@ class NodeTexts(unittest.TestCase):
                         self.assertEqual(answer["notes"].get("it"), said["notes"])
                         self.assertEqual(answer["errors"], [])
                         self.assertGreater(answer["strandCount"], 0)
+                        self.assertEqual(groom.do("stats")["details"].get("it"), said.get("details"))
                     else:
                         self.assertIn(said["errors"], " ".join(answer["errors"]))
                         self.assertEqual(answer["strandCount"], 0)

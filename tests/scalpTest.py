@@ -62,6 +62,7 @@ class ScalpTest(unittest.TestCase):
                 ("faceCounts", [True], "bad_request: faceCounts " + NUMBERS),
                 ("faceCounts", [4, 2], "bad_request: face 1 has fewer than 3 corners"),
                 ("faceCounts", [-4], "bad_request: face 0 has fewer than 3 corners"),
+                ("faceIndices", ABSENT, 'bad_request: missing "faceIndices"'),
                 ("faceCounts", [3], "bad_request: the face counts add up to 3 corners, not the 4 face indices"),
                 (
                     "faceCounts",

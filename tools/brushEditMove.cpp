@@ -18,7 +18,7 @@ constexpr float kNoiseRise = 4.0f;     // full from a quarter of the length on
 }  // namespace
 
 void combGuide(const BrushWork& work, BrushEdit& edit) {
-    if (length(work.drag) == 0.0f) return;
+    if (length(work.drag) == 0.0f || work.settings.strength == 0.0f) return;
     const Vec3f step = work.settings.strength * work.drag;
     for (std::size_t i = 1; i < work.count(); ++i) {
         const float a = work.weights[i] * work.profileAt(i);

@@ -153,6 +153,14 @@ TEST_P(BrushEditTest, TrimsByTheLaws) {
     }
 }
 
+TEST_P(BrushEditTest, StrengthZeroDoesNothing) {
+    for (const GuidePtr& guide : made.guides())
+        for (int m = 0; m < kModes; ++m) {
+            const BrushEdit edit = run(*guide, BrushMode(m), 0.0f, over(*guide, 50.0f));
+            EXPECT_TRUE(edit.empty()) << brushModeWord(BrushMode(m));
+        }
+}
+
 TEST_P(BrushEditTest, SmoothAtFullStrengthGoesHalfWay) {
     Guide guide = *made.guides()[0];
     guide.points = {{0, 8, 0}, {0, 9, 0}, {1, 10, 0}, {0, 11, 0}, {0, 12, 0}};

@@ -280,13 +280,14 @@ StrokeResult BrushTool::finish(StrokeHost& host, StrokeDocument document,
     StrokeState& state = *stroke_;
     StrokeResult result;
     edited_ = state.edited;
-    if (!document.empty()) {
+    if (!document.empty() && host.commit(document, label)) {
         result.committed = true;
         result.label = label;
         result.graphChanged = document.has(DocumentSlot::Graph);
         for (std::size_t slot = 0; slot < kDocumentSlots; ++slot)
             if (document.slots[slot]) result.slots.push_back(DocumentSlot(slot));
-        host.commit(document, label);
+    } else {
+        document = {};
     }
     drop(state, host);
     document_ = std::move(document);

@@ -582,5 +582,40 @@ TEST(StrokeDocument, NamesItsSlots) {
     EXPECT_FALSE(document.empty()) << "an empty text is a text";
 }
 
+TEST(BrushTool, AStrokeThatTheHostTakesForNothingIsNoStep) {
+    FakeStrokeHost host = makeHost(21, 20);
+    host.takes = false;
+    BrushTool tool;
+    tool.settings = shaping(BrushMode::Comb);
+    ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, 1.0f));
+    tool.drag(host, frontView(), 420, 310, 1.0f);
+    const StrokeResult result = tool.end(host, frontView());
+    EXPECT_EQ(host.commits.size(), 1u);
+    EXPECT_FALSE(result.committed);
+    EXPECT_TRUE(result.slots.empty());
+    EXPECT_TRUE(tool.strokeDocument().empty());
+}
+
+TEST(BrushTool, ShiftSmoothsALayerByThePressureWhateverTheStrength) {
+    BrushToolSettings settings = shaping(BrushMode::Paint, 0.0f);
+    settings.attribute = "stiff";
+    std::vector<float> moved;
+    for (const float pressure : {1.0f, 0.5f}) {
+        FakeStrokeHost host = makeHost(22, 60);
+        const auto before = host.guides;
+        BrushTool tool;
+        tool.settings = settings;
+        ASSERT_TRUE(tool.begin(host, frontView(), 400, 300, pressure, true));
+        tool.end(host, frontView());
+        float sum = 0.0f;
+        for (const GuidePtr& guide : before->guides())
+            sum += std::abs(host.guides->guide(guide->id)->attributes.at("stiff") -
+                            guide->attributes.at("stiff"));
+        moved.push_back(sum);
+    }
+    EXPECT_GT(moved[1], 0.0f);
+    EXPECT_NEAR(moved[1], 0.5f * moved[0], 1e-4f * moved[0]);
+}
+
 }  // namespace
 }  // namespace corvelle

@@ -127,6 +127,10 @@ TEST(BrushTool, DrawsPartsAndSaysWhatMakesNone) {
     settings.partName = "left";
     EXPECT_FALSE(stroke(host, settings, {{500, 300}}).committed);
     EXPECT_EQ(host.warnings, std::vector<std::string>{"a part needs a longer stroke"});
+    host.warnings.clear();
+    EXPECT_FALSE(stroke(host, settings, {{2, 2}, {40, 4}}).committed);
+    EXPECT_EQ(host.warnings,
+              std::vector<std::string>{"a part needs at least two points on the scalp"});
     EXPECT_EQ(stroke(host, settings, {{480, 300}, {500, 320}, {520, 360}}).slots,
               std::vector<DocumentSlot>{DocumentSlot::Parts});
     ASSERT_EQ(host.partLines->lines.size(), 1u);

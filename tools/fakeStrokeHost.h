@@ -28,7 +28,7 @@ public:
     std::shared_ptr<const std::set<std::uint64_t>> frozen;
     std::set<std::string> hidden;
     std::shared_ptr<const Correctives> layers;
-    bool inLayer = false, failsCommit = false;
+    bool inLayer = false, failsCommit = false, takes = true;
     double atFrame = 0.0;
 
     bool active = false;
@@ -72,7 +72,7 @@ public:
     void setLiveFlow(std::shared_ptr<const FlowData> value) override { liveFlow = value; }
     void setLiveMaps(MapCatalogPtr value) override { liveMaps = std::move(value); }
     void setLiveGraph(const std::string&) override {}
-    void commit(StrokeDocument document, const std::string& label) override {
+    bool commit(StrokeDocument document, const std::string& label) override {
         if (failsCommit) throw std::runtime_error("the host takes nothing");
         if (document.has(DocumentSlot::Guides))
             guides = std::make_shared<const GuideHierarchy>(
@@ -85,6 +85,7 @@ public:
                 std::make_shared<const FlowData>(readFlowData(*document.at(DocumentSlot::Flow)));
         commits.push_back(std::move(document));
         labels.push_back(label);
+        return takes;
     }
     GuideHierarchy toDocumentPose(const GuideHierarchy& edited) override { return edited; }
     void notify(const std::string& text) override { notes.push_back(text); }

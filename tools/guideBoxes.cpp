@@ -3,19 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "tools/mortonCode.h"
+
 namespace corvelle {
-namespace {
-
-/// Ten bits, each two places from the next.
-std::uint32_t spread(std::uint32_t x) {
-    x = (x | (x << 16)) & 0x030000ffu;
-    x = (x | (x << 8)) & 0x0300f00fu;
-    x = (x | (x << 4)) & 0x030c30c3u;
-    return (x | (x << 2)) & 0x09249249u;
-}
-
-}  // namespace
-
 GuideBox boxOf(std::span<const Vec3f> points) {
     if (points.empty()) return {};
     GuideBox box{points[0], points[0]};
@@ -40,7 +30,7 @@ GuideBoxes::GuideBoxes(std::span<const GuideBox> boxes) : slotOf_(boxes.size()) 
         for (int k = 0; k < 3; ++k) {
             const float span = all.high[k] - all.low[k];
             const float share = span > 0.0f ? (middle[k] - all.low[k]) / span : 0.0f;
-            code |= spread(std::uint32_t(std::clamp(share * 1023.0f, 0.0f, 1023.0f))) << k;
+            code |= mortonSpread(std::uint32_t(std::clamp(share * 1023.0f, 0.0f, 1023.0f))) << k;
         }
         order[i] = {code, i};
     }

@@ -33,7 +33,8 @@ private:
         const auto hit = state.hitAt(point.x, point.y);
         if (!hit) return sampler_.breakLine();
         state.goTo(*hit, state.settings.radius);
-        const float strength = state.strengthAt(point.pressure);
+        const float strength = state.smooths ? state.smoothStrengthAt(point.pressure)
+                                             : state.strengthAt(point.pressure);
         const bool pressed = state.pressed(point.pressure);
         sampler_.moveTo(state.last, state.worldRadius, [&](Vec3f center, Vec3f drag) {
             if (!pressed) return;

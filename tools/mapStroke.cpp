@@ -1,11 +1,12 @@
 #include "tools/mapStroke.h"
 
-#include <cmath>
+#include <algorithm>
 #include <utility>
 
 #include "expr/mapCatalogJson.h"
 #include "model/surfaceTopology.h"
 #include "tools/paramBrush.h"
+#include "tools/smoothPasses.h"
 #include "tools/texturePaint.h"
 #include "tools/vertexMapPaint.h"
 
@@ -28,8 +29,8 @@ PaintTarget namedTarget(const BrushToolSettings& settings, const MapCatalogValue
         return {map->kind, map->layer.empty() ? name : map->layer, false, {}};
     const auto wanted = texture ? PaintedMap::Kind::Texture : PaintedMap::Kind::Vertices;
     if (!map || map->kind != wanted)
-        throw MapNotFound(std::string("this groom has no ") + (texture ? "texture" : "vertex") +
-                          " map named " + name);
+        throw StrokeNotFound(std::string("this groom has no ") + (texture ? "texture" : "vertex") +
+                             " map named " + name);
     return {wanted, name, false, {}};
 }
 
@@ -71,15 +72,11 @@ public:
 
     bool stamp(const MapStamp& stamp) override {
         bool changed = false;
-        if (stamp.smooth) {
-            // The pressure alone counts: a brush of any strength smooths by its own setting.
-            const float share =
-                settings_.strength != 0.0f ? stamp.strength / settings_.strength : 1.0f;
-            changed = smoothPasses(settings_.smoothStrength * share,
+        if (stamp.smooth)
+            changed = smoothPasses(stamp.strength,
                                    [&](float strength) { return smooth(*stamp.stamp, strength); });
-        } else {
+        else
             changed = paint(*stamp.stamp, stamp.strength);
-        }
         changed_ = changed_ || changed;
         stale_ = stale_ || changed;
         return changed;
@@ -115,7 +112,7 @@ protected:
 
     const PaintedMap* before() const { return maps_ ? maps_->find(target_.name) : nullptr; }
     std::array<float, 4> colorFor(int channels) const {
-        const float v = settings_.value;
+        const float v = std::clamp(settings_.value, 0.0f, 1.0f);
         return channels == 1 ? std::array{v, v, v, v} : settings_.paintColor;
     }
     StrokeHost& host_;
@@ -230,9 +227,9 @@ std::unique_ptr<MapStroke> beginMapStroke(StrokeHost& host, const BrushToolSetti
     if (target.kind == PaintedMap::Kind::Guides)
         return std::make_unique<GuideLayerStroke>(std::move(target.name));
     if (!scalp || scalp->triangles().empty())
-        throw PaintStateError("no scalp to paint the " + target.name + " map on");
+        throw StrokeStateError("no scalp to paint the " + target.name + " map on");
     if (target.kind == PaintedMap::Kind::Texture && scalp->uvs().empty())
-        throw PaintStateError("the scalp has no UVs to paint a texture map on");
+        throw StrokeStateError("the scalp has no UVs to paint a texture map on");
     std::unique_ptr<ScalpMapStroke> stroke;
     if (target.kind == PaintedMap::Kind::Texture)
         stroke = std::make_unique<TextureStroke>(host, settings, std::move(target), scalp);

@@ -15,7 +15,7 @@ namespace corvelle {
 struct MapStamp {
     const BrushStamp* stamp = nullptr;  ///< centre, weights and reach
     float strength = 1.0f;  ///< pressure included; a place takes min(strength weight, 1)
-    bool smooth = false;    ///< towards its neighbours, in place of the colour
+    bool smooth = false;    ///< towards its neighbours, in place of the colour, in so many passes
 };
 
 /// A paint stroke on one of the groom's maps, from the pen's press to its release: works on copies

@@ -57,7 +57,7 @@ public:
         ++shown;
     }
     void setLiveGraph(const std::string& text) override { shownGraph = text; }
-    void commit(StrokeDocument, const std::string&) override {}
+    bool commit(StrokeDocument, const std::string&) override { return true; }
     GuideHierarchy toDocumentPose(const GuideHierarchy& edited) override { return edited; }
     void notify(const std::string& text) override { notes.push_back(text); }
     void addWarning(const std::string& text) override { notes.push_back(text); }
@@ -117,6 +117,19 @@ TEST_F(MapStrokes, AVertexStrokeShowsLiveValuesAndLeavesTheDocumentToItsEnd) {
     EXPECT_TRUE(document.images.empty());
     EXPECT_EQ(*readScalpMaps(*document.at(DocumentSlot::ScalpMaps)).find("len")->values,
               *host.shownMaps->find("len")->values);
+}
+
+TEST_F(MapStrokes, AGrayMapIsPaintedTowardsWhatItCanHold) {
+    for (const auto& [value, wanted] : {std::pair{9.0f, 0.55f}, {-9.0f, 0.45f}}) {
+        hold(mapsWith("len", vertexMap(0.5f)));
+        settings.paintKind = "vertices";
+        settings.attribute = "len";
+        settings.value = value;
+        const auto stroke = begin();
+        EXPECT_TRUE(stroke->stamp({&middle, 0.1f, false}));
+        stroke->publish();
+        EXPECT_FLOAT_EQ(host.shownMaps->find("len")->values->at(12), wanted);
+    }
 }
 
 TEST_F(MapStrokes, AStrokeThatChangesNothingLeavesNothing) {
@@ -195,7 +208,7 @@ TEST_F(MapStrokes, NamesWhatCannotBePainted) {
     settings.paintKind = "vertices";
     settings.attribute = "none";
     EXPECT_EQ(errorOf([&] { begin(); }), "this groom has no vertex map named none");
-    EXPECT_THROW(begin(), MapNotFound);
+    EXPECT_THROW(begin(), StrokeNotFound);
     settings.paintKind = "texture";
     settings.paintTexture = "none";
     EXPECT_EQ(errorOf([&] { begin(); }), "this groom has no texture map named none");
@@ -205,7 +218,7 @@ TEST_F(MapStrokes, NamesWhatCannotBePainted) {
     const auto bare = std::make_shared<const ScalpMesh>(makeIcosphere(1, 1.0f));
     EXPECT_EQ(errorOf([&] { beginMapStroke(host, settings, bare); }),
               "the scalp has no UVs to paint a texture map on");
-    EXPECT_THROW(beginMapStroke(host, settings, bare), PaintStateError);
+    EXPECT_THROW(beginMapStroke(host, settings, bare), StrokeStateError);
     settings.paintTexture = "layer";
     EXPECT_EQ(begin()->guideLayer(), "mask");
     EXPECT_EQ(host.shown, 0);

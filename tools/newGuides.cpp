@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <set>
-#include <stdexcept>
 
 #include "model/guideFollow.h"
 #include "model/polyline.h"
 #include "tools/brushEdit.h"
 #include "tools/keepOffScalp.h"
+#include "tools/strokeErrors.h"
 
 namespace corvelle {
 namespace {
@@ -38,7 +38,7 @@ NewGuides::NewGuides(const StrokeState& state) {
     const GuideGroup* group = nullptr;
     if (!settings.group.empty()) {
         group = hierarchy.groupNamed(settings.group);
-        if (!group) throw std::invalid_argument("no guide group named '" + settings.group + "'");
+        if (!group) throw StrokeNotFound("no group named '" + settings.group + "'");
     } else {
         for (const GuideGroup& each : hierarchy.groups())
             if (!group && hierarchy.depthOf(each.id) == settings.level) group = &each;
@@ -60,8 +60,7 @@ NewGuides::NewGuides(const StrokeState& state) {
         if (isChild_ && guide->group == group->parent) parents_.push_back(guide);
     }
     if (isChild_ && parents_.empty())
-        throw std::invalid_argument("the group '" + groupName_ +
-                                    "' has no parents to hang a guide on");
+        throw StrokeStateError("the group '" + groupName_ + "' has no parents to hang a guide on");
     roots_ = indexOf(guides_);
     parentRoots_ = indexOf(parents_);
 }

@@ -16,8 +16,8 @@ namespace corvelle {
 /// rooted nearest. Neighbours are those that were there before the stroke.
 class NewGuides {
 public:
-    /// Throws std::invalid_argument "no guide group named '<name>'", or, for a child group whose
-    /// parent group is empty, "the group '<name>' has no parents to hang a guide on".
+    /// Throws StrokeNotFound "no group named '<name>'", or StrokeStateError, for a child group
+    /// whose parent group is empty, "the group '<name>' has no parents to hang a guide on".
     explicit NewGuides(const StrokeState& state);
 
     /// A guide's shape and what it carries; points start at the root.

@@ -27,7 +27,7 @@ constexpr std::array kParamBrushes = {
 
 constexpr double kBesideNode = 200.0;  ///< how far left of its node a Map node is put, canvas units
 
-[[noreturn]] void refuse(const std::string& text) { throw PaintStateError(text); }
+[[noreturn]] void refuse(const std::string& text) { throw StrokeStateError(text); }
 
 std::string textAt(const Json& object, const char* key) {
     if (!object.is_object()) return {};

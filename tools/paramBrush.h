@@ -1,22 +1,12 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 
 #include "expr/mapCatalog.h"
 #include "model/scalpMesh.h"
+#include "tools/strokeErrors.h"
 
 namespace corvelle {
-
-/// A paint stroke cannot begin because of what the groom is or lacks (no scalp, a param driven
-/// otherwise), not because of what was asked for.
-struct PaintStateError : std::invalid_argument {
-    using std::invalid_argument::invalid_argument;
-};
-/// The map asked for is not there.
-struct MapNotFound : std::invalid_argument {
-    using std::invalid_argument::invalid_argument;
-};
 
 /// The map that a param brush paints.
 struct ParamBrushMap {
@@ -35,7 +25,7 @@ struct ParamBrushMap {
 /// plain number gets a new map: `kind` (vertices or texture), named after the brush, wired through
 /// a new Map node; the number stays and scales the map, so 1 leaves the hair as it is.
 ///
-/// `maps` may be null. Throws PaintStateError with the text to show, std::invalid_argument "no
+/// `maps` may be null. Throws StrokeStateError with the text to show, std::invalid_argument "no
 /// param brush named <name>"; what reading the graph throws.
 ParamBrushMap paramBrushMap(const std::string& brush, const std::string& graph,
                             const MapCatalogValue* maps, const ScalpPtr& scalp,

@@ -1,7 +1,7 @@
 // Strokes that draw parts.
 #include "tools/partStroke.h"
 
-#include <algorithm>
+#include <optional>
 #include <stdexcept>
 
 #include "tools/strokeState.h"
@@ -10,6 +10,7 @@ namespace corvelle {
 namespace {
 
 constexpr float kLeastStep = 0.002f;  // of the scalp's diagonal, from point to point
+constexpr char kTooFew[] = "a part needs at least two points on the scalp";
 
 class PartStroke final : public ToolStroke {
 public:
@@ -33,6 +34,7 @@ public:
 
     void release(StrokeState& state, StrokeHost& host) override {
         state.parts = *state.partsBefore;
+        if (lines_.empty()) host.addWarning(kTooFew);
         if (!state.isScriptedEnd) append(state, &host);
         state.edited = !(state.parts == *state.partsBefore);
     }
@@ -51,25 +53,31 @@ private:
         state.partsStale = state.edited = true;
     }
 
-    /// Each unbroken run of the stroke is a line; what makes none is told to `host`, if any.
+    /// Each unbroken run of the stroke is a line, and so is its mirror image; what makes none is
+    /// told to `host`, if any.
     void append(StrokeState& state, StrokeHost* host) {
-        for (const std::vector<Vec3f>& line : lines_) {
-            try {
-                state.parts.lines.push_back(
-                    partFromStroke(*state.scalp, state.settings.partName, line));
-            } catch (const std::invalid_argument& error) {
-                if (host) host->addWarning(error.what());
-                continue;
-            }
+        for (const std::vector<Vec3f>& places : lines_) {
+            const std::optional<PartLine> line = lineOf(state, places, host);
+            if (!line) continue;
+            state.parts.lines.push_back(*line);
             std::vector<Vec3f> other;
-            for (const Vec3f& place : line)
+            for (const Vec3f& place : places)
                 if (const auto side = otherSide(state, place))
                     other.push_back(side->toOther(place));
-            if (other.size() != line.size()) continue;
-            PartLine mirrored = partFromStroke(*state.scalp, state.settings.partName, other);
+            if (other.size() != places.size()) continue;
+            const std::optional<PartLine> mirrored = lineOf(state, other, nullptr);
             // A part along the middle is its own mirror image.
-            if (!(mirrored == state.parts.lines.back()))
-                state.parts.lines.push_back(std::move(mirrored));
+            if (mirrored && !(*mirrored == *line)) state.parts.lines.push_back(*mirrored);
+        }
+    }
+
+    static std::optional<PartLine> lineOf(const StrokeState& state, std::span<const Vec3f> places,
+                                          StrokeHost* host) {
+        try {
+            return partFromStroke(*state.scalp, state.settings.partName, places);
+        } catch (const std::invalid_argument& error) {
+            if (host) host->addWarning(error.what());
+            return {};
         }
     }
 
@@ -92,8 +100,7 @@ PartLine partFromStroke(const ScalpMesh& scalp, const std::string& name,
         if (scalp.closestPoint(place, ScalpMesh::kAnyDistance, hit))
             line.points.push_back(hit.root());
     }
-    if (line.points.size() < 2)
-        throw std::invalid_argument("a part needs at least two points on the scalp");
+    if (line.points.size() < 2) throw std::invalid_argument(kTooFew);
     return line;
 }
 

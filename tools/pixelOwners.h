@@ -68,6 +68,9 @@ public:
     /// `scalp` has UVs.
     PixelOwners(ScalpPtr scalp, int width, int height);
 
+    const ScalpPtr& scalp() const { return scalp_; }
+    int width() const { return shape_.width; }
+    int height() const { return shape_.height; }
     int columns() const { return shape_.columns(); }
     int rows() const { return shape_.rows(); }
     /// Holds every place that pixels of a tile show.
@@ -78,11 +81,25 @@ public:
     void trim(std::size_t kept);
     /// Of a prepared tile.
     const Tile& tile(std::size_t tile) const { return *tiles_[tile]; }
-    /// A pixel of the picture is held by a triangle; its tile is prepared.
-    bool owned(int x, int y) const {
-        const Tile& held = *tiles_[shape_.tileOf(x, y)];
-        return !held.owner.empty() && held.owner[TiledPixels::placeIn(x, y)] != kNone;
+    /// What a pixel shows; its tile is prepared. Null: no triangle holds it, or it is none of the
+    /// picture's.
+    struct Shown {
+        const Patch* patch = nullptr;
+        Vec3f place;
+    };
+    Shown shown(int x, int y) const {
+        if (!holds(x, y)) return {};
+        const Tile& held = *tiles_[tileOf(x, y)];
+        const std::uint32_t owner =
+            held.owner.empty() ? kNone : held.owner[TiledPixels::placeIn(x, y)];
+        if (owner == kNone) return {};
+        const Patch& patch = held.patches[owner];
+        return {&patch, patch.at(x % PixelTile::kSide, y % PixelTile::kSide)};
     }
+    bool holds(int x, int y) const {
+        return x >= 0 && y >= 0 && x < shape_.width && y < shape_.height;
+    }
+    std::size_t tileOf(int x, int y) const { return shape_.tileOf(x, y); }
 
 private:
     struct Entry {

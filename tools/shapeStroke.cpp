@@ -1,8 +1,9 @@
 // Strokes that shape, trim or erase guides, part lines and flow arrows.
-#include <cmath>
-#include <limits>
+#include <optional>
+#include <utility>
 
 #include "tools/guideStamp.h"
+#include "tools/smoothPasses.h"
 #include "tools/strokeState.h"
 #include "tools/targetStamp.h"
 
@@ -95,6 +96,7 @@ private:
         }
         BrushToolSettings settings = state.settings;
         settings.strength = state.strengthAt(point.pressure);
+        settings.smoothStrength = state.smoothStrengthAt(point.pressure);
         const bool pressed = state.pressed(point.pressure);
         sampler_.moveTo(state.last, state.worldRadius, [&](Vec3f center, Vec3f drag) {
             if (!pressed) return;
@@ -131,14 +133,10 @@ protected:
     void stampGuides(StrokeState& state, const BrushToolSettings& settings, const BrushStamp& stamp,
                      Vec3f drag) override {
         if (!state.smooths) return ShapeStroke::stampGuides(state, settings, stamp, drag);
-        const float share = state.settings.strength != 0.0f
-                                ? settings.strength / state.settings.strength
-                                : 1.0f;  // the pressure
-        const float whole = settings.smoothStrength * share;
-        const int passes = std::max(1, int(std::ceil(std::min(whole, 64.0f))));
-        for (int pass = 0; pass < passes; ++pass)
-            if (guides_.smoothLayer(settings, stamp, whole / float(passes)) > 0)
-                state.edited = state.hierarchyStale = true;
+        if (smoothPasses(settings.smoothStrength, [&](float strength) {
+                return guides_.smoothLayer(settings, stamp, strength) > 0;
+            }))
+            state.edited = state.hierarchyStale = true;
     }
 };
 

@@ -65,9 +65,9 @@ public:
     /// A graph that reads a map the stroke has made; empty: the document's again.
     virtual void setLiveGraph(const std::string& text) = 0;
 
-    /// The end of a stroke that changed something: the texts replace the document's, as one undo
-    /// step.
-    virtual void commit(StrokeDocument document, const std::string& label) = 0;
+    /// The end of a stroke: the texts replace the document's, as one undo step. False when they say
+    /// what the document says already: no step.
+    virtual bool commit(StrokeDocument document, const std::string& label) = 0;
     /// From the pose shown to the document's: only guides that are not the very ones of
     /// `editHierarchy` are carried, the others keep their bits.
     virtual GuideHierarchy toDocumentPose(const GuideHierarchy& edited) = 0;

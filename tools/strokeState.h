@@ -73,6 +73,10 @@ struct StrokeState {
     float strengthAt(float pressure) const {
         return settings.pressure ? settings.strength * pressure : settings.strength;
     }
+    /// A painting brush of any strength smooths by this setting of its own.
+    float smoothStrengthAt(float pressure) const {
+        return settings.pressure ? settings.smoothStrength * pressure : settings.smoothStrength;
+    }
     bool pressed(float pressure) const { return !settings.pressure || pressure > 0.0f; }
     /// Shows the host what changed since the last time; whether anything did.
     bool publish(StrokeHost& host);

@@ -64,6 +64,7 @@ void TexturePaint::beginEdit(const ScalpPtr& scalp) {
     if (!scalp || scalp->uvs().empty())
         throw std::invalid_argument("the scalp has no UVs to paint a texture map on");
     owners_ = PixelOwners::of(scalp, width(), height());
+    seams_ = nullptr;
     start_ = image_;
     work_.clear();
     work_.resize(image_->tiles().size());
@@ -155,6 +156,29 @@ float TexturePaint::valueAt(int x, int y, std::size_t channel) const {
     return work_[tile] ? work_[tile]->values[at] : float(image_->tiles()[tile]->bytes[at]) / kByte;
 }
 
+std::optional<float> TexturePaint::meanAround(std::size_t tile, std::size_t place,
+                                              std::size_t channel) const {
+    const PixelSeams::Tile& seams = seams_->tile(tile);
+    const int x = int(tile) % owners_->columns() * kSide + int(place % kSide);
+    const int y = int(tile) / owners_->columns() * kSide + int(place / kSide);
+    float sum = 0.0f;
+    int count = 0;
+    for (std::size_t side = 0; side < PixelSeams::kSides; ++side) {
+        if (!seams.isCut(place, side)) {
+            const auto& [dx, dy] = PixelSeams::kSteps[side];
+            sum += valueAt(x + dx, y + dy, channel);
+            ++count;
+        } else if (const PixelSeams::Landing* landing = seams.landing(place, side)) {
+            for (std::size_t k = 0; k < landing->pixel.size(); ++k)
+                if (landing->share[k] > 0.0f)
+                    sum += landing->share[k] * valueAt(int(landing->pixel[k]) % width(),
+                                                       int(landing->pixel[k]) / width(), channel);
+            ++count;
+        }
+    }
+    return count > 0 ? std::optional(sum / float(count)) : std::nullopt;
+}
+
 bool TexturePaint::smoothEdit(const BrushStamp& stamp, float strength) {
     const float whole = std::abs(strength);
     const std::size_t step = std::size_t(channels());
@@ -162,18 +186,11 @@ bool TexturePaint::smoothEdit(const BrushStamp& stamp, float strength) {
     if (!(whole > 0.0f) || (mask & 15u) == 0) return false;
     const std::vector<Task> tasks = reached(stamp);
     open(tasks);
-    // Neighbours may lie one tile further on.
-    std::vector<std::size_t> beside;
-    const int columns = owners_->columns(), rows = owners_->rows();
-    for (std::size_t i = 0; i < tasks.size(); ++i) {
-        if (i > 0 && tasks[i].tile == tasks[i - 1].tile) continue;
-        const int x = int(tasks[i].tile) % columns, y = int(tasks[i].tile) / columns;
-        if (x > 0) beside.push_back(tasks[i].tile - 1u);
-        if (x + 1 < columns) beside.push_back(tasks[i].tile + 1u);
-        if (y > 0) beside.push_back(tasks[i].tile - std::size_t(columns));
-        if (y + 1 < rows) beside.push_back(tasks[i].tile + std::size_t(columns));
-    }
-    owners_->prepare(beside);
+    if (!seams_) seams_ = std::make_unique<PixelSeams>(owners_);
+    std::vector<std::size_t> tiles;
+    for (const Task& task : tasks)
+        if (tiles.empty() || tiles.back() != task.tile) tiles.push_back(task.tile);
+    seams_->prepare(tiles);
 
     // All are read before any is written.
     struct NewValue {
@@ -181,34 +198,22 @@ bool TexturePaint::smoothEdit(const BrushStamp& stamp, float strength) {
         float value;
     };
     std::vector<std::vector<NewValue>> made(tasks.size());
-    const bool any =
-        stampBlocks(tasks, stamp, whole,
-                    [&](std::size_t task, std::size_t tile, std::size_t place, float share) {
-                        const int x = int(tile) % columns * kSide + int(place % kSide);
-                        const int y = int(tile) / columns * kSide + int(place / kSide);
-                        const std::array<std::array<int, 2>, 4> around = {
-                            {{x - 1, y}, {x + 1, y}, {x, y - 1}, {x, y + 1}}};
-                        bool changed = false;
-                        for (std::size_t c = 0; c < step; ++c) {
-                            if (!(mask >> c & 1u)) continue;
-                            float sum = 0.0f;
-                            int count = 0;
-                            for (const auto& [nx, ny] : around) {
-                                if (nx < 0 || ny < 0 || nx >= width() || ny >= height()) continue;
-                                if (!owners_->owned(nx, ny)) continue;
-                                sum += valueAt(nx, ny, c);
-                                ++count;
-                            }
-                            if (count == 0) continue;
-                            const std::size_t at = place * step + c;
-                            const float old = work_[tile]->values[at];
-                            const float now = old + (sum / float(count) - old) * share;
-                            if (now == old) continue;
-                            made[task].push_back({std::uint32_t(at), now});
-                            changed = true;
-                        }
-                        return changed;
-                    });
+    const auto smooth = [&](std::size_t task, std::size_t tile, std::size_t place, float share) {
+        bool changed = false;
+        for (std::size_t c = 0; c < step; ++c) {
+            if (!(mask >> c & 1u)) continue;
+            const std::optional<float> mean = meanAround(tile, place, c);
+            if (!mean) continue;
+            const std::size_t at = place * step + c;
+            const float old = work_[tile]->values[at];
+            const float now = old + (*mean - old) * share;
+            if (now == old) continue;
+            made[task].push_back({std::uint32_t(at), now});
+            changed = true;
+        }
+        return changed;
+    };
+    const bool any = stampBlocks(tasks, stamp, whole, smooth);
     for (std::size_t i = 0; i < tasks.size(); ++i)
         for (const NewValue& value : made[i]) work_[tasks[i].tile]->values[value.at] = value.value;
     return any;
@@ -311,6 +316,7 @@ std::shared_ptr<const PaintImage> TexturePaint::endEdit() {
     }
     start_ = image_;
     if (owners_) owners_->trim(kTableBytes);
+    seams_ = nullptr;
     owners_ = nullptr;
     work_.clear();
     work_.resize(image_->tiles().size());

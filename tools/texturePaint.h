@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <span>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "tools/brushWeight.h"
 #include "tools/paintImage.h"
 #include "tools/pixelOwners.h"
+#include "tools/pixelSeams.h"
 
 namespace corvelle {
 
@@ -34,7 +36,8 @@ public:
     /// One stamp: every pixel that shows a place under it moves towards `color` by
     /// min(strength * weight, 1), and stays within 0..1. Returns whether any value changed.
     bool applyEdit(const BrushStamp& stamp, float strength, const std::array<float, 4>& color);
-    /// The same towards the mean of the pixel's four neighbours on the scalp.
+    /// The same towards the mean of the pixel's four neighbours on the scalp, seams of the UVs or
+    /// not.
     bool smoothEdit(const BrushStamp& stamp, float strength);
     /// The image as painted so far: the very object of the last call while nothing changed.
     std::shared_ptr<const PaintImage> image();
@@ -58,26 +61,16 @@ private:
     bool stampBlocks(const std::vector<Task>& tasks, const BrushStamp& stamp, float strength,
                      Pixel&& pixel);
     float valueAt(int x, int y, std::size_t channel) const;
+    /// Empty for a pixel without neighbours. The tile's seams are prepared.
+    std::optional<float> meanAround(std::size_t tile, std::size_t place, std::size_t channel) const;
     void pad(std::vector<PixelTilePtr>& tiles) const;
 
     std::shared_ptr<const PaintImage> image_;  ///< as of the last `image`
     std::shared_ptr<const PaintImage> start_;  ///< as the stroke began
     std::uint32_t mask_ = 15;
     std::shared_ptr<PixelOwners> owners_;
+    std::unique_ptr<PixelSeams> seams_;        ///< made by the first smooth stamp
     std::vector<std::unique_ptr<Work>> work_;  ///< by tile; null: not touched
 };
-
-/// Calls pass(strength) so often, and each time with so much, that no pass has more than 1:
-/// ceil(strength) times (up to 64) with an equal share. Returns whether any pass did something.
-template <class Pass>
-bool smoothPasses(float strength, Pass&& pass) {
-    constexpr int kMostPasses = 64;
-    const float whole = std::abs(strength);
-    int passes = 1;
-    while (passes < kMostPasses && float(passes) < whole) ++passes;
-    bool changed = false;
-    for (int p = 0; p < passes; ++p) changed = pass(whole / float(passes)) || changed;
-    return changed;
-}
 
 }  // namespace corvelle

@@ -7,6 +7,7 @@
 #include "expr/testing/pictures.h"
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
+#include "tools/smoothPasses.h"
 #include "tools/texturePaint.h"
 
 namespace corvelle {
@@ -177,6 +178,83 @@ TEST(TexturePaint, TheLowestTriangleOwnsAPixel) {
     paint.beginEdit(scalp);
     EXPECT_FALSE(paint.applyEdit(sphereAt({0, 50, 0}, 10.0f, 1.0f), 1.0f, kWhite));
     EXPECT_TRUE(paint.applyEdit(sphereAt({0, 0, 0}, 10.0f, 1.0f), 1.0f, kWhite));
+}
+
+/// A plane of 10 cm, its halves on two islands of the UVs, the right one turned by half a turn.
+ScalpPtr cutPlane(int quads = 8) {
+    ScalpMesh mesh = makePlane(quads, quads, 10.0f);
+    std::vector<Vec2f> uvs(mesh.uvs().begin(), mesh.uvs().end());
+    for (std::size_t t = 0; t < mesh.triangles().size(); ++t) {
+        float middle = 0.0f;
+        for (std::size_t c = 0; c < 3; ++c) middle += uvs[3 * t + c].x / 3.0f;
+        for (std::size_t c = 0; c < 3; ++c) {
+            Vec2f& uv = uvs[3 * t + c];
+            uv = middle < 0.5f ? Vec2f{0.05f + 0.8f * uv.x, 0.1f + 0.8f * uv.y}
+                               : Vec2f{0.95f - 0.8f * (uv.x - 0.5f), 0.9f - 0.8f * uv.y};
+        }
+    }
+    mesh.setUvs(uvs);
+    return std::make_shared<const ScalpMesh>(std::move(mesh));
+}
+
+/// What an image shows at a place of a plane.
+float shownAt(const PaintImage& image, const ScalpMesh& scalp, Vec3f place) {
+    SurfaceHit hit;
+    EXPECT_TRUE(scalp.closestPoint(place, 1.0f, hit));
+    const Vec2f uv = scalp.surfaceUv(hit.root());
+    return image.texture()->sample(uv.x, uv.y, MapComponent::R);
+}
+
+TEST(TexturePaint, SmoothingCrossesTheSeamsOfTheUvs) {
+    // The same strokes on the plane in one piece and cut in two: the same picture on the scalp.
+    std::array<std::shared_ptr<const PaintImage>, 2> images;
+    const std::array<ScalpPtr, 2> scalps = {planeOver({0.1f, 0.1f}, 0.8f, 8), cutPlane()};
+    for (std::size_t i = 0; i < 2; ++i) {
+        TexturePaint paint(PaintImage::filled(300, 300, 1, {0}));
+        paint.beginEdit(scalps[i]);
+        // White on the left half alone: the brush ends where the cut is.
+        EXPECT_TRUE(paint.applyEdit(sphereAt({-100.0f, 0, 0}, 100.0f, 1.0f), 1.0f, kWhite));
+        for (int pass = 0; pass < 300; ++pass)
+            EXPECT_TRUE(paint.smoothEdit(sphereAt({0, 0, 0}, 3.0f, 1.0f), 1.0f));
+        images[i] = paint.endEdit();
+    }
+    float beyond = 0.0f;
+    for (const float x : {-1.5f, -0.6f, -0.3f, 0.3f, 0.6f, 1.5f})
+        for (const float z : {-2.0f, -0.7f, 0.0f, 1.3f}) {
+            const float whole = shownAt(*images[0], *scalps[0], {x, 0, z});
+            const float cut = shownAt(*images[1], *scalps[1], {x, 0, z});
+            EXPECT_NEAR(whole, cut, 0.04f) << x << " " << z;
+            if (x > 0.0f) beyond = std::max(beyond, cut);
+        }
+    EXPECT_GT(beyond, 0.2f) << "nothing came over";
+}
+
+TEST(TexturePaint, SmoothingKeepsIslandsApartThatTouchInThePictureAlone) {
+    // Two squares one above the other, 50 cm apart, whose islands share a line of the picture.
+    ScalpMesh mesh({{0, 0, 0},
+                    {10, 0, 0},
+                    {10, 0, 10},
+                    {0, 0, 10},
+                    {0, 50, 0},
+                    {10, 50, 0},
+                    {10, 50, 10},
+                    {0, 50, 10}},
+                   {{0, 1, 2}, {0, 2, 3}, {4, 5, 6}, {4, 6, 7}});
+    const auto corner = [](float left, float u, float v) { return Vec2f{left + 0.5f * u, v}; };
+    std::vector<Vec2f> uvs;
+    for (const float left : {0.0f, 0.5f})
+        for (const auto& [u, v] : {std::pair{0, 0}, {1, 0}, {1, 1}, {0, 0}, {1, 1}, {0, 1}})
+            uvs.push_back(corner(left, float(u), float(v)));
+    mesh.setUvs(uvs);
+    Bytes bytes(128 * 128, 0);
+    for (std::size_t p = 0; p < bytes.size(); ++p)
+        if (p % 128 < 64) bytes[p] = 255;
+    const auto start = PaintImage::fromPixels(128, 128, 1, bytes);
+    TexturePaint paint(start);
+    paint.beginEdit(std::make_shared<const ScalpMesh>(std::move(mesh)));
+    for (int pass = 0; pass < 20; ++pass)
+        EXPECT_FALSE(paint.smoothEdit(sphereAt({5, 25, 5}, 100.0f, 1.0f), 1.0f));
+    EXPECT_EQ(paint.endEdit(), start);
 }
 
 TEST(TexturePaint, SmoothingEvensOutAndLeavesAnEvenMapAlone) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <utility>
 
 #include "model/elementary.h"
@@ -12,7 +13,8 @@ namespace {
 using Matrix = std::array<double, 16>;
 using Vec4 = std::array<double, 4>;
 
-constexpr double kNearestW = 1e-9;  // of what lies before the camera
+constexpr double kNearestW = 1e-9;     // of what lies before the camera
+constexpr double kLeastPivot = 1e-18;  // of rows whose largest number is 1
 
 Vec4 times(const Matrix& m, const Vec4& v) {
     Vec4 out{};
@@ -25,15 +27,31 @@ Vec4 toClip(const ToolView& view, Vec3f p) {
     return times(view.matrix, {double(p.x), double(p.y), double(p.z), 1.0});
 }
 
-/// By Gauss and Jordan, with the largest pivot of a column.
+/// By Gauss and Jordan, with the largest pivot of a column. False: no inverse within what doubles
+/// tell.
 bool invert(Matrix m, Matrix& out) {
     out = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    double largest = 0.0;
+    for (const double value : m) {
+        if (!std::isfinite(value)) return false;
+        largest = std::max(largest, std::abs(value));
+    }
+    // Rows of one scale: a camera far off mixes numbers of very different size.
+    for (std::size_t r = 0; r < 4; ++r) {
+        double scale = 0.0;
+        for (std::size_t k = 0; k < 4; ++k) scale = std::max(scale, std::abs(m[4 * r + k]));
+        if (!(scale > largest * std::numeric_limits<double>::min())) return false;
+        for (std::size_t k = 0; k < 4; ++k) {
+            m[4 * r + k] /= scale;
+            out[4 * r + k] /= scale;
+        }
+    }
     for (std::size_t c = 0; c < 4; ++c) {
         std::size_t pivot = c;
         for (std::size_t r = c + 1; r < 4; ++r)
             if (std::abs(m[4 * r + c]) > std::abs(m[4 * pivot + c])) pivot = r;
         const double value = m[4 * pivot + c];
-        if (!(std::abs(value) > 0.0) || !std::isfinite(value)) return false;
+        if (!(std::abs(value) > kLeastPivot)) return false;
         for (std::size_t k = 0; k < 4; ++k) {
             std::swap(m[4 * c + k], m[4 * pivot + k]);
             std::swap(out[4 * c + k], out[4 * pivot + k]);
@@ -125,9 +143,11 @@ std::optional<ToolView> makeToolView(const Matrix& groomToClip, double width, do
     view.height = height;
     if (!(width > 0.0) || !(height > 0.0) || !invert(groomToClip, view.inverse)) return {};
     const auto isZero = [](double v) { return v == 0.0; };
-    view.isOrthographic = std::all_of(groomToClip.begin() + 12, groomToClip.begin() + 15, isZero);
+    // Without perspective clip w is the same everywhere: no place of the groom is the eye's.
+    const Vec4 eye = times(view.inverse, {0.0, 0.0, 1.0, 0.0});
+    view.isOrthographic =
+        eye[3] == 0.0 || std::all_of(groomToClip.begin() + 12, groomToClip.begin() + 15, isZero);
     if (!view.isOrthographic) {
-        const Vec4 eye = times(view.inverse, {0.0, 0.0, 1.0, 0.0});
         view.cameraPosition = narrow({eye[0] / eye[3], eye[1] / eye[3], eye[2] / eye[3], 1.0});
         if (!isFinite(view.cameraPosition)) return {};
     }

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "model/parallel.h"
+#include "tools/mortonCode.h"
 
 namespace corvelle {
 namespace {
@@ -27,13 +28,6 @@ std::uint32_t checked(const char* operation, std::span<const float> values, int 
             fail(operation, "vertex " + std::to_string(t.first) + " is none of the scalp's " +
                                 std::to_string(vertices));
     return channels == 1 ? 1u : mask & 15u;
-}
-
-/// Five bits spread to every third bit.
-std::uint32_t spread(std::uint32_t v) {
-    std::uint32_t out = 0;
-    for (std::uint32_t bit = 0; bit < 5; ++bit) out |= (v >> bit & 1u) << (3 * bit);
-    return out;
 }
 
 }  // namespace
@@ -97,8 +91,8 @@ bool smoothVertexMap(std::span<float> values, int channels, std::uint32_t channe
 }
 
 VertexBlocks::VertexBlocks(const ScalpMesh& scalp) {
-    // Sorted along a Morton curve over a grid of 32 cells a side (Morton, IBM technical report,
-    // 1966), by counting: vertices of a cell keep their order.
+    // Sorted along a Morton curve over a grid of 32 cells a side, by counting: vertices of a cell
+    // keep their order.
     constexpr std::uint32_t kSide = 32, kCells = kSide * kSide * kSide;
     const std::span<const Vec3f> points = scalp.points();
     const Vec3f low = scalp.boundsMin(), size = scalp.boundsMax() - low;
@@ -113,7 +107,7 @@ VertexBlocks::VertexBlocks(const ScalpMesh& scalp) {
             const float share =
                 size[axis] > 0.0f ? (points[v][axis] - low[axis]) / size[axis] : 0.0f;
             const float at = std::clamp(share * float(kSide), 0.0f, float(kSide - 1));
-            cell |= spread(std::isfinite(at) ? std::uint32_t(at) : 0u) << axis;
+            cell |= mortonSpread(std::isfinite(at) ? std::uint32_t(at) : 0u) << axis;
         }
         cellOf[v] = cell;
         ++start[cell + 1];

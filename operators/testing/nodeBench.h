@@ -31,6 +31,8 @@ public:
     /// How the last evaluation went: "full", "incremental 3", ...
     std::string status() const { return graph_.status().at(node_); }
     std::string warning() const;
+    /// What the node told of its last run.
+    const std::string& details() { return graph_.node(node_).runDetails; }
 
     /// What the node says to an evaluation that fails; empty when it does not.
     std::string error();

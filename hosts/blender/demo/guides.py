@@ -58,7 +58,8 @@ def head_guides(count: int = 60, points: int = 12) -> Tuple[np.ndarray, np.ndarr
     phi = np.pi * (1.0 + np.sqrt(5.0)) * i
     ring = np.sqrt(1.0 - z * z)
     directions = np.stack([ring * np.cos(phi), ring * np.sin(phi), z], axis=1)
-    candidates = directions[scalp_mask(directions) > 0.35]
+    # Nearer to the ears than hair grows, so that strands there lie between guides.
+    candidates = directions[scalp_mask(directions, bare=0.34) > 0.35]
     chosen = candidates[_spread(candidates, count)]
     roots = chosen * head_radius(chosen)[:, None]
     normals = _head_normals(chosen)

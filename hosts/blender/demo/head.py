@@ -72,14 +72,15 @@ def head_radius(directions: np.ndarray) -> np.ndarray:
     return r
 
 
-def scalp_mask(directions: np.ndarray) -> np.ndarray:
-    """Where hair grows, 0 to 1: above a hairline that runs over the ears to the nape."""
+def scalp_mask(directions: np.ndarray, bare: float = 0.47) -> np.ndarray:
+    """Where hair grows, 0 to 1: above a hairline that runs over the ears to the nape. `bare` is how wide
+    the skin round the ears is left free, in radians: the skull bends outward there."""
     d = np.asarray(directions, np.float64)
     d = d / np.linalg.norm(d, axis=1, keepdims=True)
     azimuth = np.abs(np.arctan2(d[:, 0], -d[:, 1]))  # 0 in front, pi behind
     line = np.interp(azimuth, [0.0, 0.5, 0.9, 1.25, 1.55, 1.9, 2.4, np.pi],
                      [0.58, 0.62, 0.50, 0.24, 0.22, -0.10, -0.34, -0.36])
-    ears = sum(_bump(d, (side, 0.10, -0.04), 0.34) for side in (1.0, -1.0))
+    ears = sum(_bump(d, (side, 0.10, -0.04), bare) for side in (1.0, -1.0))
     above = np.clip((d[:, 2] - line) / 0.09, 0.0, 1.0)
     return above * above * (3.0 - 2.0 * above) * np.clip(1.0 - 1.6 * ears, 0.0, 1.0)
 
@@ -117,7 +118,7 @@ def make_head(rings: int = 64, segments: int = 96) -> Mesh:
 
     faceIndices = np.concatenate(indices).astype(np.int32)
     # A hairline, but no lone hairs below it.
-    mask = np.clip(1.25 * scalp_mask(directions) - 0.25, 0.0, 1.0).astype(np.float32)[faceIndices]
+    mask = np.clip(1.4 * scalp_mask(directions) - 0.4, 0.0, 1.0).astype(np.float32)[faceIndices]
     color = np.stack([mask, mask, mask, np.ones_like(mask)], axis=1)
     return Mesh(points, np.concatenate(counts), faceIndices, np.concatenate(uvs).astype(np.float32), {"scalp": color})
 

@@ -157,8 +157,16 @@ def _default(param: Dict[str, Any]) -> str:
 def _range(param: Dict[str, Any]) -> str:
     if param.get("choices"):
         return ", ".join(param["choices"])
-    ends = [f"{param[key]:g}" if key in param else "" for key in ("min", "max")]
-    return f"{ends[0]} to {ends[1]}".strip() if any(ends) else ""
+    low, high = (param.get(key) for key in ("min", "max"))
+    if low is not None:
+        return f"{low:g} to {high:g}" if high is not None else f"from {low:g}"
+    if high is not None:
+        return f"up to {high:g}"
+    return f"(slider {param['softMin']:g} to {param['softMax']:g})" if {"softMin", "softMax"} <= set(param) else ""
+
+
+def _port(port: Dict[str, Any]) -> str:
+    return f"`{port['name']}` ({port['type']}{', optional' if port.get('optional') else ''})"
 
 
 def page_text(specs: List[Dict[str, Any]], pictures: Path) -> str:
@@ -174,9 +182,10 @@ def page_text(specs: List[Dict[str, Any]], pictures: Path) -> str:
             lines += [f"### {spec['type']}", "", spec["description"], ""]
             if (pictures / f"{spec['type']}.png").exists():
                 lines += [f"![{spec['type']}, before and after](images/nodes/{spec['type']}.png)", ""]
-            ports = ", ".join(f"`{p['name']}` ({p['type']})" for p in spec["inputs"]) or "none"
-            output = f" Output: {spec['output']['type']}." if "output" in spec else ""
-            lines += [f"Inputs: {ports}.{output}", ""]
+            ports = ", ".join(_port(port) for port in spec["inputs"]) or "none"
+            outputs = spec.get("outputs") or [spec["output"]]
+            gives = "s: " + ", ".join(_port(port) for port in outputs) if len(outputs) > 1 else f": {outputs[0]['type']}"
+            lines += [f"Inputs: {ports}. Output{gives}.", ""]
             if spec["params"]:
                 lines += ["| Param | Default | Range | |", "|---|---|---|---|"]
                 for param in spec["params"]:

@@ -78,15 +78,18 @@ class Canvas:
 
 
 class LightMap:
-    """How deep points lie behind the first thing that the light meets: a shadow map."""
+    """How much light reaches points: a shadow map with the share of each cell that is covered, so that
+    a lone strand in front of a cheek does not put it into the dark."""
 
     CELLS = 640
+    FULL = 3.0  # points of hair in a cell that leave a third of the light
 
     def __init__(self, toward: np.ndarray, center: np.ndarray, size: float) -> None:
         self._axes = View(tuple(toward), (0.1, 0.2, 1.0), center, size).axes()
         self._center, self._size = center, size
         self.cell = size / self.CELLS
         self._first = np.full(self.CELLS * self.CELLS, np.inf)
+        self._covered = np.zeros(self.CELLS * self.CELLS)
 
     def _place(self, points: np.ndarray) -> Tuple[np.ndarray, np.ndarray]:
         p = points - self._center
@@ -94,17 +97,22 @@ class LightMap:
                 for axis in self._axes[:2])
         return y * self.CELLS + x, p @ self._axes[2]
 
-    def add(self, points: np.ndarray) -> None:
+    def add(self, points: np.ndarray, solid: bool) -> None:
         cell, depth = self._place(points)
+        if solid:
+            self._covered[cell] = np.inf
+        else:
+            self._covered += np.bincount(cell, minlength=len(self._covered))
         order = np.argsort(-depth, kind="stable")  # nearest written last
         cell, depth = cell[order], depth[order]
         nearer = depth < self._first[cell]
         self._first[cell[nearer]] = depth[nearer]
 
-    def depth(self, points: np.ndarray) -> np.ndarray:
-        """In scene units; 0 for what the light meets first."""
+    def reaches(self, points: np.ndarray, fade: float) -> np.ndarray:
+        """1 for what the light meets first, less behind it, over `fade` in scene units."""
         cell, depth = self._place(points)
-        return np.maximum(depth - np.minimum(self._first[cell], 1e9), 0.0)
+        behind = np.maximum(depth - np.minimum(self._first[cell], 1e9), 0.0)
+        return 1.0 - (1.0 - np.exp(-behind / fade)) * (1.0 - np.exp(-self._covered[cell] / self.FULL))
 
 
 def _shade_hair(points: np.ndarray, tangents: np.ndarray, colors: np.ndarray, view: View, light: np.ndarray,
@@ -186,17 +194,17 @@ def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[
         drawn = _some_strands(hair, most)
         shadows = LightMap(light, view.center, view.height * 1.6)
         places, normals = _mesh_points(*mesh, 0.75 * spacing) if mesh is not None else (np.zeros((0, 3)), np.zeros((0, 3)))
-        shadows.add(places)
-        shadows.add(_hair_points(drawn, shadows.cell)[0])
-        facing = np.clip(normals @ -light, 0.0, 1.0)
-        lit = 0.30 + 0.75 * facing * np.exp(-shadows.depth(places) / (0.03 * view.height))
+        shadows.add(places, solid=True)
+        shadows.add(_hair_points(drawn, shadows.cell)[0], solid=False)
+        facing, seen = (np.clip(normals @ -axis, 0.0, 1.0) for axis in (light, forward))
+        lit = 0.14 + 0.22 * seen + 0.75 * facing * shadows.reaches(places, 0.03 * view.height)
         canvas.splat(places, (lit[:, None] * np.asarray(skin)).astype(np.float32), view)
         for first in range(0, len(drawn.offsets) - 1, STRANDS_AT_ONCE):
             offsets = np.asarray(drawn.offsets)[first : first + STRANDS_AT_ONCE + 1]
             part = Hair(drawn.positions[offsets[0] : offsets[-1]], offsets - offsets[0],
                         drawn.colors[first : first + STRANDS_AT_ONCE])
             points, tangents, colors = _hair_points(part, 1.6 * spacing)
-            shadow = 0.25 + 0.75 * np.exp(-shadows.depth(points) / (0.035 * view.height))
+            shadow = 0.25 + 0.75 * shadows.reaches(points, 0.035 * view.height)
             canvas.splat(points, _shade_hair(points, tangents, colors, view, light, shadow), view)
         pictures.append(canvas.image())
     return np.concatenate(pictures, axis=1)

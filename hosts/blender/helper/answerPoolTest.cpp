@@ -1,11 +1,10 @@
-#include "hosts/blender/helper/answerPool.h"
-
 #include <cstring>
 #include <stdexcept>
 #include <vector>
 
 #include <gmock/gmock.h>
 
+#include "hosts/blender/helper/answerPool.h"
 #include "hosts/blender/helper/arrayReader.h"
 #include "model/parallel.h"
 

@@ -1,5 +1,3 @@
-#include "hosts/blender/helper/arrayReader.h"
-
 #include <cstring>
 #include <functional>
 #include <limits>
@@ -7,6 +5,7 @@
 
 #include <gmock/gmock.h>
 
+#include "hosts/blender/helper/arrayReader.h"
 #include "hosts/blender/helper/requestError.h"
 
 namespace corvelle {
@@ -63,8 +62,7 @@ TEST_F(ArrayReader, ListsMayNestAsTheyPlease) {
 TEST_F(ArrayReader, ListsOfOtherThingsThanNumbersAreRefused) {
     for (const char* text : {"[1, \"2\"]", "[true]", "[[null]]", "[{}]"}) {
         const Json value = Json::parse(text);
-        EXPECT_EQ(floatsFailure(value),
-                  "bad_request: points holds something that is not a number");
+        EXPECT_EQ(floatsFailure(value), "bad_request: points holds something that is not a number");
         EXPECT_EQ(intsFailure(value), "bad_request: counts holds something that is not a number");
     }
     EXPECT_EQ(intsFailure(Json::parse("[1, 2.0]")),
@@ -186,9 +184,9 @@ TEST_F(ArrayReader, NoInfinityAndNoNanGetsIn) {
     const std::string refused = "bad_request: points holds a NaN or an infinity";
     EXPECT_EQ(floatsFailure(Json::parse("[1, 1e300]")), refused);
     EXPECT_EQ(floatsFailure(Json::parse("[[1], [-1e39]]")), refused);
-    for (const float bad : {std::numeric_limits<float>::quiet_NaN(),
-                            std::numeric_limits<float>::infinity(),
-                            -std::numeric_limits<float>::infinity()})
+    for (const float bad :
+         {std::numeric_limits<float>::quiet_NaN(), std::numeric_limits<float>::infinity(),
+          -std::numeric_limits<float>::infinity()})
         for (const std::size_t place : {0, 5, 99}) {
             std::vector<float> values(100, 1.0f);
             values[place] = bad;
@@ -196,8 +194,9 @@ TEST_F(ArrayReader, NoInfinityAndNoNanGetsIn) {
         }
     EXPECT_EQ(floatsFailure(refer(std::vector<double>{1e300}, "<f8")), refused);
     const float largest = std::numeric_limits<float>::max();
-    EXPECT_THAT(readFloats(refer(std::vector<float>{largest, 1e-45f, -0.0f}, "<f4"), "a", 1, opened),
-                ElementsAre(largest, 1e-45f, -0.0f));
+    EXPECT_THAT(
+        readFloats(refer(std::vector<float>{largest, 1e-45f, -0.0f}, "<f4"), "a", 1, opened),
+        ElementsAre(largest, 1e-45f, -0.0f));
 }
 
 TEST_F(ArrayReader, IdsKeepAllTheirBitsAndAreNeverNegative) {

@@ -1,6 +1,7 @@
 #include "hosts/blender/helper/displayBuilder.h"
 
 #include "hosts/blender/helper/displayGeometry.h"
+#include "hosts/blender/helper/hostPoints.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 
@@ -91,8 +92,8 @@ void DisplayBuilder::build(const DisplaySource& source) {
             std::vector<Vec3f>& points = geometry.positions;
             parallelRange(0, points.size(), kChunkElements,
                           [&](std::size_t begin, std::size_t end) {
-                              for (std::size_t i = begin; i < end; ++i)
-                                  points[i] = source.space.pointToHost(points[i]);
+                              pointsToHost(std::span(points).subspan(begin, end - begin),
+                                           source.space, points.data() + begin);
                           });
         }
         std::uint64_t hash = hashPointBits(

@@ -21,32 +21,43 @@ Json channelsJson(const EvaluationResult& result) {
     return channels;
 }
 
-/// Of a shown Clump node: the middles of its clumps' roots, by ascending number. Null for another node.
-std::shared_ptr<const std::vector<Vec3f>> clumpCenters(const GroomSession& groom) {
-    const EvaluationResult& result = groom.result();
-    const Graph* graph = groom.lastGraph();
-    const NodeId node = graph && !result.viewNode.empty() ? graph->find(result.viewNode) : 0;
-    if (node == 0 || !result.strands || graph->node(node).op->type() != "Clump") return nullptr;
-    const StrandSet& strands = *result.strands;
-    const auto* numbers = strands.strandChannel(graph->node(node).op->text("clumpChannel"));
-    if (!numbers) return nullptr;
+/// The middle of each clump's roots, by the clumps' ascending numbers.
+std::vector<Vec3f> middlesOf(const StrandSet& strands, std::span<const float> numbers) {
     struct Sum {
         double x = 0.0, y = 0.0, z = 0.0, count = 0.0;
     };
     std::map<float, Sum> clumps;
     for (std::size_t s = 0; s < strands.strandCount(); ++s) {
-        if ((*numbers)[s] < 0.0f) continue;
+        if (!(numbers[s] >= 0.0f)) continue;
         const Vec3f root = strands.pointsOf(s).front();
-        Sum& sum = clumps[(*numbers)[s]];
+        Sum& sum = clumps[numbers[s]];
         sum.x += root.x;
         sum.y += root.y;
         sum.z += root.z;
         sum.count += 1.0;
     }
-    std::vector<Vec3f> centers;
+    std::vector<Vec3f> middles;
     for (const auto& [number, sum] : clumps)
-        centers.push_back({float(sum.x / sum.count), float(sum.y / sum.count), float(sum.z / sum.count)});
-    return std::make_shared<const std::vector<Vec3f>>(std::move(centers));
+        middles.push_back(
+            {float(sum.x / sum.count), float(sum.y / sum.count), float(sum.z / sum.count)});
+    return middles;
+}
+
+/// Of a shown Clump node, null for another: the very object of the last call while its strands are.
+std::shared_ptr<const std::vector<Vec3f>> clumpCenters(ToolState& tools,
+                                                       const GroomSession& groom) {
+    const EvaluationResult& result = groom.result();
+    const Graph* graph = groom.lastGraph();
+    const NodeId node = graph && !result.viewNode.empty() ? graph->find(result.viewNode) : 0;
+    if (node == 0 || !result.strands || graph->node(node).op->type() != "Clump") return nullptr;
+    const std::string channel = graph->node(node).op->text("clumpChannel");
+    const auto* numbers = result.strands->strandChannel(channel);
+    if (!numbers) return nullptr;
+    auto& held = tools.clumps;
+    if (held.strands != result.strands || held.channel != channel)
+        held = {result.strands, channel,
+                std::make_shared<const std::vector<Vec3f>>(middlesOf(*result.strands, *numbers))};
+    return held.places;
 }
 
 DisplaySource sourceOf(HelperSession& session) {
@@ -60,7 +71,7 @@ DisplaySource sourceOf(HelperSession& session) {
             .frozen = tools.selection.frozen(),
             .solo = tools.solo,
             .toolLevel = tools.choice.settings().level,
-            .clumpCenters = clumpCenters(groom),
+            .clumpCenters = clumpCenters(tools, groom),
             .space = session.space};
 }
 

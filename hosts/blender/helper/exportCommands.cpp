@@ -23,18 +23,6 @@ struct FormatRow {
 constexpr FormatRow kFormats[] = {{"alembic", ExportSettings::Format::Alembic},
                                   {"usd", ExportSettings::Format::Usd}};
 
-/// Failures of the engine as replies of their own codes.
-template <class Step>
-auto withCodes(const Step& step) {
-    try {
-        return step();
-    } catch (const ExportEvaluationError& error) {
-        failRequest("evaluation", error.what());
-    } catch (const ExportFileError& error) {
-        failRequest("io", error.what());
-    }
-}
-
 /// What `startFrame` and `step` say, checked; frames themselves come one by one.
 void checkSteps(const Json& request) {
     optionalNumber(request, "startFrame", 1.0);
@@ -55,9 +43,7 @@ std::unique_ptr<GroomExport> exportStart(const HelperSession& session, const Jso
     settings.application = kApplication;
     settings.version = kVersion;
     settings.guides = optionalBool(request, "guides", false);
-    return withCodes([&] {
-        return std::make_unique<GroomExport>(std::move(settings), session.groom->framesPerSecond());
-    });
+    return std::make_unique<GroomExport>(std::move(settings), session.groom->framesPerSecond());
 }
 
 float readDensity(const Json& request) {
@@ -74,20 +60,22 @@ double currentFrame(const HelperSession& session) {
 /// Evaluates and writes one frame. What the next `evaluate` counts is not touched by it.
 std::size_t exportFrame(HelperSession& session, GroomExport& job, double frame, float density) {
     GroomSession& groom = *session.groom;
-    if (!std::isfinite(secondsFromFrames(frame, groom.framesPerSecond())))
-        failRequest("bad_request", "\"frame\" must be finite in seconds");
+    const double seconds = secondsFromFrames(frame, groom.framesPerSecond());
+    if (!std::isfinite(seconds)) failRequest("bad_request", "\"frame\" must be finite in seconds");
+    job.requireRising(frame);
     const std::uint64_t evaluated = groom.nodesEvaluated(), incremental = groom.nodesIncremental();
     const auto leaveCounters = [&] {
         session.lastNodesEvaluated += groom.nodesEvaluated() - evaluated;
         session.lastNodesIncremental += groom.nodesIncremental() - incremental;
     };
     try {
-        const std::size_t strands = withCodes([&] {
-            playGuideCache(session, secondsFromFrames(frame, groom.framesPerSecond()));
-            return job.writeFrame(groom, frame, density);
-        });
+        playGuideCache(session, seconds);
+        const std::size_t strands = job.writeFrame(groom, frame, density);
         leaveCounters();
         return strands;
+    } catch (const ExportEvaluationError& error) {
+        leaveCounters();
+        failRequest("evaluation", error.what());
     } catch (...) {
         leaveCounters();
         throw;
@@ -115,12 +103,8 @@ auto findExport(const CommandContext& context) {
 void playGuideCache(HelperSession& session, double seconds) {
     if (!session.guideCache) return;
     GroomSession& groom = *session.groom;
-    try {
-        groom.setGuides(
-            session.guideCache->guidesAt(seconds, groom.document().guides, groom.scalp().get()));
-    } catch (const AlembicError& error) {
-        failRequest("io", error.what());
-    }
+    groom.setGuides(
+        session.guideCache->guidesAt(seconds, groom.document().guides, groom.scalp().get()));
 }
 
 Json exportOpenCommand(const CommandContext& context) {
@@ -145,7 +129,7 @@ Json exportCloseCommand(const CommandContext& context) {
     // The job goes whatever comes: a writer that failed cannot be finished a second time.
     const std::shared_ptr<GroomExport> job = found->second;
     context.session().exports.erase(found);
-    withCodes([&] { job->close(); });
+    job->close();
     return {{"path", job->path()}, {"frames", job->frames()}, {"warnings", job->warnings()}};
 }
 
@@ -171,7 +155,7 @@ Json exportCommand(const CommandContext& context) {
     std::size_t strands = 0;
     for (std::size_t i = 0; i < std::size_t(count); ++i)
         strands = exportFrame(session, *job, first + double(i) * step, density);
-    withCodes([&] { job->close(); });
+    job->close();
     return {{"path", job->path()},
             {"frames", job->frames()},
             {"strands", strands},

@@ -20,11 +20,8 @@ Json sessionGraph(const GroomSession& groom) {
     return graph;
 }
 
-Json& nodeJson(Json& graph, const std::string& name) {
-    if (const auto nodes = graph.find("nodes"); nodes != graph.end() && nodes->is_array())
-        for (Json& node : *nodes)
-            if (node.is_object() && node.value("name", Json()) == name) return node;
-    failRequest("not_found", "no node '" + name + "'");
+void requireNode(const GraphEdit& edit, const std::string& name) {
+    if (!edit.has(name)) failRequest("not_found", "no node '" + name + "'");
 }
 
 /// The node as the engine holds it: of the session's graph, or of the default one.
@@ -69,18 +66,14 @@ bool fits(const ParamSpec& spec, const Json& value) {
 
 using EditOp = Json (*)(GraphEdit&, const Json& request);
 
-void requireNode(const GraphEdit& edit, const std::string& name) {
-    if (!edit.has(name)) failRequest("not_found", "no node '" + name + "'");
-}
-
 Json addNodeOp(GraphEdit& edit, const Json& request) {
     const Json* params = findField(request, "params");
     Json position;
     if (findField(request, "x") || findField(request, "y"))
         position = {optionalNumber(request, "x", 0.0), optionalNumber(request, "y", 0.0)};
     const std::string& type = requireString(request, "type");
-    return {{"name", edit.addNode(type, optionalString(request, "name", ""), params ? *params : Json::object(),
-                                  position)}};
+    return {{"name", edit.addNode(type, optionalString(request, "name", ""),
+                                  params ? *params : Json::object(), position)}};
 }
 
 Json removeNodeOp(GraphEdit& edit, const Json& request) {
@@ -120,7 +113,8 @@ Json setPositionsOp(GraphEdit& edit, const Json& request) {
         failRequest("bad_request", "positions is {node: [x, y]}");
     for (const auto& [name, value] : positions->items()) {
         requireNode(edit, name);
-        if (!value.is_array() || value.size() != 2 || !value[0].is_number() || !value[1].is_number())
+        if (!value.is_array() || value.size() != 2 || !value[0].is_number() ||
+            !value[1].is_number())
             failRequest("bad_request", "the position of '" + name + "' is [x, y]");
         edit.setPosition(name, value[0].get<double>(), value[1].get<double>());
     }
@@ -148,10 +142,11 @@ struct EditRow {
     EditOp apply;
 };
 constexpr EditRow kEdits[] = {
-    {"add_node", addNodeOp},         {"remove_node", removeNodeOp},     {"rename_node", renameNodeOp},
-    {"connect", connectOp},          {"disconnect", disconnectOp},      {"set_output", setOutputOp},
-    {"upgrade_node", upgradeNodeOp}, {"set_positions", setPositionsOp}, {"set_bypass", setBypassOp},
-    {"set_evaluation", setEvaluationOp},
+    {"add_node", addNodeOp},         {"remove_node", removeNodeOp},
+    {"rename_node", renameNodeOp},   {"connect", connectOp},
+    {"disconnect", disconnectOp},    {"set_output", setOutputOp},
+    {"upgrade_node", upgradeNodeOp}, {"set_positions", setPositionsOp},
+    {"set_bypass", setBypassOp},     {"set_evaluation", setEvaluationOp},
 };
 
 EditOp editOp(const std::string& op) {
@@ -190,9 +185,10 @@ Json listNodesCommand(const CommandContext& context) {
     Json nodes = Json::array();
     for (const Json& node : graph.value("nodes", Json::array())) {
         Json row{{"name", node.at("name")}, {"type", node.at("type")}};
-        row["version"] = node.contains("version")
-                             ? node.at("version")
-                             : Json(OperatorRegistry::instance().create(node.at("type"))->nodeVersion());
+        row["version"] =
+            node.contains("version")
+                ? node.at("version")
+                : Json(OperatorRegistry::instance().create(node.at("type"))->nodeVersion());
         nodes.push_back(std::move(row));
     }
     return {{"nodes", std::move(nodes)}, {"output", graph.value("output", "")}};
@@ -208,14 +204,17 @@ Json getParamCommand(const CommandContext& context) {
     const GroomSession& groom = *context.session().groom;
     const std::string& name = requireString(context.request, "node");
     const std::string& param = requireString(context.request, "param");
-    Json graph = sessionGraph(groom);
-    const Json& json = nodeJson(graph, name);
+    GraphEdit graph(sessionGraph(groom));
+    requireNode(graph, name);
+    const Json& json = graph.node(name);
     if (const auto params = json.find("params"); params != json.end() && params->contains(param))
         return {{"param", param}, {"value", params->at(param)}};
     const NodeView node(groom, name);
     const ParamSpec* spec = node->op->paramSpec(param);
     if (!spec) failNoParam(name, param);
-    return {{"param", param}, {"value", paramToJson(spec->defaultValue, spec->whole)}, {"default", true}};
+    return {{"param", param},
+            {"value", paramToJson(spec->defaultValue, spec->whole)},
+            {"default", true}};
 }
 
 Json setParamCommand(const CommandContext& context) {
@@ -223,8 +222,9 @@ Json setParamCommand(const CommandContext& context) {
     const std::string& name = requireString(context.request, "node");
     const std::string& param = requireString(context.request, "param");
     const Json& value = requireField(context.request, "value");
-    Json graph = sessionGraph(groom);
-    Json& json = nodeJson(graph, name);
+    GraphEdit graph(sessionGraph(groom));
+    requireNode(graph, name);
+    Json& json = graph.node(name);
     {
         const NodeView node(groom, name);
         const ParamSpec* spec = node->op->paramSpec(param);
@@ -232,11 +232,12 @@ Json setParamCommand(const CommandContext& context) {
         if (!spec && !definition) failNoParam(name, param);
         if (spec && !fits(*spec, value))
             failRequest("type_mismatch", name + "." + param + " takes a " + kindWord(*spec) +
-                                             (spec->isMappable() ? " or a map" : "") + ", not " + value.dump());
+                                             (spec->isMappable() ? " or a map" : "") + ", not " +
+                                             value.dump());
     }
     if (!json["params"].is_object()) json["params"] = Json::object();
     json["params"][param] = value;
-    groom.setGraphJson(graph.dump());
+    groom.setGraphJson(graph.json().dump());
     return {{"param", param}, {"value", value}};
 }
 
@@ -248,7 +249,8 @@ Json editGraphCommand(const CommandContext& context) {
     Json answer = apply(edit, context.request);
     std::map<std::string, std::string> renamed;
     if (op == "rename_node")
-        renamed[context.request.at("name").get<std::string>()] = context.request.at("newName").get<std::string>();
+        renamed[context.request.at("name").get<std::string>()] =
+            context.request.at("newName").get<std::string>();
     groom.setGraphJson(edit.json().dump(), renamed);
     answer["graphError"] = groom.graphError();
     if (const std::vector<std::string> warnings = seedCollisions(edit.json()); !warnings.empty())

@@ -42,15 +42,26 @@ void addCache(Json& info, const char* key, const GroomFileCache& cache) {
     if (!cache.file.empty()) info[key] = {{"file", cache.file}, {"object", cache.object}};
 }
 
-/// Names below the folder that the groom came from, as ones below `folder`.
-void rebaseCaches(GroomFile& file, const std::string& folder) {
+/// Names relative to the folder that the groom came from, as ones relative to `folder`. Pictures
+/// that lie elsewhere are found by the search paths, and keep their names.
+void rebaseFiles(GroomFile& file, const std::string& folder) {
     const auto rebase = [&](std::string& path) {
         path = rebaseGroomPath(path, file.directory, folder);
+    };
+    const auto liesBeside = [&](const std::string& path) {
+        std::error_code error;
+        return path.find('\0') == std::string::npos &&
+               std::filesystem::is_regular_file(utf8Path(file.directory) / utf8Path(path), error);
     };
     rebase(file.scalpCache.file);
     rebase(file.guideCache.file);
     rebase(file.cardBakePrefix);
     for (auto& [node, bake] : file.simCaches) rebase(bake.file);
+    if (!file.maps || file.directory.empty()) return;
+    MapCatalogValue maps = *file.maps;
+    for (auto& [name, map] : maps.maps)
+        if (!map.file.empty() && liesBeside(map.file)) rebase(map.file);
+    file.maps = std::make_shared<const MapCatalogValue>(std::move(maps));
 }
 
 Json defaultGraph(const ScalpPtr& scalp) {
@@ -110,7 +121,7 @@ Json loadGroomCommand(const CommandContext& context) {
     if (file.units != "cm")
         failRequest("unsupported", path + ": its units are " + file.units +
                                        "; Corvelle reads grooms in centimeters (Maya's own unit)");
-    const std::string fileUpAxis = checkedUpAxis(file.upAxis);
+    const std::string fileUpAxis = file.upAxis;
     convertGroomFileUpAxis(file, "Y");
     installGroom(session, OpenedGroom(std::move(file)));
     session.seconds = 0.0;
@@ -128,9 +139,7 @@ Json saveGroomCommand(const CommandContext& context) {
     std::error_code error;
     const std::filesystem::path target = std::filesystem::absolute(utf8Path(path), error);
     const std::string folder = utf8Text(target.lexically_normal().parent_path());
-    rebaseCaches(file, folder);
-    file.directory = folder;
-    auto kept = std::make_shared<const GroomFile>(file);
+    rebaseFiles(file, folder);
     convertGroomFileUpAxis(file, upAxis);
     const std::string text = groomFileText(file);
     try {
@@ -138,7 +147,6 @@ Json saveGroomCommand(const CommandContext& context) {
     } catch (const FileError&) {
         failRequest("io", "cannot write '" + path + "'");
     }
-    session.file = std::move(kept);
     return {{"path", path}, {"upAxis", upAxis}, {"units", "cm"}};
 }
 

@@ -14,7 +14,8 @@ namespace {
 
 constexpr float kNewGuideTube = 0.1f;  ///< radius of a new hierarchy guide's tube, at root and tip
 constexpr char kSetGuides[] = "set guides";  ///< the undo step
-constexpr std::uint64_t kFirstHashId = std::uint64_t(1) << 53;  ///< ids of generated children fill 64 bits
+constexpr std::uint64_t kFirstHashId = std::uint64_t(1)
+                                       << 53;  ///< ids of generated children fill 64 bits
 
 std::string readPose(const Json& request) {
     std::string pose = optionalString(request, "pose", "now");
@@ -34,20 +35,22 @@ std::string readLayer(const Json& request, const char* field, const char* automa
 /// The curves of a request, in groom space, ids 0 where none was given.
 std::vector<GuideCurve> readCurves(const CommandContext& context) {
     const Json& request = context.request;
-    const std::vector<Vec3f> points =
-        readPoints(requireField(request, "points"), "points", context.session().space, context.regions);
+    const std::vector<Vec3f> points = readPoints(requireField(request, "points"), "points",
+                                                 context.session().space, context.regions);
     const std::vector<std::int32_t> counts =
         readInts(requireField(request, "counts"), "counts", 1, context.regions);
     std::vector<std::uint64_t> ids;
     if (const Json* given = findField(request, "ids")) {
         ids = readIds(*given, "ids", context.regions);
-        if (ids.size() != counts.size()) failRequest("bad_request", "ids must hold one ID per curve");
+        if (ids.size() != counts.size())
+            failRequest("bad_request", "ids must hold one ID per curve");
     }
     std::int64_t total = 0;
     for (const std::int32_t count : counts) total += count;
     if (total != std::int64_t(points.size()))
-        failRequest("bad_request", "the counts add up to " + std::to_string(total) + " points, not the " +
-                                       std::to_string(points.size()) + " given");
+        failRequest("bad_request", "the counts add up to " + std::to_string(total) +
+                                       " points, not the " + std::to_string(points.size()) +
+                                       " given");
     for (const std::int32_t count : counts)
         if (count < 2) failRequest("bad_request", "a guide needs 2 points or more");
     std::set<std::uint64_t> seen;
@@ -120,8 +123,8 @@ std::uint32_t rootGroupOf(GuideHierarchy& hierarchy) {
     return hierarchy.addGroup("guides", 0);
 }
 
-Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& curves, bool restPose,
-                        bool keepMissing) {
+Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& curves,
+                        bool restPose, bool keepMissing) {
     finishStroke(session);
     GroomSession& groom = *session.groom;
     const std::shared_ptr<const GuideHierarchy> stored = groom.hierarchy();
@@ -169,7 +172,9 @@ Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& c
         if (curve.id != 0 && work.guide(curve.id)) continue;
         SurfaceHit hit;
         StrandRoot root;
-        if (scalp && scalp->closestPoint(curve.points.front(), ScalpMesh::kAnyDistance, hit)) root = hit.root();
+        if (scalp && scalp->closestPoint(curve.points.front(), ScalpMesh::kAnyDistance, hit))
+            root = hit.root();
+        while (curve.id == 0 && work.guide(fresh)) ++fresh;  // it may have come among the hashes
         const std::uint64_t id = work.addGuide(rootGroupOf(work), root, curve.points,
                                                curve.id != 0 ? curve.id : fresh++, scalp.get());
         work.setTube(id, {kNewGuideTube, kNewGuideTube}, 0.0f);
@@ -194,7 +199,8 @@ Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& c
         if (!back.guide(guide->id)) gone.push_back(guide->id);
     if (!gone.empty()) next.removeGuides(gone);
     for (const Added& guide : added) {
-        next.addGuide(rootGroupOf(next), guide.root, back.guide(guide.id)->points, guide.id, bind.get());
+        next.addGuide(rootGroupOf(next), guide.root, back.guide(guide.id)->points, guide.id,
+                      bind.get());
         next.setTube(guide.id, {kNewGuideTube, kNewGuideTube}, 0.0f);
     }
     editGuides(session, std::move(next), kSetGuides);
@@ -222,7 +228,8 @@ Json getGuidesCommand(const CommandContext& context) {
     if (!guides) guides = std::make_shared<const GuideSet>();
 
     std::vector<std::int32_t> counts(guides->size());
-    for (std::size_t g = 0; g < counts.size(); ++g) counts[g] = std::int32_t(guides->pointsOf(g).size());
+    for (std::size_t g = 0; g < counts.size(); ++g)
+        counts[g] = std::int32_t(guides->pointsOf(g).size());
     AnswerPool& pool = session.guidePool;
     pool.prepare(AnswerPool::bytesOf(guides->points().size(), sizeof(Vec3f)) +
                  AnswerPool::bytesOf(counts.size(), 4) + AnswerPool::bytesOf(guides->size(), 8));
@@ -242,15 +249,17 @@ Json setGuidesCommand(const CommandContext& context) {
     GroomSession& groom = *context.session().groom;
     std::vector<GuideCurve> curves = readCurves(context);
     const bool hierarchyInUse = !groom.document().guides && !groom.hierarchy()->empty();
-    const std::string target = readLayer(context.request, "target", hierarchyInUse ? "hierarchy" : "flat");
+    const std::string target =
+        readLayer(context.request, "target", hierarchyInUse ? "hierarchy" : "flat");
     const std::string pose = readPose(context.request);
     const bool keepMissing = optionalBool(context.request, "keepMissing", false);
     const std::size_t count = curves.size();
     const bool flat = target == "flat";
-    const Edit edit = flat ? setFlatGuides(groom, std::move(curves), pose == "rest")
-                           : setHierarchyGuides(context.session(), curves, pose == "rest", keepMissing);
-    Json result{{"target", target},         {"guides", count},           {"changed", edit.changed},
-                {"added", edit.added},      {"removed", edit.removed},   {"updated", edit.updated}};
+    const Edit edit =
+        flat ? setFlatGuides(groom, std::move(curves), pose == "rest")
+             : setHierarchyGuides(context.session(), curves, pose == "rest", keepMissing);
+    Json result{{"target", target},    {"guides", count},         {"changed", edit.changed},
+                {"added", edit.added}, {"removed", edit.removed}, {"updated", edit.updated}};
     if (flat) result["pose"] = pose;
     return result;
 }

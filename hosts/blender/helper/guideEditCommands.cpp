@@ -388,8 +388,15 @@ Json guidesInfoCommand(const CommandContext& context) {
 Json guidesEditCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     const OpRow& row = opOf(context.request);
-    finishStroke(session);
     GroomSession& groom = *session.groom;
+    ToolState& tools = toolsOf(session);
+    if (tools.brush.dragging()) {
+        // An edit that fails leaves the stroke going, so it is tried on what the stroke shows.
+        GuideHierarchy tried = *groom.shownHierarchy();
+        GuideOp trial{row.op, context.request, session, tried, groom.scalp()};
+        row.apply(trial);
+        finishStroke(session);
+    }
     // Edits happen on the scalp as it is shown, where mirror planes and ids of the host speak of
     // it.
     const std::shared_ptr<const GuideHierarchy> shown = groom.activeHierarchy();
@@ -402,7 +409,6 @@ Json guidesEditCommand(const CommandContext& context) {
     DocumentState state;
     state.hierarchy = groom.toDocumentPose(std::make_shared<const GuideHierarchy>(std::move(next)));
     groom.edit(std::move(state), edit.label);
-    ToolState& tools = toolsOf(session);
     if (edit.thawed) {
         tools.selection.freeze({});
         tools.solo.clear();

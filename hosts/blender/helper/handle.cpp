@@ -4,11 +4,12 @@
 #include <new>
 #include <stdexcept>
 
+#include "expr/texture.h"
 #include "graph/graphError.h"
 #include "hosts/blender/helper/dispatch.h"
 #include "hosts/blender/helper/requestError.h"
 #include "io/groomFileError.h"
-#include "tools/paramBrush.h"
+#include "tools/strokeErrors.h"
 #include "tools/strokeHost.h"
 
 namespace corvelle {
@@ -38,11 +39,13 @@ Json handle(HelperState& state, const Json& request) {
         return failureReply(id, "parse", error.what());
     } catch (const Json::exception& error) {
         return failureReply(id, "bad_request", error.what());
-    } catch (const MapNotFound& error) {
+    } catch (const StrokeNotFound& error) {
         return failureReply(id, "not_found", error.what());
-    } catch (const PaintStateError& error) {
+    } catch (const StrokeStateError& error) {
         return failureReply(id, "state", error.what());
     } catch (const std::invalid_argument& error) {
+        return failureReply(id, "bad_request", error.what());
+    } catch (const TextureError& error) {
         return failureReply(id, "bad_request", error.what());
     } catch (const std::bad_alloc&) {
         return failureReply(id, "out_of_memory", "out of memory");

@@ -18,7 +18,6 @@ class GroomExport;
 class GroomSession;
 class SimulationBake;
 struct EvaluationResult;
-struct GroomFile;
 struct ToolState;
 
 /// One groom that a host works on: the engine's document, and what this process keeps around it.
@@ -37,25 +36,21 @@ struct HelperSession {
     std::shared_ptr<GroomSession> groom;
     double seconds = 0.0;  ///< the current time
     AnswerPool strandPool, guidePool, scalpPool;
-    StrandAnswerCache strandAnswer;  ///< what lies in strandPool
+    StrandAnswerCache strandAnswer;                          ///< what lies in strandPool
     std::shared_ptr<const EvaluationResult> lastEvaluation;  ///< of the last `evaluate`; null: none
     std::uint64_t lastNodesEvaluated = 0, lastNodesIncremental = 0;  ///< counters at that time
-    std::shared_ptr<ToolState> tools;  ///< this session's alone; null until first used
+    std::shared_ptr<ToolState> tools;               ///< this session's alone; null until first used
     std::shared_ptr<AlembicGuideCache> guideCache;  ///< plays the flat guides; null: none
     std::map<std::int32_t, std::shared_ptr<GroomExport>> exports;  ///< open ones, by number
     std::int32_t nextExport = 1;
     std::map<std::string, std::shared_ptr<SimulationBake>> simulationBakes;  ///< by Simulate node
-    /// The groom as it was last opened or saved; null: neither.
-    std::shared_ptr<const GroomFile> file;
     std::vector<std::string> inputErrors;  ///< what failed while it was opened
-    bool mapsFolderMade = false;           ///< the session's own folder for maps is there, and clean
+    bool mapsFolderMade = false;  ///< the session's own folder for maps is there, and clean
     std::string mapsDir;  ///< for painted maps, as the host gave it; empty: the session's own
     OwnFolder ownMaps;    ///< of its maps, once made
 
 private:
-    std::string poolBase(const char* kind) const {
-        return "s" + std::to_string(number) + kind;
-    }
+    std::string poolBase(const char* kind) const { return "s" + std::to_string(number) + kind; }
 };
 
 /// What lives as long as the process. Destroyed at the end of the line loop, and with it every

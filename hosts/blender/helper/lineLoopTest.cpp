@@ -1,5 +1,3 @@
-#include "hosts/blender/helper/lineLoop.h"
-
 #include <random>
 #include <set>
 #include <sstream>
@@ -9,6 +7,7 @@
 #include "hosts/blender/helper/command.h"
 #include "hosts/blender/helper/dispatch.h"
 #include "hosts/blender/helper/handle.h"
+#include "hosts/blender/helper/lineLoop.h"
 #include "hosts/blender/helper/requestError.h"
 
 namespace corvelle {
@@ -33,7 +32,8 @@ protected:
 };
 
 TEST_F(LineLoop, BlankLinesHaveNoReply) {
-    for (const char* line : {"", " ", "\t \t", "\r", " \r"}) EXPECT_EQ(ask(line), "no reply") << line;
+    for (const char* line : {"", " ", "\t \t", "\r", " \r"})
+        EXPECT_EQ(ask(line), "no reply") << line;
     EXPECT_EQ(failure("\r\r"), "bad_request: not a JSON line") << "one CR is stripped, one stays";
     EXPECT_TRUE(ask("{\"cmd\":\"ping\"}\r\r")["ok"]) << "and is white space behind a request";
 }
@@ -115,8 +115,8 @@ TEST_F(LineLoop, SessionsAreFoundByTheirWholeNumber) {
     EXPECT_EQ(asked("null"), "bad_request: missing \"session\"");
     for (const char* bad : {"1.0", "\"1\"", "true", "[1]"})
         EXPECT_EQ(asked(bad), "bad_request: \"session\" must be a session's number");
-    for (const char* other : {"999", "0", "-1", "4294967297", "-4294967295",
-                              "18446744073709551615", "9223372036854775809"})
+    for (const char* other : {"999", "0", "-1", "4294967297", "-4294967295", "18446744073709551615",
+                              "9223372036854775809"})
         EXPECT_EQ(asked(other), "no_session: no session " + std::string(other));
 }
 
@@ -174,17 +174,24 @@ TEST_F(LineLoop, AnswersEveryMangledLine) {
         for (auto edits = random() % 4; edits > 0; --edits) {
             const std::size_t at = random() % line.size();
             switch (random() % 3) {
-                case 0: line[at] = static_cast<char>(random()); break;
-                case 1: line.erase(at, random() % 8); break;
-                default: line.insert(at, line.substr(random() % line.size(), random() % 30)); break;
+                case 0:
+                    line[at] = static_cast<char>(random());
+                    break;
+                case 1:
+                    line.erase(at, random() % 8);
+                    break;
+                default:
+                    line.insert(at, line.substr(random() % line.size(), random() % 30));
+                    break;
             }
             if (line.empty()) line = " ";
         }
         const std::optional<std::string> reply = answerLine(state, line);
         if (!reply) continue;
         ASSERT_TRUE(Json::accept(*reply)) << line;
-        refused += *reply == "{\"error\":{\"code\":\"bad_request\",\"message\":\"not a JSON line\"},"
-                             "\"id\":null,\"ok\":false}\n";
+        refused += *reply ==
+                   "{\"error\":{\"code\":\"bad_request\",\"message\":\"not a JSON line\"},"
+                   "\"id\":null,\"ok\":false}\n";
     }
     EXPECT_GT(refused, 500u) << "too few broken lines to prove anything";
 }

@@ -64,7 +64,7 @@ Json entryJson(HelperSession& session, const std::string& name, const PaintedMap
 std::map<std::string, PaintedMap> allMaps(GroomSession& groom) {
     std::map<std::string, PaintedMap> maps;
     std::set<std::string> layers;
-    const auto hierarchy = groom.hierarchy();
+    const auto hierarchy = groom.shownHierarchy();
     for (const auto& [name, value] : hierarchy->declaredAttributes()) layers.insert(name);
     for (const GuidePtr& guide : hierarchy->guides()) {
         for (const auto& [name, value] : guide->attributes) layers.insert(name);
@@ -116,6 +116,19 @@ MapRequest readMapRequest(const Json& request, const BrushToolSettings& settings
     return map;
 }
 
+void checkMapRequest(const MapRequest& map, const ScalpPtr& scalp, const GuideHierarchy& guides) {
+    if (map.kind == Kind::Guides) {
+        if (map.color)
+            failRequest("bad_request",
+                        "a guide layer is gray: make a color map on the scalp's vertices or as a "
+                        "texture");
+        return requirePrimaryGuides(guides);
+    }
+    if (!scalp) failRequest("state", "no scalp to paint on: set_scalp first");
+    if (map.kind == Kind::Texture && scalp->uvs().empty())
+        failRequest("state", "the scalp has no UVs to paint a texture map on");
+}
+
 std::shared_ptr<const PaintImage> evenImage(const MapRequest& map) {
     std::array<std::uint8_t, 4> pixel{};
     for (std::size_t c = 0; c < 4; ++c)
@@ -147,28 +160,26 @@ Json mapCreateCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     GroomSession& groom = *session.groom;
     const MapRequest map = readMapRequest(context.request, toolsOf(session).choice.settings());
-    finishStroke(session);
+    // All that may fail comes before the end of a stroke under way.
     if (allMaps(groom).contains(map.name))
         failRequest("bad_request", "the groom already has a map named '" + map.name + "'");
     const ScalpPtr& scalp = groom.scalp();
+    checkMapRequest(map, scalp, *groom.shownHierarchy());
+    const std::string file =
+        map.kind == Kind::Texture ? mapFile(makeMapsDir(session), map.name) : std::string();
+    finishStroke(session);
     PaintedMap made;
     made.kind = map.kind;
     made.channels = map.channels();
     DocumentState next;
     switch (map.kind) {
         case Kind::Guides: {
-            if (map.color)
-                failRequest("bad_request",
-                            "a guide layer is gray: make a color map on the scalp's vertices or as "
-                            "a texture");
-            requirePrimaryGuides(*groom.hierarchy());
             GuideHierarchy guides = *groom.hierarchy();
             guides.addAttribute(map.name, map.value);
             next.hierarchy = std::make_shared<const GuideHierarchy>(std::move(guides));
             break;
         }
         case Kind::Vertices: {
-            if (!scalp) failRequest("state", "no scalp to paint on: set_scalp first");
             const std::size_t channels = std::size_t(made.channels);
             std::vector<float> values(scalp->points().size() * channels);
             for (std::size_t i = 0; i < values.size(); ++i)
@@ -178,10 +189,7 @@ Json mapCreateCommand(const CommandContext& context) {
             break;
         }
         case Kind::Texture:
-            if (!scalp) failRequest("state", "no scalp to paint on: set_scalp first");
-            if (scalp->uvs().empty())
-                failRequest("state", "the scalp has no UVs to paint a texture map on");
-            made.file = mapFile(makeMapsDir(session), map.name);
+            made.file = file;
             next.images[map.name] = evenImage(map);
             made.image = next.images[map.name]->texture();
             break;
@@ -200,10 +208,10 @@ Json mapRemoveCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     GroomSession& groom = *session.groom;
     const std::string& name = requireString(context.request, "name");
-    finishStroke(session);
     const auto maps = allMaps(groom);
     const auto found = maps.find(name);
     if (found == maps.end()) failRequest("not_found", "no map named '" + name + "'");
+    finishStroke(session);
     DocumentState next;
     const auto catalog = catalogOf(groom);
     if (catalog->maps.erase(name) > 0) next.maps = MapCatalogPtr(catalog);

@@ -7,10 +7,9 @@
 
 namespace corvelle {
 
-OpenedGroom::OpenedGroom(GroomFile groomFile)
-    : file(std::move(groomFile)), groom(std::make_shared<GroomSession>(file)) {
-    caches = openCaches(file, errors);
-    if (!file.scalpCache.file.empty())
+OpenedGroom::OpenedGroom(GroomFile file) : groom(std::make_shared<GroomSession>(std::move(file))) {
+    caches = openCaches(groom->document(), errors);
+    if (!groom->document().scalpCache.file.empty())
         errors.push_back(
             "the scalp cache is the host's to play: the helper evaluates the scalp it is "
             "given");
@@ -20,7 +19,6 @@ void installGroom(HelperSession& session, OpenedGroom opened) {
     cancelStroke(session);
     session.groom = std::move(opened.groom);
     rebindTools(session);
-    session.file = std::make_shared<const GroomFile>(std::move(opened.file));
     session.inputErrors = std::move(opened.errors);
     session.guideCache = std::move(opened.caches.guides);
     session.simulationBakes = std::move(opened.caches.bakes);

@@ -13,9 +13,8 @@ namespace corvelle {
 struct OpenedGroom {
     /// Throws what GroomSession's constructor throws. Caches that do not open become lines of
     /// `errors`.
-    explicit OpenedGroom(GroomFile groomFile);
+    explicit OpenedGroom(GroomFile file);
 
-    GroomFile file;
     std::shared_ptr<GroomSession> groom;
     GroomCaches caches;
     std::vector<std::string> errors;

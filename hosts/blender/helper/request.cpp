@@ -50,6 +50,12 @@ double optionalNumber(const Json& object, std::string_view key, double otherwise
     return number;
 }
 
+float optionalFloat(const Json& object, std::string_view key, float otherwise) {
+    const auto number = float(optionalNumber(object, key, double(otherwise)));
+    if (!std::isfinite(number)) failField(key, "must be finite");
+    return number;
+}
+
 std::string optionalString(const Json& object, std::string_view key, std::string_view otherwise) {
     const Json* value = findField(object, key);
     return value ? stringOf(*value, key) : std::string(otherwise);

@@ -29,6 +29,8 @@ bool optionalBool(const Json& object, std::string_view key, bool otherwise);
 /// Integers and fractions alike.
 /// Throws: "\"<key>\" must be a number"; "\"<key>\" must be finite".
 double optionalNumber(const Json& object, std::string_view key, double otherwise);
+/// The same for what is kept as a float.
+float optionalFloat(const Json& object, std::string_view key, float otherwise);
 
 /// Throws: "\"<key>\" must be a string".
 std::string optionalString(const Json& object, std::string_view key, std::string_view otherwise);

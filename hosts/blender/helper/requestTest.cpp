@@ -1,10 +1,9 @@
-#include "hosts/blender/helper/request.h"
-
 #include <functional>
 #include <limits>
 
 #include <gmock/gmock.h>
 
+#include "hosts/blender/helper/request.h"
 #include "hosts/blender/helper/requestError.h"
 
 namespace corvelle {
@@ -41,7 +40,8 @@ TEST(Request, ValueThatIsNoObjectHasNoFields) {
 }
 
 TEST(Request, ReadersTakeTheirTypeAlone) {
-    const Json request = Json::parse(R"({"yes": true, "one": 1, "half": 0.5, "text": "t", "list": []})");
+    const Json request =
+        Json::parse(R"({"yes": true, "one": 1, "half": 0.5, "text": "t", "list": []})");
     EXPECT_TRUE(optionalBool(request, "yes", false));
     EXPECT_EQ(optionalNumber(request, "one", 0), 1.0);
     EXPECT_EQ(optionalNumber(request, "half", 0), 0.5);
@@ -59,9 +59,9 @@ TEST(Request, ReadersTakeTheirTypeAlone) {
 }
 
 TEST(Request, NumberThatIsNotFiniteIsRefused) {
-    for (const double value : {std::numeric_limits<double>::infinity(),
-                               -std::numeric_limits<double>::infinity(),
-                               std::numeric_limits<double>::quiet_NaN()}) {
+    for (const double value :
+         {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity(),
+          std::numeric_limits<double>::quiet_NaN()}) {
         const Json request = {{"a", value}};
         EXPECT_EQ(failureOf([&] { optionalNumber(request, "a", 0); }),
                   "bad_request: \"a\" must be finite");

@@ -14,28 +14,30 @@ namespace {
 /// Fans of the polygons, and which face corner each triangle corner came from.
 struct Faces {
     std::vector<Triangle> triangles;
-    std::vector<std::int32_t> fans;           ///< triangles of each face
-    std::vector<std::uint32_t> cornerOf;      ///< per triangle corner
+    std::vector<std::int32_t> fans;       ///< triangles of each face
+    std::vector<std::uint32_t> cornerOf;  ///< per triangle corner
 };
 
 Faces readFaces(const CommandContext& context, std::size_t pointCount) {
     const std::vector<std::int32_t> counts =
         readInts(requireField(context.request, "faceCounts"), "faceCounts", 1, context.regions);
-    const std::vector<std::int32_t> indices =
-        readInts(requireField(context.request, "faceIndices"), "faceIndices", 1, context.regions);
     std::uint64_t corners = 0;
     for (std::size_t f = 0; f < counts.size(); ++f) {
         if (counts[f] < 3)
             failRequest("bad_request", "face " + std::to_string(f) + " has fewer than 3 corners");
         corners += std::uint64_t(counts[f]);
     }
+    const std::vector<std::int32_t> indices =
+        readInts(requireField(context.request, "faceIndices"), "faceIndices", 1, context.regions);
     if (corners != indices.size())
-        failRequest("bad_request", "the face counts add up to " + std::to_string(corners) + " corners, not the " +
-                                       std::to_string(indices.size()) + " face indices");
+        failRequest("bad_request", "the face counts add up to " + std::to_string(corners) +
+                                       " corners, not the " + std::to_string(indices.size()) +
+                                       " face indices");
     for (const std::int32_t index : indices)
         if (index < 0 || std::size_t(index) >= pointCount)
-            failRequest("bad_request", "face index " + std::to_string(index) + " is not one of the " +
-                                           std::to_string(pointCount) + " points");
+            failRequest("bad_request", "face index " + std::to_string(index) +
+                                           " is not one of the " + std::to_string(pointCount) +
+                                           " points");
     Faces faces;
     const std::size_t triangles = indices.size() - 2 * counts.size();
     faces.triangles.reserve(triangles);
@@ -67,7 +69,8 @@ std::vector<Value> spreadCorners(const std::vector<float>& floats, const Faces& 
 ScalpPtr readScalp(const CommandContext& context) {
     const SceneSpace& space = context.session().space;
     const Json& request = context.request;
-    std::vector<Vec3f> points = readPoints(requireField(request, "points"), "points", space, context.regions);
+    std::vector<Vec3f> points =
+        readPoints(requireField(request, "points"), "points", space, context.regions);
     const std::size_t pointCount = points.size();
     Faces faces = readFaces(context, pointCount);
     const std::size_t corners = faces.triangles.size() + 2 * faces.fans.size();
@@ -83,7 +86,8 @@ ScalpPtr readScalp(const CommandContext& context) {
     std::map<std::string, std::vector<Color4f>> colorSets;
     if (const Json* sets = findField(request, "colorSets")) {
         if (!sets->is_object())
-            failRequest("bad_request", "colorSets is an object of name to 4 floats per face corner");
+            failRequest("bad_request",
+                        "colorSets is an object of name to 4 floats per face corner");
         for (const auto& [name, value] : sets->items()) {
             const std::string label = "color set " + name;
             const std::vector<float> floats = readFloats(value, label, 4, context.regions);
@@ -137,7 +141,8 @@ RebuiltFaces rebuildFaces(const ScalpMesh& mesh) {
         const std::size_t end = first + std::size_t(fan);
         bool isFan = fan > 0;
         for (std::size_t t = first + 1; t < end && isFan; ++t)
-            isFan = triangles[t][0] == triangles[first][0] && triangles[t][1] == triangles[t - 1][2];
+            isFan =
+                triangles[t][0] == triangles[first][0] && triangles[t][1] == triangles[t - 1][2];
         if (isFan) {
             faces.counts.push_back(fan + 2);
             for (std::size_t c = 0; c < 3; ++c) addCorner(first, c);
@@ -196,8 +201,8 @@ Json updateScalpCommand(const CommandContext& context) {
     GroomSession& groom = *session.groom;
     if (!groom.scalp()) failRequest("state", "the session has no scalp: set_scalp first");
     const std::size_t count = groom.scalp()->points().size();
-    std::vector<Vec3f> points =
-        readPoints(requireField(context.request, "points"), "points", session.space, context.regions);
+    std::vector<Vec3f> points = readPoints(requireField(context.request, "points"), "points",
+                                           session.space, context.regions);
     if (points.size() != count)
         failRequest("bad_request", "the scalp has " + std::to_string(count) + " points, not " +
                                        std::to_string(points.size()));
@@ -228,7 +233,8 @@ Json getScalpCommand(const CommandContext& context) {
         }
     }
     AnswerPool& pool = session.scalpPool;
-    pool.prepare(320 + 4 * (faces.counts.size() + faces.indices.size() + uvs.size() + 6 * scalp->points().size()));
+    pool.prepare(320 + 4 * (faces.counts.size() + faces.indices.size() + uvs.size() +
+                            6 * scalp->points().size()));
     Json arrays{{"points", writePoints(pool, scalp->points(), session.space, groomSpace)},
                 {"faceCounts", writeInts(pool, faces.counts)},
                 {"faceIndices", writeInts(pool, faces.indices)}};

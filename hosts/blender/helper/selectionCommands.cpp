@@ -33,8 +33,7 @@ std::size_t takeSelection(HelperSession& session, GuideIds ids) {
 
 void readRadius(HelperSession& session, const Json& request) {
     if (!findField(request, "softSelectRadius")) return;
-    const double radius = optionalNumber(request, "softSelectRadius", 0.0);
-    toolsOf(session).choice.setSoftSelectRadius(float(std::max(radius, 0.0)));
+    toolsOf(session).choice.setSoftSelectRadius(optionalFloat(request, "softSelectRadius", 0.0f));
 }
 
 std::int32_t readLevel(const Json& request, std::int32_t otherwise) {
@@ -95,7 +94,7 @@ Json selectCommand(const CommandContext& context) {
     if (lasso.empty()) failRequest("bad_request", kLassoText);
     const SelectionMode mode = readMode(request);
     const PickOptions options{
-        .clickPixels = float(std::max(optionalNumber(request, "clickPixels", kPickPixels), 0.0)),
+        .clickPixels = std::max(optionalFloat(request, "clickPixels", kPickPixels), 0.0f),
         .rootsOnly = optionalBool(request, "rootsOnly", false)};
     const bool solo = optionalBool(request, "solo", false);
     requireScalp(session);
@@ -151,7 +150,6 @@ Json selectionSetCommand(const CommandContext& context) {
         const std::int32_t level = readLevel(request, 0);
         take([&](const Guide& guide) { return hierarchy->depthOf(guide.group) == level; });
     }
-    optionalNumber(request, "softSelectRadius", 0.0);
     readRadius(session, request);
     if (given) takeSelection(session, combineSelection(tools.selection.ids(), hit, mode));
     return {{"selection", selectionJson(session)}};

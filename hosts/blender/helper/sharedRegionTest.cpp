@@ -1,5 +1,3 @@
-#include "hosts/blender/helper/sharedRegion.h"
-
 #include <array>
 #include <cstring>
 #include <functional>
@@ -9,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include "hosts/blender/helper/platform/processStart.h"
+#include "hosts/blender/helper/sharedRegion.h"
 
 #if !defined(_WIN32)
 #include <cerrno>
@@ -145,9 +144,9 @@ TEST(SharedRegionPosix, ReadOfARegionThatShrinksIsAnErrorAndNoCrash) {
 
 TEST(SharedRegionPosix, OpensNothingThatIsNoMemory) {
     const PeerRegion empty("regionEmpty", 0);
-    EXPECT_EQ(failureOf([&] { SharedRegion::open(empty.name); }),
-              "cannot map shared memory '" + empty.name + "': system error " +
-                  std::to_string(EINVAL));
+    EXPECT_EQ(
+        failureOf([&] { SharedRegion::open(empty.name); }),
+        "cannot map shared memory '" + empty.name + "': system error " + std::to_string(EINVAL));
 
     // Opening a pipe for reading would wait for a writer that never comes.
     const std::string name = regionName("regionPipe", 0);
@@ -176,7 +175,8 @@ TEST(SharedRegionPosix, WriteToARegionThatAPeerTruncatedGoesNowhere) {
 
 TEST(SharedRegionPosix, TooBigForTheSystemFailsWhenItIsMade) {
     const std::string name = regionName("regionTest", 6);
-    for (const std::uint64_t size : {std::uint64_t{1} << 50, ~std::uint64_t{0} / 2, ~std::uint64_t{0}}) {
+    for (const std::uint64_t size :
+         {std::uint64_t{1} << 50, ~std::uint64_t{0} / 2, ~std::uint64_t{0}}) {
         EXPECT_THAT(failureOf([&] { SharedRegion::create(name, size); }),
                     testing::StartsWith("cannot make shared memory '" + name + "': system error "));
         EXPECT_THAT(failureOf([&] { SharedRegion::open(name); }),
@@ -202,9 +202,9 @@ TEST(SharedRegionPosix, SweepTakesWhatTheDeadLeftAndNothingElse) {
         return access(("/dev/shm/" + name).c_str(), F_OK) == 0;
     };
     const std::string pre = "corvelle_";
-    const std::vector<std::string> dead = {
-        pre + std::to_string(gone) + "_s1strands_1", pre + std::to_string(zombie) + "_s1guides_2",
-        pre + std::to_string(processNumber()) + "_s1scalp_1"};
+    const std::vector<std::string> dead = {pre + std::to_string(gone) + "_s1strands_1",
+                                           pre + std::to_string(zombie) + "_s1guides_2",
+                                           pre + std::to_string(processNumber()) + "_s1scalp_1"};
     const std::vector<std::string> alive = {pre + std::to_string(getppid()) + "_sweepTest_1",
                                             pre + std::to_string(gone) + "sweepTest",
                                             pre + "sweepTest_1", pre + "-5_sweepTest_1",

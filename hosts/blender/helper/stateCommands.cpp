@@ -57,6 +57,7 @@ Json textureEntry(const std::string& name, const PaintedMap& map, const PathReso
             if (bytes.starts_with(kPngSignature))
                 return {{"name", name}, {"png", base64FromBytes(bytes)}};
         } catch (const FileError&) {
+        } catch (const std::invalid_argument&) {  // no path at all
         }
     }
     return {{"name", name}, {"stored", map.file}};

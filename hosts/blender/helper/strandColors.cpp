@@ -129,8 +129,8 @@ StrandColorRequest readStrandColors(const Json& value) {
     request.channel = optionalString(value, "channel", "");
     request.name = optionalString(value, "name", "");
     if (source == "map") request.map = request.name;
-    request.min = float(optionalNumber(value, "min", 0.0));
-    request.max = float(optionalNumber(value, "max", 1.0));
+    request.min = optionalFloat(value, "min", 0.0f);
+    request.max = optionalFloat(value, "max", 1.0f);
     request.perPoint = optionalBool(value, "perPoint", false);
     request.clumpChannel = optionalString(value, "clumpId", "clumpId");
     return request;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kPointsText[] = "points is a list of [x, y] or [x, y, pressure]";
 
-float readPressure(const Json& request) { return float(optionalNumber(request, "pressure", 1.0)); }
+float readPressure(const Json& request) { return optionalFloat(request, "pressure", 1.0f); }
 
 void requireStroke(const ToolState& tools) {
     if (!tools.brush.dragging()) failRequest("state", "no stroke: stroke_begin first");
@@ -22,10 +22,7 @@ void requireStroke(const ToolState& tools) {
 
 float requirePixel(const Json& request, const char* key) {
     requireField(request, key);
-    const float pixel = float(optionalNumber(request, key, 0.0));
-    if (!std::isfinite(pixel))
-        failRequest("bad_request", "\"" + std::string(key) + "\" must be finite");
-    return pixel;
+    return optionalFloat(request, key, 0.0f);
 }
 
 std::vector<StrokePoint> readPixels(const Json& value, float pressure, const char* notList) {
@@ -108,16 +105,16 @@ Json strokeBeginCommand(const CommandContext& context) {
     if (!tools.choice.tool().strokes)
         failRequest("state", "the Select tool picks guides (select), it does not stroke");
     requireScalp(session);
-    const ToolView before = tools.view.value_or(ToolView{});
-    const bool hadView = tools.view.has_value();
+    const std::optional<ToolView> before = tools.view;
     const ToolView view = requireView(context);
     if (tools.brush.dragging()) {  // commits as it was seen when it was drawn
-        if (hadView) tools.view = before;
+        tools.view = before;
         finishStroke(session);
         tools.view = view;
     }
     const std::string graph = session.groom->document().graph;
     tools.host->takeWarnings();
+    tools.hovered = {};
     tools.brush.settings = strokeSettings(session, tools);
     const bool press = tools.brush.begin(*tools.host, view, x, y, pressure, shift, ctrl);
     return {{"press", press},
@@ -153,7 +150,9 @@ Json strokeEndCommand(const CommandContext& context) {
     HelperSession& session = context.session();
     ToolState& tools = toolsOf(session);
     requireStroke(tools);
+    const BrushRing ring = tools.brush.ring();
     const StrokeResult result = tools.brush.end(*tools.host, *tools.view);
+    tools.ring = ring;
     Json slots = Json::array();
     for (const DocumentSlot slot : result.slots) slots.push_back(documentSlotName(slot));
     Json answer{{"released", true},
@@ -190,7 +189,10 @@ Json undoCommand(const CommandContext& context) {
     const std::string graph = groom.document().graph;
     finishStroke(session);
     const GroomSession::UndoOutcome outcome = context.name == "undo" ? groom.undo() : groom.redo();
-    if (outcome.done) tools.solo.clear();
+    if (outcome.done) {
+        tools.solo.clear();
+        tools.hovered = {};
+    }
     for (const std::string& text : writePaintImages(groom, outcome.images))
         tools.host->notify(text);
     Json answer = undoJson(groom);

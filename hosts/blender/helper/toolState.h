@@ -89,6 +89,13 @@ struct ToolState {
     HoverHit hovered;
     BrushRing ring;  ///< at the last hover
 
+    /// The middles of a shown Clump's clumps, as the last `display` found them.
+    struct {
+        StrandsPtr strands;
+        std::string channel;
+        std::shared_ptr<const std::vector<Vec3f>> places;
+    } clumps;
+
     AnswerPool displayPool, overlayPool;
     DisplayBuilder display;
     Overlay overlay;

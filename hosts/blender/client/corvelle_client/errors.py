@@ -87,7 +87,7 @@ class EvaluationFailed(RequestFailed):
 
 
 class IoFailed(RequestFailed):
-    """A file cannot be read or written."""
+    """A groom or a painted picture cannot be written."""
 
 
 class OutOfMemory(RequestFailed):
@@ -95,7 +95,8 @@ class OutOfMemory(RequestFailed):
 
 
 class InternalError(RequestFailed):
-    """Anything else: a fault of the helper's own."""
+    """Anything else: an Alembic or USD file that cannot be read or written, or a fault of the
+    helper's own."""
 
 
 _BY_CODE: Dict[str, Type[RequestFailed]] = {

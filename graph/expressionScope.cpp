@@ -1,17 +1,16 @@
+#include "graph/expressionScope.h"
+
 #include <algorithm>
 #include <mutex>
 #include <utility>
 
-#include "graph/expressionScope.h"
+#include "expr/nameChars.h"
 #include "graph/field.h"
 #include "model/hash.h"
 
 namespace corvelle {
 
 namespace {
-
-bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
-bool isNameChar(char c) { return isNameStart(c) || (c >= '0' && c <= '9'); }
 
 /// Calls visit(name) for each word that is no `$` variable, comments and quotes included: too many
 /// words do no harm.
@@ -20,7 +19,7 @@ void forEachWord(std::string_view text, Visit&& visit) {
     for (std::size_t i = 0; i < text.size();) {
         if (!isNameStart(text[i])) {
             // The letters of a number such as 1e5 belong to it.
-            if (text[i] >= '0' && text[i] <= '9')
+            if (isDigit(text[i]))
                 while (i < text.size() && isNameChar(text[i])) ++i;
             else
                 ++i;
@@ -52,7 +51,8 @@ std::vector<std::string> layerNames(const EvaluationData& data, const GuideSet* 
     if (guides) add(layersOn(*guides));
     if (data.flatGuides) add(layersOn(*data.flatGuides));
     if (data.hierarchy) {
-        for (const auto& [name, value] : data.hierarchy->declaredAttributes()) names.push_back(name);
+        for (const auto& [name, value] : data.hierarchy->declaredAttributes())
+            names.push_back(name);
         for (const GuidePtr& guide : data.hierarchy->guides()) {
             for (const auto& [name, value] : guide->attributes) names.push_back(name);
             for (const auto& [name, values] : guide->pointAttributes) names.push_back(name);
@@ -70,14 +70,19 @@ std::vector<std::string> layerNames(const EvaluationData& data, const GuideSet* 
 std::string faultText(const std::string& name, const MapLookup& lookup, const std::string& layer) {
     const std::string head = "map(\"" + name + "\"): ";
     switch (lookup.fault) {
-        case MapFault::NoImage: return head + "the texture map has no image file yet";
-        case MapFault::WrongScalp: return head + "the vertex map does not fit this scalp";
-        case MapFault::NoUvs: return head + "a texture map needs a scalp with UVs";
-        case MapFault::NoLayer: return head + "no guide carries the layer '" + layer + "'";
+        case MapFault::NoImage:
+            return head + "the texture map has no image file yet";
+        case MapFault::WrongScalp:
+            return head + "the vertex map does not fit this scalp";
+        case MapFault::NoUvs:
+            return head + "a texture map needs a scalp with UVs";
+        case MapFault::NoLayer:
+            return head + "no guide carries the layer '" + layer + "'";
         case MapFault::NoGuides:
             return head + "no guide layer '" + layer +
                    "' on the strands (Interpolate writes it; paint it on the guides)";
-        case MapFault::Unreadable: break;
+        case MapFault::Unreadable:
+            break;
     }
     return head + lookup.detail;
 }
@@ -101,7 +106,8 @@ struct ExpressionScope::Sources {
 };
 
 ExpressionReads expressionReads(std::string_view text) {
-    constexpr std::string_view kSurface[] = {"N", "nx", "ny", "nz", "u", "v", "lift", "map", "cmap"};
+    constexpr std::string_view kSurface[] = {"N", "nx",   "ny",  "nz",  "u",
+                                             "v", "lift", "map", "cmap"};
     ExpressionReads reads;
     forEachWord(text, [&](std::string_view word) {
         if (word == "frame" || word == "time") reads.time = true;
@@ -186,8 +192,8 @@ ExpressionEnvironment ExpressionScope::make(bool strict, std::vector<std::string
     std::uint64_t h = hashCombine(mapsHash_, strict);
     for (const std::string& layer : carried) h = hashCombine(h, hashOf(layer));
     environment.mapsHash = h;
-    environment.findMap = [scope = *this, strict, carried = std::move(carried)](
-                              const std::string& name) {
+    environment.findMap = [scope = *this, strict,
+                           carried = std::move(carried)](const std::string& name) {
         return scope.find(name, strict ? &carried : nullptr);
     };
     return environment;
@@ -217,10 +223,13 @@ std::uint64_t mapReadsHash(const MapSource& source, const EvaluationData& data,
             const PathResolver resolver = searchPathResolver(data.directory, data.searchPaths);
             return hashCombine(hashCombine(h, scalp), Texture::signature(source.source, resolver));
         }
-        case MapKind::ColorSet: return hashCombine(h, scalp);
+        case MapKind::ColorSet:
+            return hashCombine(h, scalp);
         case MapKind::Attribute:
-        case MapKind::GuideLayer: return hashCombine(h, layer());
-        case MapKind::Expression: break;
+        case MapKind::GuideLayer:
+            return hashCombine(h, layer());
+        case MapKind::Expression:
+            break;
     }
     const ExpressionReads reads = expressionReads(source.source);
     std::uint64_t all = h;

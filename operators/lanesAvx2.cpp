@@ -1,6 +1,5 @@
-#include "operators/splineLanesAvx2.h"
-
 #include "operators/laneKernels.h"
+#include "operators/neighborKernels.h"
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
 
@@ -12,8 +11,8 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx2")))
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
-#include "operators/deformLanes.h"
-#include "operators/strandLanes.h"
+#include "operators/laneTable.h"
+#include "operators/neighborLanes.h"
 
 namespace corvelle {
 
@@ -61,6 +60,12 @@ struct Float8 {
     CORVELLE_AVX2 friend inline Mask8 operator<(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LT_OQ)};
     }
+    CORVELLE_AVX2 friend inline Mask8 operator<=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_LE_OQ)};
+    }
+    CORVELLE_AVX2 friend inline Mask8 operator>=(Float8 a, Float8 b) {
+        return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GE_OQ)};
+    }
     CORVELLE_AVX2 friend inline Mask8 operator>(Float8 a, Float8 b) {
         return {_mm256_cmp_ps(a.lanes, b.lanes, _CMP_GT_OQ)};
     }
@@ -107,14 +112,13 @@ CORVELLE_AVX2 inline void storeAcross(const Float8* in, float* const* to) {
 
 }  // namespace
 
-SplineLanesFunction splineLanesAvx2() {
-    return __builtin_cpu_supports("avx2") ? resampleLanes<Float8> : nullptr;
+const LaneKernels* laneKernelsAvx2() {
+    static const LaneKernels kernels = kernelsOver<Float8>();
+    return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
-const LaneKernels* laneKernelsAvx2() {
-    static const LaneKernels kernels{trimLanes<Float8>,    widthLanes<Float8>,  turnLanes<Float8>,
-                                     stepLanes<Float8>,    smoothLanes<Float8>, placeLanes<Float8>,
-                                     headingLanes<Float8>, bendLanes<Float8>};
+const NeighborKernels* neighborKernelsAvx2() {
+    static const NeighborKernels kernels = neighborKernelsOver<Float8>();
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
@@ -124,8 +128,8 @@ const LaneKernels* laneKernelsAvx2() {
 
 namespace corvelle {
 
-SplineLanesFunction splineLanesAvx2() { return nullptr; }
 const LaneKernels* laneKernelsAvx2() { return nullptr; }
+const NeighborKernels* neighborKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
 
