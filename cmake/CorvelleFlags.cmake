@@ -35,6 +35,11 @@ else()
     if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
         # GCC 12 sees overlaps in std::string's operator+ that are not there (its PR 105651).
         add_compile_options(-Wno-restrict)
+        if(WIN32)
+            # Windows keeps the stack aligned to 16 bytes, and GCC takes it for aligned to 32 where
+            # it spills AVX registers (its PR 54412): the assembler makes those moves unaligned ones.
+            add_compile_options(-Wa,-muse-unaligned-vector-move)
+        endif()
         if(CORVELLE_SANITIZE)
             add_compile_options(-Wno-maybe-uninitialized -Wno-stringop-overflow)
         endif()

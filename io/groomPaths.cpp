@@ -20,10 +20,14 @@ bool holdsVariable(const std::string& path) {
     return path.find_first_of("$%") != std::string::npos;
 }
 
+/// Absolute on any system: Windows takes a path without a drive for no absolute one, but a groom
+/// from elsewhere must come out of it with its paths as they were.
+bool standsAlone(const std::string& path) { return utf8Path(path).has_root_directory(); }
+
 }  // namespace
 
 std::string resolveGroomPath(const std::string& path, const std::string& directory) {
-    if (isNoPath(path) || directory.empty() || utf8Path(path).is_absolute()) return path;
+    if (isNoPath(path) || directory.empty() || standsAlone(path)) return path;
     return genericText((utf8Path(directory) / utf8Path(path)).lexically_normal());
 }
 
@@ -33,8 +37,7 @@ std::string resolveCachePath(const std::string& path, const std::string& directo
 
 std::string rebaseGroomPath(const std::string& path, const std::string& from,
                             const std::string& to) {
-    if (from.empty() || isNoPath(path) || holdsVariable(path) || utf8Path(path).is_absolute())
-        return path;
+    if (from.empty() || isNoPath(path) || holdsVariable(path) || standsAlone(path)) return path;
     const std::filesystem::path there = (utf8Path(from) / utf8Path(path)).lexically_normal();
     const std::filesystem::path relative =
         there.lexically_relative(utf8Path(to.empty() ? "." : to).lexically_normal());

@@ -3,7 +3,9 @@
 #include <cmath>
 
 #include <gmock/gmock.h>
+#if !defined(_WIN32)
 #include <sys/resource.h>
+#endif
 
 #include "io/testing/exportCases.h"
 #include "io/testing/usdGrammar.h"
@@ -267,6 +269,7 @@ TEST_F(UsdWriterTest, TellsWhatItCannotWriteAndCleansUpWhenDropped) {
               "cannot write '" + path + ".spool1'");
 }
 
+#if !defined(_WIN32)  // which tells a process's peak in another way
 TEST_F(UsdWriterTest, KeepsNoMemoryOfTheFramesBefore) {
     const auto peak = [] {
         rusage usage{};
@@ -285,6 +288,7 @@ TEST_F(UsdWriterTest, KeepsNoMemoryOfTheFramesBefore) {
     EXPECT_LT(peak() - before, 4096);
     EXPECT_GT(std::filesystem::file_size(path), 100'000'000u) << "too small to prove anything";
 }
+#endif
 
 }  // namespace
 }  // namespace corvelle

@@ -1,4 +1,5 @@
 #if defined(_WIN32)
+#include <csignal>
 #include <cstdlib>
 
 #include <windows.h>
@@ -9,7 +10,12 @@ namespace corvelle {
 
 void startQuietly() {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+#if defined(_MSC_VER) || defined(_UCRT)
     _set_abort_behavior(0, _WRITE_ABORT_MSG | _CALL_REPORTFAULT);
+#else
+    // The older C runtime has no such switch: the process ends before it says anything.
+    std::signal(SIGABRT, [](int) { TerminateProcess(GetCurrentProcess(), 3); });
+#endif
 }
 
 std::int64_t processNumber() { return GetCurrentProcessId(); }
