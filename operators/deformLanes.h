@@ -340,16 +340,21 @@ CORVELLE_LANES_TARGET inline void bendGroup(const BendJob& job, const StrandGrou
 }
 
 /// Lane l of a group takes the k-th of `count` places; the last one fills up the lanes left over.
-/// Returns the place.
+/// The caches are asked for the strand that the lane takes next. Returns the place.
 template <class F>
 CORVELLE_LANES_TARGET inline std::size_t laneTo(const LanePoints& points, std::size_t first,
                                                 std::size_t count, std::size_t k, std::size_t l,
-                                                StrandGroup<F>& group) {
+                                                std::size_t n, StrandGroup<F>& group) {
     const std::size_t place = first + (k < count ? k : count - 1);
     const std::uint64_t start = 3 * points.offsets[points.strands[place]];
     group.places[l] = place;
     group.from[l] = points.from + start;
     group.to[l] = points.to + start;
+    if (k + F::kLanes < count) {
+        const std::uint64_t next = 3 * points.offsets[points.strands[place + F::kLanes]];
+        fetchFloats(points.from + next, 3 * n);
+        fetchFloats(points.to + next, 3 * n);
+    }
     return place;
 }
 
@@ -361,15 +366,8 @@ CORVELLE_LANES_TARGET inline void eachPlaceGroup(void (*across)(const Job&, cons
                                                  std::size_t count, std::size_t n, float* scratch) {
     StrandGroup<F> group;
     for (std::size_t k = 0; k < count; k += F::kLanes) {
-        for (std::size_t l = 0; l < F::kLanes; ++l) {
-            const std::size_t place = laneTo(job.points, first, count, k + l, l, group);
-            if (k + l + F::kLanes < count) {
-                const std::uint64_t next =
-                    3 * job.points.offsets[job.points.strands[place + F::kLanes]];
-                fetchFloats(job.points.from + next, 3 * n);
-                fetchFloats(job.points.to + next, 3 * n);
-            }
-        }
+        for (std::size_t l = 0; l < F::kLanes; ++l)
+            laneTo(job.points, first, count, k + l, l, n, group);
         across(job, group, n, scratch);
     }
 }

@@ -143,7 +143,7 @@ CORVELLE_LANES_TARGET inline void pullLanes(const PullJob& job, std::size_t firs
     for (std::size_t k = 0; k < count; k += F::kLanes) {
         bool same = k > 0;
         for (std::size_t l = 0; l < F::kLanes; ++l) {
-            const std::size_t place = laneTo(job.points, first, count, k + l, l, group);
+            const std::size_t place = laneTo(job.points, first, count, k + l, l, n, group);
             same = same && axes.axis[l] == job.axisOf[place];
             axes.axis[l] = job.axisOf[place];
         }
