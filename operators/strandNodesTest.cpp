@@ -268,11 +268,11 @@ TEST_F(OneNodeTest, NoiseWarnsWhereTheStrandsAreTooCoarseForIt) {
     run(bench);
     EXPECT_EQ(bench.warning(), "");
     bench.op().set("frequency", 6.5);
-    StrandSet stub;  // one strand that says nothing before many that do
+    StrandSet hair;  // one strand that says nothing before many that do
     const Vec3f alone[] = {{0, 0, 0}};
-    stub.addStrand(9, alone, {}, {});
-    stub.append(tuft);
-    bench.feed(stub);
+    hair.addStrand(9, alone, {}, {});
+    hair.append(tuft);
+    bench.feed(hair);
     bench.evaluate();
     EXPECT_NE(bench.warning(), "");
     bench.op().set("space", std::string("sideways"));

@@ -56,7 +56,8 @@ protected:
     std::vector<Vec3f> array(const Json& reference) const {
         std::vector<Vec3f> out(reference["shape"][0].get<std::size_t>());
         if (out.empty()) return out;
-        std::memcpy(out.data(), pool.region().bytes().data() + reference["offset"].get<std::size_t>(),
+        std::memcpy(out.data(),
+                    pool.region().bytes().data() + reference["offset"].get<std::size_t>(),
                     out.size() * sizeof(Vec3f));
         return out;
     }
