@@ -1,10 +1,12 @@
 #include "operators/meshCut.h"
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 
 #include "graph/operator.h"
 #include "model/parallel.h"
+#include "model/simd4.h"
 #include "operators/distanceField.h"
 #include "operators/registerOperators.h"
 #include "operators/strandLoop.h"
@@ -18,33 +20,48 @@ constexpr float kLeast = 1e-6f;    ///< cm: less of a strand is nothing
 constexpr float kPastEnd = 1e-5f;  ///< of a segment: no strand slips through between two of them
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-/// False when the boxes of the points and of the mesh are apart.
-bool mayCross(std::span<const Vec3f> points, const ScalpMesh& mesh) {
-    Vec3f low = points[0], high = low;
-    for (const Vec3f p : points) {
-        low = componentMin(low, p);
-        high = componentMax(high, p);
-    }
-    const Vec3f meshLow = mesh.boundsMin(), meshHigh = mesh.boundsMax();
-    for (int axis = 0; axis < 3; ++axis) {
-        const float slack = kPastEnd * (high[axis] - low[axis]);
-        if (low[axis] - slack > meshHigh[axis] || high[axis] + slack < meshLow[axis]) return false;
-    }
-    return true;
+/// A point in three lanes; the fourth is of no use. `next`: whether a float follows the point.
+Float4 lanesOf(const Vec3f& p, bool next) {
+    if (next) return Float4::loadUnaligned(&p.x);
+    alignas(16) const float lanes[4] = {p.x, p.y, p.z, 0.0f};
+    return Float4::load(lanes);
 }
+constexpr int kAxes = 7;  ///< the bits of three lanes
 
 }  // namespace
 
 float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh) {
-    if (points.size() < 2 || !mayCross(points, mesh)) return kInfinity;
-    float walked = 0.0f;
-    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
+    const std::size_t n = points.size();
+    if (n < 2) return kInfinity;
+    Float4 low = lanesOf(points[0], true), high = low;
+    for (std::size_t i = 1; i < n; ++i) {
+        const Float4 p = lanesOf(points[i], i + 1 < n);
+        low = lower(p, low);
+        high = upper(p, high);
+    }
+    // A ray that is tested reaches past its segment's end, and the test itself rounds: by shares of
+    // what it spans.
+    const Vec3f size = mesh.boundsMax() - mesh.boundsMin();
+    const Float4 meshLow = lanesOf(mesh.boundsMin(), false),
+                 meshHigh = lanesOf(mesh.boundsMax(), false);
+    const Float4 slack = (high - low + Float4(std::max({size.x, size.y, size.z}))) * kPastEnd;
+    const Float4 leastHigh = meshLow - slack, mostLow = meshHigh + slack;
+    const auto mayMeet = [&](Float4 least, Float4 most) {
+        return (laneBits((least <= mostLow) & (most >= leastHigh)) & kAxes) == kAxes;
+    };
+    if (!mayMeet(low, high)) return kInfinity;
+    Float4 from = lanesOf(points[0], true);
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        const Float4 to = lanesOf(points[i + 1], i + 2 < n);
+        const bool may = mayMeet(lower(from, to), upper(from, to));
+        from = to;
+        if (!may) continue;
         const Vec3f along = points[i + 1] - points[i];
-        const float segment = length(along);
         SurfaceHit hit;
-        if (mesh.rayIntersect(points[i], along, hit, 1.0f + kPastEnd))
-            return walked + segment * std::min(hit.distance, 1.0f);
-        walked += segment;
+        if (!mesh.rayIntersect(points[i], along, hit, 1.0f + kPastEnd)) continue;
+        float walked = 0.0f;
+        for (std::size_t k = 0; k < i; ++k) walked += distance(points[k], points[k + 1]);
+        return walked + length(along) * std::min(hit.distance, 1.0f);
     }
     return kInfinity;
 }
@@ -115,8 +132,8 @@ StrandSet cutStrands(const StrandSet& in, std::span<const StrandCut> cuts) {
             ids[k] = in.ids()[s];
             roots[k] = in.roots()[s];
             for (const Copied& c : perStrand) c.to[k] = c.from[s];
-            std::ranges::copy(in.points().subspan(from, count),
-                              points.begin() + std::ptrdiff_t(to));
+            // Bytes: many compilers copy vectors of three floats one after the other.
+            std::memcpy(&points[to], &in.points()[from], count * sizeof(Vec3f));
             for (const Copied& c : perPoint) std::copy_n(c.from + from, count, c.to + to);
             const float share = cuts[s].share;
             if (cuts[s].whole || share >= 1.0f) continue;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "model/hash.h"
 #include "operators/nearPartLanes.h"
@@ -166,8 +167,9 @@ private:
             while (k < strands.size() && offsets[strands[k]] == end &&
                    !(next < listed.size() && listed[next] == strands[k]))
                 end = offsets[strands[k++] + 1];
-            std::ranges::copy(in.points().subspan(begin, end - begin),
-                              out.begin() + std::ptrdiff_t(begin));
+            // Bytes: many compilers copy vectors of three floats one after the other.
+            if (end > begin)
+                std::memcpy(&out[begin], &in.points()[begin], (end - begin) * sizeof(Vec3f));
         }
     }
 };
