@@ -138,13 +138,15 @@ TEST_F(PartFlowTest, PartLeansHairAwayFromTheLineAtItsOwnElevation) {
 }
 
 TEST_F(PartFlowTest, PartFindsPlacesForManyRootsWithTheBitsOfOneAlone) {
-    const auto parts = partLinesOn({{lineAt("a", -1.0f), lineAt("b", 3.0f), lineAt("c", 0.3f)}}, sphere);
+    const auto parts =
+        partLinesOn({{lineAt("a", -1.0f), lineAt("b", 3.0f), lineAt("c", 0.3f)}}, sphere);
     std::vector<std::uint32_t> all(hair.strandCount() - 3);
     for (std::uint32_t s = 0; s < all.size(); ++s) all[s] = s;
     std::size_t found = 0;
     for (const float most : {1.0f, 5.0f, 1e30f})
         for (const std::int32_t part : {-1, 1})
-            for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight, SplineLanes::Sixteen}) {
+            for (const SplineLanes lanes :
+                 {SplineLanes::Four, SplineLanes::Eight, SplineLanes::Sixteen}) {
                 alignas(kLaneAlignment) std::array<float, 4 * 2000> from;
                 std::vector<float> segments(all.size());
                 laneKernels(lanes).nearPart({.points = &hair.points()[0].x,
