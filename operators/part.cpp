@@ -121,6 +121,7 @@ private:
             places[count] = std::uint32_t(k);
             count += boxAwayAcross(whole, root) <= limit;
         }
+        if (count == 0) return 0;
         alignas(kLaneAlignment) std::array<float, 4 * kBatch> from;
         std::array<float, kBatch> segments;
         const NearPartJob job{.points = &in.points()[0].x,
