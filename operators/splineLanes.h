@@ -15,6 +15,14 @@
 #define CORVELLE_LANES_TARGET
 #endif
 
+// For functions that ask the caches for something and do nothing else. GCC takes these for
+// functions without effects and drops their calls, unless they are inlined before it looks.
+#if defined(__GNUC__) || defined(__clang__)
+#define CORVELLE_FETCH __attribute__((always_inline)) inline
+#else
+#define CORVELLE_FETCH inline
+#endif
+
 namespace corvelle {
 
 namespace {  // a copy of its own for every source: each has its own target
@@ -128,7 +136,7 @@ CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x
 
 /// Asks the caches for what the next strands read and write, while these are worked on: hair is
 /// walked in pieces too short for the processor to see where they go.
-inline void fetchFloats(const float* from, std::size_t count) {
+CORVELLE_FETCH void fetchFloats(const float* from, std::size_t count) {
     constexpr std::size_t kLine = 16;
     for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
 }
