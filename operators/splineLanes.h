@@ -141,9 +141,20 @@ CORVELLE_FETCH void fetchFloats(const float* from, std::size_t count) {
     for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
 }
 
-/// `count` floats of each of F::kLanes arrays, side by side.
+/// `count` floats of each of F::kLanes arrays, side by side: in squares of kLanes by kLanes where
+/// there are as many, which reads each array's pointer once for all of them, else by fours.
 template <class F>
 CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::size_t count, F* out) {
+    if constexpr (F::kLanes > 4) {
+        if (count >= F::kLanes) {
+            for (std::size_t k = 0; k < count; k += F::kLanes) {
+                // The last square holds some of the one before once more.
+                if (k + F::kLanes > count) k = count - F::kLanes;
+                loadSquare(from, k, out + k);
+            }
+            return;
+        }
+    }
     const float* at[F::kLanes];
     for (std::size_t k = 0; k < count; k += 4) {
         if (k + 4 > count) {
@@ -164,6 +175,15 @@ CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::siz
 
 template <class F>
 CORVELLE_LANES_TARGET inline void scatterLanes(const F* in, std::size_t count, float* const* to) {
+    if constexpr (F::kLanes > 4) {
+        if (count >= F::kLanes) {
+            for (std::size_t k = 0; k < count; k += F::kLanes) {
+                if (k + F::kLanes > count) k = count - F::kLanes;
+                storeSquare(in + k, to, k);
+            }
+            return;
+        }
+    }
     float* at[F::kLanes];
     for (std::size_t k = 0; k < count; k += 4) {
         if (k + 4 > count) {
