@@ -12,7 +12,6 @@
 #include "model/floatText.h"
 #include "model/hash.h"
 #include "model/rootTransfer.h"
-#include "model/simd4.h"
 #include "model/surfaceJson.h"
 
 namespace corvelle {
@@ -118,9 +117,7 @@ public:
         std::vector<Wall> sorted;
         for (const std::uint32_t w : order) sorted.push_back(walls_[w]);
         walls_.swap(sorted);
-        fours_.resize((walls_.size() + 3) / 4);
-        for (std::size_t k = 0; k < 4 * fours_.size(); ++k)
-            fours_[k / 4].set(k % 4, walls_[std::min(k, walls_.size() - 1)]);
+        makeTable();
     }
 
     bool empty() const override { return walls_.empty(); }
@@ -158,54 +155,45 @@ public:
     bool nearest(Vec3f position, std::int32_t part, float maxDistance,
                  PartPlace& out) const override {
         if (nodes_.empty() || !isFinite(position) || !(maxDistance >= 0.0f)) return false;
-        float limit = maxDistance * maxDistance;
-        Nearest found;
-        const Float4 wanted{float(part)};
-        struct Visit {
-            std::uint32_t node;
-            float away;
-        };
-        Visit stack[64];
-        int size = 0;
-        const auto visit = [&](std::uint32_t node) {
-            return Visit{node, nodes_[node].box.distanceSquared(position)};
-        };
-        stack[size++] = visit(0);
-        while (size > 0) {
-            const Visit at = stack[--size];
+        const float limit = maxDistance * maxDistance;
+        float best = std::numeric_limits<float>::infinity(), share = 0.0f;
+        const PartSegment* found = nullptr;
+        for (std::uint32_t n = 0; n < pieces_.size();) {
+            const PartNode& node = pieces_[n];
             // The box reaches past the line by the wall's height: rounding cannot lose a line.
-            if (at.away > limit) continue;
-            const Node& node = nodes_[at.node];
-            if (node.end - node.begin > kScanned) {
-                const Visit one = visit(node.first), other = visit(node.first + 1);
-                const bool swap = one.away > other.away;
-                stack[size++] = swap ? one : other;
-                stack[size++] = swap ? other : one;  // the nearer one comes first
+            const Box box{{node.low[0], node.low[1], node.low[2]},
+                          {node.high[0], node.high[1], node.high[2]}};
+            if (box.distanceSquared(position) > std::min(limit, best)) {
+                n = node.next;
                 continue;
             }
-            // Whole fours, with a neighbour or two: any wall may be looked at.
-            for (std::size_t f = node.begin / 4; f <= (node.end - 1) / 4; ++f)
-                fours_[f].nearest(position, part >= 0, wanted, float(f), found);
-            limit = std::min(limit, lowest(found.distance));
+            if (node.next == ++n)
+                for (std::uint32_t s = node.begin; s < node.end; ++s) {
+                    const PartSegment& segment = segments_[s];
+                    if (part >= 0 && segment.part != part) continue;
+                    const Vec3f start = vec(segment.start), along = vec(segment.along);
+                    const float t = dot(position - start, along);
+                    const float at = segment.squared > 0.0f
+                                         ? std::min(std::max(t / segment.squared, 0.0f), 1.0f)
+                                         : 0.0f;
+                    // From the place itself, as it is told: a root on a corner then takes the line
+                    // that begins there, whose place has no rounding.
+                    const float away = lengthSquared(position - (start + along * at));
+                    if (!(away < best)) continue;  // of equal ones the first
+                    best = away;
+                    share = at;
+                    found = &segment;
+                }
         }
-        alignas(16) float distances[4], shares[4], places[4];
-        found.distance.store(distances);
-        found.share.store(shares);
-        found.four.store(places);
-        std::size_t best = 0, lane = 4;
-        for (std::size_t k = 0; k < 4; ++k) {
-            if (distances[k] != limit || places[k] < 0.0f) continue;
-            const std::size_t wall = 4 * std::size_t(places[k]) + k;
-            if (lane < 4 && best < wall) continue;  // of equal ones the first
-            best = wall;
-            lane = k;
-        }
-        if (lane == 4) return false;
-        const Wall& wall = walls_[std::min(best, walls_.size() - 1)];
-        out.position = mix(wall.a.place, wall.b.place, shares[lane]);
-        out.along = normalized(wall.b.place - wall.a.place);
-        out.distance = std::sqrt(limit);
+        if (!found || best > limit) return false;
+        out.position = vec(found->start) + vec(found->along) * share;
+        out.along = vec(found->way);
+        out.distance = std::sqrt(best);
         return true;
+    }
+    PartTable table() const override {
+        return {segments_.data(), pieces_.data(), std::uint32_t(pieces_.size()), samples_.data(),
+                std::uint32_t(samples_.size())};
     }
 
 private:
@@ -235,53 +223,48 @@ private:
         std::uint32_t begin = 0, end = 0;  ///< the walls below
     };
     static constexpr std::size_t kLeaf = 4;
-    /// So many walls are looked at one and all sooner than they are told apart.
-    static constexpr std::size_t kScanned = 24;
+    /// So many segments are looked at one and all sooner than they are told apart.
+    static constexpr std::size_t kScanned = 8;
+    static constexpr std::size_t kSamples = 16;
 
-    /// The nearest so far, one for each place in a four.
-    struct Nearest {
-        Float4 distance{std::numeric_limits<float>::infinity()};  ///< squared
-        Float4 share{0.0f}, four{-1.0f};
-    };
-    /// The lines along four walls side by side.
-    struct Four {
-        alignas(16) float start[3][4], along[3][4], squared[4], part[4];
-        void set(std::size_t k, const Wall& wall) {
-            const Vec3f way = wall.b.place - wall.a.place;
-            for (int x = 0; x < 3; ++x) {
-                start[x][k] = wall.a.place[x];
-                along[x][k] = way[x];
-            }
-            squared[k] = lengthSquared(way);
-            part[k] = float(wall.part);
+    static Vec3f vec(const float v[3]) { return {v[0], v[1], v[2]}; }
+    /// The walls' lines, and the tree over them down to nodes of few.
+    void makeTable() {
+        const auto store = [](Vec3f v, float to[3]) {
+            for (int x = 0; x < 3; ++x) to[x] = v[x];
+        };
+        for (const Wall& wall : walls_) {
+            const Vec3f along = wall.b.place - wall.a.place;
+            PartSegment segment;
+            store(wall.a.place, segment.start);
+            store(along, segment.along);
+            store(normalized(along), segment.way);
+            segment.squared = lengthSquared(along);
+            segment.part = wall.part;
+            segments_.push_back(segment);
         }
-        void nearest(Vec3f position, bool ofPart, Float4 wanted, float place,
-                     Nearest& found) const {
-            const Float4 zero(0.0f);
-            Float4 from[3], way[3], to[3];
-            for (int x = 0; x < 3; ++x) {
-                from[x] = Float4::load(start[x]);
-                way[x] = Float4::load(along[x]);
-                to[x] = Float4(position[x]) - from[x];
-            }
-            const Float4 t = to[0] * way[0] + to[1] * way[1] + to[2] * way[2];
-            const Float4 whole = Float4::load(squared);
-            const Float4 share =
-                select(whole > zero, lower(upper(t / whole, zero), Float4(1.0f)), zero);
-            // From the place itself, as it is told: a root on a corner then takes the line that
-            // begins there, whose place has no rounding.
-            for (int x = 0; x < 3; ++x) to[x] = Float4(position[x]) - (from[x] + way[x] * share);
-            const Float4 distance = to[0] * to[0] + to[1] * to[1] + to[2] * to[2];
-            auto nearer = distance < found.distance;
-            if (ofPart) {
-                const Float4 own = Float4::load(part);
-                nearer = nearer & (own >= wanted) & (own <= wanted);
-            }
-            found.distance = select(nearer, distance, found.distance);
-            found.share = select(nearer, share, found.share);
-            found.four = select(nearer, Float4(place), found.four);
+        const std::size_t step = (walls_.size() + kSamples - 1) / kSamples;
+        for (std::size_t s = step / 2; s < walls_.size(); s += step)
+            samples_.push_back(std::uint32_t(s));
+        addPiece(0);
+    }
+    /// As deep as the tree, which is halved at every step.
+    void addPiece(std::uint32_t node) {
+        const std::size_t piece = pieces_.size();
+        PartNode added;
+        for (int x = 0; x < 3; ++x) {
+            added.low[x] = nodes_[node].box.low[x];
+            added.high[x] = nodes_[node].box.high[x];
         }
-    };
+        added.begin = nodes_[node].begin;
+        added.end = nodes_[node].end;
+        pieces_.push_back(added);
+        if (added.end - added.begin > kScanned) {
+            addPiece(nodes_[node].first);
+            addPiece(nodes_[node].first + 1);
+        }
+        pieces_[piece].next = std::uint32_t(pieces_.size());
+    }
 
     static bool crossesWall(const Wall& wall, const Point3& p, const Point3& q, double height) {
         const double ha = wall.a.height + height, hb = wall.b.height + height;
@@ -334,7 +317,9 @@ private:
     std::vector<std::string> names_;  ///< of the parts that lie on the scalp
     std::vector<Wall> walls_;         ///< in the leaves' order
     std::vector<Node> nodes_;
-    std::vector<Four> fours_;  ///< of the walls in order, the last one filling up its four
+    std::vector<PartSegment> segments_;  ///< of the walls in order
+    std::vector<PartNode> pieces_;       ///< of the nodes, without the smallest
+    std::vector<std::uint32_t> samples_;
     std::uint64_t hash_ = 0;
 };
 

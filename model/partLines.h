@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "model/partTable.h"
 #include "model/vec3f.h"
 
 namespace corvelle {
@@ -32,6 +33,8 @@ public:
                          PartPlace& /*out*/) const {
         return false;
     }
+    /// The same segments for kernels that look for many roots' nearest places at once.
+    virtual PartTable table() const { return {}; }
     virtual bool empty() const = 0;
     virtual std::uint64_t hash() const = 0;
 };

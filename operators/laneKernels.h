@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "model/partTable.h"
 #include "operators/splineResample.h"
 
 namespace corvelle {
@@ -141,10 +142,10 @@ struct LiftJob {
     LanePoints points;              ///< `to` may be `from`
     const float* wanted = nullptr;  ///< heights of the points, cm
     std::size_t wantedStride = 0;   ///< of them a place
-    FieldGrid field, floor;  ///< floor: never above the field, quicker to look at
-    float band = 0.0f;        ///< cm: nothing is lifted higher
-    float slack = 0.0f;       ///< cm...
-    float slackShare = 0.0f;  ///< ...and a share of the height that a point may be too low by
+    FieldGrid field, floor;         ///< floor: never above the field, quicker to look at
+    float band = 0.0f;              ///< cm: nothing is lifted higher
+    float slack = 0.0f;             ///< cm...
+    float slackShare = 0.0f;        ///< ...and a share of the height that a point may be too low by
     std::uint8_t* lifted = nullptr;  ///< [places] 1 for a strand that moved, else 0
 };
 
@@ -156,6 +157,18 @@ struct AwayJob {
     /// to take, -1 or 1, where the two are one; the way of the part there, one unused.
     const float* numbers = nullptr;
     RampKeys profile;  ///< of the strength: see segmentShares; no keys: the same everywhere
+};
+
+/// The place on drawn parts nearest to each root: see PartLines::nearest.
+struct NearPartJob {
+    const float* points = nullptr;  ///< of strands of 2 points or more
+    const std::uint64_t* offsets = nullptr;
+    const std::uint32_t* strands = nullptr;
+    PartTable table;
+    std::int32_t part = -1;     ///< -1: any
+    float maxDistance = 0.0f;   ///< cm
+    float* from = nullptr;      ///< 4 a place: the root from the nearest place, and the distance
+    float* segments = nullptr;  ///< [places] the segment it lies on, below 0: none is within reach
 };
 
 template <class Job>
@@ -187,6 +200,8 @@ struct LaneKernels {
     LaneDeform<TransformJob> transform = nullptr;
     LaneDeform<PullJob> pull = nullptr;  ///< scratch as for pullScratchPoints
     LaneDeform<LiftJob> lift = nullptr;
+    /// Places [0, count), of any point counts.
+    void (*nearPart)(const NearPartJob& job, std::size_t count) = nullptr;
 };
 inline constexpr std::size_t kLaneScratchPerPoint = 9;
 inline constexpr std::size_t kMostLanes = 16;

@@ -3,6 +3,7 @@
 #include "operators/deformLanes.h"
 #include "operators/drawLanes.h"
 #include "operators/liftLanes.h"
+#include "operators/nearPartLanes.h"
 #include "operators/partLanes.h"
 #include "operators/placeLanes.h"
 #include "operators/pullLanes.h"
@@ -29,7 +30,8 @@ LaneKernels kernelsOver() {
             .lay = placeLanes<F, LayJob>,
             .transform = placeLanes<F, TransformJob>,
             .pull = pullLanes<F>,
-            .lift = liftLanes<F>};
+            .lift = liftLanes<F>,
+            .nearPart = nearPartLanes<F>};
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <array>
 
 #include "model/hash.h"
+#include "operators/nearPartLanes.h"
 #include "operators/nodeFactories.h"
 #include "operators/partLanes.h"
 #include "operators/placeStrands.h"
@@ -67,33 +68,10 @@ public:
              const OpenArrays& out) const override {
         std::array<float, StrandPick::kBatch> strengths;
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
-        // Those far from the part stay; the others are listed anew.
         std::array<std::uint32_t, StrandPick::kBatch> listed;
-        std::size_t count = 0;
         LaneNumbers<AwayJob::kNumbers> numbers;
-        for (std::size_t k = 0; k < strands.size(); ++k) {
-            const std::size_t s = strands[k];
-            const auto points = in.pointsOf(s);
-            if (k + kAhead < strands.size()) {
-                const auto next = in.pointsOf(strands[k + kAhead]);
-                fetchFloats(reinterpret_cast<const float*>(next.data()), 3 * next.size());
-            }
-            PartPlace place;
-            if (points.size() < 2 || !(strengths[k] > 0.0f) ||
-                !parts->nearest(points[0], part, width, place)) {
-                std::ranges::copy(points, out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
-                continue;
-            }
-            const float x = std::min(place.distance / width, 1.0f);
-            const float near = 1.0f - x * x * (3.0f - 2.0f * x);
-            const float side = hashCombine(kSide, in.ids()[s]) & 1u ? 1.0f : -1.0f;
-            setNormal(numbers, count, 0, scalp.get(), in.roots()[s],
-                      clampShare(strengths[k]) * near);
-            const bool onLine = place.distance <= kOnLine * length(points[0]);
-            numbers.set(count, 1, onLine ? Vec3f{} : points[0] - place.position, side);
-            numbers.set(count, 2, place.along, 0.0f);
-            listed[count++] = std::uint32_t(s);
-        }
+        const std::size_t count = listNear(in, strands, strengths.data(), listed.data(), numbers);
+        copyOthers(in, strands, std::span(listed).first(count), out.points);
         const auto near = std::span<const std::uint32_t>(listed).first(count);
         std::vector<float> shares;
         const auto single = [&](std::size_t k) {
@@ -113,6 +91,84 @@ public:
             return deformStrands(laneKernels().away, job, in, near, single);
         }
         for (std::size_t k = 0; k < count; ++k) single(k);
+    }
+
+private:
+    static constexpr std::size_t kBatch = StrandPick::kBatch;
+
+    /// Lists those of a batch that turn, in their order, and what is known of their roots. Returns
+    /// how many.
+    std::size_t listNear(const StrandSet& in, std::span<const std::uint32_t> strands,
+                         const float* strengths, std::uint32_t* listed,
+                         LaneNumbers<AwayJob::kNumbers>& numbers) const {
+        // First those that the box of all parts is near enough to.
+        const PartTable table = parts->table();
+        const PartNode& whole = table.nodes[0];
+        const float limit = width * width;
+        std::array<std::uint32_t, kBatch> asked;  // the strands, and their places in the batch
+        std::array<std::uint32_t, kBatch> places;
+        std::size_t count = 0;
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const auto points = in.pointsOf(strands[k]);
+            if (k + kAhead < strands.size()) {
+                const auto next = in.pointsOf(strands[k + kAhead]);
+                fetchFloats(reinterpret_cast<const float*>(next.data()), 3 * next.size());
+            }
+            if (points.size() < 2 || !(strengths[k] > 0.0f)) continue;
+            const float root[3] = {points[0].x, points[0].y, points[0].z};
+            asked[count] = strands[k];
+            places[count] = std::uint32_t(k);
+            count += boxAwayAcross(whole, root) <= limit;
+        }
+        alignas(kLaneAlignment) std::array<float, 4 * kBatch> from;
+        std::array<float, kBatch> segments;
+        const NearPartJob job{.points = &in.points()[0].x,
+                              .offsets = in.offsets().data(),
+                              .strands = asked.data(),
+                              .table = table,
+                              .part = part,
+                              .maxDistance = width,
+                              .from = from.data(),
+                              .segments = segments.data()};
+        laneKernels().nearPart(job, count);
+        std::size_t near = 0;
+        for (std::size_t k = 0; k < count; ++k) {
+            if (segments[k] < 0.0f) continue;
+            const std::size_t s = asked[k];
+            const float* const v = &from[4 * k];
+            const float x = std::min(v[3] / width, 1.0f);
+            const float share = 1.0f - x * x * (3.0f - 2.0f * x);
+            const float side = hashCombine(kSide, in.ids()[s]) & 1u ? 1.0f : -1.0f;
+            const bool onLine = v[3] <= kOnLine * length(in.pointsOf(s)[0]);
+            const float* const way = table.segments[std::size_t(segments[k])].way;
+            setNormal(numbers, near, 0, scalp.get(), in.roots()[s],
+                      clampShare(strengths[places[k]]) * share);
+            numbers.set(near, 1, onLine ? Vec3f{} : Vec3f{v[0], v[1], v[2]}, side);
+            numbers.set(near, 2, {way[0], way[1], way[2]}, 0.0f);
+            listed[near++] = std::uint32_t(s);
+        }
+        return near;
+    }
+
+    /// The strands that are not listed stay; those that follow one another are copied at once.
+    static void copyOthers(const StrandSet& in, std::span<const std::uint32_t> strands,
+                           std::span<const std::uint32_t> listed, std::span<Vec3f> out) {
+        const auto offsets = in.offsets();
+        std::size_t next = 0;
+        for (std::size_t k = 0; k < strands.size();) {
+            if (next < listed.size() && listed[next] == strands[k]) {
+                ++next;
+                ++k;
+                continue;
+            }
+            const std::size_t begin = offsets[strands[k]];
+            std::size_t end = begin;
+            while (k < strands.size() && offsets[strands[k]] == end &&
+                   !(next < listed.size() && listed[next] == strands[k]))
+                end = offsets[strands[k++] + 1];
+            std::ranges::copy(in.points().subspan(begin, end - begin),
+                              out.begin() + std::ptrdiff_t(begin));
+        }
     }
 };
 
