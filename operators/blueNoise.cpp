@@ -19,7 +19,11 @@ namespace {
 using namespace blueNoise;
 
 constexpr std::size_t kBlock = 256;
-constexpr float kEvenSpread = 2.5f;     ///< of radii, up to which one size of cell serves
+constexpr float kEvenSpread = 2.5f;  ///< of radii, up to which one size of cell serves
+constexpr int kPartings = 32;        ///< rounds, at the most, of parting pairs left too near
+constexpr std::size_t kFewParted = 64;
+/// Of both radii: pairs nearer than this, 0.752 of the spacing, are parted to 0.76 of it.
+constexpr float kPairNear = 0.376f, kPairParted = 0.38f;
 constexpr float kNeighborReach = 2.2f;  ///< radii to the thirteenth neighbour, about
 
 std::atomic<std::uint64_t> relaxedSamples{0};
@@ -64,8 +68,7 @@ std::vector<std::uint32_t> spatialOrder(std::span<const Vec3f> positions) {
 class Relaxation {
 public:
     Relaxation(const ScalpMesh& mesh, std::span<const std::uint64_t> ids,
-               std::span<const StrandRoot> roots, const ScatterDensity& density,
-               std::uint64_t seed)
+               std::span<const StrandRoot> roots, const ScatterDensity& density, std::uint64_t seed)
         : mesh_(mesh), density_(density), seed_(seed) {
         const std::size_t n = roots.size();
         mesh.prepareQueries();
@@ -119,6 +122,7 @@ public:
                 dropInactive();
             }
         }
+        partPairs();
         std::vector<StrandRoot> out(roots_.size());
         for (std::size_t s = 0; s < out.size(); ++s) out[rank_[s]] = roots_[s];
         return out;
@@ -179,8 +183,7 @@ private:
         forEach(slots, [&](std::uint32_t s) {
             const SampleNeighbors known = neighbors_[s];
             index_.nearest(s, again ? &known : nullptr, neighbors_[s]);
-            edge_[s] = boundary.nearest(now_[s].position,
-                                        3.0f * largestRadius_ + now_[s].radius);
+            edge_[s] = boundary.nearest(now_[s].position, 3.0f * largestRadius_ + now_[s].radius);
         });
     }
 
@@ -197,8 +200,8 @@ private:
                 const float d = length(offset);
                 if (d >= R) continue;
                 squeezed = squeezed || d < R * kSqueezed;
-                force += d > R * kCoincident ? push(offset, d, R)
-                                             : partingPush(stepSeed, ids_[s], d, R);
+                force +=
+                    d > R * kCoincident ? push(offset, d, R) : partingPush(stepSeed, ids_[s], d, R);
             }
             if (edge_[s] >= 0) {
                 const BorderEdge& edge = edges_[std::size_t(edge_[s])];
@@ -222,6 +225,47 @@ private:
         dropInactive();
     }
 
+    /// Moves pairs apart that the steps left too near: beside an open border, which pushes from one
+    /// side alone, and in its corners, where only the nearest edge does. One of each pair is
+    /// active, since nothing freezes while squeezed.
+    void partPairs() {
+        std::vector<std::uint32_t> near = active_, parted;
+        for (int round = 0; round < kPartings && !near.empty(); ++round) {
+            forEach(near,
+                    [&](std::uint32_t s) { next_[s].position = now_[s].position + partingOf(s); });
+            parted.clear();
+            for (const std::uint32_t s : near)
+                if (next_[s].position != now_[s].position) parted.push_back(s);
+            // So many are no flaw: the surface lies on itself, and there is no room.
+            if (parted.size() > kFewParted + roots_.size() / 16) return;
+            for (const std::uint32_t s : parted) now_[s].position = next_[s].position;
+            reproject(parted);
+            near = parted;
+            for (const std::uint32_t s : parted)
+                near.insert(near.end(), neighbors_[s].begin(), neighbors_[s].end());
+            std::sort(near.begin(), near.end());
+            near.erase(std::unique(near.begin(), near.end()), near.end());
+            std::erase_if(near, [&](std::uint32_t s) { return !(now_[s].radius > 0.0f); });
+        }
+    }
+    /// Half the way to where no neighbour is too near, along the surface.
+    Vec3f partingOf(std::uint32_t s) const {
+        const SurfaceSample self = now_[s];
+        Vec3f move;
+        for (const std::uint32_t j : neighbors_[s]) {
+            const SurfaceSample other = now_[j];
+            if (j == s || !(other.radius > 0.0f)) continue;
+            const float R = self.radius + other.radius;
+            const Vec3f offset = self.position - other.position;
+            const float d = length(offset);
+            if (d < R * kPairNear && d > R * kCoincident)
+                move += offset * (0.5f * (R * kPairParted - d) / d);
+        }
+        move -= normals_[s] * dot(move, normals_[s]);
+        const float size = length(move), most = kMaxMove * self.radius;
+        return size > most ? move * (most / size) : move;
+    }
+
     void reproject(std::span<const std::uint32_t> slots) {
         forEach(slots, [&](std::uint32_t s) {
             SurfaceHit hit;
@@ -235,9 +279,8 @@ private:
     }
 
     void dropInactive() {
-        std::erase_if(active_, [&](std::uint32_t s) {
-            return frozen_[s] != 0 || !(now_[s].radius > 0.0f);
-        });
+        std::erase_if(active_,
+                      [&](std::uint32_t s) { return frozen_[s] != 0 || !(now_[s].radius > 0.0f); });
     }
 
     const ScalpMesh& mesh_;
@@ -248,9 +291,9 @@ private:
     std::vector<std::uint64_t> ids_;
     std::vector<StrandRoot> roots_;
     std::vector<Vec3f> normals_;
-    std::vector<float> moved_;         ///< in the last step, in radii
+    std::vector<float> moved_;  ///< in the last step, in radii
     std::vector<std::uint8_t> frozen_;
-    std::vector<std::int32_t> edge_;   ///< nearest border edge within reach, or -1
+    std::vector<std::int32_t> edge_;  ///< nearest border edge within reach, or -1
     std::vector<SampleNeighbors> neighbors_;
     std::vector<std::uint32_t> active_;  ///< alive and not frozen, ascending
     std::span<const BorderEdge> edges_;

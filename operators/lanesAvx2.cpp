@@ -112,6 +112,35 @@ CORVELLE_AVX2 inline void storeAcross(const Float8* in, float* const* to) {
     }
 }
 
+CORVELLE_AVX2 inline void loadSquare(const float* const* from, std::size_t at, Float8* out) {
+    __m256 low[4], high[4];
+    for (int l = 0; l < 4; ++l) {
+        const __m256 a = _mm256_loadu_ps(from[l] + at), b = _mm256_loadu_ps(from[l + 4] + at);
+        low[l] = _mm256_permute2f128_ps(a, b, 0x20);
+        high[l] = _mm256_permute2f128_ps(a, b, 0x31);
+    }
+    turn(low);
+    turn(high);
+    for (int k = 0; k < 4; ++k) {
+        out[k] = low[k];
+        out[k + 4] = high[k];
+    }
+}
+
+CORVELLE_AVX2 inline void storeSquare(const Float8* in, float* const* to, std::size_t at) {
+    __m256 low[4], high[4];
+    for (int k = 0; k < 4; ++k) {
+        low[k] = in[k].lanes;
+        high[k] = in[k + 4].lanes;
+    }
+    turn(low);
+    turn(high);
+    for (int l = 0; l < 4; ++l) {
+        _mm256_storeu_ps(to[l] + at, _mm256_permute2f128_ps(low[l], high[l], 0x20));
+        _mm256_storeu_ps(to[l + 4] + at, _mm256_permute2f128_ps(low[l], high[l], 0x31));
+    }
+}
+
 }  // namespace
 
 const LaneKernels* laneKernelsAvx2() {

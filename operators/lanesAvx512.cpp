@@ -119,6 +119,46 @@ CORVELLE_AVX512 inline void storeAcross(const Float16* in, float* const* to) {
     }
 }
 
+/// Four rows of four quarters, turned in place.
+CORVELLE_AVX512 inline void turnQuarters(__m512 r[4]) {
+    const __m512 a = _mm512_shuffle_f32x4(r[0], r[1], _MM_SHUFFLE(1, 0, 1, 0));
+    const __m512 b = _mm512_shuffle_f32x4(r[2], r[3], _MM_SHUFFLE(1, 0, 1, 0));
+    const __m512 c = _mm512_shuffle_f32x4(r[0], r[1], _MM_SHUFFLE(3, 2, 3, 2));
+    const __m512 d = _mm512_shuffle_f32x4(r[2], r[3], _MM_SHUFFLE(3, 2, 3, 2));
+    r[0] = _mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+    r[1] = _mm512_shuffle_f32x4(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+    r[2] = _mm512_shuffle_f32x4(c, d, _MM_SHUFFLE(2, 0, 2, 0));
+    r[3] = _mm512_shuffle_f32x4(c, d, _MM_SHUFFLE(3, 1, 3, 1));
+}
+
+CORVELLE_AVX512 inline void loadSquare(const float* const* from, std::size_t at, Float16* out) {
+    __m512 quarters[4][4];
+    for (int l = 0; l < 4; ++l) {
+        __m512 r[4];
+        for (int q = 0; q < 4; ++q) r[q] = _mm512_loadu_ps(from[l + 4 * q] + at);
+        turnQuarters(r);
+        for (int q = 0; q < 4; ++q) quarters[q][l] = r[q];
+    }
+    for (int q = 0; q < 4; ++q) {
+        turn(quarters[q]);
+        for (int k = 0; k < 4; ++k) out[4 * q + k] = quarters[q][k];
+    }
+}
+
+CORVELLE_AVX512 inline void storeSquare(const Float16* in, float* const* to, std::size_t at) {
+    __m512 quarters[4][4];
+    for (int q = 0; q < 4; ++q) {
+        for (int k = 0; k < 4; ++k) quarters[q][k] = in[4 * q + k].lanes;
+        turn(quarters[q]);
+    }
+    for (int l = 0; l < 4; ++l) {
+        __m512 r[4];
+        for (int q = 0; q < 4; ++q) r[q] = quarters[q][l];
+        turnQuarters(r);
+        for (int q = 0; q < 4; ++q) _mm512_storeu_ps(to[l + 4 * q] + at, r[q]);
+    }
+}
+
 }  // namespace
 
 const LaneKernels* laneKernelsAvx512() {

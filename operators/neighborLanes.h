@@ -115,33 +115,29 @@ CORVELLE_LANES_TARGET inline void walkCurves(Walk& curves, const F* places, std:
 }
 
 /// Asks the caches for the curve of a strand.
-inline void fetchCurve(const CurveRows& curves, std::uint32_t s) {
+CORVELLE_FETCH void fetchCurve(const CurveRows& curves, std::uint32_t s) {
     fetchFloats(curves.rows + 4 * curves.starts[s],
                 std::size_t(4 * (curves.offsets[s + 1] - curves.offsets[s])));
 }
-inline void fetchOthers(const BlendJob& job, std::size_t place) {
-    for (std::uint32_t j = 0; j < job.counts[place]; ++j)
-        fetchCurve(job.curves, job.neighbors[place][j]);
-}
 
 /// What a job reads and writes at a place, asked of the caches.
-inline void fetchPlace(const MeasureJob& job, std::size_t place, std::size_t n) {
+CORVELLE_FETCH void fetchPlace(const MeasureJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
-inline void fetchPlace(const BlendJob& job, std::size_t place, std::size_t n) {
+CORVELLE_FETCH void fetchPlace(const BlendJob& job, std::size_t place, std::size_t n) {
     const std::uint32_t s = job.points.strands[place];
     fetchCurve(job.curves, s);
     for (std::uint32_t j = 0; j < job.counts[place]; ++j)
         fetchCurve(job.curves, job.neighbors[place][j]);
     fetchFloats(job.points.to + 3 * job.points.offsets[s], 3 * n);
 }
-inline void fetchPlace(const StickJob& job, std::size_t place, std::size_t n) {
+CORVELLE_FETCH void fetchPlace(const StickJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.points.from + 3 * job.points.offsets[job.partners[place]], 3 * n);
     fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
     fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
 
-inline void fetchPlace(const RestoreJob& job, std::size_t place, std::size_t n) {
+CORVELLE_FETCH void fetchPlace(const RestoreJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.references[place], 3 * n);
     fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
     fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);

@@ -15,6 +15,14 @@
 #define CORVELLE_LANES_TARGET
 #endif
 
+// For functions that ask the caches for something and do nothing else. GCC takes these for
+// functions without effects and drops their calls, unless they are inlined before it looks.
+#if defined(__GNUC__) || defined(__clang__)
+#define CORVELLE_FETCH __attribute__((always_inline)) inline
+#else
+#define CORVELLE_FETCH inline
+#endif
+
 namespace corvelle {
 
 namespace {  // a copy of its own for every source: each has its own target
@@ -128,14 +136,25 @@ CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x
 
 /// Asks the caches for what the next strands read and write, while these are worked on: hair is
 /// walked in pieces too short for the processor to see where they go.
-inline void fetchFloats(const float* from, std::size_t count) {
+CORVELLE_FETCH void fetchFloats(const float* from, std::size_t count) {
     constexpr std::size_t kLine = 16;
     for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
 }
 
-/// `count` floats of each of F::kLanes arrays, side by side.
+/// `count` floats of each of F::kLanes arrays, side by side: in squares of kLanes by kLanes where
+/// there are as many, which reads each array's pointer once for all of them, else by fours.
 template <class F>
 CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::size_t count, F* out) {
+    if constexpr (F::kLanes > 4) {
+        if (count >= F::kLanes) {
+            for (std::size_t k = 0; k < count; k += F::kLanes) {
+                // The last square holds some of the one before once more.
+                if (k + F::kLanes > count) k = count - F::kLanes;
+                loadSquare(from, k, out + k);
+            }
+            return;
+        }
+    }
     const float* at[F::kLanes];
     for (std::size_t k = 0; k < count; k += 4) {
         if (k + 4 > count) {
@@ -156,6 +175,15 @@ CORVELLE_LANES_TARGET inline void gatherLanes(const float* const* from, std::siz
 
 template <class F>
 CORVELLE_LANES_TARGET inline void scatterLanes(const F* in, std::size_t count, float* const* to) {
+    if constexpr (F::kLanes > 4) {
+        if (count >= F::kLanes) {
+            for (std::size_t k = 0; k < count; k += F::kLanes) {
+                if (k + F::kLanes > count) k = count - F::kLanes;
+                storeSquare(in + k, to, k);
+            }
+            return;
+        }
+    }
     float* at[F::kLanes];
     for (std::size_t k = 0; k < count; k += 4) {
         if (k + 4 > count) {

@@ -140,11 +140,11 @@ CORVELLE_LANES_TARGET inline void widthsAcross(const WidthJob& job, const std::u
     scatterLanes(shares, n, to);
 }
 
-inline void fetchStrand(const TrimJob& job, std::uint32_t strand, std::size_t n) {
+CORVELLE_FETCH void fetchStrand(const TrimJob& job, std::uint32_t strand, std::size_t n) {
     fetchFloats(job.from + 3 * job.offsets[strand], 3 * n);
     fetchFloats(job.to + 3 * job.offsets[strand], 3 * n);
 }
-inline void fetchStrand(const WidthJob& job, std::uint32_t strand, std::size_t n) {
+CORVELLE_FETCH void fetchStrand(const WidthJob& job, std::uint32_t strand, std::size_t n) {
     fetchFloats(job.points + 3 * job.offsets[strand], 3 * n);
     fetchFloats(job.to + job.offsets[strand], n);
 }

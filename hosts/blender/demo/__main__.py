@@ -66,7 +66,7 @@ def show_look(helper_path: str, name: str, picture: str) -> int:
         timed("set_graph and what it reads", lambda: dress(session, name))
         hair, answer = timed("evaluate", lambda: take_hair(session))
     print(f"  {answer['strandCount']} strands, {answer['pointCount']} points")
-    image = timed("draw the picture", lambda: draw(hair, (mesh.points, mesh.triangles()), views_of(mesh, True)))
+    image = timed("draw the picture", lambda: draw(hair, (mesh.points, mesh.triangles()), views_of(mesh, True, hair)))
     write_png(picture, image)
     print(f"  {picture}")
     return 1 if answer["errors"] or not answer["strandCount"] else 0
@@ -93,7 +93,7 @@ def main() -> int:
     if not answer["strandCount"]:
         print("no hair grew")
         return 1
-    views = views_of(mesh, not options.scalp)
+    views = views_of(mesh, not options.scalp, hair)
     image = timed("draw the picture", lambda: draw(hair, (mesh.points, mesh.triangles()), views))
     write_png(options.picture, image)
     print(f"  {options.picture}")

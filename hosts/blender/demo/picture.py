@@ -13,6 +13,8 @@ import numpy as np
 from .guides import vertex_normals
 
 STRANDS_AT_ONCE = 4000  # what fits the caches, more or less
+PICTURE_WIDTH, PICTURE_HEIGHT = 720, 860  # pixels of one view
+PICTURE_ASPECT = PICTURE_WIDTH / PICTURE_HEIGHT
 
 
 @dataclass
@@ -180,9 +182,9 @@ def _mesh_points(points: np.ndarray, triangles: np.ndarray, spacing: float) -> T
     return places, n / np.maximum(np.linalg.norm(n, axis=1, keepdims=True), 1e-12)
 
 
-def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[View], width: int = 720,
-         height: int = 860, samples: int = 2, skin: Tuple[float, float, float] = (0.62, 0.46, 0.38),
-         most: int = 40_000) -> np.ndarray:
+def draw(hair: Hair, mesh: Optional[Tuple[np.ndarray, np.ndarray]], views: List[View],
+         width: int = PICTURE_WIDTH, height: int = PICTURE_HEIGHT, samples: int = 2,
+         skin: Tuple[float, float, float] = (0.62, 0.46, 0.38), most: int = 40_000) -> np.ndarray:
     """One picture of all views side by side: (height, width * views, 3) bytes. `mesh` is (points, triangles)."""
     pictures = []
     for view in views:

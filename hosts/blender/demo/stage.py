@@ -11,7 +11,7 @@ import numpy as np
 from corvelle_client import Helper, Session, keep
 
 from .head import Mesh
-from .picture import Hair, View
+from .picture import PICTURE_ASPECT, Hair, View
 
 Guides = Tuple[np.ndarray, np.ndarray]  # points of all, and the points of each
 
@@ -40,15 +40,22 @@ def grown_area(mesh: Mesh) -> float:
     return total * 1e4
 
 
-def views_of(mesh: Mesh, head: bool) -> List[View]:
-    """Two looks at the whole of it."""
-    lo, hi = mesh.points.min(axis=0), mesh.points.max(axis=0)
-    if head:
-        center = np.array([0.0, 0.0, -0.05])
-        return [View((0.55, 1.0, -0.12), (0, 0, 1), center, 0.46), View((-1.0, 0.35, -0.1), (0, 0, 1), center, 0.46)]
-    center = (lo + hi) / 2
-    height = 1.35 * float((hi - lo).max())
-    return [View((0.6, 1.0, -0.25), (0, 0, 1), center, height), View((-1.0, 0.3, -0.2), (0, 0, 1), center, height)]
+def views_of(mesh: Mesh, head: bool, hair: Hair) -> List[View]:
+    """Two looks at the mesh and all its hair but the last stray, at one scale."""
+    toward = [(0.55, 1.0, -0.12), (-1.0, 0.35, -0.1)] if head else [(0.6, 1.0, -0.25), (-1.0, 0.3, -0.2)]
+    views, height = [], 0.0
+    for direction in toward:
+        axes = View(direction, (0, 0, 1), np.zeros(3), 1.0).axes()
+        center, size = np.zeros(3), []
+        for axis in axes[:2]:
+            along_mesh, along_hair = mesh.points @ axis, np.asarray(hair.positions) @ axis
+            strays = np.percentile(along_hair, [0.05, 99.95]) if len(along_hair) else along_mesh[:2]
+            lo, hi = min(along_mesh.min(), strays[0]), max(along_mesh.max(), strays[1])
+            center = center + axis * ((lo + hi) / 2)
+            size.append(hi - lo)
+        height = max(height, 1.07 * size[1], 1.07 * size[0] / PICTURE_ASPECT)
+        views.append((direction, center))
+    return [View(direction, (0, 0, 1), center, height) for direction, center in views]
 
 
 @contextmanager

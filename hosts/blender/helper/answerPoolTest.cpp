@@ -1,3 +1,4 @@
+#include <bit>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -6,6 +7,7 @@
 
 #include "hosts/blender/helper/answerPool.h"
 #include "hosts/blender/helper/arrayReader.h"
+#include "hosts/blender/helper/hostPoints.h"
 #include "model/parallel.h"
 
 namespace corvelle {
@@ -110,8 +112,8 @@ class AnswerPoolPoints : public testing::TestWithParam<SceneSpace> {};
 INSTANTIATE_TEST_SUITE_P(Spaces, AnswerPoolPoints,
                          testing::Values(SceneSpace("Z", 1.0), SceneSpace("Y", 0.01),
                                          SceneSpace("Z", 0.0254), SceneSpace("Y", 3.0),
-                                         SceneSpace("Z", 0.01), SceneSpace("Z", 1e-30),
-                                         SceneSpace("Z", 1e6)));
+                                         SceneSpace("Z", 0.01), SceneSpace("Z", 0.025),
+                                         SceneSpace("Z", 1e-30), SceneSpace("Z", 1e6)));
 
 TEST_P(AnswerPoolPoints, AreEachTurnedToTheHostOnAnyNumberOfThreads) {
     const SceneSpace& space = GetParam();
@@ -135,6 +137,31 @@ TEST_P(AnswerPoolPoints, AreEachTurnedToTheHostOnAnyNumberOfThreads) {
     runWithThreads(8, [&] { EXPECT_EQ(write(false), want); });
     const std::vector<float> own = write(true);
     EXPECT_EQ(std::memcmp(own.data(), points.data(), points.size() * sizeof(Vec3f)), 0);
+}
+
+TEST_P(AnswerPoolPoints, HaveTheBitsOfASingleOneWhateverTheFloats) {
+    const SceneSpace& space = GetParam();
+    // A stride through all floats: zeros, subnormals, infinities and not-a-numbers of either sign.
+    constexpr std::uint32_t kStride = 4099;  // prime
+    std::vector<Vec3f> points(std::size_t((std::uint64_t(1) << 32) / kStride / 3));
+    std::uint32_t bits = 0;
+    for (Vec3f& point : points)
+        for (int axis = 0; axis < 3; ++axis, bits += kStride)
+            point[axis] = std::bit_cast<float>(bits);
+    std::vector<Vec3f> want(points.size());
+    for (std::size_t i = 0; i < points.size(); ++i) want[i] = space.pointToHost(points[i]);
+    std::vector<Vec3f> got(points.size());
+    pointsToHost(points, space, got.data());
+    std::size_t differ = 0;
+    for (std::size_t i = 0; i < points.size(); ++i)
+        differ += std::memcmp(&got[i], &want[i], sizeof(Vec3f)) != 0;
+    EXPECT_EQ(differ, 0u);
+
+    std::vector<float> lengths(&points[0].x, &points[0].x + 3 * points.size()), wantLengths;
+    lengths.resize(lengths.size() - 1);  // not a multiple of any step
+    for (const float length : lengths) wantLengths.push_back(space.lengthToHost(length));
+    lengthsToHost(lengths, space, lengths.data());
+    EXPECT_EQ(std::memcmp(lengths.data(), wantLengths.data(), lengths.size() * sizeof(float)), 0);
 }
 
 }  // namespace

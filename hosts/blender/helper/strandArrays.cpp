@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "hosts/blender/helper/hostPoints.h"
 #include "hosts/blender/helper/requestError.h"
 #include "model/parallel.h"
 #include "session/renderColors.h"
@@ -106,7 +107,7 @@ Json writeWidths(AnswerPool& pool, std::span<const float> widths, const SceneSpa
     AnswerPool::Array array = pool.allocate(widths.size(), 4, "<f4", {widths.size()});
     auto* out = reinterpret_cast<float*>(array.data);
     parallelRange(0, widths.size(), kChunkElements, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t i = begin; i < end; ++i) out[i] = space.lengthToHost(widths[i]);
+        lengthsToHost(widths.subspan(begin, end - begin), space, out + begin);
     });
     return std::move(array.reference);
 }
