@@ -18,10 +18,7 @@ namespace {
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 constexpr float kWider = 1.00001f;  ///< slab tests round
 
-Float4 lanesOf(Vec3f v) {
-    alignas(16) const float lanes[4] = {v.x, v.y, v.z, 0.0f};
-    return Float4::load(lanes);
-}
+Float4 lanesOf(Vec3f v) { return Float4::of(v.x, v.y, v.z, 0.0f); }
 
 Float4 magnitude(Float4 a) { return upper(a, Float4(0.0f) - a); }
 

@@ -51,6 +51,8 @@ struct Float4 {
     /// `p` is 16-byte aligned.
     static Float4 load(const float* p) { return _mm_load_ps(p); }
     static Float4 loadUnaligned(const float* p) { return _mm_loadu_ps(p); }
+    /// From single floats; a load of what was just stored one by one would wait for the stores.
+    static Float4 of(float a, float b, float c, float d) { return _mm_setr_ps(a, b, c, d); }
     void store(float* p) const { _mm_store_ps(p, lanes); }
     void storeUnaligned(float* p) const { _mm_storeu_ps(p, lanes); }
     static constexpr std::size_t kLanes = 4;
@@ -79,6 +81,10 @@ struct Float4 {
         Float4 r;
         for (int i = 0; i < 4; ++i) r.lanes[i] = p[i];
         return r;
+    }
+    static Float4 of(float a, float b, float c, float d) {
+        const float lanes[4] = {a, b, c, d};
+        return loadUnaligned(lanes);
     }
     void store(float* p) const {
         for (int i = 0; i < 4; ++i) p[i] = lanes[i];

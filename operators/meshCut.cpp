@@ -24,9 +24,7 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 /// A point in three lanes; the fourth is of no use. `next`: whether a float follows the point.
 Float4 lanesOf(const Vec3f& p, bool next) {
-    if (next) return Float4::loadUnaligned(&p.x);
-    alignas(16) const float lanes[4] = {p.x, p.y, p.z, 0.0f};
-    return Float4::load(lanes);
+    return next ? Float4::loadUnaligned(&p.x) : Float4::of(p.x, p.y, p.z, 0.0f);
 }
 constexpr int kAxes = 7;  ///< the bits of three lanes
 
@@ -39,10 +37,11 @@ inline bool mayMeet(Float4 low, Float4 high, Float4 meshLow, Float4 meshHigh) {
 
 /// The cut at `rest` cm of the i-th segment, which is `segment` cm long. A piece that is nothing is
 /// left to the segment before it.
-StrandCut cutWithin(std::size_t i, float rest, float segment) {
-    if (i > 0 && !(rest > kLeast))
-        return {.points = std::uint32_t(i + 1), .share = 1.0f, .whole = false};
-    return {.points = std::uint32_t(i + 2), .share = rest / segment, .whole = false};
+void cutWithin(std::size_t i, float rest, float segment, StrandCut& cut) {
+    const bool nothing = i > 0 && !(rest > kLeast);
+    cut.points = std::uint32_t(nothing ? i + 1 : i + 2);
+    cut.share = nothing ? 1.0f : rest / segment;
+    cut.whole = false;
 }
 
 }  // namespace
@@ -98,8 +97,11 @@ public:
 
     /// `number` names the strand, of two points or more, to the caller.
     void add(std::span<const Vec3f> points, std::uint32_t number) {
-        Strand strand{points, number, 0, cut_.nearSegments(points, 0)};
-        if (findNear(strand)) strands_.push_back(strand);
+        Strand& strand = strands_.emplace_back();
+        strand.points = points;
+        strand.number = number;
+        strand.near = cut_.nearSegments(points, 0);
+        if (!findNear(strand)) strands_.pop_back();
     }
 
     /// Calls crossed(number, segment, share of it) for strands that cross, in any order.
@@ -117,7 +119,7 @@ public:
             cut_.mesh_.rayDistances(origins_, directions_, distances_, 1.0f + kPastEnd);
             std::size_t left = 0;
             for (std::size_t k = 0; k < strands_.size(); ++k) {
-                Strand strand = strands_[k];
+                Strand& strand = strands_[k];
                 if (distances_[k] < kInfinity) {
                     crossed(strand.number, strand.segment(), std::min(distances_[k], 1.0f));
                     continue;
@@ -156,8 +158,9 @@ private:
 
 namespace {
 
-/// The cut `offset` cm before the place at `share` of a segment.
-StrandCut cutBefore(std::span<const Vec3f> points, std::size_t crossed, float share, float offset) {
+/// Cuts a whole strand `offset` cm before the place at `share` of a segment.
+void cutBefore(std::span<const Vec3f> points, std::size_t crossed, float share, float offset,
+               StrandCut& cut) {
     std::array<float, 64> few;
     std::vector<float> many;
     if (crossed >= few.size()) many.resize(crossed + 1);
@@ -166,12 +169,15 @@ StrandCut cutBefore(std::span<const Vec3f> points, std::size_t crossed, float sh
     polylineLengths(points.first(crossed + 1), walked);
     float segment = distance(points[crossed], points[crossed + 1]);
     const float length = walked[crossed] + segment * share - offset;
-    if (!(length < kInfinity)) return {.points = std::uint32_t(points.size())};  // NaN too
-    if (!(length > kLeast)) return {.points = 0, .whole = false};
+    if (!(length < kInfinity)) return;  // NaN too
+    if (!(length > kLeast)) {
+        cut = {.points = 0, .whole = false};
+        return;
+    }
     std::size_t i = crossed;
     while (i > 0 && walked[i] >= length) --i;
     if (i < crossed) segment = distance(points[i], points[i + 1]);
-    return cutWithin(i, length - walked[i], segment);
+    cutWithin(i, length - walked[i], segment, cut);
 }
 
 }  // namespace
@@ -190,7 +196,7 @@ void CrossingCut::operator()(const StrandSet& strands, std::span<const std::uint
         }
         for (std::size_t k = 0; k < count; ++k) search.add(strands.pointsOf(near[k]), near[k]);
         search.run([&](std::uint32_t s, std::size_t segment, float share) {
-            cuts[s] = cutBefore(strands.pointsOf(s), segment, share, offset);
+            cutBefore(strands.pointsOf(s), segment, share, offset, cuts[s]);
         });
     }
 }
@@ -209,13 +215,17 @@ float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh) {
 
 StrandCut cutAt(std::span<const Vec3f> points, float length) {
     if (!(length > kLeast)) return {.points = 0, .whole = false};
+    StrandCut cut{.points = std::uint32_t(points.size())};
     float walked = 0.0f;
     for (std::size_t i = 0; i + 1 < points.size(); ++i) {
         const float segment = distance(points[i], points[i + 1]);
-        if (walked + segment >= length) return cutWithin(i, length - walked, segment);
+        if (walked + segment >= length) {
+            cutWithin(i, length - walked, segment, cut);
+            break;
+        }
         walked += segment;
     }
-    return {.points = std::uint32_t(points.size())};
+    return cut;
 }
 
 namespace {
