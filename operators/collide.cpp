@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <limits>
 
 #include "graph/operator.h"
 #include "model/parallel.h"
+#include "operators/collideKernels.h"
+#include "operators/laneRuns.h"
 #include "operators/nodeFactories.h"
 
 namespace corvelle {
@@ -51,7 +54,7 @@ std::size_t firstTouching(std::span<const Vec3f> points, const CollideSurface& s
     return points.size();
 }
 
-constexpr std::size_t kMaxSurfaces = 2;
+constexpr std::size_t kMaxSurfaces = PushJob::kMostFields;
 
 }  // namespace
 
@@ -108,14 +111,107 @@ bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> 
 
 namespace {
 
+/// Marks the strands of a batch that touch the field's surface, by their places in it; those marked
+/// are left out. Of each strand that is undecided one point is measured, all of them side by side,
+/// and once more as long as some are left.
+void markTouching(const StrandSet& set, std::span<const std::uint32_t> strands,
+                  const DistanceField& field, const CollideSettings& settings,
+                  std::span<std::uint8_t> marks) {
+    struct Undecided {
+        std::uint32_t place = 0;
+        std::uint32_t bits = 0;  ///< its points from the second on that perhaps touch
+    };
+    std::array<Undecided, StrandPick::kBatch> undecided;
+    std::size_t count = 0;
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        const auto points = set.pointsOf(strands[k]);
+        if (marks[k] || points.size() < 2) continue;
+        if (points.size() - 1 > DistanceField::kMostLooks) {
+            marks[k] = firstTouching(points, field, settings) < points.size();
+            continue;
+        }
+        undecided[count] = {
+            std::uint32_t(k),
+            field.perhapsWithin(points.subspan(1), -settings.maxDepth, settings.offset)};
+        count += undecided[count].bits != 0;
+    }
+    const FieldGrid grid = field.grid();
+    const float* const points = count > 0 ? &set.points()[0].x : nullptr;
+    std::array<std::uint32_t, StrandPick::kBatch> places;
+    std::array<float, StrandPick::kBatch> distances;
+    while (count > 0) {
+        for (std::size_t u = 0; u < count; ++u)
+            places[u] = std::uint32_t(set.offsets()[strands[undecided[u].place]] + 1) +
+                        std::uint32_t(std::countr_zero(undecided[u].bits));
+        collideKernels().distances(grid, points, places.data(), count, distances.data());
+        std::size_t left = 0;
+        for (std::size_t u = 0; u < count; ++u) {
+            Undecided next = undecided[u];
+            next.bits &= next.bits - 1;
+            const bool touches = pushed(distances[u], settings);
+            marks[next.place] |= std::uint8_t(touches);
+            undecided[left] = next;
+            left += !touches && next.bits != 0;
+        }
+        count = left;
+    }
+}
+
+/// The same for all of the surfaces.
+void markTouching(const StrandSet& set, std::span<const std::uint32_t> strands,
+                  std::span<const CollideSurface> surfaces, const CollideSettings& settings,
+                  std::span<std::uint8_t> marks) {
+    std::ranges::fill(marks, std::uint8_t(0));
+    for (const CollideSurface& surface : surfaces) {
+        // Places of points are 32 bits there.
+        if (surface.field && set.pointCount() <= std::numeric_limits<std::uint32_t>::max()) {
+            markTouching(set, strands, *surface.field, settings, marks);
+            continue;
+        }
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const auto points = set.pointsOf(strands[k]);
+            marks[k] |= firstTouching(points, surface, settings) < points.size();
+        }
+    }
+}
+
+/// The marked strands of a batch, pushed.
+void pushMarked(const StrandSet& in, std::span<const std::uint32_t> strands,
+                std::span<const CollideSurface> surfaces, const CollideSettings& settings,
+                std::span<const std::uint8_t> marks, std::span<Vec3f> out) {
+    std::array<std::uint32_t, StrandPick::kBatch> listed;
+    std::size_t count = 0;
+    for (std::size_t k = 0; k < strands.size(); ++k) {
+        listed[count] = strands[k];
+        count += marks[k];
+    }
+    if (count == 0) return;
+    const auto list = std::span<const std::uint32_t>(listed).first(count);
+    const auto single = [&](std::size_t k) {
+        const auto points = in.pointsOf(list[k]);
+        collideStrand(points, surfaces, settings,
+                      out.subspan(in.offsets()[list[k]], points.size()));
+    };
+    PushJob job{.points = lanePoints(in, list, out),
+                .offset = settings.offset,
+                .maxDepth = settings.maxDepth,
+                .iterations = settings.iterations};
+    for (const CollideSurface& surface : surfaces)
+        if (surface.field) job.fields[job.fieldCount++] = surface.field->grid();
+    if (job.fieldCount == surfaces.size())
+        return deformStrands(collideKernels().push, job, in, list, single);
+    for (std::size_t k = 0; k < count; ++k) single(k);
+}
+
 /// 1 for each strand of `pick` that touches a surface; [strands].
 std::vector<std::uint8_t> touchMarks(const StrandSet& strands, const StrandPick& pick,
                                      std::span<const CollideSurface> surfaces,
                                      const CollideSettings& settings) {
     std::vector<std::uint8_t> touches(strands.strandCount(), 0);
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
-        for (const std::uint32_t s : batch)
-            touches[s] = strandTouches(strands.pointsOf(s), surfaces, settings);
+        std::array<std::uint8_t, StrandPick::kBatch> marks;
+        markTouching(strands, batch, surfaces, settings, std::span(marks).first(batch.size()));
+        for (std::size_t k = 0; k < batch.size(); ++k) touches[batch[k]] = marks[k];
     });
     return touches;
 }
@@ -145,10 +241,8 @@ StrandsPtr collide(const StrandsPtr& in, std::span<const CollideSurface> surface
         const auto first = std::ptrdiff_t(offsets[batch.front()]);
         const auto end = std::ptrdiff_t(offsets[batch.back() + 1]);
         std::copy(in->points().begin() + first, in->points().begin() + end, points.begin() + first);
-        for (const std::uint32_t s : batch)
-            if (touches[s])
-                collideStrand(in->pointsOf(s), surfaces, settings,
-                              points.subspan(std::size_t(offsets[s]), in->pointCountOf(s)));
+        pushMarked(*in, batch, surfaces, settings,
+                   std::span(touches).subspan(batch.front(), batch.size()), points);
     });
     return out;
 }
@@ -162,13 +256,11 @@ StrandsPtr collideAfter(const StrandsPtr& in, StrandsPtr previous,
     if (changed.empty()) return out;
     const std::span<Vec3f> points = out->mutablePoints();
     StrandPick(changed).forEachBatch([&](std::span<const std::uint32_t> batch) {
-        for (const std::uint32_t s : batch) {
-            const auto own = points.subspan(std::size_t(in->offsets()[s]), in->pointCountOf(s));
-            if (strandTouches(in->pointsOf(s), surfaces, settings))
-                collideStrand(in->pointsOf(s), surfaces, settings, own);
-            else
-                std::copy(in->pointsOf(s).begin(), in->pointsOf(s).end(), own.begin());
-        }
+        std::array<std::uint8_t, StrandPick::kBatch> marks;
+        markTouching(*in, batch, surfaces, settings, std::span(marks).first(batch.size()));
+        for (const std::uint32_t s : batch)
+            std::ranges::copy(in->pointsOf(s), points.begin() + std::ptrdiff_t(in->offsets()[s]));
+        pushMarked(*in, batch, surfaces, settings, marks, points);
     });
     return out;
 }

@@ -25,11 +25,11 @@ struct CollideSurface {
 };
 
 /// Pushes one strand out of the surfaces, in the order given. From the root out, each point less
-/// than `offset` outside a surface, and no more than `maxDepth` under it, moves along the distance's
-/// gradient to `offset`; it, and every point after it, then goes back to its segment's length from
-/// the point before it. The root stays. A strand that keeps its distance comes back as it was, bit
-/// for bit; returns whether it moved.
-/// Shapes: rest, out [n], which may be one array. Pure: strands may run in any order, in parallel.
+/// than `offset` outside a surface, and no more than `maxDepth` under it, moves along the
+/// distance's gradient to `offset`; it, and every point after it, then goes back to its segment's
+/// length from the point before it. The root stays. A strand that keeps its distance comes back as
+/// it was, bit for bit; returns whether it moved. Shapes: rest, out [n], which may be one array.
+/// Pure: strands may run in any order, in parallel.
 bool collideStrand(std::span<const Vec3f> rest, std::span<const CollideSurface> surfaces,
                    const CollideSettings& settings, std::span<Vec3f> out);
 

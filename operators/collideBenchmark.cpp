@@ -1,6 +1,6 @@
-#include <benchmark/benchmark.h>
-
 #include <memory>
+
+#include <benchmark/benchmark.h>
 
 #include "model/hash.h"
 #include "model/parallel.h"
@@ -15,15 +15,16 @@ ScalpPtr scalp() {
     return made;
 }
 
-/// 100,000 strands of 16 points standing off the scalp; `touching` is the share that leans under it.
+/// 100,000 strands of 16 points standing off the scalp; `touching` is the share that leans under
+/// it.
 StrandsPtr hair(float touching) {
     StrandSet set;
     set.reserve(100000, 1600000);
     std::vector<Vec3f> points(16);
     for (std::uint64_t s = 0; s < 100000; ++s) {
         SplitMix random(s);
-        const Vec3f out = normalized({random.nextRange(-1, 1), random.nextRange(-1, 1),
-                                      random.nextRange(-1, 1) + 0.01f});
+        const Vec3f out = normalized(
+            {random.nextRange(-1, 1), random.nextRange(-1, 1), random.nextRange(-1, 1) + 0.01f});
         const Vec3f side = anyPerpendicular(out);
         const float lift = random.nextFloat() < touching ? 0.0f : 1.0f;
         for (std::size_t i = 0; i < points.size(); ++i) {
@@ -56,14 +57,28 @@ template <bool byField>
 void timeCollide(benchmark::State& state) {
     const StrandsPtr strands = hair(float(state.range(0)) / 100.0f);
     CollideSurface surface;
-    if (byField) surface.field = sharedDistanceField(scalp(), 0.05f);
-    else surface.exact = sharedExactDistance(scalp());
+    if (byField)
+        surface.field = sharedDistanceField(scalp(), 0.05f);
+    else
+        surface.exact = sharedExactDistance(scalp());
     const std::vector<CollideSurface> surfaces = {surface};
     for (auto _ : state) benchmark::DoNotOptimize(collide(strands, surfaces, {}));
     state.SetItemsProcessed(state.iterations() * std::int64_t(strands->pointCount()));
 }
-BENCHMARK(timeCollide<true>)->Name("collide/field")->ArgName("touching%")->Arg(0)->Arg(10)->Arg(50)->UseRealTime()->Unit(benchmark::kMillisecond);
-BENCHMARK(timeCollide<false>)->Name("collide/exact")->ArgName("touching%")->Arg(10)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(timeCollide<true>)
+    ->Name("collide/field")
+    ->ArgName("touching%")
+    ->Arg(0)
+    ->Arg(10)
+    ->Arg(50)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(timeCollide<false>)
+    ->Name("collide/exact")
+    ->ArgName("touching%")
+    ->Arg(10)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 /// As many closest points as the field has nodes, found one by one from the one before.
 void timePlainField(benchmark::State& state) {
@@ -83,7 +98,11 @@ void timePlainField(benchmark::State& state) {
         benchmark::DoNotOptimize(sum);
     }
 }
-BENCHMARK(timePlainField)->Name("distanceField/baseline")->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(timePlainField)
+    ->Name("distanceField/baseline")
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 void timeField(benchmark::State& state) {
     scalp()->prepareQueries();
     for (auto _ : state) benchmark::DoNotOptimize(DistanceField(*scalp(), 0.05f));

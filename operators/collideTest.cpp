@@ -1,15 +1,16 @@
-#include "operators/collide.h"
-
-#include <gtest/gtest.h>
-
 #include <cmath>
 #include <cstring>
 #include <set>
+
+#include <gtest/gtest.h>
 
 #include "graph/operator.h"
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/testing/meshes.h"
+#include "operators/collide.h"
+#include "operators/collideKernels.h"
+#include "operators/laneRuns.h"
 #include "operators/registerOperators.h"
 
 namespace corvelle {
@@ -25,8 +26,8 @@ StrandsPtr makeLeaning(std::size_t strands, std::uint64_t seed, std::size_t poin
     StrandSet set;
     for (std::size_t s = 0; s < strands; ++s) {
         SplitMix random(hashCombine(seed, std::uint64_t(s)));
-        const Vec3f out = normalized({random.nextRange(-1, 1), random.nextRange(-1, 1),
-                                      random.nextRange(-1, 1) + 0.01f});
+        const Vec3f out = normalized(
+            {random.nextRange(-1, 1), random.nextRange(-1, 1), random.nextRange(-1, 1) + 0.01f});
         const Vec3f side = anyPerpendicular(out);
         const float lean = random.nextRange(-0.5f, 3.0f), size = random.nextRange(0.5f, 4.0f);
         std::vector<Vec3f> p;
@@ -68,7 +69,8 @@ TEST_P(CollideTest, KeepsRootsAndLengthsAndLiftsStrandsOut) {
     EXPECT_GT(moved, 300u);
     EXPECT_GT(untouched, 300u) << "nothing here could stay as it was";
     EXPECT_LT(under, before / 50);
-    EXPECT_TRUE(out->sharesWidths(*strands) && out->sharesIds(*strands) && out->sharesRoots(*strands));
+    EXPECT_TRUE(out->sharesWidths(*strands) && out->sharesIds(*strands) &&
+                out->sharesRoots(*strands));
 }
 
 TEST_P(CollideTest, LeavesPointsDeeperThanTheLimit) {
@@ -88,8 +90,8 @@ TEST_P(CollideTest, LeavesPointsDeeperThanTheLimit) {
 TEST_P(CollideTest, GivesTheSameBitsOnManyThreadsAndAStrandAloneAsInACrowd) {
     std::set<std::uint64_t> hashes;
     for (const unsigned threads : {1u, 2u, 8u})
-        runWithThreads(threads,
-                       [&] { hashes.insert(collide(strands, surfaces(), settings)->contentHash()); });
+        runWithThreads(
+            threads, [&] { hashes.insert(collide(strands, surfaces(), settings)->contentHash()); });
     EXPECT_EQ(hashes.size(), 1u);
     const std::vector<std::uint32_t> some = {3, 400, 401, 1999};
     const auto few = std::make_shared<const StrandSet>(strands->subset(some));
@@ -109,8 +111,8 @@ TEST_P(CollideTest, AnUpdateGivesTheBitsOfAFullRun) {
         for (const std::uint32_t s : changed)
             for (std::size_t i = 1; i < strands->pointCountOf(s); ++i)
                 points[strands->offsets()[s] + i] *= random.nextRange(0.9f, 1.1f);
-        const StrandsPtr after = collideAfter(edited, collide(strands, surfaces(), settings), changed,
-                                              surfaces(), settings);
+        const StrandsPtr after = collideAfter(edited, collide(strands, surfaces(), settings),
+                                              changed, surfaces(), settings);
         EXPECT_EQ(after->contentHash(), collide(edited, surfaces(), settings)->contentHash());
     }
 }
@@ -132,6 +134,53 @@ TEST(Collide, TheFieldStaysWithinAFractionOfTheOffsetOfTheMesh) {
     }
     EXPECT_GT(pushed, 500u);
     EXPECT_GT(held, pushed * 98 / 100);
+}
+
+TEST(Collide, PushesManyStrandsWithTheBitsOfOneAlone) {
+    const ScalpPtr sphere = shared(makeSphere(64, 128, 10.0f)), ball = shared(makeSphere(32, 48, 4.0f));
+    std::vector<Vec3f> moved(ball->points().begin(), ball->points().end());
+    for (Vec3f& p : moved) p += Vec3f{0.0f, 12.0f, 0.0f};
+    const std::vector<CollideSurface> surfaces = {byField(sphere), byField(ball->withPoints(moved))};
+    const CollideSettings settings{.offset = 0.3f, .iterations = 3};
+    auto made = std::make_shared<StrandSet>(*makeLeaning(1000, 6));
+    const auto points = made->mutablePoints();
+    for (std::size_t s = 0; s < 1000; s += 9) {  // off the grids, folded up, and no numbers
+        const auto own = points.subspan(made->offsets()[s] + 1, 11);
+        if (s % 4 == 0) own[5] = own[4];
+        if (s % 4 == 1) own[3] = own[3] * 40.0f;
+        if (s % 4 == 2) own[7].y = s % 8 == 2 ? NAN : INFINITY;
+        if (s % 4 == 3) std::ranges::fill(own, points[made->offsets()[s]]);
+    }
+    const std::size_t n = 12;
+    std::vector<Vec3f> wanted(points.size());
+    std::vector<std::uint32_t> all(1000);
+    std::size_t pushed = 0;
+    for (std::uint32_t s = 0; s < 1000; ++s) {
+        all[s] = s;
+        const bool does = collideStrand(made->pointsOf(s), surfaces, settings, std::span(wanted).subspan(s * n, n));
+        EXPECT_EQ(does, strandTouches(made->pointsOf(s), surfaces, settings));
+        pushed += does;
+    }
+    EXPECT_GT(pushed, 300u);
+    EXPECT_EQ(touchingStrands(*made, StrandPick(1000), surfaces, settings).size(), pushed);
+    PushJob job{.fieldCount = 2, .offset = settings.offset, .maxDepth = settings.maxDepth, .iterations = 3};
+    for (std::size_t k = 0; k < 2; ++k) job.fields[k] = surfaces[k].field->grid();
+    for (const SplineLanes lanes : {SplineLanes::Four, SplineLanes::Eight, SplineLanes::Sixteen}) {
+        std::vector<Vec3f> out(points.size());
+        job.points = lanePoints(*made, all, out);
+        LaneScratch scratch;
+        collideKernels(lanes).push(job, 0, all.size(), n, scratch.of(n));
+        EXPECT_EQ(std::memcmp(out.data(), wanted.data(), out.size() * sizeof(Vec3f)), 0);
+        std::vector<std::uint32_t> places(points.size());
+        for (std::uint32_t i = 0; i < places.size(); ++i) places[i] = i;
+        std::vector<float> distances(places.size() + kMostLanes);
+        collideKernels(lanes).distances(job.fields[0], &made->points()[0].x, places.data(), places.size(),
+                                        distances.data());
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            const float is = surfaces[0].field->distance(made->points()[i]);
+            EXPECT_TRUE(distances[i] == is || (std::isnan(is) && std::isnan(distances[i])));
+        }
+    }
 }
 
 // ---- the node -----------------------------------------------------------------------------------
@@ -179,8 +228,8 @@ TEST_F(CollideNodeTest, PassesItsInputWithNothingToDoOrNothingToCollideWith) {
 }
 
 TEST_F(CollideNodeTest, GoesExactWhereAMeshHasNoField) {
-    const ScalpPtr huge = shared(ScalpMesh({{-3e6f, 9.9f, -3e6f}, {3e6f, 9.9f, -3e6f}, {0, 9.9f, 3e6f}},
-                                           {{0, 2, 1}}));
+    const ScalpPtr huge = shared(
+        ScalpMesh({{-3e6f, 9.9f, -3e6f}, {3e6f, 9.9f, -3e6f}, {0, 9.9f, 3e6f}}, {{0, 2, 1}}));
     const OperatorPtr op = make();
     const StrandsPtr out = run(*op, inputsOf(strands, huge, nullptr));
     EXPECT_NE(out, strands);

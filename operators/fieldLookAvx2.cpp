@@ -36,10 +36,13 @@ __attribute__((target("avx2"))) std::uint32_t lookAtEight(const FieldLook& look,
     const __m256i at =
         _mm256_add_epi32(_mm256_mullo_epi32(row, _mm256_set1_epi32(look.blocks[0])), block[0]);
     const __m256 least = _mm256_mask_i32gather_ps(zero, look.ranges, at, on, 8);
-    const __m256 most = _mm256_mask_i32gather_ps(zero, look.ranges + 1, at, on, 8);
-    const __m256 outside =
-        _mm256_or_ps(_mm256_cmp_ps(least, _mm256_set1_ps(look.above), _CMP_GE_OQ),
-                     _mm256_cmp_ps(most, _mm256_set1_ps(look.below), _CMP_LT_OQ));
+    __m256 outside = _mm256_cmp_ps(least, _mm256_set1_ps(look.above), _CMP_GE_OQ);
+    // The other end of the ranges only where some are not told apart by this one: seldom.
+    if (_mm256_movemask_ps(_mm256_andnot_ps(outside, on)) != 0) {
+        const __m256 most = _mm256_mask_i32gather_ps(zero, look.ranges + 1, at, on, 8);
+        outside =
+            _mm256_or_ps(outside, _mm256_cmp_ps(most, _mm256_set1_ps(look.below), _CMP_LT_OQ));
+    }
     const std::uint32_t onGrid = std::uint32_t(_mm256_movemask_ps(on));
     const std::uint32_t sure = std::uint32_t(_mm256_movemask_ps(outside)) & onGrid;
     const std::uint32_t beside = look.borderLeast >= look.above ? ~onGrid : 0u;

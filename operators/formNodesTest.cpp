@@ -516,6 +516,51 @@ TEST_F(FormTest, MeshCutInsideKeepsWhatTheHullHolds) {
     EXPECT_GT(out->strandCount(), 200u);
 }
 
+TEST_F(FormTest, CrossingsAreThoseOfEverySegmentsRay) {
+    const ScalpMesh hull = makeIcosphere(3, 6.0f), plane = makePlane(4, 4, 100.0f);
+    std::vector<Vec3f> level(plane.points().begin(), plane.points().end());
+    for (Vec3f& p : level) p.y = 2.5f;
+    const ScalpPtr sheet = plane.withPoints(level);
+    StrandSet hair = tuft;
+    const auto points = hair.mutablePoints();
+    for (std::size_t i = 0; i < points.size(); i += 13) points[i].y = 2.5f;  // upon the sheet
+    for (std::size_t i = 6; i < points.size(); i += 91) points[i].x = NAN;
+    std::size_t crossed = 0;
+    for (const ScalpMesh* mesh : {&hull, sheet.get()}) {
+        const CrossingCut cut(*mesh);
+        for (std::size_t s = 0; s < hair.strandCount(); ++s) {
+            const auto own = hair.pointsOf(s);
+            float wanted = 0.0f;
+            std::size_t i = 0;
+            SurfaceHit hit;
+            for (; i + 1 < own.size(); ++i) {
+                const Vec3f along = own[i + 1] - own[i];
+                if (mesh->rayIntersect(own[i], along, hit, 1.0f + 1e-5f)) {
+                    wanted += length(along) * std::min(hit.distance, 1.0f);
+                    break;
+                }
+                wanted += length(along);
+            }
+            const float is = firstCrossing(own, *mesh);
+            if (i + 1 >= own.size()) {
+                EXPECT_TRUE(std::isinf(is));
+            } else {
+                EXPECT_TRUE(is == wanted || (std::isnan(is) && std::isnan(wanted)));
+                ++crossed;
+            }
+            for (const float offset : {0.0f, 0.3f, 4.0f}) {
+                const StrandCut a = cut(own, offset);
+                EXPECT_EQ(a.whole, !(is < INFINITY));
+                if (a.whole) continue;
+                const StrandCut b = cutAt(own, is - offset);
+                EXPECT_EQ(a.points, b.points);
+                EXPECT_EQ(a.share, b.share);
+            }
+        }
+    }
+    EXPECT_GT(crossed, 500u);
+}
+
 TEST_F(FormTest, CutAtEndsWhereItIsTold) {
     const std::vector<Vec3f> line = {{0, 0, 0}, {0, 1, 0}, {0, 2, 0}, {0, 3, 0}};
     EXPECT_EQ(cutAt(line, 1e-7f).points, 0u);

@@ -1,3 +1,4 @@
+#include "operators/collideKernels.h"
 #include "operators/laneKernels.h"
 #include "operators/neighborKernels.h"
 
@@ -11,6 +12,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx2")))
 #define CORVELLE_AVX2 __attribute__((target("avx2"), always_inline))
 
+#include "operators/collideLanes.h"
 #include "operators/laneTable.h"
 #include "operators/neighborLanes.h"
 
@@ -146,6 +148,11 @@ const LaneKernels* laneKernelsAvx2() {
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
 }
 
+const CollideKernels* collideKernelsAvx2() {
+    static const CollideKernels kernels = collideKernelsOver<Float8>();
+    return laneKernelsAvx2() ? &kernels : nullptr;
+}
+
 const NeighborKernels* neighborKernelsAvx2() {
     static const NeighborKernels kernels = neighborKernelsOver<Float8>();
     return __builtin_cpu_supports("avx2") ? &kernels : nullptr;
@@ -159,6 +166,7 @@ namespace corvelle {
 
 const LaneKernels* laneKernelsAvx2() { return nullptr; }
 const NeighborKernels* neighborKernelsAvx2() { return nullptr; }
+const CollideKernels* collideKernelsAvx2() { return nullptr; }
 
 }  // namespace corvelle
 

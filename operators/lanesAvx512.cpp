@@ -1,3 +1,4 @@
+#include "operators/collideKernels.h"
 #include "operators/laneKernels.h"
 #include "operators/neighborKernels.h"
 
@@ -15,6 +16,7 @@
 #define CORVELLE_LANES_TARGET __attribute__((target("avx512f,avx512dq,avx512vl")))
 #define CORVELLE_AVX512 __attribute__((target("avx512f,avx512dq,avx512vl"), always_inline))
 
+#include "operators/collideLanes.h"
 #include "operators/laneTable.h"
 #include "operators/neighborLanes.h"
 
@@ -166,6 +168,11 @@ const LaneKernels* laneKernelsAvx512() {
     return able ? &kernels : nullptr;
 }
 
+const CollideKernels* collideKernelsAvx512() {
+    static const CollideKernels kernels = collideKernelsOver<Float16>();
+    return laneKernelsAvx512() ? &kernels : nullptr;
+}
+
 const NeighborKernels* neighborKernelsAvx512() {
     static const NeighborKernels kernels = neighborKernelsOver<Float16>();
     const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq");
@@ -180,6 +187,7 @@ namespace corvelle {
 
 const LaneKernels* laneKernelsAvx512() { return nullptr; }
 const NeighborKernels* neighborKernelsAvx512() { return nullptr; }
+const CollideKernels* collideKernelsAvx512() { return nullptr; }
 
 }  // namespace corvelle
 

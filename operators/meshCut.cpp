@@ -1,6 +1,8 @@
 #include "operators/meshCut.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <limits>
 
 #include "graph/operator.h"
@@ -18,35 +20,92 @@ constexpr float kLeast = 1e-6f;    ///< cm: less of a strand is nothing
 constexpr float kPastEnd = 1e-5f;  ///< of a segment: no strand slips through between two of them
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
-/// False when the boxes of the points and of the mesh are apart.
-bool mayCross(std::span<const Vec3f> points, const ScalpMesh& mesh) {
-    Vec3f low = points[0], high = low;
-    for (const Vec3f p : points) {
-        low = componentMin(low, p);
-        high = componentMax(high, p);
-    }
-    const Vec3f meshLow = mesh.boundsMin(), meshHigh = mesh.boundsMax();
-    for (int axis = 0; axis < 3; ++axis) {
-        const float slack = kPastEnd * (high[axis] - low[axis]);
-        if (low[axis] - slack > meshHigh[axis] || high[axis] + slack < meshLow[axis]) return false;
-    }
-    return true;
+/// A point in three lanes; the fourth is of no use. `next`: whether a float follows the point.
+Float4 lanesOf(const Vec3f& p, bool next) {
+    if (next) return Float4::loadUnaligned(&p.x);
+    alignas(16) const float lanes[4] = {p.x, p.y, p.z, 0.0f};
+    return Float4::load(lanes);
+}
+constexpr int kAxes = 7;  ///< the bits of three lanes
+
+/// The cut at `rest` cm of the i-th segment, which is `segment` cm long. A piece that is nothing is
+/// left to the segment before it.
+StrandCut cutWithin(std::size_t i, float rest, float segment) {
+    if (i > 0 && !(rest > kLeast))
+        return {.points = std::uint32_t(i + 1), .share = 1.0f, .whole = false};
+    return {.points = std::uint32_t(i + 2), .share = rest / segment, .whole = false};
 }
 
 }  // namespace
 
-float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh) {
-    if (points.size() < 2 || !mayCross(points, mesh)) return kInfinity;
-    float walked = 0.0f;
-    for (std::size_t i = 0; i + 1 < points.size(); ++i) {
-        const Vec3f along = points[i + 1] - points[i];
-        const float segment = length(along);
-        SurfaceHit hit;
-        if (mesh.rayIntersect(points[i], along, hit, 1.0f + kPastEnd))
-            return walked + segment * std::min(hit.distance, 1.0f);
-        walked += segment;
+CrossingCut::CrossingCut(const ScalpMesh& mesh)
+    : mesh_(mesh), low_(lanesOf(mesh.boundsMin(), false)), high_(lanesOf(mesh.boundsMax(), false)) {
+    const Vec3f size = mesh.boundsMax() - mesh.boundsMin();
+    size_ = std::max({size.x, size.y, size.z});
+}
+
+std::size_t CrossingCut::find(std::span<const Vec3f> points, float& share) const {
+    const std::size_t n = points.size();
+    if (n < 2) return n;
+    const Float4 root = lanesOf(points[0], true), tip = lanesOf(points[n - 1], false);
+    Float4 low = lower(root, tip), high = upper(root, tip);
+    for (std::size_t i = 1; i + 1 < n; ++i) {
+        const Float4 p = lanesOf(points[i], true);
+        low = lower(p, low);
+        high = upper(p, high);
     }
-    return kInfinity;
+    // A ray that is tested reaches past its segment's end, and the test itself rounds: by shares of
+    // what it spans.
+    const Float4 slack = (high - low + Float4(size_)) * kPastEnd;
+    const Float4 leastHigh = low_ - slack, mostLow = high_ + slack;
+    const auto mayMeet = [&](Float4 least, Float4 most) {  // with NaN, rays tell
+        return (laneBits((least > mostLow) | (most < leastHigh)) & kAxes) == 0;
+    };
+    if (!mayMeet(low, high)) return n;
+    Float4 from = root;
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        const Float4 to = i + 2 < n ? lanesOf(points[i + 1], true) : tip;
+        const bool may = mayMeet(lower(from, to), upper(from, to));
+        from = to;
+        SurfaceHit hit;
+        if (!may || !mesh_.rayIntersect(points[i], points[i + 1] - points[i], hit, 1.0f + kPastEnd))
+            continue;
+        share = std::min(hit.distance, 1.0f);
+        return i;
+    }
+    return n;
+}
+
+StrandCut CrossingCut::operator()(std::span<const Vec3f> points, float offset) const {
+    float share = 0.0f;
+    const std::size_t crossed = find(points, share);
+    if (crossed == points.size()) return {.points = std::uint32_t(points.size())};
+    std::array<float, 64> few;
+    std::vector<float> many;
+    float* walked = few.data();  // to each point up to the segment
+    if (crossed >= few.size()) {
+        many.resize(crossed + 1);
+        walked = many.data();
+    }
+    walked[0] = 0.0f;
+    for (std::size_t i = 0; i < crossed; ++i)
+        walked[i + 1] = walked[i] + distance(points[i], points[i + 1]);
+    float segment = distance(points[crossed], points[crossed + 1]);
+    const float length = walked[crossed] + segment * share - offset;
+    if (!(length < kInfinity)) return {.points = std::uint32_t(points.size())};  // NaN too
+    if (!(length > kLeast)) return {.points = 0, .whole = false};
+    std::size_t i = crossed;
+    while (i > 0 && walked[i] >= length) --i;
+    if (i < crossed) segment = distance(points[i], points[i + 1]);
+    return cutWithin(i, length - walked[i], segment);
+}
+
+float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh) {
+    float share = 0.0f, walked = 0.0f;
+    const std::size_t crossed = CrossingCut(mesh).find(points, share);
+    if (crossed == points.size()) return kInfinity;
+    for (std::size_t i = 0; i < crossed; ++i) walked += distance(points[i], points[i + 1]);
+    return walked + distance(points[crossed], points[crossed + 1]) * share;
 }
 
 StrandCut cutAt(std::span<const Vec3f> points, float length) {
@@ -54,13 +113,7 @@ StrandCut cutAt(std::span<const Vec3f> points, float length) {
     float walked = 0.0f;
     for (std::size_t i = 0; i + 1 < points.size(); ++i) {
         const float segment = distance(points[i], points[i + 1]);
-        if (walked + segment >= length) {
-            // A piece that is nothing is left to the segment before it.
-            const float rest = length - walked;
-            if (i > 0 && !(rest > kLeast))
-                return {.points = std::uint32_t(i + 1), .share = 1.0f, .whole = false};
-            return {.points = std::uint32_t(i + 2), .share = rest / segment, .whole = false};
-        }
+        if (walked + segment >= length) return cutWithin(i, length - walked, segment);
         walked += segment;
     }
     return {.points = std::uint32_t(points.size())};
@@ -115,8 +168,8 @@ StrandSet cutStrands(const StrandSet& in, std::span<const StrandCut> cuts) {
             ids[k] = in.ids()[s];
             roots[k] = in.roots()[s];
             for (const Copied& c : perStrand) c.to[k] = c.from[s];
-            std::ranges::copy(in.points().subspan(from, count),
-                              points.begin() + std::ptrdiff_t(to));
+            // Bytes: many compilers copy vectors of three floats one after the other.
+            std::memcpy(&points[to], &in.points()[from], count * sizeof(Vec3f));
             for (const Copied& c : perPoint) std::copy_n(c.from + from, count, c.to + to);
             const float share = cuts[s].share;
             if (cuts[s].whole || share >= 1.0f) continue;
@@ -170,6 +223,7 @@ public:
         mesh->prepareQueries();
         const auto sides = inside && first != end ? sharedExactDistance(mesh) : nullptr;
 
+        const CrossingCut cut(*mesh);
         std::vector<StrandCut> cuts(strands->strandCount());
         StrandPick(cuts.size()).forEachBatch([&](std::span<const std::uint32_t> batch) {
             for (const std::uint32_t s : batch) {
@@ -178,8 +232,7 @@ public:
                     cuts[s] = {.points = 0, .whole = false};
                     continue;
                 }
-                const float crossing = firstCrossing(points, *mesh);
-                if (crossing < kInfinity) cuts[s] = cutAt(points, crossing - offset);
+                cuts[s] = cut(points, offset);
             }
         });
         if (std::ranges::all_of(cuts, &StrandCut::whole)) return strands;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 
 #include "model/hash.h"
 #include "operators/nearPartLanes.h"
@@ -120,6 +121,7 @@ private:
             places[count] = std::uint32_t(k);
             count += boxAwayAcross(whole, root) <= limit;
         }
+        if (count == 0) return 0;
         alignas(kLaneAlignment) std::array<float, 4 * kBatch> from;
         std::array<float, kBatch> segments;
         const NearPartJob job{.points = &in.points()[0].x,
@@ -166,8 +168,9 @@ private:
             while (k < strands.size() && offsets[strands[k]] == end &&
                    !(next < listed.size() && listed[next] == strands[k]))
                 end = offsets[strands[k++] + 1];
-            std::ranges::copy(in.points().subspan(begin, end - begin),
-                              out.begin() + std::ptrdiff_t(begin));
+            // Bytes: many compilers copy vectors of three floats one after the other.
+            if (end > begin)
+                std::memcpy(&out[begin], &in.points()[begin], (end - begin) * sizeof(Vec3f));
         }
     }
 };

@@ -12,6 +12,7 @@
 #include "model/testing/meshes.h"
 #include "operators/flow.h"
 #include "operators/flyaway.h"
+#include "operators/laneKernels.h"
 #include "operators/part.h"
 #include "operators/rootFrame.h"
 #include "operators/testing/nodeBench.h"
@@ -134,6 +135,45 @@ TEST_F(PartFlowTest, PartLeansHairAwayFromTheLineAtItsOwnElevation) {
     }
     EXPECT_GT(parted, 50u);
     EXPECT_GT(passed, 1000u);
+}
+
+TEST_F(PartFlowTest, PartFindsPlacesForManyRootsWithTheBitsOfOneAlone) {
+    const auto parts =
+        partLinesOn({{lineAt("a", -1.0f), lineAt("b", 3.0f), lineAt("c", 0.3f)}}, sphere);
+    std::vector<std::uint32_t> all(hair.strandCount() - 3);
+    for (std::uint32_t s = 0; s < all.size(); ++s) all[s] = s;
+    std::size_t found = 0;
+    for (const float most : {1.0f, 5.0f, 1e30f})
+        for (const std::int32_t part : {-1, 1})
+            for (const SplineLanes lanes :
+                 {SplineLanes::Four, SplineLanes::Eight, SplineLanes::Sixteen}) {
+                alignas(kLaneAlignment) std::array<float, 4 * 2000> from;
+                std::vector<float> segments(all.size());
+                laneKernels(lanes).nearPart({.points = &hair.points()[0].x,
+                                             .offsets = hair.offsets().data(),
+                                             .strands = all.data(),
+                                             .table = parts->table(),
+                                             .part = part,
+                                             .maxDistance = most,
+                                             .from = from.data(),
+                                             .segments = segments.data()},
+                                            all.size());
+                for (const std::uint32_t s : all) {
+                    PartPlace place;
+                    const Vec3f root = hair.pointsOf(s)[0];
+                    const bool near = parts->nearest(root, part, most, place);
+                    ASSERT_EQ(segments[s] >= 0.0f, near);
+                    if (!near) continue;
+                    ++found;
+                    const Vec3f to = root - place.position;
+                    EXPECT_EQ(to, (Vec3f{from[4 * s], from[4 * s + 1], from[4 * s + 2]}));
+                    EXPECT_EQ(place.distance, from[4 * s + 3]);
+                    const PartSegment& segment = parts->table().segments[std::size_t(segments[s])];
+                    EXPECT_EQ(place.along, (Vec3f{segment.way[0], segment.way[1], segment.way[2]}));
+                }
+            }
+    EXPECT_GT(found, 2 * 3 * all.size());
+    EXPECT_LT(found, 5 * 3 * all.size());
 }
 
 TEST_F(PartFlowTest, PartSplitsHairOnTheLineItselfBothWays) {

@@ -58,7 +58,10 @@ ROWS: List[Row] = [
     *(Row(f"{node}, one thread, over the stream", "operators", f"nodes/{node}/1", "nodes/baseline stream/1", "time", 5.0)
       for node in ("Comb", "Displace", "Gravity", "Smooth", "Straighten", "Bend", "Direction",
                    "Transform", "Flow", "Part", "Flyaway")),
-    Row("Part, all hair within its width, one thread, over the stream", "operators", "nodes/PartAll/1", "nodes/baseline stream/1", "time", 5.0),
+    Row("Part, all hair within its width, one thread, over 5 streams and the bare search", "operators",
+        "nodes/PartAll/1", "nodes/baseline stream/1", "bare", 5.0, "nodes/bare PartAll/1"),
+    Row("MeshCut, one thread, over 5 streams and the bare rays", "operators",
+        "nodes/MeshCut/1", "nodes/baseline stream/1", "bare", 5.0, "nodes/bare MeshCut/1"),
     Row("Clump, centers cached, one thread, over the stream", "operators",
         "clump/pull, centers cached/1", "clump/baseline stream/1", "time", 6.0),
     *(Row(f"{count} clump centers picked over blue noise", "operators",
