@@ -154,16 +154,15 @@ bool GroomSession::edit(DocumentState next, const std::string& label, const std:
 }
 
 bool GroomSession::applyStroke(const StrokeDocument& document, const std::string& label,
-                               const std::string& mapsDir,
-                               const std::shared_ptr<const GuideHierarchy>& guides) {
+                               const std::string& mapsDir) {
     DocumentState next;
     for (const DocumentSlot slot :
          {DocumentSlot::Parts, DocumentSlot::Flow, DocumentSlot::Correctives})
         next.text(slot) = document.at(slot);
     if (const Text& text = document.at(DocumentSlot::Guides)) {
         next.text(DocumentSlot::Guides) = text;
-        next.hierarchy = guides && guidesToJson(*guides) == *text
-                             ? guides
+        next.hierarchy = document.guides
+                             ? document.guides
                              : std::make_shared<const GuideHierarchy>(guidesFromJson(*text));
     }
     if (const Text& text = document.at(DocumentSlot::Graph)) {

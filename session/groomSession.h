@@ -122,9 +122,9 @@ public:
     /// nothing differs, and there is no step. Throws on a graph that does not read and changes
     /// nothing.
     bool edit(DocumentState next, const std::string& label, const std::string& mapsDir = {});
-    /// What a stroke has left, likewise. `guides`, when its text is the stroke's, saves reading that.
-    bool applyStroke(const StrokeDocument& document, const std::string& label, const std::string& mapsDir = {},
-                     const std::shared_ptr<const GuideHierarchy>& guides = nullptr);
+    /// What a stroke has left, likewise.
+    bool applyStroke(const StrokeDocument& document, const std::string& label,
+                     const std::string& mapsDir = {});
     struct UndoOutcome {
         bool done = false;
         bool graphChanged = false;

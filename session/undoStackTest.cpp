@@ -152,6 +152,16 @@ TEST_F(GroomUndoTest, SharesWhatDidNotChangeAndNeverGivesAnIdTwice) {
     EXPECT_GT(groom.hierarchy()->nextGuideId(), id);
 }
 
+TEST_F(GroomUndoTest, TakesTheGuidesOfAStrokeAsTheyAre) {
+    const auto edited = std::make_shared<const GuideHierarchy>(leant(3, 0.5f));
+    StrokeDocument stroke;
+    stroke.set(DocumentSlot::Guides, guidesToJson(*edited));
+    stroke.guides = edited;
+    ASSERT_TRUE(groom.applyStroke(stroke, "comb"));
+    EXPECT_EQ(groom.hierarchy()->guide(3), edited->guide(3)) << "the text was read";
+    EXPECT_EQ(groom.document().hierarchy, guidesToJson(*groom.hierarchy()));
+}
+
 TEST_F(GroomUndoTest, AGraphEditedSinceKeepsItsEdits) {
     json wired = json::parse(groom.document().graph);
     wired["note"] = "wired";
