@@ -55,6 +55,10 @@ public:
 
     // Guides.
     void setGuides(GuidesPtr flat);  ///< null or empty: none
+    /// Why the flat guides could not be brought to the time; blank: they were. Stands among the
+    /// errors of each evaluation until it is blank, and once among its messages.
+    void setGuidesError(const std::string& text);
+    const std::string& guidesError() const { return guidesError_; }
     /// The host's guides in the rest pose; null: none. Used for the rest state while following.
     void setRestGuides(GuidesPtr rest);
     const GuidesPtr& restGuides() const { return restGuides_; }
@@ -239,6 +243,7 @@ private:
         ScalpPtr bind, current;
     } activeCache_;
     GuidesPtr restGuides_;
+    std::string guidesError_;
     bool stroking_ = false;
     struct {
         std::shared_ptr<const GuideHierarchy> hierarchy;
