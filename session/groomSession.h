@@ -152,6 +152,8 @@ public:
     /// A graph in the place of the document's until it is set to blank: then the document's comes back,
     /// with what was done to the live one since. Throws as setGraphJson.
     void setLiveGraph(const std::string& text);
+    /// The graph without what a live one adds: the text that comes back when it is set to blank.
+    std::string ownGraphText() const;
     std::shared_ptr<const GuideHierarchy> shownHierarchy();  ///< the live one, else the active one
     std::shared_ptr<const PartData> shownParts() const { return live_.parts ? live_.parts : parts_; }
     std::shared_ptr<const FlowData> shownFlow() const { return live_.flow ? live_.flow : flow_; }

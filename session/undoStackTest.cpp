@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "session/graphMerge.h"
+#include "session/groomSave.h"
 #include "session/groomSessionFixture.h"
 #include "session/undoStack.h"
 
@@ -184,6 +185,7 @@ TEST_F(GroomUndoTest, LiveValuesShowAndGoWithoutATrace) {
     groom.setLiveGraph(graphOf(2.0).dump());
     groom.evaluate(kPreview);
     EXPECT_NE(contentOf(groom), before);
+    EXPECT_EQ(groomToSave(groom).graph, document.graph) << "a save under way keeps the document's";
     groom.setLiveHierarchy(nullptr);
     groom.setLiveGraph({});
     groom.setStroking(false);
