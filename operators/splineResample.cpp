@@ -30,11 +30,15 @@ void SplineResampler::run(const SplineJob& job, std::span<const std::uint32_t> s
     const auto counts = [&](std::uint32_t s) {
         return std::pair(pointsOf(job.fromOffsets, s), pointsOf(job.toOffsets, s));
     };
-    /// How many of the first ones have the counts of the first.
+    // How many of the first ones have the counts of the first.
     const auto alike = [&](std::span<const std::uint32_t> list) {
         const auto first = counts(list[0]);
         std::size_t same = 1;
-        while (same < list.size() && counts(list[same]) == first) ++same;
+        if (job.fromOffsets == job.toOffsets)
+            while (same < list.size() && pointsOf(job.fromOffsets, list[same]) == first.first)
+                ++same;
+        else
+            while (same < list.size() && counts(list[same]) == first) ++same;
         return same;
     };
     if (strands.empty()) return;
