@@ -241,9 +241,24 @@ inline std::size_t laneScratch(std::size_t n, std::size_t m, std::size_t arrays)
     return 3 * (n + m) + 12 * (n - 1) + arrays * (n + m);
 }
 
-/// F::kLanes strands of n points each to m points each. `scratch` is aligned for F.
+/// Asks the caches for what resampling a strand reads, and what it writes.
+CORVELLE_FETCH void fetchGiven(const SplineJob& job, std::uint32_t strand, std::size_t n) {
+    const std::uint64_t from = job.fromOffsets[strand];
+    fetchFloats(job.from + 3 * from, 3 * n);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) fetchFloats(job.arrays[a].from + from, n);
+}
+CORVELLE_FETCH void fetchWanted(const SplineJob& job, std::uint32_t strand, std::size_t m) {
+    const std::uint64_t to = job.toOffsets[strand];
+    fetchFloats(job.to + 3 * to, 3 * m);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) fetchFloats(job.arrays[a].to + to, m);
+}
+
+/// F::kLanes strands of n points each to m points each. `scratch` is aligned for F. The caches are
+/// asked for what the strands `next` take, a little at a time: a processor waits for few lines at
+/// once, and this group's own would queue behind.
 template <class F>
 CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std::uint32_t* strands,
+                                                 const std::uint32_t* next, std::size_t nextCount,
                                                  std::size_t n, std::size_t m, float* scratch) {
     constexpr std::size_t kLanes = F::kLanes;
     F* const points = reinterpret_cast<F*>(scratch);
@@ -262,6 +277,7 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
         gatherLanes(from, n, values + a * n);
     }
 
+    for (std::size_t l = 0; l < nextCount; ++l) fetchGiven(job, next[l], n);
     const F total = measureSpans(points, n, spans);
     const std::size_t last = m - 1;
     const F step = total * F(1.0f / float(last));
@@ -277,9 +293,21 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
     // Spans and new points walk on together. A point is written for all lanes by every span that
     // one of the lanes has it in, and kept by the lanes that have left it behind: what stays is
     // from its own span, or from none before it. The last span takes what rounding leaves over.
-    std::size_t begin = 1;
+    std::size_t begin = 1, fetched = 0;
     for (std::size_t i = 0; i + 1 < n && begin < last; ++i) {
-        const SplineSpan<F>& span = spans[i];
+        if (fetched < nextCount) fetchWanted(job, next[fetched++], m);
+        // Taken out of the arrays, which the compiler must believe to be written below.
+        SplineSpan<F> span;
+        F a[3];
+        for (int x = 0; x < 3; ++x) {
+            a[x] = points[3 * i + x];
+            span.b[x] = spans[i].b[x];
+            span.c[x] = spans[i].c[x];
+            span.d[x] = spans[i].d[x];
+        }
+        span.start = spans[i].start;
+        span.perLength = spans[i].perLength;
+        span.bias = spans[i].bias;
         const bool final = i + 2 == n;
         const F start = span.start, end = final ? start : spans[i + 1].start;
         for (std::size_t j = begin; j < last; ++j) {
@@ -290,18 +318,18 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
             const auto kept = arc < start;
             const F t = placeIn(span, arc);
             for (int x = 0; x < 3; ++x)
-                out[3 * j + x] =
-                    select(kept, out[3 * j + x], componentAt(span, points[3 * i + x], x, t));
-            for (std::size_t a = 0; a < job.arrayCount; ++a) {
-                const F v0 = values[a * n + i], v1 = values[a * n + i + 1];
-                F& value = valuesOut[a * m + j];
+                out[3 * j + x] = select(kept, out[3 * j + x], componentAt(span, a[x], x, t));
+            for (std::size_t k = 0; k < job.arrayCount; ++k) {
+                const F v0 = values[k * n + i], v1 = values[k * n + i + 1];
+                F& value = valuesOut[k * m + j];
                 const F mixed =
-                    job.arrays[a].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
+                    job.arrays[k].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
                 value = select(kept, value, mixed);
             }
         }
     }
 
+    while (fetched < nextCount) fetchWanted(job, next[fetched++], m);
     for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.to + 3 * job.toOffsets[strands[l]];
     scatterLanes(out, 3 * m, to);
     for (std::size_t a = 0; a < job.arrayCount; ++a) {
@@ -311,33 +339,22 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
     }
 }
 
-/// Asks the caches for what resampling a strand reads and writes.
-CORVELLE_FETCH void fetchResampled(const SplineJob& job, std::uint32_t strand, std::size_t n,
-                                   std::size_t m) {
-    const std::uint64_t from = job.fromOffsets[strand], to = job.toOffsets[strand];
-    fetchFloats(job.from + 3 * from, 3 * n);
-    fetchFloats(job.to + 3 * to, 3 * m);
-    for (std::size_t a = 0; a < job.arrayCount; ++a) {
-        fetchFloats(job.arrays[a].from + from, n);
-        fetchFloats(job.arrays[a].to + to, m);
-    }
-}
-
 template <class F>
 CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std::uint32_t* strands,
                                                 std::size_t count, std::size_t n, std::size_t m,
                                                 float* scratch) {
     std::uint32_t group[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
-        for (std::size_t next = k + F::kLanes; next < k + 2 * F::kLanes && next < count; ++next)
-            fetchResampled(job, strands[next], n, m);
-        if (k + F::kLanes <= count) {
-            resampleAcross<F>(job, strands + k, n, m, scratch);
-            continue;
+        const std::uint32_t* of = strands + k;
+        if (k + F::kLanes > count) {  // a last strand fills up the lanes left over
+            for (std::size_t l = 0; l < F::kLanes; ++l)
+                group[l] = strands[k + l < count ? k + l : count - 1];
+            of = group;
         }
-        for (std::size_t l = 0; l < F::kLanes; ++l)  // a last strand fills up the lanes left over
-            group[l] = strands[k + l < count ? k + l : count - 1];
-        resampleAcross<F>(job, group, n, m, scratch);
+        const std::size_t next = k + F::kLanes < count ? k + F::kLanes : count;
+        const std::size_t left = count - next;
+        resampleAcross<F>(job, of, strands + next, left < F::kLanes ? left : F::kLanes, n, m,
+                          scratch);
     }
 }
 
