@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
+#include "model/simd4.h"
 #include "operators/laneRuns.h"
 #include "operators/neighborKernels.h"
 #include "operators/neighborTable.h"
@@ -223,6 +225,8 @@ public:
                 alone(s, partner, at);
                 continue;
             }
+            // Partners lie anywhere: asked for here, they are there when the batch is done.
+            prefetch(in.points().data() + in.offsets()[partner], in.pointCountOf(partner));
             stuck[count] = s;
             stuckTo[count] = partner;
             spans[count++] = at;
@@ -256,7 +260,8 @@ private:
             end = last;
         }
         void copy() const {
-            std::ranges::copy(from.subspan(begin, end - begin), to.begin() + std::ptrdiff_t(begin));
+            if (end > begin)
+                std::memcpy(to.data() + begin, from.data() + begin, (end - begin) * sizeof(Vec3f));
         }
     };
 
