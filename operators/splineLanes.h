@@ -173,6 +173,7 @@ CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x
 CORVELLE_FETCH void fetchFloats(const float* from, std::size_t count) {
     constexpr std::size_t kLine = 16;
     for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
+    if (count > 0) __builtin_prefetch(from + count - 1);  // they need not begin with a line
 }
 
 /// `count` floats of each of F::kLanes arrays, side by side: in squares of kLanes by kLanes where

@@ -24,18 +24,24 @@ CORVELLE_LANES_TARGET inline F measureAcross(const F* points, std::size_t n, F* 
     return arc;
 }
 
+/// Arc lengths [n], the last of which is `total`, to shares: see polylineShares.
+template <class F>
+CORVELLE_LANES_TARGET inline void sharesOfArcs(F total, std::size_t n, F* arcs) {
+    const F zero(0.0f), most(3.4028235e38f);
+    for (std::size_t i = 0; i < n; ++i) {
+        const F byIndex(float(i) / float(n - 1));
+        const F measured = select(most < total, byIndex, arcs[i] / total);
+        arcs[i] = select(total > zero, measured, byIndex);
+    }
+}
+
 /// The share of the arc length at each point: see polylineShares. segments [n - 1], shares [n].
 /// Returns the arc length.
 template <class F>
 CORVELLE_LANES_TARGET inline F sharesAcross(const F* points, std::size_t n, F* segments,
                                             F* shares) {
     const F total = measureAcross(points, n, segments, shares);
-    const F zero(0.0f), most(3.4028235e38f);
-    for (std::size_t i = 0; i < n; ++i) {
-        const F byIndex(float(i) / float(n - 1));
-        const F measured = select(most < total, byIndex, shares[i] / total);
-        shares[i] = select(total > zero, measured, byIndex);
-    }
+    sharesOfArcs(total, n, shares);
     return total;
 }
 
