@@ -284,8 +284,9 @@ struct DistanceField::Build {
                     const Vec3f p = position(x, y, z);
                     const NearTriangle::Found found = walk.from({begin, corners}, p, walkWithin);
                     const float d = std::sqrt(found.distanceSquared);
-                    if (d < near || d - sum / float(corners) >
-                                        std::max(kRidge * field.cell_, kRidgeShare * d)) {
+                    if (found.triangle < 0 || d < near ||
+                        d - sum / float(corners) >
+                            std::max(kRidge * field.cell_, kRidgeShare * d)) {
                         measureNode(sides, n, p, found.triangle);
                         continue;
                     }
