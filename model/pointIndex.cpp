@@ -157,11 +157,14 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
     // vector quantization", DCC 1993): entering the far side replaces the offset of its axis.
     // Offsets go as one: numbers written one by one and read back together would be waited for.
     struct Side {
-        Float4 offset;
-        float squared;
+        Float4 offset, squared;  ///< the latter in every lane
         std::uint32_t node;
     };
-    const auto sumOf = [](Float4 o) { return lowest(spread<0>(o) + spread<1>(o) + spread<2>(o)); };
+    const auto sumOf = [](Float4 o) { return spread<0>(o) + spread<1>(o) + spread<2>(o); };
+    // Sums of the same terms in another order may differ by ulps: never skip on those.
+    const auto within = [&](Float4 squared) {
+        return laneBits(squared <= Float4(limit * 1.00001f + FLT_MIN)) != 0;
+    };
     alignas(16) static constexpr float kAxes[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
     const float places[3] = {position.x, position.y, position.z};
     Side stack[64];
@@ -171,13 +174,17 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
         const float o = std::max({low_[axis] - position[axis], position[axis] - high_[axis], 0.0f});
         offsets[axis] = o * o;
     }
-    Side at{Float4::load(offsets), 0.0f, 0};
+    Side at{Float4::load(offsets), Float4(0.0f), 0};
     at.squared = sumOf(at.offset);
     const Float4 px(position.x), py(position.y), pz(position.z);
+    const Node* const nodes = nodes_.data();
+    const float* const xs = xs_.data();
+    const float* const ys = ys_.data();
+    const float* const zs = zs_.data();
+    const std::uint32_t* const indices = indices_.data();
     while (true) {
-        // Sums of the same terms in another order may differ by ulps: never skip on those.
-        if (at.squared <= limit * 1.00001f + FLT_MIN) {
-            const Node& node = nodes_[at.node];
+        if (within(at.squared)) {
+            const Node& node = nodes[at.node];
             if (node.axis < kLeaf) {
                 const float p = places[node.axis];
                 const float toLeft = p - node.low, toRight = node.high - p;
@@ -188,15 +195,15 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
                 farSide.offset = select(Float4::load(kAxes[node.axis]) > Float4(0.0f),
                                         upper(Float4(across * across), at.offset), at.offset);
                 farSide.squared = sumOf(farSide.offset);
-                size += farSide.squared <= limit * 1.00001f + FLT_MIN;
+                size += within(farSide.squared);
                 at.node = node.left + (leftFirst ? 0u : 1u);
                 continue;
             }
             const std::uint32_t end = node.left + (node.axis - kLeaf);
             for (std::uint32_t i = node.left; i < end; i += 4) {
-                const Float4 dx = Float4::loadUnaligned(&xs_[i]) - px;
-                const Float4 dy = Float4::loadUnaligned(&ys_[i]) - py;
-                const Float4 dz = Float4::loadUnaligned(&zs_[i]) - pz;
+                const Float4 dx = Float4::loadUnaligned(xs + i) - px;
+                const Float4 dy = Float4::loadUnaligned(ys + i) - py;
+                const Float4 dz = Float4::loadUnaligned(zs + i) - pz;
                 const Float4 d = dx * dx + dy * dy + dz * dz;
                 int lanes = laneBits(d <= Float4(limit));
                 if (lanes == 0) continue;
@@ -204,7 +211,7 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
                 d.store(squared);
                 for (; lanes != 0; lanes &= lanes - 1) {
                     const int lane = std::countr_zero(unsigned(lanes));
-                    const Neighbor candidate{indices_[i + std::uint32_t(lane)], squared[lane]};
+                    const Neighbor candidate{indices[i + std::uint32_t(lane)], squared[lane]};
                     const std::uint64_t key = orderOf(candidate);
                     if (found == capacity && key >= orderOf(out[capacity - 1])) continue;
                     std::size_t slot = found < capacity ? found++ : capacity - 1;
