@@ -6,6 +6,7 @@
 #include <cmath>
 #include <limits>
 
+#include "model/bvhStack.h"
 #include "model/simd4.h"
 #include "model/triangleQueries.h"
 
@@ -19,10 +20,6 @@ constexpr std::size_t kBlockSize = 4;
 constexpr std::size_t kOrientedSize = 64;
 /// Blocks whose boxes have grown this much since the order was made are sorted anew.
 constexpr double kWornOut = 4.0;
-/// Deep enough for any tree: three entries stay behind per level, and the levels of a median split
-/// over 2^31 triangles are 16.
-constexpr int kStackSize = 128;
-
 struct Centroid {
     float at[3];
     std::int32_t triangle;
@@ -218,50 +215,8 @@ struct Box4 {
     }
 };
 
-/// The reciprocal for slab tests without branches: finite for a zero component.
-float inverseComponent(float d) {
-    return std::fabs(d) < 1e-30f ? std::copysign(1e30f, d) : 1.0f / d;
-}
-
 /// Squared distances at or below this may still hide a nearer triangle: box distances are rounded.
 float reachOf(float best) { return lower(best * 1.00001f + FLT_MIN, FLT_MAX); }
-
-/// The children that a query still has to see, farthest first, as (distance bits, child): distances
-/// are not negative, so their bits order as they do.
-struct Stack {
-    std::uint64_t entries[kStackSize];
-    int size = 0;
-    void pushSorted(const float* distances, const std::array<std::int32_t, 4>& children,
-                    int lanes) {
-        const int base = size;
-        for (; lanes != 0; lanes &= lanes - 1) {
-            const int lane = std::countr_zero(unsigned(lanes));
-            const std::uint64_t entry = std::uint64_t(std::bit_cast<std::uint32_t>(distances[lane]))
-                                            << 32 |
-                                        std::uint32_t(children[std::size_t(lane)]);
-            int at = size++;
-            for (; at > base && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
-            entries[at] = entry;
-        }
-    }
-    void push(std::int32_t child) { entries[size++] = std::uint32_t(child); }
-    /// Farthest first, as one sorted push would have left them.
-    void sort() {
-        for (int i = 1; i < size; ++i) {
-            const std::uint64_t entry = entries[i];
-            int at = i;
-            for (; at > 0 && entries[at - 1] < entry; --at) entries[at] = entries[at - 1];
-            entries[at] = entry;
-        }
-    }
-    bool pop(float& distance, std::int32_t& child) {
-        if (size == 0) return false;
-        const std::uint64_t entry = entries[--size];
-        distance = std::bit_cast<float>(std::uint32_t(entry >> 32));
-        child = std::int32_t(std::uint32_t(entry));
-        return true;
-    }
-};
 
 }  // namespace
 
@@ -459,7 +414,7 @@ struct Bvh::Search {
     float v = 0.0f, w = 0.0f;
     const Block* found = nullptr;
     int foundLane = 0;
-    Stack stack;
+    BvhStack stack;
 
     Search(const Bvh& tree, Vec3f p, float maxDistanceSquared)
         : bvh(tree),
@@ -611,81 +566,6 @@ bool Bvh::closestPoint(Vec3f position, float maxDistanceSquared, std::int32_t ne
     hit.position = corner(0) * hit.weight0 + corner(1) * hit.weight1 +
                    corner(2) * (1.0f - hit.weight0 - hit.weight1);
     return true;
-}
-
-bool Bvh::rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit, float maxT) const {
-    if (order_->root == BvhOrder::kNone || !isFinite(origin) || !isFinite(direction) ||
-        direction == Vec3f{})
-        return false;
-    const ShearedRay ray(origin, direction);
-    // The triangle test rounds by ulps of the distance from the origin; the boxes give that way.
-    const Vec3f far = componentMax(componentMax(high_ - origin, origin - low_), Vec3f{});
-    const float pad = 4e-6f * std::max({far.x, far.y, far.z});
-    float best = std::nextafter(maxT, kInfinity);  // a hit at maxT counts
-    std::int32_t bestTriangle = -1;
-    Stack stack;
-
-    const auto open = [&](const Boxes4& boxes, const BvhOrder::Children& children, Vec3f from,
-                          Vec3f along) {
-        Float4 tNear(0.0f), tFar(FLT_MAX);
-        const auto slab = [&](const float* low, const float* high, float o, float d) {
-            const Float4 inverse(inverseComponent(d));
-            const Float4 a = (Float4::load(low) - Float4(o + pad)) * inverse;
-            const Float4 b = (Float4::load(high) - Float4(o - pad)) * inverse;
-            tNear = upper(lower(a, b), tNear);
-            tFar = lower(upper(a, b), tFar);
-        };
-        slab(boxes.minX, boxes.maxX, from.x, along.x);
-        slab(boxes.minY, boxes.maxY, from.y, along.y);
-        slab(boxes.minZ, boxes.maxZ, from.z, along.z);
-        // An empty child has its sides swapped and infinite: told by its box, not by the slabs.
-        const Mask4 filled = Float4::load(boxes.minX) <= Float4::load(boxes.maxX);
-        const Float4 wider(1.00001f);
-        const int lanes =
-            laneBits((tNear <= tFar * wider) & (tNear <= Float4(best) * wider) & filled);
-        if (lanes == 0) return;
-        alignas(16) float entries[4];
-        tNear.store(entries);
-        stack.pushSorted(entries, children, lanes);
-    };
-
-    stack.push(order_->root);
-    float entry;
-    std::int32_t child;
-    while (stack.pop(entry, child)) {
-        if (entry > best * 1.00001f) continue;
-        const std::size_t index = std::size_t(child >> 2);
-        if ((child & 3) == BvhOrder::kInner) {
-            open(inner_[index].boxes, inner_[index].children, origin, direction);
-        } else if ((child & 3) == BvhOrder::kOriented) {
-            const OrientedNode& n = oriented_[index];
-            Vec3f from, along;
-            for (int k = 0; k < 3; ++k) {
-                const Vec3f column{n.columns[k][0], n.columns[k][1], n.columns[k][2]};
-                from += column * (origin[k] - n.columns[k][3]);
-                along += column * direction[k];
-            }
-            open(n.boxes, n.children, from, along);
-        } else {
-            const Block& b = blocks_[index];
-            for (std::size_t lane = 0; lane < kBlockSize && b.triangles[lane] >= 0; ++lane) {
-                const std::int32_t triangle = b.triangles[lane];
-                float t, w0, w1;
-                if (!intersectTriangle(ray, {b.x[0][lane], b.y[0][lane], b.z[0][lane]},
-                                       {b.x[1][lane], b.y[1][lane], b.z[1][lane]},
-                                       {b.x[2][lane], b.y[2][lane], b.z[2][lane]}, t, w0, w1))
-                    continue;
-                if (t < best || (t == best && triangle < bestTriangle)) {
-                    best = t, bestTriangle = triangle;
-                    hit.triangle = triangle;
-                    hit.t = t;
-                    hit.weight0 = w0;
-                    hit.weight1 = w1;
-                }
-            }
-        }
-    }
-    return bestTriangle >= 0;
 }
 
 std::shared_ptr<LazyBvh> LazyBvh::sibling() const {

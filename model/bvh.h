@@ -83,6 +83,12 @@ public:
     /// The nearest hit at a ray parameter above 0, up to and including `maxT`.
     bool rayIntersect(Vec3f origin, Vec3f direction, BvhHit& hit,
                       float maxT = std::numeric_limits<float>::infinity()) const;
+    /// The same for many rays, which share the way down: hits [n] as origins and directions, their
+    /// triangle -1 for none. Some times faster by the ray when there are hundreds, whether they lie
+    /// together or not. Throws std::invalid_argument when sizes differ.
+    void rayIntersect(std::span<const Vec3f> origins, std::span<const Vec3f> directions,
+                      std::span<BvhHit> hits,
+                      float maxT = std::numeric_limits<float>::infinity()) const;
 
 private:
     /// The boxes of a node's four children; empty ones have their min above their max.
@@ -112,6 +118,8 @@ private:
         std::array<std::int32_t, 4> triangles;
     };
     struct Search;
+    struct Ray;
+    struct RayStream;
     struct Fitting;
     void fit(std::span<const Vec3f> points, std::span<const Triangle> triangles);
 

@@ -1,5 +1,7 @@
 #include <cmath>
 #include <limits>
+#include <stdexcept>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -156,6 +158,34 @@ TEST_P(BvhTest, FindsTheHitThatAskingEveryTriangleFinds) {
             mesh.rayIntersect(origin, direction, within, std::nextafter(plain.distance, 0.0f)));
     }
     EXPECT_GT(found, 20u);
+}
+
+TEST_P(BvhTest, ManyRaysFindWhatEachFindsAlone) {
+    const ScalpMesh mesh = meshOf(GetParam());
+    SplitMix random(GetParam() + 3000);
+    std::vector<Vec3f> origins, directions;
+    for (int i = 0; i < 2500; ++i) {  // more than go down the tree at once
+        origins.push_back(queryAt(mesh, random));
+        directions.push_back(i % 3 == 0 ? randomPoint(random, 1.0f)
+                                        : queryAt(mesh, random) - origins.back());
+        if (i % 5 == 0) directions.back() = {0.0f, i % 10 == 0 ? 1.0f : -1.0f, 0.0f};
+        if (i % 97 == 0) directions.back() = {};
+        if (i % 101 == 0) origins.back().y = kNan;
+        if (i % 103 == 0) directions.back().x = kInfinity;
+    }
+    std::size_t found = 0;
+    for (const float reach : {1.0f, kInfinity}) {
+        std::vector<float> distances(origins.size());
+        mesh.rayDistances(origins, directions, distances, reach);
+        for (std::size_t i = 0; i < origins.size(); ++i) {
+            SurfaceHit hit;
+            const bool alone = mesh.rayIntersect(origins[i], directions[i], hit, reach);
+            ASSERT_EQ(distances[i], alone ? hit.distance : kInfinity) << i;
+            found += alone;
+        }
+    }
+    EXPECT_GT(found, 100u);
+    EXPECT_THROW(mesh.rayDistances(origins, directions, std::span<float>()), std::invalid_argument);
 }
 
 TEST_P(BvhTest, AnswersTheSameRefittedAsBuiltAnew) {

@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "model/simd4.h"
+
 namespace corvelle {
 
 namespace {
@@ -34,9 +36,22 @@ void polylineLengths(std::span<const Vec3f> points, std::span<float> out) {
     requireSize("polylineLengths", out.size(), points.size());
     if (points.empty()) return;
     // The roots side by side first, then the sums, which wait for one another.
-    for (std::size_t i = 1; i < points.size(); ++i) out[i] = distance(points[i - 1], points[i]);
+    std::size_t next = 1;
+    for (; next + 4 <= points.size(); next += 4) {
+        const float* const from = &points[next - 1].x;
+        Float4 squares[3], x, y, z;
+        for (int k = 0; k < 3; ++k) {
+            const Float4 along =
+                Float4::loadUnaligned(from + 4 * k) - Float4::loadUnaligned(from + 4 * k + 3);
+            squares[k] = along * along;
+        }
+        splitTriples(squares, x, y, z);
+        squareRoot(x + y + z).storeUnaligned(&out[next]);
+    }
+    for (; next < points.size(); ++next) out[next] = distance(points[next - 1], points[next]);
     out[0] = 0.0f;
-    for (std::size_t i = 1; i < points.size(); ++i) out[i] += out[i - 1];
+    float sum = 0.0f;
+    for (float& length : out) length = sum += length;
 }
 
 float polylineShares(std::span<const Vec3f> points, std::span<float> out) {

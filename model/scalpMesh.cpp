@@ -486,4 +486,12 @@ bool ScalpMesh::rayIntersect(Vec3f origin, Vec3f direction, SurfaceHit& out, flo
     return true;
 }
 
+void ScalpMesh::rayDistances(std::span<const Vec3f> origins, std::span<const Vec3f> directions,
+                             std::span<float> out, float maxT) const {
+    std::vector<BvhHit> hits(out.size());
+    bvh().rayIntersect(origins, directions, hits, maxT);
+    for (std::size_t i = 0; i < out.size(); ++i)
+        out[i] = hits[i].triangle >= 0 ? hits[i].t : kAnyDistance;
+}
+
 }  // namespace corvelle

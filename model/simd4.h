@@ -52,6 +52,7 @@ struct Float4 {
     static Float4 load(const float* p) { return _mm_load_ps(p); }
     static Float4 loadUnaligned(const float* p) { return _mm_loadu_ps(p); }
     void store(float* p) const { _mm_store_ps(p, lanes); }
+    void storeUnaligned(float* p) const { _mm_storeu_ps(p, lanes); }
     static constexpr std::size_t kLanes = 4;
     friend Float4 operator+(Float4 a, Float4 b) { return _mm_add_ps(a.lanes, b.lanes); }
     friend Float4 operator-(Float4 a, Float4 b) { return _mm_sub_ps(a.lanes, b.lanes); }
@@ -82,6 +83,7 @@ struct Float4 {
     void store(float* p) const {
         for (int i = 0; i < 4; ++i) p[i] = lanes[i];
     }
+    void storeUnaligned(float* p) const { store(p); }
     static constexpr std::size_t kLanes = 4;
     template <class F>
     static Float4 each(Float4 a, Float4 b, F f) {
@@ -171,6 +173,23 @@ inline void storeAcross(const Float4* in, float* const* to) {
 #else
     for (int l = 0; l < 4; ++l)
         for (int k = 0; k < 4; ++k) to[l][k] = in[k].lanes[l];
+#endif
+}
+
+/// Four triples one after the other: lane l of x, y and z is of triple l.
+inline void splitTriples(const Float4* in, Float4& x, Float4& y, Float4& z) {
+#if CORVELLE_SSE2
+    const __m128 a = in[0].lanes, b = in[1].lanes, c = in[2].lanes;
+    x = _mm_shuffle_ps(a, _mm_shuffle_ps(b, c, _MM_SHUFFLE(1, 1, 2, 2)), _MM_SHUFFLE(2, 0, 3, 0));
+    y = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(0, 0, 1, 1)),
+                       _mm_shuffle_ps(b, c, _MM_SHUFFLE(2, 2, 3, 3)), _MM_SHUFFLE(2, 0, 2, 0));
+    z = _mm_shuffle_ps(_mm_shuffle_ps(a, b, _MM_SHUFFLE(1, 1, 2, 2)), c, _MM_SHUFFLE(3, 0, 2, 0));
+#else
+    for (int l = 0; l < 4; ++l) {
+        x.lanes[l] = in[3 * l / 4].lanes[3 * l % 4];
+        y.lanes[l] = in[(3 * l + 1) / 4].lanes[(3 * l + 1) % 4];
+        z.lanes[l] = in[(3 * l + 2) / 4].lanes[(3 * l + 2) % 4];
+    }
 #endif
 }
 

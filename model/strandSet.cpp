@@ -394,13 +394,24 @@ void StrandSet::clear() {
     swap(empty);
 }
 
+void StrandSet::layOut(std::span<const std::uint64_t> counts) {
+    std::vector<std::uint64_t>& table = offsets_.reset(counts.size() + 1, 0, true, arrayLock_);
+    table[0] = 0;
+    for (std::size_t s = 0; s < counts.size(); ++s) table[s + 1] = table[s] + counts[s];
+}
+
 void StrandSet::allocate(std::span<const std::uint64_t> counts, unsigned flags) {
     StrandSet fresh;
-    std::vector<std::uint64_t>& toOffsets =
-        fresh.offsets_.reset(counts.size() + 1, 0, true, arrayLock_);
-    toOffsets[0] = 0;
-    for (std::size_t s = 0; s < counts.size(); ++s) toOffsets[s + 1] = toOffsets[s] + counts[s];
+    fresh.layOut(counts);
     allocateInto(fresh, flags);
+}
+
+void StrandSet::allocateFor(const StrandSet& strands, std::span<const std::uint64_t> counts,
+                            unsigned flags) {
+    if (counts.size() != strands.strandCount()) layoutMismatch("StrandSet::allocateFor");
+    StrandSet fresh;
+    fresh.layOut(counts);
+    allocateInto(fresh, flags, &strands);
 }
 
 void StrandSet::allocateUniform(std::size_t strands, std::size_t pointsPerStrand, unsigned flags) {
@@ -412,11 +423,16 @@ void StrandSet::allocateUniform(std::size_t strands, std::size_t pointsPerStrand
     allocateInto(fresh, flags);
 }
 
-void StrandSet::allocateInto(StrandSet& fresh, unsigned flags) {
+void StrandSet::allocateInto(StrandSet& fresh, unsigned flags, const StrandSet* strandsOf) {
     const std::size_t strands = fresh.offsets_.size() - 1;
     const std::size_t total = std::size_t(fresh.offsets_.get().back());
-    fresh.ids_.reset(strands, 0, false, arrayLock_);
-    fresh.roots_.reset(strands, {}, false, arrayLock_);
+    if (strandsOf) {
+        fresh.ids_ = strandsOf->ids_;
+        fresh.roots_ = strandsOf->roots_;
+    } else {
+        fresh.ids_.reset(strands, 0, false, arrayLock_);
+        fresh.roots_.reset(strands, {}, false, arrayLock_);
+    }
     fresh.points_.reset(total, {}, (flags & kLeavePoints) != 0, arrayLock_);
     fresh.widths_.reset(total, 1.0f, (flags & kLeaveWidths) != 0, arrayLock_);
     fresh.strandChannels_ = refilled(strandChannels_, strands);

@@ -126,6 +126,9 @@ public:
     /// Strands of the given point counts: ids 0, roots unset, widths 1, points zero, channels
     /// filled with their defaults. Flags leave points or widths unfilled.
     void allocate(std::span<const std::uint64_t> counts, unsigned flags = kFillAll);
+    /// The same with the ids and roots of `strands`, by sharing, one count for each of its strands.
+    void allocateFor(const StrandSet& strands, std::span<const std::uint64_t> counts,
+                     unsigned flags = kFillAll);
     void allocateUniform(std::size_t strandCount, std::size_t pointsPerStrand,
                          unsigned flags = kFillAll);
 
@@ -191,8 +194,10 @@ private:
         std::shared_ptr<const std::vector<Extent>> chunks;
     };
     void swap(StrandSet& other) noexcept;
-    /// Fills the arrays of `fresh`, which has its offsets, and becomes it.
-    void allocateInto(StrandSet& fresh, unsigned flags);
+    void layOut(std::span<const std::uint64_t> counts);
+    /// Fills the arrays of `fresh`, which has its offsets, and becomes it. Ids and roots are those
+    /// of `strands`, if any.
+    void allocateInto(StrandSet& fresh, unsigned flags, const StrandSet* strands = nullptr);
     void dropExtent();
     ExtentCache cachedExtent() const;
     Extent storeExtent(std::vector<Extent> chunks) const;

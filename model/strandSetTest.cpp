@@ -287,6 +287,22 @@ TEST(StrandSet, WriteAccessMayBeAskedForInsideALoop) {
     EXPECT_EQ(original.contentHash(), makeTuft({.strands = 2000}).contentHash());
 }
 
+TEST(StrandSet, AllocatesForTheStrandsOfAnother) {
+    const StrandSet tuft = makeTuft({.strands = 50, .uneven = true});
+    std::vector<std::uint64_t> counts;
+    for (std::size_t s = 0; s < tuft.strandCount(); ++s) counts.push_back(s % 4);
+    StrandSet set;
+    set.mutablePointChannel("share", 0.5f);
+    set.allocateFor(tuft, counts);
+    EXPECT_TRUE(set.sharesIds(tuft) && set.sharesRoots(tuft));
+    for (std::size_t s = 0; s < counts.size(); ++s) EXPECT_EQ(set.pointCountOf(s), counts[s]);
+    EXPECT_TRUE(set.validate());
+    EXPECT_EQ(set.pointChannel("share")->back(), 0.5f);
+    counts.pop_back();
+    EXPECT_THROW(set.allocateFor(tuft, counts), std::invalid_argument);
+    EXPECT_EQ(set.strandCount(), 50u) << "left as it was";
+}
+
 // --- The pool ----------------------------------------------------------------------------------
 
 TEST(ToArrayPool, RecyclesBigArraysOfTheExactSize) {

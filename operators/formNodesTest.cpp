@@ -1,6 +1,8 @@
 // Nodes that change how many strands there are, how long, or what kind: what each does, and what
 // holds for all of them.
 
+#include <array>
+#include <numeric>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -528,6 +530,14 @@ TEST_F(FormTest, CrossingsAreThoseOfEverySegmentsRay) {
     std::size_t crossed = 0;
     for (const ScalpMesh* mesh : {&hull, sheet.get()}) {
         const CrossingCut cut(*mesh);
+        constexpr float kOffsets[] = {0.0f, 0.3f, 4.0f};
+        std::vector<std::uint32_t> list(hair.strandCount());
+        std::iota(list.begin(), list.end(), 0u);
+        std::array<std::vector<StrandCut>, std::size(kOffsets)> cuts;
+        for (std::size_t k = 0; k < cuts.size(); ++k) {
+            cuts[k].resize(hair.strandCount());
+            cut(hair, list, kOffsets[k], cuts[k]);
+        }
         for (std::size_t s = 0; s < hair.strandCount(); ++s) {
             const auto own = hair.pointsOf(s);
             float wanted = 0.0f;
@@ -548,11 +558,11 @@ TEST_F(FormTest, CrossingsAreThoseOfEverySegmentsRay) {
                 EXPECT_TRUE(is == wanted || (std::isnan(is) && std::isnan(wanted)));
                 ++crossed;
             }
-            for (const float offset : {0.0f, 0.3f, 4.0f}) {
-                const StrandCut a = cut(own, offset);
+            for (std::size_t k = 0; k < cuts.size(); ++k) {
+                const StrandCut a = cuts[k][s];
                 EXPECT_EQ(a.whole, !(is < INFINITY));
                 if (a.whole) continue;
-                const StrandCut b = cutAt(own, is - offset);
+                const StrandCut b = cutAt(own, is - kOffsets[k]);
                 EXPECT_EQ(a.points, b.points);
                 EXPECT_EQ(a.share, b.share);
             }

@@ -21,20 +21,25 @@ struct StrandCut {
 /// not. A root on the mesh itself is no crossing. Pure; call `mesh.prepareQueries()` before a loop.
 float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh);
 
-/// Cuts many strands by one mesh, which must outlive it.
+/// Cuts strands by one mesh, which must outlive it.
 class CrossingCut {
 public:
     explicit CrossingCut(const ScalpMesh& mesh);
-    /// The same as cutAt(points, firstCrossing(points, mesh) - offset), `offset` 0 or more.
-    StrandCut operator()(std::span<const Vec3f> points, float offset) const;
+    /// Sets the cuts of the listed strands, `cuts` being one a strand of the set: the same as
+    /// cutAt(points, firstCrossing(points, mesh) - offset), `offset` 0 or more. Many at a time
+    /// share the way down the mesh's tree.
+    void operator()(const StrandSet& strands, std::span<const std::uint32_t> list, float offset,
+                    std::span<StrandCut> cuts) const;
+
+    static constexpr std::size_t kAtOnce = 1024;  ///< strands: a good share of a list for a thread
 
 private:
     friend float firstCrossing(std::span<const Vec3f> points, const ScalpMesh& mesh);
-    /// The segment that crosses first, and where on it (0 to 1); points.size() for none.
-    std::size_t find(std::span<const Vec3f> points, float& share) const;
+    class Search;
+    bool mayCross(std::span<const Vec3f> points) const;
+    std::uint64_t nearSegments(std::span<const Vec3f> points, std::size_t first) const;
     const ScalpMesh& mesh_;
-    Float4 low_, high_;
-    float size_ = 0.0f;  ///< cm: its longest side
+    Float4 low_, high_;  ///< the mesh's box, and as far round it as tests of rays may round
 };
 
 /// The cut `length` cm along a strand. What would be left of a millionth of a cm or less goes.
