@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <bit>
 #include <mutex>
 
 #include "model/hash.h"
@@ -28,13 +27,7 @@ std::uint64_t valuesHash(const Values& values) {
         const auto at = known->find(values.get());
         if (at != known->end() && at->second.array.lock() == values) return at->second.hash;
     }
-    std::uint64_t h = mix64(values->size());
-    std::size_t i = 0;
-    for (; i + 1 < values->size(); i += 2)  // two floats a step
-        h = hashCombine(h, (std::uint64_t(std::bit_cast<std::uint32_t>((*values)[i])) << 32) |
-                               std::bit_cast<std::uint32_t>((*values)[i + 1]));
-    if (i < values->size()) h = hashCombine(h, (*values)[i]);
-
+    const std::uint64_t h = hashFloatBits(mix64(values->size()), values->data(), values->size());
     const std::lock_guard lock(mutex);
     std::erase_if(*known, [](const auto& entry) { return entry.second.array.expired(); });
     (*known)[values.get()] = {values, h};

@@ -123,7 +123,8 @@ bool Graph::Walk::run(NodeId target) {
     order(target);
     const auto stop = [&](Node& node, const std::string& message) {
         fail(node, message);
-        graph.warnings_.erase(node.id);  // those of an earlier result say nothing of this failure
+        node.op->clearDrivenFields();
+        dropStaleReports();
     };
     const auto guarded = [&](State& s, auto&& step) {
         Node& node = *s.node;
@@ -158,7 +159,20 @@ bool Graph::Walk::run(NodeId target) {
     takeSpares();
     for (State& s : states)
         if (!guarded(s, [&] { return evaluateNode(s); })) return false;
+    dropStaleReports();
     return true;
+}
+
+/// What nodes say stands beside results that this evaluation has at hand. That of a failed node,
+/// of those behind it, and of any whose run was not asked for, is of another run.
+void Graph::Walk::dropStaleReports() {
+    for (const State& s : states) {
+        const Node& n = *s.node;
+        if (n.cached && n.cachedHash == s.hash) continue;
+        graph.timings_.erase(n.id);
+        graph.status_.erase(n.id);
+        graph.warnings_.erase(n.id);
+    }
 }
 
 /// The results that this evaluation will push out are let go of now: their arrays serve the updates

@@ -275,6 +275,34 @@ TEST_F(GraphTest, WarningsStayWithTheResultTheyBelongTo) {
     EXPECT_FALSE(graph.warnings().contains(ids[1])) << "a failure is told alone";
 }
 
+TEST_F(GraphTest, ReportsTellOfNoRunThatWasNotMade) {
+    const auto ids = chain({"TestTuft", "TestWarn", "TestFail", "TestWarn"});
+    const NodeId aside = add("TestWarn", "aside");
+    graph.connect(ids[0], 0, aside, 0);
+    for (const NodeId id : {ids[1], ids[3], aside}) graph.setParam(id, "text", std::string("hm"));
+    graph.evaluate(aside, {});
+    const auto reported = [&](NodeId id) {
+        const bool told = graph.status().contains(id);
+        EXPECT_EQ(graph.timings().contains(id), told);
+        EXPECT_EQ(graph.warnings().contains(id), told && graph.node(id).op->type() == "TestWarn");
+        return told;
+    };
+    for (int round = 0; round < 2; ++round) {
+        graph.setParam(ids[2], "text", std::string());
+        graph.evaluate(ids[3], {});
+        for (const NodeId id : ids) EXPECT_TRUE(reported(id));
+        graph.setParam(ids[2], "text", std::string("broken"));
+        EXPECT_NE(errorOf([&] { graph.evaluate(ids[3], {}); }), "");
+        EXPECT_TRUE(reported(ids[0]) && reported(ids[1])) << "these ran";
+        EXPECT_FALSE(reported(ids[2]) || reported(ids[3])) << "these did not";
+        EXPECT_TRUE(graph.node(ids[3]).cached) << "its result is kept all the same";
+        EXPECT_TRUE(reported(aside)) << "nobody asked for it";
+    }
+    graph.setParam(ids[2], "text", std::string());
+    EXPECT_EQ(evaluatedBy(ids[3]), 0u);
+    EXPECT_TRUE(reported(ids[3]));
+}
+
 TEST_F(GraphTest, GrowSegmentsComeFromTheResampleOfTheOutput) {
     const auto ids = chain({"TestTuft", "TestGrow", "Resample"});
     const auto grown = [&](NodeId view) { return evaluateStrands(graph, view)->widths()[0]; };

@@ -45,6 +45,7 @@ struct Graph::Walk {
     std::uint64_t paramsHash(const State& state, bool affect);
 
     // graphEvaluate.cpp
+    void dropStaleReports();
     void takeSpares();
     std::vector<NodeValue> handedOutputs(State& state) const;
     bool evaluateNode(State& state);

@@ -87,15 +87,32 @@ std::uint64_t AlembicCurveReader::stamp(const std::string& path, const std::stri
 }
 
 AlembicGuideCache::AlembicGuideCache(const std::string& path, std::string object)
-    : file_(path), object_(std::move(object)) {
-    file_.range(object_);
+    : path_(path), object_(std::move(object)) {
+    open();
+}
+
+void AlembicGuideCache::open() {
+    last_ = {};
+    file_.reset();
+    signature_ = fileSignature(path_);
+    AlembicCurves fresh(path_);
+    fresh.range(object_);
+    file_ = std::move(fresh);
 }
 
 GuidesPtr AlembicGuideCache::guidesAt(double seconds, const GuidesPtr& held,
                                       const ScalpMesh* scalp) {
-    const std::uint64_t sample = file_.samplesAt(object_, seconds);
-    if (last_.guides && last_.sample == sample && last_.guides == held) return last_.guides;
-    const CurveSet read = file_.read(object_, seconds);
+    if (!file_ || fileSignature(path_) != signature_) open();
+    CurveSet read;
+    std::uint64_t sample = 0;
+    try {
+        sample = file_->samplesAt(object_, seconds);
+        if (last_.guides && last_.sample == sample && last_.guides == held) return last_.guides;
+        read = file_->read(object_, seconds);
+    } catch (...) {
+        file_.reset();
+        throw;
+    }
     const bool named = goodIds(read.ids);
     std::vector<GuideCurve> curves;
     curves.reserve(read.counts.size());

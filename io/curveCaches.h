@@ -4,6 +4,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,12 +51,17 @@ public:
     AlembicGuideCache(const std::string& path, std::string object);
     /// The guides at a time. Roots and details are those of the guides of the same id in `held`
     /// (may be null); others are rooted where `scalp` (may be null) is closest. Given what it gave
-    /// last, it gives the same object while the sample stays.
+    /// last, it gives the same object while the sample stays. A file that has changed is opened
+    /// anew. Throws AlembicError when it does not read; once it does, the next call goes on.
     GuidesPtr guidesAt(double seconds, const GuidesPtr& held, const ScalpMesh* scalp = nullptr);
 
+    const std::string& path() const { return path_; }
+
 private:
-    AlembicCurves file_;
-    std::string object_;
+    void open();
+    std::string path_, object_;
+    std::uint64_t signature_ = 0;        ///< of the file that is open
+    std::optional<AlembicCurves> file_;  ///< none: it did not read when last tried
     struct {
         std::uint64_t sample = 0;
         GuidesPtr guides;

@@ -31,7 +31,7 @@ SurfaceHit plainClosest(const ScalpMesh& mesh, Vec3f p, float maxDistance) {
     const auto [first, end] = mesh.activeTriangles();
     for (std::size_t t = first; t < end; ++t) {
         const auto [a, b, c] = cornersOf(mesh, t);
-        const TriangleClosest<float> closest = closestOnTriangle(a, b, c, p);
+        const TriangleClosest<float> closest = sharesOfClosest(a, b, c, p);
         if (!(closest.distanceSquared < best)) continue;
         best = closest.distanceSquared;
         hit.triangle = std::int32_t(t);

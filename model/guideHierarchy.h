@@ -103,8 +103,8 @@ public:
     /// Attributes every new guide gets, and their defaults. Those of a document read back are the
     /// union of what its guides carry, with default 0.
     const std::map<std::string, float>& declaredAttributes() const { return declared_; }
-    /// The id that the next guide without a given one gets: above all ids below 2^53 ever held
-    /// (child ids made from hashes fill 64 bits and do not count).
+    /// The id that the next guide without a given one gets: above all ids below kCountedIds ever
+    /// held (model/guideEdit.h: those past it are hashes of generated children).
     std::uint64_t nextGuideId() const { return nextGuide_; }
     /// Keeps ids of guides and groups from coming back after an undo: nothing new gets an id that
     /// `other` has given out.

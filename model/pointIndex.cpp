@@ -155,44 +155,55 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
 
     // A side's squared distance is kept as one offset per axis (Arya, Mount, "Algorithms for fast
     // vector quantization", DCC 1993): entering the far side replaces the offset of its axis.
+    // Offsets go as one: numbers written one by one and read back together would be waited for.
     struct Side {
+        Float4 offset, squared;  ///< the latter in every lane
         std::uint32_t node;
-        float squared;
-        float offset[3];
     };
+    const auto sumOf = [](Float4 o) { return spread<0>(o) + spread<1>(o) + spread<2>(o); };
+    // Sums of the same terms in another order may differ by ulps: never skip on those.
+    const auto within = [&](Float4 squared) {
+        return laneBits(squared <= Float4(limit * 1.00001f + FLT_MIN)) != 0;
+    };
+    alignas(16) static constexpr float kAxes[3][4] = {{1, 0, 0, 0}, {0, 1, 0, 0}, {0, 0, 1, 0}};
+    const float places[3] = {position.x, position.y, position.z};
     Side stack[64];
     int size = 0;
-    Side at{0, 0.0f, {}};
+    alignas(16) float offsets[4] = {};
     for (int axis = 0; axis < 3; ++axis) {
         const float o = std::max({low_[axis] - position[axis], position[axis] - high_[axis], 0.0f});
-        at.offset[axis] = o * o;
+        offsets[axis] = o * o;
     }
-    at.squared = at.offset[0] + at.offset[1] + at.offset[2];
+    Side at{Float4::load(offsets), Float4(0.0f), 0};
+    at.squared = sumOf(at.offset);
     const Float4 px(position.x), py(position.y), pz(position.z);
+    const Node* const nodes = nodes_.data();
+    const float* const xs = xs_.data();
+    const float* const ys = ys_.data();
+    const float* const zs = zs_.data();
+    const std::uint32_t* const indices = indices_.data();
     while (true) {
-        // Sums of the same terms in another order may differ by ulps: never skip on those.
-        if (at.squared <= limit * 1.00001f + FLT_MIN) {
-            const Node& node = nodes_[at.node];
+        if (within(at.squared)) {
+            const Node& node = nodes[at.node];
             if (node.axis < kLeaf) {
-                const int axis = int(node.axis);
-                const float p = position[axis];
+                const float p = places[node.axis];
                 const float toLeft = p - node.low, toRight = node.high - p;
                 const bool leftFirst = toLeft < toRight;
                 const float across = std::max(leftFirst ? toRight : toLeft, 0.0f);
                 Side& farSide = stack[size];
-                farSide = at;
                 farSide.node = node.left + (leftFirst ? 1u : 0u);
-                farSide.offset[axis] = std::max(across * across, at.offset[axis]);
-                farSide.squared = farSide.offset[0] + farSide.offset[1] + farSide.offset[2];
-                size += farSide.squared <= limit * 1.00001f + FLT_MIN;
+                farSide.offset = select(Float4::load(kAxes[node.axis]) > Float4(0.0f),
+                                        upper(Float4(across * across), at.offset), at.offset);
+                farSide.squared = sumOf(farSide.offset);
+                size += within(farSide.squared);
                 at.node = node.left + (leftFirst ? 0u : 1u);
                 continue;
             }
             const std::uint32_t end = node.left + (node.axis - kLeaf);
             for (std::uint32_t i = node.left; i < end; i += 4) {
-                const Float4 dx = Float4::loadUnaligned(&xs_[i]) - px;
-                const Float4 dy = Float4::loadUnaligned(&ys_[i]) - py;
-                const Float4 dz = Float4::loadUnaligned(&zs_[i]) - pz;
+                const Float4 dx = Float4::loadUnaligned(xs + i) - px;
+                const Float4 dy = Float4::loadUnaligned(ys + i) - py;
+                const Float4 dz = Float4::loadUnaligned(zs + i) - pz;
                 const Float4 d = dx * dx + dy * dy + dz * dz;
                 int lanes = laneBits(d <= Float4(limit));
                 if (lanes == 0) continue;
@@ -200,7 +211,7 @@ std::size_t PointIndex::nearest(Vec3f position, std::span<Neighbor> out, float m
                 d.store(squared);
                 for (; lanes != 0; lanes &= lanes - 1) {
                     const int lane = std::countr_zero(unsigned(lanes));
-                    const Neighbor candidate{indices_[i + std::uint32_t(lane)], squared[lane]};
+                    const Neighbor candidate{indices[i + std::uint32_t(lane)], squared[lane]};
                     const std::uint64_t key = orderOf(candidate);
                     if (found == capacity && key >= orderOf(out[capacity - 1])) continue;
                     std::size_t slot = found < capacity ? found++ : capacity - 1;

@@ -71,7 +71,7 @@ inline TriangleClosest<F> closestOnTriangle(F abx, F aby, F abz, F acx, F acy, F
     return best;
 }
 
-inline TriangleClosest<float> closestOnTriangle(Vec3f a, Vec3f b, Vec3f c, Vec3f p) {
+inline TriangleClosest<float> sharesOfClosest(Vec3f a, Vec3f b, Vec3f c, Vec3f p) {
     const Vec3f ab = b - a, ac = c - a, ap = p - a;
     return closestOnTriangle<float>(ab.x, ab.y, ab.z, ac.x, ac.y, ac.z, ap.x, ap.y, ap.z);
 }

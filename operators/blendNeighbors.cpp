@@ -91,8 +91,9 @@ public:
     void beginFull(const StrandSet& in) override {
         table_ = cache->table(in, settings);
         ramp_ = LaneRamp(profile);
-        // Every strand is read by several: what they all need is worked out once.
-        if (ramp_.fits()) curves_.measure(in, table_->order());
+        if (!ramp_.fits()) return;
+        batches_ = &table_->batches();
+        for (std::size_t s = 0; s < in.strandCount(); ++s) allCurves_ &= in.pointCountOf(s) >= 2;
     }
 
     std::span<const std::uint32_t> runOrder() const override { return table_->order(); }
@@ -119,6 +120,11 @@ public:
         const auto alone = [&](std::size_t s, float strong) {
             blend(in, s, strong, scratch, out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
         };
+        // A full run gives out the order a batch at a time.
+        constexpr std::size_t kBatch = NeighborTable::Batches::kSize;
+        static_assert(kBatch == StrandPick::kBatch);
+        const std::size_t first =
+            batches_ ? std::size_t(strands.data() - table_->order().data()) : 0;
         Group group;
         for (const std::uint32_t k : PointCountOrder(in, strands)) {
             const std::uint32_t s = strands[k];
@@ -127,15 +133,17 @@ public:
             const auto others = table_->of(s);
             if (strong == 0.0f || points.size() < 2 || others.empty())
                 std::ranges::copy(points, out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
-            else if (curves_.empty() || !areCurves(in, others))
+            else if (!batches_ || !areCurves(in, others))
                 alone(s, strong);
             else
-                group.add(s, strong, others);
+                group.add(s, k, strong, batches_->of(first + k));
         }
         if (group.count == 0) return;
         const std::span<const std::uint32_t> list(group.strands.data(), group.count);
+        const CurveTable curves(in, batches_->strands(first / kBatch));
         const BlendJob job{lanePoints(in, list, out.points),
-                           curves_.rows(),
+                           curves.rows(),
+                           group.seats.data(),
                            group.others.data(),
                            group.counts.data(),
                            group.strongs.data(),
@@ -150,25 +158,27 @@ private:
         std::vector<float> shares, amounts, others;
         std::vector<Vec3f> shape;
     };
-    /// Strands to blend side by side.
+    /// Strands to blend side by side. Most are read by several: what they all need is worked out
+    /// once.
     struct Group {
         std::size_t count = 0;
-        std::array<std::uint32_t, StrandPick::kBatch> strands, counts;
+        std::array<std::uint32_t, StrandPick::kBatch> strands, seats, counts;
         std::array<const std::uint32_t*, StrandPick::kBatch> others;
         std::array<float, StrandPick::kBatch> strongs;
 
-        void add(std::uint32_t strand, float strong, std::span<const std::uint32_t> neighbors) {
+        void add(std::uint32_t strand, std::uint32_t seat, float strong,
+                 std::span<const std::uint32_t> neighbors) {
             strands[count] = strand;
             strongs[count] = strong;
+            seats[count] = seat;
             others[count] = neighbors.data();
             counts[count++] = std::uint32_t(neighbors.size());
         }
     };
 
     bool areCurves(const StrandSet& in, std::span<const std::uint32_t> strands) const {
-        return curves_.allCurves() || std::ranges::all_of(strands, [&](std::uint32_t s) {
-                   return in.pointCountOf(s) >= 2;
-               });
+        return allCurves_ || std::ranges::all_of(
+                                 strands, [&](std::uint32_t s) { return in.pointCountOf(s) >= 2; });
     }
 
     /// One strand; it stays when it has no neighbours to blend toward.
@@ -202,7 +212,8 @@ private:
 
     std::shared_ptr<const NeighborTable> table_;
     LaneRamp ramp_;
-    CurveTable curves_;  ///< empty in a run over some strands
+    const NeighborTable::Batches* batches_ = nullptr;  ///< null in a run over some strands
+    bool allCurves_ = true;                            ///< all strands have 2 points or more
 };
 
 class BlendNeighbors final : public StrandOperator {

@@ -1,34 +1,31 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
+#include <memory>
 #include <span>
 #include <vector>
 
-#include "model/sharedArray.h"
 #include "model/strandSet.h"
 #include "operators/neighborKernels.h"
 
 namespace corvelle {
 
-/// The curves of all strands of a set, measured once for all that read them: see CurveRows.
-/// Cost: O(points), parallel; 16 bytes a point, taken from the pool of big arrays.
+/// The curves that a batch of strands reads, each measured once for all that read it: see
+/// CurveRows. Small enough to stay in the caches, where a table of all strands would not: near
+/// strands read much the same. Cost: O(points); 16 bytes a point.
 class CurveTable {
 public:
-    /// `order`: all strands, those near to one another close together; speed alone depends on it.
-    void measure(const StrandSet& strands, std::span<const std::uint32_t> order);
-    bool empty() const { return lengths_.size() == 0; }
-    /// Valid while the strands live.
+    /// Measures the listed strands, whose seats are their places in the list, for the kernels
+    /// given, whose layout it takes.
+    CurveTable(const StrandSet& strands, std::span<const std::uint32_t> list,
+               const NeighborKernels& kernels = neighborKernels());
+    /// Valid while the table lives.
     CurveRows rows() const { return rows_; }
-    /// True when every strand has 2 points or more.
-    bool allCurves() const { return allCurves_; }
 
 private:
-    std::mutex lock_;
-    SharedArray<float> points_, lengths_;
     std::vector<std::uint64_t> starts_;
+    std::unique_ptr<float[]> numbers_, lengths_;
     CurveRows rows_;
-    bool allCurves_ = false;
 };
 
 }  // namespace corvelle

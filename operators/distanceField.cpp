@@ -11,6 +11,7 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "operators/fieldLook.h"
+#include "operators/nearTriangle.h"
 
 namespace corvelle {
 
@@ -23,9 +24,16 @@ constexpr std::size_t kBlockCells = 2;
 constexpr std::size_t kCoarsest = 8;   ///< step, in nodes, of the coarsest nodes measured
 constexpr std::size_t kFloorStep = 4;  ///< of the floor's nodes
 static_assert(kCoarsest % kFloorStep == 0);
-/// A node between coarser ones is measured when it is nearer than so many of their steps: beyond,
-/// the distance is smooth enough to be interpolated.
-constexpr float kMeasuredSteps = 4.0f;
+/// A node between coarser ones is measured when it is nearer than so many of their steps.
+constexpr float kMeasuredSteps = 2.0f;
+/// Nodes of the last step walk to the closest triangle when they are nearer than this. Farther out
+/// the best triangle of the coarser nodes next to them is off by less than 0.5 % of the distance.
+constexpr float kWalkedCells = 12.0f;
+/// A distance this much above the mean of those around, in cells and of itself, shows a ridge of
+/// the field, where the closest triangle may be none that a coarser node found: it is measured.
+constexpr float kRidge = 0.06f, kRidgeShare = 0.008f;
+/// Of a step: farther than that no surface passes between a node and the coarser ones next to it.
+constexpr float kStepDiagonal = 1.75f;
 constexpr std::size_t kKept = 4;
 /// A field's padding never grows past this share of the longest side: beyond the grid distances go
 /// on by the distance to its border.
@@ -242,17 +250,19 @@ struct DistanceField::Build {
         });
     }
 
-    /// The nodes of one step between those of twice the step: the mean of the coarser ones next to
-    /// them along their odd axes (trilinear), or measured where the surface is near.
-    void refine(const MeshSides& sides, std::size_t step) {
+    /// The nodes of one step between those of twice the step: from the closest triangles of the
+    /// coarser ones next to them along their odd axes; measured where the surface is near and on
+    /// ridges.
+    void refine(const MeshSides& sides, const NearTriangle& walk, std::size_t step) {
         const auto& count = field.count_;
         const std::size_t stride[3] = {step, step * count[0], step * count[0] * count[1]};
         const std::size_t rows[2] = {(count[1] - 1) / step + 1, (count[2] - 1) / step + 1};
         const float near = step > 1 ? kMeasuredSteps * float(2 * step) * field.cell_ : 0.0f;
+        const float walkWithin =
+            step > 1 ? std::numeric_limits<float>::infinity() : kWalkedCells * field.cell_;
         parallelRange(0, rows[0] * rows[1], 16, [&](std::size_t b, std::size_t e) {
             for (std::size_t row = b; row < e; ++row) {
                 const std::size_t y = row % rows[0] * step, z = row / rows[0] * step;
-                std::int32_t last = -1;
                 for (std::size_t x = 0; x < count[0]; x += step) {
                     const std::size_t n = field.node(x, y, z);
                     const std::size_t at[3] = {x, y, z};
@@ -260,18 +270,32 @@ struct DistanceField::Build {
                     for (std::size_t axis = 0; axis < 3; ++axis)
                         if (at[axis] % (2 * step) != 0) odd[axes++] = stride[axis];
                     if (axes == 0 || triangles[n] >= 0) continue;
-                    float sum = 0.0f;
-                    for (std::size_t corner = 0; corner < std::size_t(1) << axes; ++corner) {
+                    std::int32_t begin[8];
+                    float coarser = 0.0f, sum = 0.0f;
+                    const std::size_t corners = std::size_t(1) << axes;
+                    for (std::size_t corner = 0; corner < corners; ++corner) {
                         std::size_t from = n;
                         for (std::size_t k = 0; k < axes; ++k)
                             from = (corner >> k & 1) != 0 ? from + odd[k] : from - odd[k];
-                        sum += field.values_[from];
+                        begin[corner] = triangles[from];
+                        coarser = field.values_[from];
+                        sum += std::fabs(coarser);
                     }
-                    field.values_[n] = sum / float(std::size_t(1) << axes);
-                    if (std::fabs(field.values_[n]) < near) {
-                        measureNode(sides, n, position(x, y, z), last);
-                        last = triangles[n];
+                    const Vec3f p = position(x, y, z);
+                    const NearTriangle::Found found = walk.from({begin, corners}, p, walkWithin);
+                    const float d = std::sqrt(found.distanceSquared);
+                    if (found.triangle < 0 || d < near ||
+                        d - sum / float(corners) >
+                            std::max(kRidge * field.cell_, kRidgeShare * d)) {
+                        measureNode(sides, n, p, found.triangle);
+                        continue;
                     }
+                    triangles[n] = found.triangle;
+                    const bool inside =
+                        sides.closed() && d > kStepDiagonal * float(step) * field.cell_
+                            ? coarser < 0.0f
+                            : sides.side(found.triangle, walk.pointOf(found), p).sign < 0.0f;
+                    field.values_[n] = inside ? -d : d;
                 }
             }
         });
@@ -295,12 +319,15 @@ DistanceField::DistanceField(const ScalpMesh& mesh, float offset) {
 
     const MeshSides sides(mesh);
     mesh.prepareQueries();
-    values_.resize(nodes + kReadBehind);
-    Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1)};
-    build.seed();
-    for (int axis = 0; axis < 3; ++axis) build.widen(axis);
-    build.measure(sides);
-    for (std::size_t step = kCoarsest / 2; step > 0; step /= 2) build.refine(sides, step);
+    {
+        const NearTriangle walk(mesh);
+        values_.resize(nodes + kReadBehind);
+        Build build{mesh, *this, std::vector<std::int32_t>(nodes, -1)};
+        build.seed();
+        for (int axis = 0; axis < 3; ++axis) build.widen(axis);
+        build.measure(sides);
+        for (std::size_t step = kCoarsest / 2; step > 0; step /= 2) build.refine(sides, walk, step);
+    }
 
     for (std::size_t axis = 0; axis < 3; ++axis)
         blocks_[axis] = (count_[axis] - 1 + kBlockCells - 1) / kBlockCells;

@@ -15,7 +15,8 @@ namespace corvelle {
 ///
 /// Each distinct color that a guide is rooted on is a region; colors within kSameColor of each
 /// other in linear RGB are one. Regions are numbered by ascending color (red, then green, then
-/// blue), so the numbers do not depend on the order of guides. Immutable, any thread may read.
+/// blue), so the numbers do not depend on the order of guides. A component that is no number is 0.
+/// Immutable, any thread may read.
 class GuideRegions {
 public:
     static constexpr float kSameColor = 0.1f;
@@ -30,9 +31,14 @@ public:
     /// two of them; -1 when the color is farther than kSameColor from every region's and from every
     /// straight mix of two.
     std::int32_t of(Vec3f color) const;
+    /// Of many places. Shapes: colors [places], out [places].
+    /// Cost:   about one look-up each; for a color far from all regions and from every mix with the
+    ///         nearest, in proportion to their number.
+    void of(std::span<const Vec3f> colors, std::span<std::int32_t> out) const;
 
 private:
-    bool isMix(Vec3f color, std::size_t nearest) const;
+    struct Directions;
+    bool isMix(Vec3f color, std::size_t nearest, Directions& directions) const;
     std::vector<Vec3f> regions_;
     std::vector<std::int32_t> ofGuides_;
     PointIndex index_;

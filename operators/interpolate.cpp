@@ -571,10 +571,8 @@ private:
             const std::vector<Vec3f> colors = mapColors(*from.regions, strands.roots(), positions);
             data->regions.resize(count);
             parallelRange(0, count, kStrandGrain, [&](std::size_t begin, std::size_t end) {
-                for (std::size_t s = begin; s < end; ++s) {
-                    const bool repeats = s > begin && colors[s] == colors[s - 1];  // flat paint
-                    data->regions[s] = repeats ? data->regions[s - 1] : regions.of(colors[s]);
-                }
+                regions.of(std::span(colors).subspan(begin, end - begin),
+                           std::span(data->regions).subspan(begin, end - begin));
             });
         }
         if (!reach)

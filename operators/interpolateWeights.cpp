@@ -160,7 +160,7 @@ void GuideReach::build(Group& group, const GuideRoots& guides) {
                 std::nth_element(along.begin(), along.begin() + std::ptrdiff_t(k - 1),
                                  along.begin() + std::ptrdiff_t(found));
                 kth = along[k - 1];
-                if (std::isfinite(kth) || radius > 4.0f * diagonal) break;
+                if (std::isfinite(kth) || radius > 4.0f * diagonal || !std::isfinite(radius)) break;
                 radius = radius > 0.0f ? 2.0f * radius : diagonal * 0.01f;
                 if (!(radius > 0.0f)) break;
             }

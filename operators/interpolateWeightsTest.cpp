@@ -217,6 +217,55 @@ TEST(InterpolationWeights, OfAnIsolatedGuideDoNotGrowTheOthers) {
     EXPECT_EQ(two.reachInRegion(0), kInfinity) << "fewer others than neighbors";
 }
 
+TEST(InterpolationWeights, TakeGuidesOfEveryKind) {
+    const auto mesh = std::make_shared<const ScalpMesh>(makePlane(10, 10, 10.0f));
+    const Roots strands = randomRoots(*mesh, 400, 10);
+    const auto whole = [&](const WeightTable& table, std::size_t s) {
+        float sum = 0.0f;
+        for (const GuideWeight& w : table.of(s)) sum += w.weight;
+        return std::abs(sum - 1.0f) < 1e-5f;
+    };
+    for (const ScalpPtr& surface : {ScalpPtr(), ScalpPtr(mesh)})
+        for (const int neighbors : {1, 3, kMaxNeighbors})
+            for (const float reach : {0.0f, 1.5f, 1e30f}) {
+                const WeightSettings settings{.neighbors = neighbors, .reach = reach};
+                // One guide takes every strand, whatever its reach.
+                const Roots one = randomRoots(*mesh, 1, 11);
+                const WeightTable alone = tableOf(strands, one, settings, surface);
+                // Many at one place share alike what one of them would have.
+                Roots heap;
+                for (int i = 0; i < 100; ++i) {
+                    heap.roots.push_back(one.roots[0]);
+                    heap.positions.push_back(one.positions[0]);
+                }
+                const WeightTable heaped = tableOf(strands, heap, settings, surface);
+                // Some off the scalp, on no triangle of it, or nowhere at all.
+                Roots mixed = randomRoots(*mesh, 30, 12);
+                for (std::size_t g = 0; g < 10; ++g) mixed.roots[g] = {};
+                for (std::size_t g = 5; g < 8; ++g) mixed.positions[g] = {40, 3, 0};
+                mixed.roots[11].triangle = 1 << 30;
+                for (std::size_t g = 12; g < 15; ++g)
+                    mixed.positions[g] = {std::nanf(""), kInfinity, 0};
+                const WeightTable among = tableOf(strands, mixed, settings, surface);
+                for (std::size_t s = 0; s < strands.roots.size(); ++s) {
+                    ASSERT_EQ(alone.of(s).size(), 1u);
+                    EXPECT_EQ(alone.of(s)[0], (GuideWeight{0, 1.0f}));
+                    ASSERT_TRUE(whole(heaped, s) && whole(among, s)) << neighbors << " " << reach;
+                    for (const GuideWeight& w : heaped.of(s))
+                        EXPECT_EQ(w.weight, heaped.of(s)[0].weight);
+                    for (const GuideWeight& w : among.of(s))
+                        EXPECT_FALSE(w.guide >= 12 && w.guide < 15) << "it is nowhere";
+                }
+            }
+    // A strand that is nowhere has no guides, and none is asked for its own.
+    Roots lost = strands;
+    lost.positions[7] = {0, std::nanf(""), 0};
+    const WeightTable table = tableOf(lost, randomRoots(*mesh, 20, 13), {}, mesh);
+    EXPECT_TRUE(table.of(7).empty());
+    EXPECT_EQ(table.nearest[7], kInfinity);
+    EXPECT_TRUE(whole(table, 8));
+}
+
 TEST(GuideRegions, NumberColorsAscendingAndJoinSoftPaint) {
     const std::vector<Vec3f> colors = {{1, 0, 0}, {0, 0, 1}, {0.95f, 0.02f, 0}, {0, 1, 0}};
     const GuideRegions regions(colors);
@@ -229,6 +278,71 @@ TEST(GuideRegions, NumberColorsAscendingAndJoinSoftPaint) {
     EXPECT_EQ(regions.of({0, 0, 0}), -1);
     EXPECT_EQ(regions.of({9, 0, 0}), -1);
     EXPECT_EQ(GuideRegions({}).of({0, 0, 0}), -1);
+    const std::vector<Vec3f> wild = {{kInfinity, 0, 0}, {0, 0, std::nanf("")}, {1e30f, 0, 0}};
+    const GuideRegions tamed(wild);
+    EXPECT_THAT(tamed.ofGuides(), testing::ElementsAre(0, 0, 1));
+    EXPECT_EQ(tamed.of({0, std::nanf(""), -kInfinity}), 0);
+}
+
+/// Regions and places as the words of the header say, without any table.
+struct PlainRegions {
+    std::vector<Vec3f> regions;
+    static bool near(Vec3f a, Vec3f b) { return distance(a, b) <= GuideRegions::kSameColor; }
+    static float toSegment(Vec3f p, Vec3f a, Vec3f b) {
+        const Vec3f way = b - a;
+        return distance(p, a + way * std::clamp(dot(p - a, way) / dot(way, way), 0.0f, 1.0f));
+    }
+    /// How far a color is from the nearest mix of two.
+    float toMix(Vec3f color) const {
+        float least = kInfinity;
+        for (std::size_t a = 0; a < regions.size(); ++a) {
+            least = std::min(least, distance(color, regions[a]));
+            for (std::size_t b = 0; b < a; ++b)
+                least = std::min(least, toSegment(color, regions[a], regions[b]));
+        }
+        return least;
+    }
+};
+
+TEST(GuideRegions, FindEveryMixOfTwo) {
+    std::size_t mixed = 0, none = 0;
+    for (std::uint64_t seed = 0; seed < 60; ++seed) {
+        SplitMix random(seed);
+        const auto number = [&] { return random.nextRange(0.0f, 1.0f); };
+        std::vector<Vec3f> colors(2 + seed * 3);
+        for (Vec3f& color : colors) {
+            color = {number(), number(), number()};
+            if (seed % 3 == 0) color.x = 0.25f;                         // all of one red
+            if (seed % 3 == 1) color = color * (1.0f / length(color));  // a shell: hollow
+        }
+        const GuideRegions regions(colors);
+        PlainRegions plain;
+        for (std::size_t r = 0; r < regions.count(); ++r) {
+            for (const Vec3f other : plain.regions)
+                EXPECT_FALSE(PlainRegions::near(other, regions.color(r)));
+            plain.regions.push_back(regions.color(r));
+        }
+        for (std::size_t g = 0; g < colors.size(); ++g)
+            EXPECT_TRUE(
+                PlainRegions::near(colors[g], regions.color(std::size_t(regions.ofGuides()[g]))));
+        std::vector<Vec3f> places(200);
+        for (Vec3f& place : places) place = {number(), number(), number()};
+        std::vector<std::int32_t> found(places.size());
+        regions.of(places, found);
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            EXPECT_EQ(found[i], regions.of(places[i]));
+            const float away = plain.toMix(places[i]) - GuideRegions::kSameColor;
+            if (std::abs(away) < 1e-5f) continue;
+            EXPECT_EQ(found[i] >= 0, away < 0.0f) << seed << " " << i;
+            (away < 0.0f ? mixed : none) += 1;
+            if (found[i] < 0) continue;
+            for (const Vec3f other : plain.regions)
+                EXPECT_LE(distance(places[i], regions.color(std::size_t(found[i]))),
+                          distance(places[i], other));
+        }
+    }
+    EXPECT_GT(mixed, 1000u);
+    EXPECT_GT(none, 1000u) << "these colors are too easy to prove anything";
 }
 
 }  // namespace

@@ -161,6 +161,12 @@ CORVELLE_AVX512 inline void storeSquare(const Float16* in, float* const* to, std
 
 }  // namespace
 
+}  // namespace corvelle
+
+#include "operators/shortCurves16.h"
+
+namespace corvelle {
+
 const LaneKernels* laneKernelsAvx512() {
     static const LaneKernels kernels = kernelsOver<Float16>();
     const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
@@ -174,7 +180,14 @@ const CollideKernels* collideKernelsAvx512() {
 }
 
 const NeighborKernels* neighborKernelsAvx512() {
-    static const NeighborKernels kernels = neighborKernelsOver<Float16>();
+    static const NeighborKernels kernels = [] {
+        NeighborKernels all = neighborKernelsOver<Float16>();
+        all.mostByComponent = kShort;
+        all.measure = measureEither;
+        all.blend = blendEither;
+        all.stick = stickEither;
+        return all;
+    }();
     const bool able = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq");
     return able ? &kernels : nullptr;
 }

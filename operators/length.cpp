@@ -16,18 +16,13 @@ namespace {
 constexpr std::uint64_t kFraction = hashOf("Length.fraction");
 constexpr std::uint64_t kTrim = hashOf("Length.trim");
 constexpr std::size_t kScratchPoints = 128;  ///< floats kept on the stack
-}  // namespace
 
-float keptShare(std::uint64_t id, float keep, float fraction, const TrimSettings& settings) {
-    const float share = std::clamp(keep, 0.0f, 1.0f);
-    // A draw is below 1.
-    if (!(fraction >= 1.0f) && !(draw(drawBase(settings.seed, kFraction), id) < fraction))
-        return share;
-    const float lo = std::min(settings.trimMin, settings.trimMax);
-    const float hi = std::max(settings.trimMin, settings.trimMax);
-    const float loss = lo + (hi - lo) * draw(drawBase(settings.seed, kTrim), id);
-    return share * (1.0f - loss);
-}
+/// How a strand loses length at random, on top of the share it keeps.
+struct TrimSettings {
+    float trimMin = 0.0f, trimMax = 0.0f;  ///< loss of the kept length, uniform between; 0 to 1
+    std::uint64_t seed = 0;
+};
+}  // namespace
 
 void trimStrand(std::span<const Vec3f> in, float share, std::span<Vec3f> out) {
     const std::size_t n = in.size();
@@ -95,26 +90,6 @@ const std::vector<ParamSpec> kParams = {
     {.name = "seed", .defaultValue = 0.0, .description = "Random seed", .whole = true},
 };
 
-/// Orders a batch by the share kept, roughly: the new points of strands that are worked on side by
-/// side then lie in few different segments.
-void orderByShare(std::span<const std::uint32_t> strands, std::span<const float> shares,
-                  std::span<std::uint32_t> orderedStrands, std::span<float> orderedShares) {
-    constexpr std::size_t kBins = 32;
-    std::array<std::uint8_t, StrandPick::kBatch> bin;
-    std::array<std::size_t, kBins + 1> starts{};
-    for (std::size_t k = 0; k < strands.size(); ++k) {
-        const float at = clampShare(shares[k]) * float(kBins - 1);
-        bin[k] = std::uint8_t(at);
-        ++starts[bin[k] + 1u];
-    }
-    for (std::size_t b = 0; b < kBins; ++b) starts[b + 1] += starts[b];
-    for (std::size_t k = 0; k < strands.size(); ++k) {
-        const std::size_t to = starts[bin[k]]++;
-        orderedStrands[to] = strands[k];
-        orderedShares[to] = shares[k];
-    }
-}
-
 class LengthWork final : public StrandWork {
 public:
     FieldPtr keep, fraction;
@@ -126,28 +101,42 @@ public:
     }
     void run(const StrandSet& in, std::span<const std::uint32_t> strands,
              const OpenArrays& out) const override {
-        std::array<float, StrandPick::kBatch> keeps, fractions;
-        keep->sampleStrands(in, strands, std::span(keeps).first(strands.size()));
-        fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
-        for (std::size_t k = 0; k < strands.size(); ++k)
-            keeps[k] = keptShare(in.ids()[strands[k]], keeps[k], fractions[k], settings);
         if (in.points().empty()) return;
-        std::array<std::uint32_t, StrandPick::kBatch> ordered;
         std::array<float, StrandPick::kBatch> shares;
-        orderByShare(strands, std::span(keeps).first(strands.size()), ordered, shares);
-        const std::span<const std::uint32_t> list(ordered.data(), strands.size());
+        keep->sampleStrands(in, strands, std::span(shares).first(strands.size()));
+        trimAtRandom(in, strands, std::span(shares).first(strands.size()));
         const TrimJob job{&in.points()[0].x, &out.points[0].x, in.offsets().data()};
         LaneScratch scratch;
         forEachLaneRun(
-            in, list,
+            in, strands,
             [&](std::size_t first, std::size_t count, std::size_t n) {
-                laneKernels().trim(job, &list[first], &shares[first], count, n, scratch.of(n));
+                laneKernels().trim(job, &strands[first], &shares[first], count, n, scratch.of(n));
             },
             [&](std::size_t k) {
-                const std::size_t s = list[k];
+                const std::size_t s = strands[k];
                 trimStrand(in.pointsOf(s), shares[k],
                            out.points.subspan(in.offsets()[s], in.pointCountOf(s)));
             });
+    }
+
+private:
+    /// From what is kept of each strand to its share less the trim.
+    void trimAtRandom(const StrandSet& in, std::span<const std::uint32_t> strands,
+                      std::span<float> shares) const {
+        std::array<float, StrandPick::kBatch> fractions;
+        const std::span<float> some = std::span(fractions).first(strands.size());
+        fraction->sampleStrands(in, strands, some);
+        const float lo = std::min(settings.trimMin, settings.trimMax);
+        const float hi = std::max(settings.trimMin, settings.trimMax);
+        // A draw is below 1.
+        const bool all = std::ranges::all_of(some, [](float x) { return x >= 1.0f; });
+        const LaneDraws picks(in, strands, drawBase(settings.seed, kFraction), all ? 0.0f : 1.0f);
+        const LaneDraws losses(in, strands, drawBase(settings.seed, kTrim), hi - lo);
+        for (std::size_t k = 0; k < strands.size(); ++k) {
+            const bool trims = fractions[k] >= 1.0f || picks[k] < fractions[k];
+            const float share = std::clamp(shares[k], 0.0f, 1.0f);
+            shares[k] = trims ? share * (1.0f - (lo + losses[k])) : share;
+        }
     }
 };
 

@@ -49,6 +49,7 @@ public:
 
     explicit MeshSides(const ScalpMesh& mesh);
     /// No open edge anywhere.
+    bool closed() const { return closed_; }
     /// The side of `position`, whose closest point of the mesh is `at`, on `triangle`.
     Side side(std::int32_t triangle, const TrianglePoint& at, Vec3f position) const;
 

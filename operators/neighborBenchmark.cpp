@@ -1,12 +1,14 @@
 // Tables of neighbours against nanoflann on the same roots, and the nodes that read them against
 // the stream p += w (q - p) of the same points and the bare loop over the neighbours: flat arrays,
-// the table given, points paired by their numbers, and nothing kept or eased.
+// the table given, and nothing kept or eased. Points are paired by their numbers; Tangle's, whose
+// partner is read at equal lengths from the root, by those lengths.
 
 #include <benchmark/benchmark.h>
 #include <nanoflann.hpp>
 
 #include "model/hash.h"
 #include "model/parallel.h"
+#include "model/polyline.h"
 #include "model/testing/tuft.h"
 #include "operators/neighborTable.h"
 #include "operators/polynomialTrig.h"
@@ -166,7 +168,20 @@ void bareTangle(benchmark::State& state) {
             for (const std::uint32_t other : table.of(s)) partner = std::min(partner, other);
         const Vec3f* const p = points + s * kPoints;
         const Vec3f* const q = points + partner * kPoints;
-        for (std::size_t i = 0; i < kPoints; ++i) out[i] = mix(p[i], q[i], 0.8f);
+        if (partner == s) {
+            std::copy(p, p + kPoints, out);
+            return;
+        }
+        // Where along the partner each point reads: what a partner costs at the least.
+        std::array<float, kPoints> at, along;
+        polylineLengths({p, kPoints}, at);
+        polylineLengths({q, kPoints}, along);
+        std::size_t k = 0;
+        for (std::size_t i = 0; i < kPoints; ++i) {
+            while (k + 2 < kPoints && along[k + 1] < at[i]) ++k;
+            const float share = std::min((at[i] - along[k]) / (along[k + 1] - along[k]), 1.0f);
+            out[i] = mix(p[i], mix(q[k], q[k + 1], share), 0.8f);
+        }
     });
 }
 /// The means of the clumps too, since the node works them out.

@@ -9,28 +9,33 @@ namespace corvelle {
 
 // As laneKernels.h, for strands that read other curves beside their own points.
 
-/// Curves ready to be read by several strands: each point a row of 4, its place and where along
-/// the curve it lies. Strand s begins at row starts[s], those near to one another close together.
+/// Curves ready to be read by several strands: 4 numbers a point, its place and where along the
+/// curve it lies. Curves have seats of their own, those near to one another close together: the one
+/// at a seat has the points starts[seat] to starts[seat + 1].
 struct CurveRows {
     const float* rows = nullptr;
-    const float* lengths = nullptr;  ///< [strands] arc lengths
-    const std::uint64_t* starts = nullptr;
-    const std::uint64_t* offsets = nullptr;  ///< of the set: how many points a strand has
+    const float* lengths = nullptr;         ///< [seats] arc lengths
+    const std::uint64_t* starts = nullptr;  ///< [seats + 1]
+    /// True: all x of a strand come first, then all y, z and places along it. False: a row a point.
+    bool byComponent = false;
 };
 
 /// Writes the rows of strands, by shares of the length.
 struct MeasureJob {
-    LanePoints points;  ///< `to` is left alone
+    LanePoints points;                     ///< `to` is left alone
+    const std::uint32_t* seats = nullptr;  ///< [places]
     float* rows = nullptr;
-    float* lengths = nullptr;  ///< [strands]
+    float* lengths = nullptr;  ///< [seats]
     const std::uint64_t* starts = nullptr;
+    bool byComponent = false;  ///< see CurveRows
 };
 
 /// Blends strands toward the mean shape of others: see addShape and blendToward.
 struct BlendJob {
     LanePoints points;
-    CurveRows curves;  ///< of all strands, by shares
-    /// [places] the strands to blend toward, 1 or more of 2 or more points each.
+    CurveRows curves;                      ///< of all strands, by shares
+    const std::uint32_t* seats = nullptr;  ///< [places] the strands' own
+    /// [places] the seats of those to blend toward, 1 or more of 2 or more points each.
     const std::uint32_t* const* neighbors = nullptr;
     const std::uint32_t* counts = nullptr;
     const float* strengths = nullptr;  ///< [places] 0 to 1
@@ -77,6 +82,9 @@ inline constexpr std::size_t kEvenSums = kMostLanes;
 /// Scratch as in laneKernels.h. `even` takes kEvenSums strands of n points, and scratch for n + to
 /// points.
 struct NeighborKernels {
+    /// The most points of any strand in tables by component that `measure` and `blend` take; 0:
+    /// they take none.
+    std::size_t mostByComponent = 0;
     LaneDeform<MeasureJob> measure = nullptr;
     LaneDeform<BlendJob> blend = nullptr;
     LaneDeform<StickJob> stick = nullptr;

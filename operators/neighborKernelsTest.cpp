@@ -67,32 +67,37 @@ INSTANTIATE_TEST_SUITE_P(Points, NeighborKernelsTest,
                          testing::Values<std::size_t>(2, 3, 6, 16, 40));
 
 TEST_P(NeighborKernelsTest, MeasureOnceWhatAllRead) {
-    CurveTable table;
-    table.measure(set, all);
-    EXPECT_TRUE(table.allCurves());
-    const CurveRows rows = table.rows();
-    for (const std::uint32_t s : all) {
-        const auto points = set.pointsOf(s);
-        std::vector<float> shares(points.size());
-        EXPECT_EQ(rows.lengths[s], polylineShares(points, shares));
-        for (std::size_t i = 0; i < points.size(); ++i) {
-            const float* const row = rows.rows + 4 * (rows.starts[s] + i);
-            EXPECT_EQ((Vec3f{row[0], row[1], row[2]}), points[i]);
-            EXPECT_EQ(row[3], shares[i]);
+    for (const SplineLanes lanes : kWidths) {
+        const NeighborKernels& kernels = neighborKernels(lanes);
+        const CurveTable table(set, all, kernels);
+        const CurveRows rows = table.rows();
+        EXPECT_EQ(rows.byComponent, GetParam() <= kernels.mostByComponent);
+        for (std::size_t seat = 0; seat < all.size(); ++seat) {
+            const auto points = set.pointsOf(all[seat]);
+            const std::size_t n = points.size();
+            std::vector<float> shares(n);
+            EXPECT_EQ(rows.lengths[seat], polylineShares(points, shares));
+            const float* const own = rows.rows + 4 * rows.starts[seat];
+            for (std::size_t i = 0; i < n; ++i) {
+                const auto number = [&](std::size_t x) {
+                    return rows.byComponent ? own[x * n + i] : own[4 * i + x];
+                };
+                EXPECT_EQ((Vec3f{number(0), number(1), number(2)}), points[i]);
+                EXPECT_EQ(number(3), shares[i]);
+            }
         }
     }
 }
 
 TEST_P(NeighborKernelsTest, BlendWithTheBitsOfOneStrandAlone) {
-    CurveTable table;
-    table.measure(set, all);
     // Neighbours of any point counts, 1 to 5 of them.
     std::vector<std::vector<std::uint32_t>> others(all.size());
     std::vector<const std::uint32_t*> lists;
-    std::vector<std::uint32_t> counts;
+    std::vector<std::uint32_t> counts, seats;
     for (std::size_t k = 0; k < all.size(); ++k) {
         for (std::size_t j = 0; j <= mix64(k) % 5; ++j)
             others[k].push_back(std::uint32_t(mix64(9 * k + j) % all.size()));
+        seats.push_back(std::uint32_t(k));
         lists.push_back(others[k].data());
         counts.push_back(std::uint32_t(others[k].size()));
     }
@@ -104,7 +109,8 @@ TEST_P(NeighborKernelsTest, BlendWithTheBitsOfOneStrandAlone) {
             std::vector<float> shares(points.size()), theirs;
             std::vector<Vec3f> shape(points.size());
             const float length = polylineShares(points, shares);
-            for (const std::uint32_t other : others[k]) {
+            for (const std::uint32_t seat : others[k]) {
+                const std::uint32_t other = all[seat];
                 theirs.resize(set.pointCountOf(other));
                 polylineShares(set.pointsOf(other), theirs);
                 addShape({set.pointsOf(other), theirs}, shares, shape);
@@ -114,15 +120,19 @@ TEST_P(NeighborKernelsTest, BlendWithTheBitsOfOneStrandAlone) {
             for (float& amount : shares) amount = clampShare(amount * numbers[k]);
             blendToward(points, shape, shares, keeps ? length : 0.0f, of(wanted, all[k]));
         }
-        for (const SplineLanes lanes : kWidths)
-            EXPECT_EQ(deformed<BlendJob>(neighborKernels(lanes).blend, {{},
-                                                                        table.rows(),
-                                                                        lists.data(),
-                                                                        counts.data(),
-                                                                        numbers.data(),
-                                                                        rise.keys(),
-                                                                        keeps}),
+        for (const SplineLanes lanes : kWidths) {
+            const NeighborKernels& kernels = neighborKernels(lanes);
+            const CurveTable table(set, all, kernels);
+            EXPECT_EQ(deformed<BlendJob>(kernels.blend, {{},
+                                                         table.rows(),
+                                                         seats.data(),
+                                                         lists.data(),
+                                                         counts.data(),
+                                                         numbers.data(),
+                                                         rise.keys(),
+                                                         keeps}),
                       wanted);
+        }
     }
 }
 

@@ -30,9 +30,9 @@ CORVELLE_LANES_TARGET inline void measureGroup(const MeasureJob& job, const Stra
     total.store(lengths);
     float* to[F::kLanes];
     for (std::size_t l = 0; l < F::kLanes; ++l) {
-        const std::uint32_t s = job.points.strands[group.places[l]];
-        to[l] = job.rows + 4 * job.starts[s];
-        job.lengths[s] = lengths[l];
+        const std::uint32_t seat = job.seats[group.places[l]];
+        to[l] = job.rows + 4 * job.starts[seat];
+        job.lengths[seat] = lengths[l];
     }
     scatterLanes(rows, 4 * n, to);
 }
@@ -53,9 +53,9 @@ struct CurveWalk {
         if (count > rows) rows = count;
     }
     CORVELLE_LANES_TARGET inline void start(std::size_t lane, const CurveRows& curves,
-                                            std::uint32_t s) {
-        start(lane, curves.rows + 4 * curves.starts[s],
-              std::size_t(curves.offsets[s + 1] - curves.offsets[s]));
+                                            std::uint32_t seat) {
+        start(lane, curves.rows + 4 * curves.starts[seat],
+              std::size_t(curves.starts[seat + 1] - curves.starts[seat]));
     }
     CORVELLE_LANES_TARGET inline void next(F row[4]) {
         const float* from[F::kLanes];
@@ -114,22 +114,12 @@ CORVELLE_LANES_TARGET inline void walkCurves(Walk& curves, const F* places, std:
     }
 }
 
-/// Asks the caches for the curve of a strand.
-CORVELLE_FETCH void fetchCurve(const CurveRows& curves, std::uint32_t s) {
-    fetchFloats(curves.rows + 4 * curves.starts[s],
-                std::size_t(4 * (curves.offsets[s + 1] - curves.offsets[s])));
-}
-
 /// What a job reads and writes at a place, asked of the caches.
 CORVELLE_FETCH void fetchPlace(const MeasureJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.points.from + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
 CORVELLE_FETCH void fetchPlace(const BlendJob& job, std::size_t place, std::size_t n) {
-    const std::uint32_t s = job.points.strands[place];
-    fetchCurve(job.curves, s);
-    for (std::uint32_t j = 0; j < job.counts[place]; ++j)
-        fetchCurve(job.curves, job.neighbors[place][j]);
-    fetchFloats(job.points.to + 3 * job.points.offsets[s], 3 * n);
+    fetchFloats(job.points.to + 3 * job.points.offsets[job.points.strands[place]], 3 * n);
 }
 CORVELLE_FETCH void fetchPlace(const StickJob& job, std::size_t place, std::size_t n) {
     fetchFloats(job.points.from + 3 * job.points.offsets[job.partners[place]], 3 * n);
@@ -196,9 +186,9 @@ CORVELLE_LANES_TARGET inline void blendGroup(const BlendJob& job, const StrandGr
     std::uint32_t most = 0;
     for (std::size_t l = 0; l < kLanes; ++l) {
         const std::size_t place = group.places[l];
-        const std::uint32_t s = job.points.strands[place];
-        lengths[l] = job.curves.lengths[s];
-        from[l] = job.curves.rows + 4 * job.curves.starts[s];
+        const std::uint32_t seat = job.seats[place];
+        lengths[l] = job.curves.lengths[seat];
+        from[l] = job.curves.rows + 4 * job.curves.starts[seat];
         strengths[l] = job.strengths[place];
         numbers[l] = 1.0f / float(job.counts[place]);
         if (job.counts[place] > most) most = job.counts[place];

@@ -11,6 +11,7 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/pointIndex.h"
+#include "model/simd4.h"
 #include "operators/previewStrands.h"
 
 namespace corvelle {
@@ -201,6 +202,38 @@ NeighborTable::NeighborTable(const StrandSet& strands, const NeighborSettings& s
         if (!seated[s]) order_.push_back(s);  // without a root
 }
 
+const NeighborTable::Batches& NeighborTable::batches() const {
+    std::call_once(batched_, [&] {
+        Batches& made = batches_;
+        const std::size_t n = order_.size();
+        made.count_ = count_;
+        made.neighbors_.resize(n * count_);
+        made.found_.resize(n);
+        std::vector<std::size_t> listed(n, 0);  // by strand: 1 + where in strands_
+        for (std::size_t begin = 0; begin < n; begin += Batches::kSize) {
+            const std::size_t first = made.strands_.size();
+            const std::size_t end = std::min(begin + Batches::kSize, n);
+            made.starts_.push_back(first);
+            const auto seatOf = [&](std::uint32_t strand) {
+                if (listed[strand] <= first) {
+                    made.strands_.push_back(strand);
+                    listed[strand] = made.strands_.size();
+                }
+                return std::uint32_t(listed[strand] - 1 - first);
+            };
+            for (std::size_t place = begin; place < end; ++place) seatOf(order_[place]);
+            for (std::size_t place = begin; place < end; ++place) {
+                const auto others = of(order_[place]);
+                made.found_[place] = std::uint8_t(others.size());
+                for (std::size_t j = 0; j < others.size(); ++j)
+                    made.neighbors_[place * count_ + j] = seatOf(others[j]);
+            }
+        }
+        made.starts_.push_back(made.strands_.size());
+    });
+    return batches_;
+}
+
 std::span<const std::uint32_t> NeighborTable::neighborsTo(std::size_t strand) const {
     std::call_once(turned_, [&] {
         const std::size_t n = found_.size();
@@ -238,11 +271,14 @@ bool NeighborTable::fits(const StrandSet& strands, const NeighborSettings& setti
     const Channels channels(strands, settings);
     std::atomic<bool> same = true;
     parallelRange(0, ids_.size(), kChunkStrands, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t s = begin; s < end; ++s)
+        constexpr std::size_t kAhead = 16;  // roots lie too far apart for the caches to foresee
+        for (std::size_t s = begin; s < end; ++s) {
+            if (s + kAhead < end) prefetch(strands.points().data() + strands.offsets()[s + kAhead]);
             if (!knows(strands, channels, s)) {
                 same = false;
                 return;
             }
+        }
     });
     return same;
 }

@@ -45,6 +45,30 @@ public:
     }
     /// All strands, those with neighbours in common mostly close together.
     std::span<const std::uint32_t> order() const { return order_; }
+    /// What batches of the order read: near strands have much the same neighbours, so each batch
+    /// lists them once.
+    class Batches {
+    public:
+        static constexpr std::size_t kSize = 256;
+        /// The strands of a batch, places [batch kSize, ...) of the order, and then their
+        /// neighbours that are not among them.
+        std::span<const std::uint32_t> strands(std::size_t batch) const {
+            return std::span(strands_).subspan(starts_[batch], starts_[batch + 1] - starts_[batch]);
+        }
+        /// The neighbours of the strand at a place of the order, by where the batch lists them.
+        std::span<const std::uint32_t> of(std::size_t place) const {
+            return std::span(neighbors_).subspan(place * count_, found_[place]);
+        }
+
+    private:
+        friend NeighborTable;
+        std::size_t count_ = 0;
+        std::vector<std::size_t> starts_;
+        std::vector<std::uint32_t> strands_, neighbors_;
+        std::vector<std::uint8_t> found_;
+    };
+    /// Made when first asked for.
+    const Batches& batches() const;
     /// The strands that `strand` is a neighbour of, ascending. Turned about when first asked for.
     std::span<const std::uint32_t> neighborsTo(std::size_t strand) const;
     /// True when a table of these strands, which differ from the ones it was made of in the listed
@@ -67,7 +91,8 @@ private:
     std::vector<std::uint64_t> ids_, groups_;
     std::vector<Vec3f> roots_;
     std::vector<std::uint8_t> marked_;
-    mutable std::once_flag turned_;
+    mutable std::once_flag batched_, turned_;
+    mutable Batches batches_;
     mutable std::vector<std::uint32_t> toOffsets_, to_;
 };
 

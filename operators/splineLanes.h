@@ -40,6 +40,83 @@ CORVELLE_LANES_TARGET inline F lengthAcross(const F v[3]) {
     return squareRoot(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
 }
 
+// The spans of a strand are measured in four steps, each for all spans before the next: roots and
+// divisions take long, and those of many spans are then waited for together.
+
+/// Chords, in c; their lengths, in `start`; the roots of these, in `perLength`.
+template <class F>
+CORVELLE_LANES_TARGET inline void measureChords(const F* points, std::size_t n,
+                                                SplineSpan<F>* spans) {
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        const F* const p = points + 3 * i;
+        F chord[3];
+        for (int x = 0; x < 3; ++x) chord[x] = p[3 + x] - p[x];
+        const F length = lengthAcross(chord), knot = squareRoot(length);
+        for (int x = 0; x < 3; ++x) spans[i].c[x] = chord[x];
+        spans[i].start = length;
+        spans[i].perLength = knot;
+    }
+}
+
+/// From the chords the tangents: where a span begins in b, where it ends in d.
+template <class F>
+CORVELLE_LANES_TARGET inline void findTangents(std::size_t n, SplineSpan<F>* spans) {
+    const F one(1.0f), least(1e-30f), most(1e30f);
+    const int all = laneBits(least < most);
+    for (std::size_t i = 0; i + 2 < n; ++i) {
+        SplineSpan<F>&span = spans[i], &next = spans[i + 1];
+        const F chordLength = span.start, knot = span.perLength;
+        const F afterLength = next.start, afterKnot = next.perLength;
+        const F product = knot * afterKnot * (knot + afterKnot);
+        const auto usable = (product > least) & (product < most);
+        const F over = one / product;
+        const F before = over * knot, behind = over * afterKnot;
+        F reaching[3], leaving[3];
+        for (int x = 0; x < 3; ++x) {
+            const F slope = span.c[x] * afterLength + next.c[x] * chordLength;
+            reaching[x] = slope * before;
+            leaving[x] = slope * behind;
+        }
+        if (laneBits(usable) != all) {  // seldom
+            for (int x = 0; x < 3; ++x) {
+                reaching[x] = select(usable, reaching[x], span.c[x]);
+                leaving[x] = select(usable, leaving[x], next.c[x]);
+            }
+        }
+        for (int x = 0; x < 3; ++x) {
+            span.d[x] = reaching[x];
+            next.b[x] = leaving[x];
+        }
+    }
+    for (int x = 0; x < 3; ++x) {
+        spans[0].b[x] = spans[0].c[x];
+        spans[n - 2].d[x] = spans[n - 2].c[x];
+    }
+}
+
+/// From chords and tangents the coefficients; lengths, in `perLength`, and those of the first
+/// halves, in `bias`.
+template <class F>
+CORVELLE_LANES_TARGET inline void measureHalves(std::size_t n, SplineSpan<F>* spans) {
+    const F two(2.0f), half(0.5f), eighth(0.125f);
+    for (std::size_t i = 0; i + 1 < n; ++i) {
+        SplineSpan<F>& span = spans[i];
+        F first[3], second[3];
+        for (int x = 0; x < 3; ++x) {
+            const F chord = span.c[x], leaving = span.b[x], reaching = span.d[x];
+            const F d = leaving + reaching - two * chord;
+            span.c[x] = chord - leaving - d;
+            span.d[x] = d;
+            const F bulge = (leaving - reaching) * eighth, middle = chord * half;
+            first[x] = middle + bulge;
+            second[x] = middle - bulge;
+        }
+        const F firstLength = lengthAcross(first);
+        span.bias = firstLength;
+        span.perLength = firstLength + lengthAcross(second);
+    }
+}
+
 /// Centripetal Catmull-Rom (Yuksel, Schaefer, Keyser 2009; knots are the roots k of the chords).
 /// The slope at a joint of chords p, q with lengths k^2, l^2 is (p l^2 + q k^2) / (k l (k + l)):
 /// one division; times k it is the tangent of the span before, times l that of the span after. The
@@ -49,64 +126,21 @@ CORVELLE_LANES_TARGET inline F lengthAcross(const F v[3]) {
 /// length.
 template <class F>
 CORVELLE_LANES_TARGET inline F measureSpans(const F* points, std::size_t n, SplineSpan<F>* spans) {
-    const F zero(0.0f), one(1.0f), two(2.0f), half(0.5f), eighth(0.125f);
-    const F least(1e-30f), most(1e30f);
+    const F zero(0.0f), one(1.0f), two(2.0f);
     const int all = laneBits(zero < one);
-    F chord[3], leaving[3];
-    for (int x = 0; x < 3; ++x) leaving[x] = chord[x] = points[3 + x] - points[x];
-    F chordLength = lengthAcross(chord), knot = squareRoot(chordLength);
+    measureChords(points, n, spans);
+    findTangents(n, spans);
+    measureHalves(n, spans);
     F total = zero;
     for (std::size_t i = 0; i + 1 < n; ++i) {
         SplineSpan<F>& span = spans[i];
-        F after[3], reaching[3], leavingAfter[3];
-        F afterLength = chordLength, afterKnot = knot;
-        if (i + 2 < n) {
-            const F* const p = points + 3 * i;
-            for (int x = 0; x < 3; ++x) after[x] = p[6 + x] - p[3 + x];
-            afterLength = lengthAcross(after);
-            afterKnot = squareRoot(afterLength);
-            const F product = knot * afterKnot * (knot + afterKnot);
-            const auto usable = (product > least) & (product < most);
-            const F over = one / product;
-            const F before = over * knot, behind = over * afterKnot;
-            for (int x = 0; x < 3; ++x) {
-                const F slope = chord[x] * afterLength + after[x] * chordLength;
-                reaching[x] = slope * before;
-                leavingAfter[x] = slope * behind;
-            }
-            if (laneBits(usable) != all) {  // seldom
-                for (int x = 0; x < 3; ++x) {
-                    reaching[x] = select(usable, reaching[x], chord[x]);
-                    leavingAfter[x] = select(usable, leavingAfter[x], after[x]);
-                }
-            }
-        } else {
-            for (int x = 0; x < 3; ++x) leavingAfter[x] = after[x] = reaching[x] = chord[x];
-        }
-        F first[3], second[3];
-        for (int x = 0; x < 3; ++x) {
-            const F d = leaving[x] + reaching[x] - two * chord[x];
-            span.b[x] = leaving[x];
-            span.c[x] = chord[x] - leaving[x] - d;
-            span.d[x] = d;
-            const F bulge = (leaving[x] - reaching[x]) * eighth, middle = chord[x] * half;
-            first[x] = middle + bulge;
-            second[x] = middle - bulge;
-        }
-        const F firstLength = lengthAcross(first);
-        const F length = firstLength + lengthAcross(second);
+        const F length = span.perLength;
         const F perLength = select(length > zero, one / length, zero);
-        const F bias = two - F(4.0f) * (firstLength * perLength);
+        const F bias = two - F(4.0f) * (span.bias * perLength);
         span.start = total;
         span.perLength = perLength;
         span.bias = lower(upper(bias, F(-1.0f)), one);
         total = total + length;
-        for (int x = 0; x < 3; ++x) {
-            chord[x] = after[x];
-            leaving[x] = leavingAfter[x];
-        }
-        chordLength = afterLength;
-        knot = afterKnot;
     }
     // A strand of no length, or of none that is a number, is read by index.
     const auto measured = (total > zero) & (total < F(3e38f));
@@ -139,6 +173,7 @@ CORVELLE_LANES_TARGET inline F componentAt(const SplineSpan<F>& span, F a, int x
 CORVELLE_FETCH void fetchFloats(const float* from, std::size_t count) {
     constexpr std::size_t kLine = 16;
     for (std::size_t k = 0; k < count; k += kLine) __builtin_prefetch(from + k);
+    if (count > 0) __builtin_prefetch(from + count - 1);  // they need not begin with a line
 }
 
 /// `count` floats of each of F::kLanes arrays, side by side: in squares of kLanes by kLanes where
@@ -207,9 +242,24 @@ inline std::size_t laneScratch(std::size_t n, std::size_t m, std::size_t arrays)
     return 3 * (n + m) + 12 * (n - 1) + arrays * (n + m);
 }
 
-/// F::kLanes strands of n points each to m points each. `scratch` is aligned for F.
+/// Asks the caches for what resampling a strand reads, and what it writes.
+CORVELLE_FETCH void fetchGiven(const SplineJob& job, std::uint32_t strand, std::size_t n) {
+    const std::uint64_t from = job.fromOffsets[strand];
+    fetchFloats(job.from + 3 * from, 3 * n);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) fetchFloats(job.arrays[a].from + from, n);
+}
+CORVELLE_FETCH void fetchWanted(const SplineJob& job, std::uint32_t strand, std::size_t m) {
+    const std::uint64_t to = job.toOffsets[strand];
+    fetchFloats(job.to + 3 * to, 3 * m);
+    for (std::size_t a = 0; a < job.arrayCount; ++a) fetchFloats(job.arrays[a].to + to, m);
+}
+
+/// F::kLanes strands of n points each to m points each. `scratch` is aligned for F. The caches are
+/// asked for what the strands `next` take, a little at a time: a processor waits for few lines at
+/// once, and this group's own would queue behind.
 template <class F>
 CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std::uint32_t* strands,
+                                                 const std::uint32_t* next, std::size_t nextCount,
                                                  std::size_t n, std::size_t m, float* scratch) {
     constexpr std::size_t kLanes = F::kLanes;
     F* const points = reinterpret_cast<F*>(scratch);
@@ -228,6 +278,7 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
         gatherLanes(from, n, values + a * n);
     }
 
+    for (std::size_t l = 0; l < nextCount; ++l) fetchGiven(job, next[l], n);
     const F total = measureSpans(points, n, spans);
     const std::size_t last = m - 1;
     const F step = total * F(1.0f / float(last));
@@ -243,9 +294,21 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
     // Spans and new points walk on together. A point is written for all lanes by every span that
     // one of the lanes has it in, and kept by the lanes that have left it behind: what stays is
     // from its own span, or from none before it. The last span takes what rounding leaves over.
-    std::size_t begin = 1;
+    std::size_t begin = 1, fetched = 0;
     for (std::size_t i = 0; i + 1 < n && begin < last; ++i) {
-        const SplineSpan<F>& span = spans[i];
+        if (fetched < nextCount) fetchWanted(job, next[fetched++], m);
+        // Taken out of the arrays, which the compiler must believe to be written below.
+        SplineSpan<F> span;
+        F a[3];
+        for (int x = 0; x < 3; ++x) {
+            a[x] = points[3 * i + x];
+            span.b[x] = spans[i].b[x];
+            span.c[x] = spans[i].c[x];
+            span.d[x] = spans[i].d[x];
+        }
+        span.start = spans[i].start;
+        span.perLength = spans[i].perLength;
+        span.bias = spans[i].bias;
         const bool final = i + 2 == n;
         const F start = span.start, end = final ? start : spans[i + 1].start;
         for (std::size_t j = begin; j < last; ++j) {
@@ -256,18 +319,18 @@ CORVELLE_LANES_TARGET inline void resampleAcross(const SplineJob& job, const std
             const auto kept = arc < start;
             const F t = placeIn(span, arc);
             for (int x = 0; x < 3; ++x)
-                out[3 * j + x] =
-                    select(kept, out[3 * j + x], componentAt(span, points[3 * i + x], x, t));
-            for (std::size_t a = 0; a < job.arrayCount; ++a) {
-                const F v0 = values[a * n + i], v1 = values[a * n + i + 1];
-                F& value = valuesOut[a * m + j];
+                out[3 * j + x] = select(kept, out[3 * j + x], componentAt(span, a[x], x, t));
+            for (std::size_t k = 0; k < job.arrayCount; ++k) {
+                const F v0 = values[k * n + i], v1 = values[k * n + i + 1];
+                F& value = valuesOut[k * m + j];
                 const F mixed =
-                    job.arrays[a].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
+                    job.arrays[k].discrete ? select(t < F(0.5f), v0, v1) : v0 + (v1 - v0) * t;
                 value = select(kept, value, mixed);
             }
         }
     }
 
+    while (fetched < nextCount) fetchWanted(job, next[fetched++], m);
     for (std::size_t l = 0; l < kLanes; ++l) to[l] = job.to + 3 * job.toOffsets[strands[l]];
     scatterLanes(out, 3 * m, to);
     for (std::size_t a = 0; a < job.arrayCount; ++a) {
@@ -283,17 +346,16 @@ CORVELLE_LANES_TARGET inline void resampleLanes(const SplineJob& job, const std:
                                                 float* scratch) {
     std::uint32_t group[F::kLanes];
     for (std::size_t k = 0; k < count; k += F::kLanes) {
-        for (std::size_t next = k + F::kLanes; next < k + 2 * F::kLanes && next < count; ++next) {
-            fetchFloats(job.from + 3 * job.fromOffsets[strands[next]], 3 * n);
-            fetchFloats(job.to + 3 * job.toOffsets[strands[next]], 3 * m);
+        const std::uint32_t* of = strands + k;
+        if (k + F::kLanes > count) {  // a last strand fills up the lanes left over
+            for (std::size_t l = 0; l < F::kLanes; ++l)
+                group[l] = strands[k + l < count ? k + l : count - 1];
+            of = group;
         }
-        if (k + F::kLanes <= count) {
-            resampleAcross<F>(job, strands + k, n, m, scratch);
-            continue;
-        }
-        for (std::size_t l = 0; l < F::kLanes; ++l)  // a last strand fills up the lanes left over
-            group[l] = strands[k + l < count ? k + l : count - 1];
-        resampleAcross<F>(job, group, n, m, scratch);
+        const std::size_t next = k + F::kLanes < count ? k + F::kLanes : count;
+        const std::size_t left = count - next;
+        resampleAcross<F>(job, of, strands + next, left < F::kLanes ? left : F::kLanes, n, m,
+                          scratch);
     }
 }
 

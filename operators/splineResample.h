@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -38,9 +39,12 @@ public:
     void run(const SplineJob& job, std::span<const std::uint32_t> strands);
 
 private:
+    float* scratchFor(std::size_t floats);
     SplineLanes lanes_;
     std::vector<std::uint32_t> order_;
-    std::vector<float> scratch_;
+    /// Enough for strands of 16 points to as many, with two values each.
+    alignas(64) std::array<float, 16 * 350> onStack_;
+    std::vector<float> onHeap_;
 };
 
 }  // namespace corvelle

@@ -24,18 +24,24 @@ CORVELLE_LANES_TARGET inline F measureAcross(const F* points, std::size_t n, F* 
     return arc;
 }
 
+/// Arc lengths [n], the last of which is `total`, to shares: see polylineShares.
+template <class F>
+CORVELLE_LANES_TARGET inline void sharesOfArcs(F total, std::size_t n, F* arcs) {
+    const F zero(0.0f), most(3.4028235e38f);
+    for (std::size_t i = 0; i < n; ++i) {
+        const F byIndex(float(i) / float(n - 1));
+        const F measured = select(most < total, byIndex, arcs[i] / total);
+        arcs[i] = select(total > zero, measured, byIndex);
+    }
+}
+
 /// The share of the arc length at each point: see polylineShares. segments [n - 1], shares [n].
 /// Returns the arc length.
 template <class F>
 CORVELLE_LANES_TARGET inline F sharesAcross(const F* points, std::size_t n, F* segments,
                                             F* shares) {
     const F total = measureAcross(points, n, segments, shares);
-    const F zero(0.0f), most(3.4028235e38f);
-    for (std::size_t i = 0; i < n; ++i) {
-        const F byIndex(float(i) / float(n - 1));
-        const F measured = select(most < total, byIndex, shares[i] / total);
-        shares[i] = select(total > zero, measured, byIndex);
-    }
+    sharesOfArcs(total, n, shares);
     return total;
 }
 
@@ -59,29 +65,34 @@ CORVELLE_LANES_TARGET inline void trimAcross(const TrimJob& job, const std::uint
     const F share = F::load(numbers), zero(0.0f), one(1.0f);
     const auto cut = share < one;
     gatherLanes(from, 3 * n, points);
-    for (std::size_t i = 0; i < 3 * n; ++i) out[i] = points[i];
-    if (laneBits(cut) != 0) {
-        const int all = laneBits(zero < one);
-        measureAcross(points, n, segments, arcs);
-        for (std::size_t j = 1; j < n; ++j) targets[j] = arcs[j] * share;
-        // Segments and new points walk on together, as in resampleAcross: the last segment that is
-        // not beyond a point in some lane writes it there.
-        std::size_t begin = 1;
-        for (std::size_t k = 0; k + 1 < n && begin < n; ++k) {
-            const bool final = k + 2 == n;
-            const F start = arcs[k], end = arcs[k + 1], length = segments[k];
-            for (std::size_t j = begin; j < n; ++j) {
-                const F target = targets[j];
-                const int in = final ? all : all & ~laneBits(end < target);
-                if (in == 0) break;
-                if (in == all) begin = j + 1;
-                const auto write = k == 0 ? cut : (start < target) & cut;
-                const F along = select(length > zero, lower(one, (target - start) / length), zero);
-                for (int x = 0; x < 3; ++x) {
-                    const F a = points[3 * k + x], b = points[3 * (k + 1) + x];
-                    out[3 * j + x] = select(write, a + (b - a) * along, out[3 * j + x]);
-                }
-            }
+    if (laneBits(cut) == 0) return scatterLanes(points, 3 * n, to);
+    const int all = laneBits(zero < one);
+    measureAcross(points, n, segments, arcs);
+    for (std::size_t j = 1; j < n; ++j) targets[j] = arcs[j] * share;
+    // All points but the roots are written below, save for strands that are not cut, or not of a
+    // length that is a number.
+    const bool written = laneBits(cut & (targets[n - 1] >= zero)) == all;
+    for (std::size_t i = 0; i < (written ? 3 : 3 * n); ++i) out[i] = points[i];
+    // Segments and new points walk on together, as in resampleAcross: the last segment that is not
+    // beyond a point in some lane writes it there.
+    std::size_t begin = 1;
+    for (std::size_t k = 0; k + 1 < n && begin < n; ++k) {
+        const bool final = k + 2 == n;
+        const F start = arcs[k], end = arcs[k + 1], length = segments[k];
+        F a[3], across[3];
+        for (int x = 0; x < 3; ++x) {
+            a[x] = points[3 * k + x];
+            across[x] = points[3 * (k + 1) + x] - a[x];
+        }
+        for (std::size_t j = begin; j < n; ++j) {
+            const F target = targets[j];
+            const int in = final ? all : all & ~laneBits(end < target);
+            if (in == 0) break;
+            if (in == all) begin = j + 1;
+            const auto write = k == 0 ? cut : (start < target) & cut;
+            const F along = select(length > zero, lower(one, (target - start) / length), zero);
+            for (int x = 0; x < 3; ++x)
+                out[3 * j + x] = select(write, a[x] + across[x] * along, out[3 * j + x]);
         }
     }
     scatterLanes(out, 3 * n, to);

@@ -26,13 +26,15 @@ public:
     void forEachBatch(Body&& body) const {
         forEachBatchAt([&](std::size_t, std::span<const std::uint32_t> batch) { body(batch); });
     }
-    /// The same with the place of the batch's first strand in the pick: body(first, indices).
+    /// The same with the place of the batch's first strand in the pick, a multiple of kBatch:
+    /// body(first, indices). All batches but the last are full.
     template <class Body>
     void forEachBatchAt(Body&& body) const {
-        parallelRange(0, count_, kBatch, [&](std::size_t begin, std::size_t end) {
+        const std::size_t batches = (count_ + kBatch - 1) / kBatch;
+        parallelRange(0, batches, 1, [&](std::size_t begin, std::size_t end) {
             std::array<std::uint32_t, kBatch> run;
-            for (std::size_t b = begin; b < end; b += kBatch) {
-                const std::size_t n = std::min(kBatch, end - b);
+            for (std::size_t b = begin * kBatch; b < std::min(end * kBatch, count_); b += kBatch) {
+                const std::size_t n = std::min(kBatch, count_ - b);
                 if (listed_) {
                     body(b, list_.subspan(b, n));
                 } else {

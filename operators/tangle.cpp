@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -10,6 +11,7 @@
 #include "model/hash.h"
 #include "model/parallel.h"
 #include "model/polyline.h"
+#include "model/simd4.h"
 #include "operators/laneRuns.h"
 #include "operators/neighborKernels.h"
 #include "operators/neighborTable.h"
@@ -194,6 +196,7 @@ public:
         std::array<float, StrandPick::kBatch> fractions, strengths;
         fraction->sampleStrands(in, strands, std::span(fractions).first(strands.size()));
         strength->sampleStrands(in, strands, std::span(strengths).first(strands.size()));
+        const LaneDraws chances(in, strands, fractionBase, 1.0f);
         std::array<std::uint32_t, StrandPick::kBatch> stuck, stuckTo;
         std::array<Span, StrandPick::kBatch> spans;
         std::size_t count = 0;
@@ -207,27 +210,28 @@ public:
             stickStrand(points, lengths, theirs, partnerLengths, {at.begin, at.end}, at.strength,
                         reach, out.points.subspan(in.offsets()[s], points.size()));
         };
+        StayingPoints staying{in.points(), out.points};
+        const float latest = std::max(start, 1.0f - span);
         for (const std::uint32_t k : PointCountOrder(in, strands)) {
             const std::uint32_t s = strands[k];
-            const std::uint64_t id = in.ids()[s];
-            const std::uint32_t partner =
-                draw(fractionBase, id) < fractions[k] ? (*partners_)[s] : s;
+            const std::uint32_t partner = chances[k] < fractions[k] ? (*partners_)[s] : s;
             if (partner == s) {
-                std::ranges::copy(in.pointsOf(s),
-                                  out.points.begin() + std::ptrdiff_t(in.offsets()[s]));
+                staying.add(in.offsets()[s], in.offsets()[s + 1]);
                 continue;
             }
-            const float latest = std::max(start, 1.0f - span);
-            const float begin = mix(start, latest, draw(spanBase, id));
+            const float begin = mix(start, latest, draw(spanBase, in.ids()[s]));
             const Span at = {begin, std::min(begin + span, 1.0f), clampShare(strengths[k]), 0.0f};
             if (!oneCount_ && in.pointCountOf(partner) != in.pointCountOf(s)) {
                 alone(s, partner, at);
                 continue;
             }
+            // Partners lie anywhere: asked for here, they are there when the batch is done.
+            prefetch(in.points().data() + in.offsets()[partner], in.pointCountOf(partner));
             stuck[count] = s;
             stuckTo[count] = partner;
             spans[count++] = at;
         }
+        staying.copy();
         if (count == 0) return;
         const std::span<const std::uint32_t> list(stuck.data(), count);
         const StickJob job{lanePoints(in, list, out.points), stuckTo.data(), &spans[0].begin,
@@ -240,6 +244,25 @@ private:
     /// As kernels take it.
     struct Span {
         float begin, end, strength, unused;
+    };
+
+    /// Copies points that stay as they are, those of strands side by side at once.
+    struct StayingPoints {
+        std::span<const Vec3f> from;
+        std::span<Vec3f> to;
+        std::uint64_t begin = 0, end = 0;
+
+        void add(std::uint64_t first, std::uint64_t last) {
+            if (first != end) {
+                copy();
+                begin = first;
+            }
+            end = last;
+        }
+        void copy() const {
+            if (end > begin)
+                std::memcpy(to.data() + begin, from.data() + begin, (end - begin) * sizeof(Vec3f));
+        }
     };
 
     std::shared_ptr<const std::vector<std::uint32_t>> partners_;

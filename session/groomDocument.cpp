@@ -154,16 +154,15 @@ bool GroomSession::edit(DocumentState next, const std::string& label, const std:
 }
 
 bool GroomSession::applyStroke(const StrokeDocument& document, const std::string& label,
-                               const std::string& mapsDir,
-                               const std::shared_ptr<const GuideHierarchy>& guides) {
+                               const std::string& mapsDir) {
     DocumentState next;
     for (const DocumentSlot slot :
          {DocumentSlot::Parts, DocumentSlot::Flow, DocumentSlot::Correctives})
         next.text(slot) = document.at(slot);
     if (const Text& text = document.at(DocumentSlot::Guides)) {
         next.text(DocumentSlot::Guides) = text;
-        next.hierarchy = guides && guidesToJson(*guides) == *text
-                             ? guides
+        next.hierarchy = document.guides
+                             ? document.guides
                              : std::make_shared<const GuideHierarchy>(guidesFromJson(*text));
     }
     if (const Text& text = document.at(DocumentSlot::Graph)) {
@@ -255,16 +254,20 @@ void GroomSession::setLiveGraph(const std::string& text) {
         return;
     }
     if (!live_.documentGraph) return;
-    const std::string own = *live_.documentGraph, shown = *live_.graph;
+    const std::string own = ownGraphText();
     live_.documentGraph.reset();
     live_.graph.reset();
-    if (document_.graph == shown) return setGraphJson(own);
-    const std::string merged = mergeGraphs(shown, document_.graph, own);
     try {
-        setGraphJson(merged);
+        setGraphJson(own);
     } catch (const GraphError&) {
         addMessage("the graph has changed too much since the stroke began: it stays as it is");
     }
+}
+
+std::string GroomSession::ownGraphText() const {
+    if (!live_.documentGraph) return document_.graph;
+    if (document_.graph == *live_.graph) return *live_.documentGraph;
+    return mergeGraphs(*live_.graph, document_.graph, *live_.documentGraph);
 }
 
 std::shared_ptr<const GuideHierarchy> GroomSession::toDocumentPose(

@@ -63,7 +63,6 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         errors.push_back(text);
         messages.push_back({text, true});
     };
-    bool guidesMoved = false;
     try {
         advanceTo(options.seconds, messages);
         // A stroke thins the view further, on a graph of its own, so that the main one stays warm.
@@ -78,9 +77,8 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fillData(options, density);
         next->density = std::clamp(density, 0.0f, 1.0f);
         next->following = follow_.following;
-        for (const std::string* text : {&correctiveError_, &flowError_, &partError_})
+        for (const std::string* text : {&correctiveError_, &flowError_, &partError_, &guidesError_})
             if (!text->empty()) errors.push_back(*text);
-        guidesMoved = shownHierarchy() != lastSeen_.hierarchy;
         if (graph_) runGraph(options, *next);
     } catch (const std::exception& error) {
         fail(std::current_exception(), error.what());
@@ -88,7 +86,7 @@ const EvaluationResult& GroomSession::evaluate(const EvaluateOptions& options) {
         fail(std::current_exception(), "evaluation failed");
     }
     try {
-        countRevisions(*before, guidesMoved, *next);
+        countRevisions(*before, shownHierarchy() != lastSeen_.hierarchy, *next);
         measureBounds(options, *before, *next);
         lastSeen_ = {document_.scalp, shownHierarchy(), data_.flatGuides};
     } catch (const std::exception& error) {

@@ -124,7 +124,8 @@ json GroomSession::stats() {
             runs[node.op->name] = node.runs;
             if (const auto note = graph->warnings().find(id); note != graph->warnings().end())
                 notes[node.op->name] = note->second;
-            if (!node.runDetails.empty()) details[node.op->name] = node.runDetails;
+            if (!node.runDetails.empty() && graph->status().contains(id))
+                details[node.op->name] = node.runDetails;
         }
     out["times"] = std::move(times);
     out["runs"] = std::move(runs);

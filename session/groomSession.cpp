@@ -121,6 +121,12 @@ void GroomSession::setGuides(GuidesPtr flat) {
     document_.guides = std::move(flat);
 }
 
+void GroomSession::setGuidesError(const std::string& text) {
+    if (text == guidesError_) return;
+    guidesError_ = text;
+    if (!text.empty()) addMessage(text, true);
+}
+
 void GroomSession::setRestGuides(GuidesPtr rest) {
     restGuides_ = rest && !rest->empty() ? std::move(rest) : nullptr;
 }

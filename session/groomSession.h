@@ -55,6 +55,10 @@ public:
 
     // Guides.
     void setGuides(GuidesPtr flat);  ///< null or empty: none
+    /// Why the flat guides could not be brought to the time; blank: they were. Stands among the
+    /// errors of each evaluation until it is blank, and once among its messages.
+    void setGuidesError(const std::string& text);
+    const std::string& guidesError() const { return guidesError_; }
     /// The host's guides in the rest pose; null: none. Used for the rest state while following.
     void setRestGuides(GuidesPtr rest);
     const GuidesPtr& restGuides() const { return restGuides_; }
@@ -122,9 +126,9 @@ public:
     /// nothing differs, and there is no step. Throws on a graph that does not read and changes
     /// nothing.
     bool edit(DocumentState next, const std::string& label, const std::string& mapsDir = {});
-    /// What a stroke has left, likewise. `guides`, when its text is the stroke's, saves reading that.
-    bool applyStroke(const StrokeDocument& document, const std::string& label, const std::string& mapsDir = {},
-                     const std::shared_ptr<const GuideHierarchy>& guides = nullptr);
+    /// What a stroke has left, likewise.
+    bool applyStroke(const StrokeDocument& document, const std::string& label,
+                     const std::string& mapsDir = {});
     struct UndoOutcome {
         bool done = false;
         bool graphChanged = false;
@@ -148,6 +152,8 @@ public:
     /// A graph in the place of the document's until it is set to blank: then the document's comes back,
     /// with what was done to the live one since. Throws as setGraphJson.
     void setLiveGraph(const std::string& text);
+    /// The graph without what a live one adds: the text that comes back when it is set to blank.
+    std::string ownGraphText() const;
     std::shared_ptr<const GuideHierarchy> shownHierarchy();  ///< the live one, else the active one
     std::shared_ptr<const PartData> shownParts() const { return live_.parts ? live_.parts : parts_; }
     std::shared_ptr<const FlowData> shownFlow() const { return live_.flow ? live_.flow : flow_; }
@@ -239,6 +245,7 @@ private:
         ScalpPtr bind, current;
     } activeCache_;
     GuidesPtr restGuides_;
+    std::string guidesError_;
     bool stroking_ = false;
     struct {
         std::shared_ptr<const GuideHierarchy> hierarchy;

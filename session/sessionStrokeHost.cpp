@@ -30,12 +30,10 @@ void SessionStrokeHost::setStrokeActive(bool active) {
     groom_->setLiveFlow(nullptr);
     groom_->setLiveMaps(nullptr);
     groom_->setLiveGraph({});
-    carried_ = nullptr;
 }
 
 bool SessionStrokeHost::commit(StrokeDocument document, const std::string& label) {
-    const bool changed = groom_->applyStroke(document, label, mapsDir(), carried_);
-    carried_ = nullptr;
+    const bool changed = groom_->applyStroke(document, label, mapsDir());
     if (!changed) return false;
     std::vector<std::string> painted;
     for (const auto& [name, image] : document.images) painted.push_back(name);
@@ -44,8 +42,7 @@ bool SessionStrokeHost::commit(StrokeDocument document, const std::string& label
 }
 
 GuideHierarchy SessionStrokeHost::toDocumentPose(const GuideHierarchy& edited) {
-    carried_ = groom_->toDocumentPose(std::make_shared<const GuideHierarchy>(edited));
-    return *carried_;
+    return *groom_->toDocumentPose(std::make_shared<const GuideHierarchy>(edited));
 }
 
 std::vector<std::string> writePaintImages(const GroomSession& groom,

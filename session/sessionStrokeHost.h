@@ -61,7 +61,6 @@ protected:
 
 private:
     GroomSession* groom_;
-    std::shared_ptr<const GuideHierarchy> carried_;  ///< what `toDocumentPose` gave last
 };
 
 /// Writes the images of these maps to their files, the folder made if need be. Answers a text for

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "session/graphMerge.h"
+#include "session/groomSave.h"
 #include "session/groomSessionFixture.h"
 #include "session/undoStack.h"
 
@@ -152,6 +153,16 @@ TEST_F(GroomUndoTest, SharesWhatDidNotChangeAndNeverGivesAnIdTwice) {
     EXPECT_GT(groom.hierarchy()->nextGuideId(), id);
 }
 
+TEST_F(GroomUndoTest, TakesTheGuidesOfAStrokeAsTheyAre) {
+    const auto edited = std::make_shared<const GuideHierarchy>(leant(3, 0.5f));
+    StrokeDocument stroke;
+    stroke.set(DocumentSlot::Guides, guidesToJson(*edited));
+    stroke.guides = edited;
+    ASSERT_TRUE(groom.applyStroke(stroke, "comb"));
+    EXPECT_EQ(groom.hierarchy()->guide(3), edited->guide(3)) << "the text was read";
+    EXPECT_EQ(groom.document().hierarchy, guidesToJson(*groom.hierarchy()));
+}
+
 TEST_F(GroomUndoTest, AGraphEditedSinceKeepsItsEdits) {
     json wired = json::parse(groom.document().graph);
     wired["note"] = "wired";
@@ -174,6 +185,7 @@ TEST_F(GroomUndoTest, LiveValuesShowAndGoWithoutATrace) {
     groom.setLiveGraph(graphOf(2.0).dump());
     groom.evaluate(kPreview);
     EXPECT_NE(contentOf(groom), before);
+    EXPECT_EQ(groomToSave(groom).graph, document.graph) << "a save under way keeps the document's";
     groom.setLiveHierarchy(nullptr);
     groom.setLiveGraph({});
     groom.setStroking(false);

@@ -176,12 +176,40 @@ class ExportTest(unittest.TestCase):
             with self.assertRaisesRegex(client.BadRequest, "export frames must increase"):
                 session.export_frame(number, frame=2)
             self.assertAlmostEqual(heights(), 5, places=4)
-            # A cache that breaks under way ends the request, not the process.
-            os.truncate(cache, 100)
-            session.set_time(frame=2)
-            with self.assertRaises(client.RequestFailed) as caught:
-                session.evaluate()
-            self.assertEqual(caught.exception.code, "internal")
+            # A cache that breaks under way leaves the guides as they are, and says so.
+            with open(cache, "rb") as file:
+                whole = file.read()
+            kept = heights()
+
+            def frame_errors(frame):
+                session.set_time(frame=frame)
+                answer = session.evaluate()
+                texts = [message["text"] for message in answer["messages"] if message["error"]]
+                return answer["errors"], texts
+
+            for broken in (whole[:100], b"", None):
+                if broken is None:
+                    os.remove(cache)
+                else:
+                    with open(cache, "wb") as file:
+                        file.write(broken)
+                errors, texts = frame_errors(2)
+                self.assertEqual(len(errors), 1)
+                self.assertTrue(errors[0].startswith("the guide cache did not open: "), errors)
+                self.assertIn(cache, errors[0])
+                self.assertEqual(texts, errors)
+                self.assertEqual(frame_errors(2), (errors, []), "told once, true until it is whole")
+                self.assertEqual(heights(), kept, "those of frame 1")
+                with self.assertRaises(client.RequestFailed) as caught:
+                    session.export_frame(number, frame=3)
+                self.assertEqual(caught.exception.code, "evaluation")
+                self.assertEqual(caught.exception.message, errors[0])
+                with open(cache, "wb") as file:
+                    file.write(whole)
+                for frame in (2, 1):
+                    self.assertEqual(frame_errors(frame), ([], []))
+                    self.assertAlmostEqual(heights(), 4 + frame, places=4)
+            self.assertEqual(session.export_frame(number, frame=4)["frames"], 2)
 
     def test_a_failed_frame_leaves_the_job_open(self):
         with client.Helper(HELPER) as helper:

@@ -221,6 +221,54 @@ class GroomTest(Folder):
                 [["name", "stored"], ["name", "stored"], ["name", "png"]],
             )
 
+    def test_a_save_tells_of_files_that_it_leaves_behind(self):
+        for folder in ("show", "show/textures", "show/shot", "textures"):
+            os.mkdir(self.path(folder))
+        for name in ("show/beside.abc", "show/textures/d.png", "show/textures/skin.png", "show/both.abc"):
+            self.write(name, "")
+        os.mkdir(self.path("other"))
+        self.write("other/both.abc", "")
+
+        def curves(name, path):
+            return {"name": name, "type": "ImportCurves", "params": {"path": path}}
+
+        nodes = [
+            curves("near", "beside.abc"),
+            curves("there too", "both.abc"),
+            curves("whole", self.path("show/beside.abc")),
+            curves("never", "never.abc"),
+            curves("long", "no/such/" + "x" * 300),
+            curves("odd", "beside.abc\0"),
+            {"name": "width", "type": "Width", "params": {"width": {"texture": "d.png"}}},
+            {"name": "color", "type": "Width", "params": {"width": {"expression": "0.1"}}},
+        ]
+        inner = {"graph": {"nodes": [curves("in it", "beside.abc")], "connections": [], "output": "in it"}}
+        nodes.append({"name": "box", "type": "Compound", "params": {"definition": inner}})
+        file = {
+            **EMPTY,
+            "graph": {"nodes": nodes, "connections": [], "output": "width"},
+            "maps": {"skin": {"kind": "texture", "texture": "skin.png"}},
+            "searchPaths": ["textures"],
+        }
+        self.groom.do("load_groom", path=self.write("show/a.groom", file))
+        for path in ("show/b.groom", "show/shot/../c.groom"):
+            self.assertNotIn("warnings", self.groom.do("save_groom", path=self.path(path)))
+        folder = self.path("other")
+        texts = self.groom.do("save_groom", path=self.path("other/a.groom"))["warnings"]
+        end = ", which is not found from '%s': give its full path, or copy it there" % folder
+        self.assertEqual(
+            sorted(texts),
+            sorted(
+                start + end
+                for start in (
+                    "node 'near': path names 'beside.abc'",
+                    "node 'width': width names 'd.png'",
+                    "node 'box/in it': path names 'beside.abc'",
+                    "map 'skin' names 'skin.png'",
+                )
+            ),
+        )
+
     def test_a_mirror_means_the_same_in_a_file_with_z_up(self):
         graph = self.groom.do("get_graph")["graph"]
         graph["nodes"].append({"name": "mirror", "type": "Mirror", "params": {"axis": "z", "reattach": False}})

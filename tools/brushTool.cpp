@@ -37,6 +37,11 @@ void check(const BrushToolSettings& settings) {
             throw std::invalid_argument("a setting of the brush is a NaN or an infinity");
 }
 
+void setGuides(StrokeDocument& document, GuideHierarchy guides) {
+    document.set(DocumentSlot::Guides, guidesToJson(guides));
+    document.guides = std::make_shared<const GuideHierarchy>(std::move(guides));
+}
+
 void check(const StrokePoint& point) {
     if (!std::isfinite(point.x) || !std::isfinite(point.y) || !std::isfinite(point.pressure))
         throw std::invalid_argument("a pen position holds a NaN or an infinity");
@@ -265,7 +270,7 @@ StrokeResult BrushTool::end(StrokeHost& host, const ToolView& view) {
         const std::vector<std::uint64_t> moved(state.touched.begin(), state.touched.end());
         if (!moved.empty()) state.hierarchy.refreshRoots(moved, *state.scalp);
         if (state.hierarchy.contentHash() != state.hierarchyBefore->contentHash())
-            document.set(DocumentSlot::Guides, guidesToJson(host.toDocumentPose(state.hierarchy)));
+            setGuides(document, host.toDocumentPose(state.hierarchy));
         if (!(state.parts == *state.partsBefore))
             document.set(DocumentSlot::Parts, partDataJson(state.parts));
         if (!(state.flow == *state.flowBefore))
@@ -309,7 +314,7 @@ StrokeResult BrushTool::endClick(StrokeHost& host, const ToolView& view) {
     if (solos && guide && !state.isCorrective) {
         soloGuides(state.hierarchy, {guide->id}, given.freezeAttribute);
         if (state.hierarchy.contentHash() != state.hierarchyBefore->contentHash())
-            document.set(DocumentSlot::Guides, guidesToJson(host.toDocumentPose(state.hierarchy)));
+            setGuides(document, host.toDocumentPose(state.hierarchy));
     }
     StrokeResult result = finish(host, std::move(document), "solo selection");
     result.picked = true;

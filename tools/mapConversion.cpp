@@ -164,7 +164,7 @@ std::shared_ptr<const PaintImage> textureFromVertexMap(std::span<const float> va
         const auto corner = [&](std::size_t c) {
             return scalp->points()[std::size_t(triangle[c])];
         };
-        const auto at = closestOnTriangle(corner(0), corner(1), corner(2), place);
+        const auto at = sharesOfClosest(corner(0), corner(1), corner(2), place);
         mixVertices(values, channels, *scalp, {patch.triangle, 1.0f - at.v - at.w, at.v}, out);
     };
     return paintPixels(*blank, scalp, color);

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "expr/mapCatalogJson.h"
+#include "model/soleOwner.h"
 #include "model/surfaceTopology.h"
 #include "tools/paramBrush.h"
 #include "tools/smoothPasses.h"
@@ -130,6 +131,38 @@ private:
     bool changed_ = false, stale_ = false;
 };
 
+/// The values of a vertex map as they were when a stroke published them. An array that nobody else
+/// holds any more is written anew where it differs, which is where the last stamps reached.
+class PublishedValues {
+public:
+    void touch(std::span<const TouchedVertex> touched) {
+        for (const auto& [vertex, weight] : touched) now_.push_back(vertex);
+    }
+    std::shared_ptr<const std::vector<float>> publish(const std::vector<float>& values,
+                                                      std::size_t channels) {
+        auto fresh = std::make_shared<std::vector<float>>();
+        if (older_ && isSoleOwner(older_)) *fresh = std::move(*older_);
+        if (fresh->size() != values.size() || 2 * (before_.size() + now_.size()) > values.size())
+            *fresh = values;
+        else
+            for (const auto* vertices : {&before_, &now_})
+                for (const std::int32_t vertex : *vertices) {
+                    const std::size_t at = std::size_t(vertex) * channels;
+                    std::copy_n(values.data() + at, channels, fresh->data() + at);
+                }
+        older_ = std::move(last_);
+        last_ = fresh;
+        before_.swap(now_);
+        now_.clear();
+        return fresh;
+    }
+
+private:
+    std::shared_ptr<std::vector<float>> last_, older_;
+    /// The vertices touched from `older_` to `last_`, and since: some may come twice.
+    std::vector<std::int32_t> before_, now_;
+};
+
 class VertexStroke final : public ScalpMapStroke {
 public:
     VertexStroke(StrokeHost& host, const BrushToolSettings& settings, PaintTarget target,
@@ -153,21 +186,25 @@ public:
 
 protected:
     bool paint(const BrushStamp& stamp, float strength) override {
-        return stampVertexMap(values_, channels_, settings_.paintChannels, *scalp_,
-                              blocks_.touched(stamp), strength, colorFor(channels_));
+        const std::vector<TouchedVertex> touched = blocks_.touched(stamp);
+        published_.touch(touched);
+        return stampVertexMap(values_, channels_, settings_.paintChannels, *scalp_, touched,
+                              strength, colorFor(channels_));
     }
     bool smooth(const BrushStamp& stamp, float strength) override {
         if (!topology_) topology_.emplace(scalp_->triangles(), scalp_->points().size());
+        const std::vector<TouchedVertex> touched = blocks_.touched(stamp);
+        published_.touch(touched);
         return smoothVertexMap(values_, channels_, settings_.paintChannels, *scalp_,
-                               {topology_->neighborOffsets(), topology_->neighbors()},
-                               blocks_.touched(stamp), strength);
+                               {topology_->neighborOffsets(), topology_->neighbors()}, touched,
+                               strength);
     }
     PaintedMap map() override {
         PaintedMap map = before() ? *before() : PaintedMap{};
         map.kind = PaintedMap::Kind::Vertices;
         map.channels = channels_;
         map.vertices = scalp_->points().size();
-        map.values = std::make_shared<const std::vector<float>>(values_);
+        map.values = published_.publish(values_, std::size_t(channels_));
         return map;
     }
 
@@ -177,6 +214,7 @@ private:
     std::optional<SurfaceTopology> topology_;  ///< made by the first smooth stamp
     int channels_ = 1;
     std::vector<float> values_;
+    PublishedValues published_;
 };
 
 class TextureStroke final : public ScalpMapStroke {

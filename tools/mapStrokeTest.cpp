@@ -9,11 +9,14 @@
 #include "expr/mapCatalogJson.h"
 #include "graph/graphEdit.h"
 #include "graph/graphJson.h"
+#include "model/hash.h"
+#include "model/surfaceTopology.h"
 #include "model/testing/meshes.h"
 #include "operators/registerOperators.h"
 #include "tools/mapStroke.h"
 #include "tools/paramBrush.h"
 #include "tools/texturePaint.h"
+#include "tools/vertexMapPaint.h"
 
 namespace corvelle {
 namespace {
@@ -117,6 +120,56 @@ TEST_F(MapStrokes, AVertexStrokeShowsLiveValuesAndLeavesTheDocumentToItsEnd) {
     EXPECT_TRUE(document.images.empty());
     EXPECT_EQ(*readScalpMaps(*document.at(DocumentSlot::ScalpMaps)).find("len")->values,
               *host.shownMaps->find("len")->values);
+}
+
+TEST_F(MapStrokes, WhatWasShownStaysAsItWasWhoeverHoldsIt) {
+    const auto wide = std::make_shared<const ScalpMesh>(makePlane(30, 30, 10.0f));
+    std::size_t mostHeld = 0;
+    for (std::uint64_t seed = 0; seed < 12; ++seed) {
+        SplitMix random(seed);
+        const std::size_t channels = seed % 2 == 0 ? 1 : 4;
+        std::vector<float> plain(wide->points().size() * channels, 0.5f);
+        hold(mapsWith("len", {{"values", plain}, {"channels", channels}}));
+        settings.paintKind = "vertices";
+        settings.attribute = "len";
+        settings.paintChannels = 15;
+        settings.paintColor = {1.0f, 0.0f, 0.3f, 0.7f};
+        settings.value = 1.0f;
+        const auto stroke = beginMapStroke(host, settings, wide);
+        const SurfaceTopology topology(wide->triangles(), wide->points().size());
+        const VertexBlocks blocks(*wide);
+        std::vector<std::pair<MapCatalogPtr, std::vector<float>>> held;  // with what they showed
+        for (int stamps = 0; stamps < 80; ++stamps) {
+            const BrushStamp stamp{
+                .center = {random.nextRange(-6.0f, 6.0f), 0, random.nextRange(-6.0f, 6.0f)},
+                .radius = random.nextRange(0.0f, seed % 3 == 0 ? 9.0f : 1.5f)};
+            const float strength = random.nextFloat();
+            const bool smooth = random.nextFloat() < 0.3f;
+            const auto touched = blocks.touched(stamp);
+            const std::array<float, 4> one{1.0f, 1.0f, 1.0f, 1.0f};
+            const auto& color = channels == 1 ? one : settings.paintColor;
+            const bool changed =
+                smooth ? smoothVertexMap(plain, int(channels), 15, *wide,
+                                         {topology.neighborOffsets(), topology.neighbors()},
+                                         touched, strength)
+                       : stampVertexMap(plain, int(channels), 15, *wide, touched, strength, color);
+            EXPECT_EQ(stroke->stamp({&stamp, strength, smooth}), changed);
+            if (random.nextFloat() < 0.3f) continue;
+            const MapCatalogPtr before = host.shownMaps;
+            stroke->publish();
+            if (host.shownMaps != before) {
+                ASSERT_EQ(*host.shownMaps->find("len")->values, plain);
+            }
+            if (host.shownMaps && random.nextFloat() < 0.3f)
+                held.emplace_back(host.shownMaps, *host.shownMaps->find("len")->values);
+            if (!held.empty() && random.nextFloat() < 0.2f) held.erase(held.begin());
+            mostHeld = std::max(mostHeld, held.size());
+            for (const auto& [catalog, values] : held)
+                ASSERT_EQ(*catalog->find("len")->values, values) << seed;
+        }
+        host.shownMaps = nullptr;
+    }
+    EXPECT_GT(mostHeld, 2u);
 }
 
 TEST_F(MapStrokes, AGrayMapIsPaintedTowardsWhatItCanHold) {

@@ -8,6 +8,7 @@
 
 namespace corvelle {
 
+class GuideHierarchy;
 class PaintImage;
 
 /// The texts of a groom that a stroke can change, in the order of their slots.
@@ -22,6 +23,8 @@ const char* documentSlotName(DocumentSlot slot);
 struct StrokeDocument {
     using Text = std::shared_ptr<const std::string>;
     std::array<Text, kDocumentSlots> slots;  ///< null: the stroke left it alone
+    /// What the text of the guides says, for hosts that need not read it; null: not at hand.
+    std::shared_ptr<const GuideHierarchy> guides;
     /// Images the stroke painted on, by map name: their pixels after it. Tiles are shared with what
     /// was before.
     std::map<std::string, std::shared_ptr<const PaintImage>> images;

@@ -70,6 +70,7 @@ std::size_t exportFrame(HelperSession& session, GroomExport& job, double frame, 
     };
     try {
         playGuideCache(session, seconds);
+        if (!groom.guidesError().empty()) throw ExportEvaluationError(groom.guidesError());
         const std::size_t strands = job.writeFrame(groom, frame, density);
         leaveCounters();
         return strands;
@@ -103,8 +104,15 @@ auto findExport(const CommandContext& context) {
 void playGuideCache(HelperSession& session, double seconds) {
     if (!session.guideCache) return;
     GroomSession& groom = *session.groom;
-    groom.setGuides(
-        session.guideCache->guidesAt(seconds, groom.document().guides, groom.scalp().get()));
+    AlembicGuideCache& cache = *session.guideCache;
+    try {
+        groom.setGuides(cache.guidesAt(seconds, groom.document().guides, groom.scalp().get()));
+        groom.setGuidesError({});
+    } catch (const AlembicError& error) {
+        groom.setGuidesError("the guide cache did not open: " + std::string(error.what()) +
+                             "; the guides stay as they are until '" + cache.path() +
+                             "' is whole again");
+    }
 }
 
 Json exportOpenCommand(const CommandContext& context) {

@@ -12,7 +12,8 @@ Json exportCloseCommand(const CommandContext& context);
 Json exportCommand(const CommandContext& context);
 
 /// Gives the groom the guides of the session's guide cache at a time; without a cache nothing
-/// happens.
+/// happens. One that does not read leaves the guides as they are, and is told of as the groom's
+/// `guidesError` until it reads again.
 void playGuideCache(HelperSession& session, double seconds);
 
 }  // namespace corvelle

@@ -12,6 +12,7 @@
 #include "io/groomAxis.h"
 #include "io/groomPaths.h"
 #include "io/groomReader.h"
+#include "io/groomReferences.h"
 #include "io/groomStamp.h"
 #include "io/groomWriter.h"
 #include "model/fileReplace.h"
@@ -139,6 +140,7 @@ Json saveGroomCommand(const CommandContext& context) {
     std::error_code error;
     const std::filesystem::path target = std::filesystem::absolute(utf8Path(path), error);
     const std::string folder = utf8Text(target.lexically_normal().parent_path());
+    const std::vector<std::string> lost = filesLeftBehind(file, folder);
     rebaseFiles(file, folder);
     convertGroomFileUpAxis(file, upAxis);
     const std::string text = groomFileText(file);
@@ -147,7 +149,9 @@ Json saveGroomCommand(const CommandContext& context) {
     } catch (const FileError&) {
         failRequest("io", "cannot write '" + path + "'");
     }
-    return {{"path", path}, {"upAxis", upAxis}, {"units", "cm"}};
+    Json answer{{"path", path}, {"upAxis", upAxis}, {"units", "cm"}};
+    if (!lost.empty()) answer["warnings"] = lost;
+    return answer;
 }
 
 Json newGroomCommand(const CommandContext& context) {

@@ -7,6 +7,7 @@
 #include "hosts/blender/helper/requestError.h"
 #include "hosts/blender/helper/scalpCommands.h"
 #include "hosts/blender/helper/toolState.h"
+#include "model/guideEdit.h"
 #include "session/groomSession.h"
 
 namespace corvelle {
@@ -14,8 +15,6 @@ namespace {
 
 constexpr float kNewGuideTube = 0.1f;  ///< radius of a new hierarchy guide's tube, at root and tip
 constexpr char kSetGuides[] = "set guides";  ///< the undo step
-constexpr std::uint64_t kFirstHashId = std::uint64_t(1)
-                                       << 53;  ///< ids of generated children fill 64 bits
 
 std::string readPose(const Json& request) {
     std::string pose = optionalString(request, "pose", "now");
@@ -166,7 +165,7 @@ Edit setHierarchyGuides(HelperSession& session, const std::vector<GuideCurve>& c
     // Fresh ids lie above every held and given one (those of children, made from hashes, aside).
     std::uint64_t fresh = work.nextGuideId();
     for (const GuideCurve& curve : curves)
-        if (curve.id < kFirstHashId) fresh = std::max(fresh, curve.id + 1);
+        if (curve.id < kCountedIds) fresh = std::max(fresh, curve.id + 1);
     for (const GuideCurve& curve : curves) {
         // A guide that went with its parent comes back as one of its own.
         if (curve.id != 0 && work.guide(curve.id)) continue;

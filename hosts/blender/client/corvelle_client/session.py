@@ -76,7 +76,8 @@ class Session(ToolCommands):
         self, path: Union[str, "os.PathLike[str]"], *, upAxis: Optional[str] = None
     ) -> Dict[str, Any]:
         """Writes the groom to a ``.groom`` file, with "Y" or "Z" up. Whatever goes wrong, the old
-        file or the whole new one is there."""
+        file or the whole new one is there. ``warnings`` in the answer, where there are any, name
+        files that nodes read and would not find from the new folder."""
         return self.request("save_groom", path=os.fspath(path), upAxis=upAxis)
 
     def groom_info(self) -> Dict[str, Any]:
