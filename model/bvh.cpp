@@ -440,8 +440,9 @@ struct Bvh::Search {
         return boxDistances(node.boxes, spread<0>(at), spread<1>(at), spread<2>(at));
     }
 
-    /// Asks for what a child reference names, a step or two before it is looked at.
-    void fetch(std::int32_t child) const {
+    /// Asks for what a child reference names, a step or two before it is looked at. GCC takes this
+    /// for a function without effects and drops its calls, unless it is inlined before it looks.
+    [[gnu::always_inline]] inline void fetch(std::int32_t child) const {
         const std::size_t index = std::size_t(child >> 2);
         if ((child & 3) == BvhOrder::kBlock) {
             prefetch(&bvh.blocks_[index]);

@@ -471,15 +471,13 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
     }
 
     const std::uint64_t lockBase = drawBase(shape.seed, kLockRandom);
-    const bool perPoint = shape.strength->perPoint();
+    const bool perPoint = shape.strength->perPoint(), plainBatch = plain.fits() && !perPoint;
     pick.forEachBatch([&](std::span<const std::uint32_t> batch) {
         std::array<float, StrandPick::kBatch> strengths, volumes;
-        std::size_t most = 0, total = 0;
-        for (const std::uint32_t s : batch) {
-            most = std::max(most, in.pointCountOf(s));
-            total += in.pointCountOf(s);
-        }
-        std::vector<float> pointStrengths(perPoint ? total : 0);
+        std::size_t total = 0;  // points
+        if (perPoint)
+            for (const std::uint32_t s : batch) total += in.pointCountOf(s);
+        std::vector<float> pointStrengths(total);
         if (perPoint)
             shape.strength->samplePoints(in, batch, pointStrengths);
         else
@@ -491,10 +489,18 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
         std::size_t at = 0;
         for (std::size_t k = 0; k < batch.size(); ++k) {
             const std::size_t s = batch[k];
-            const auto points = in.pointsOf(s);
-            const std::span<Vec3f> to = out.subspan(in.offsets()[s], points.size());
             const std::int32_t c = clumps.binding.clumpOf[s];
             const std::int32_t axis = c >= 0 ? needed.slot[std::size_t(c)] : -1;
+            const float volume = std::isfinite(volumes[k]) ? volumes[k] : 0.0f;
+            if (plainBatch && axis >= 0) {  // mostly
+                const float strength = strengths[k] * clumpStrengths[std::size_t(axis)];
+                if (PlainPull::takes(strength, volume, in.pointCountOf(s))) {
+                    alike.add(std::uint32_t(s), std::uint32_t(axis), strength);
+                    continue;
+                }
+            }
+            const auto points = in.pointsOf(s);
+            const std::span<Vec3f> to = out.subspan(in.offsets()[s], points.size());
             const std::span<const float> own =
                 perPoint ? std::span(pointStrengths).subspan(at, points.size())
                          : std::span<const float>();
@@ -507,14 +513,7 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
                                .strength = perPoint ? 0.0f : strengths[k],
                                .strengths = own,
                                .clumpStrength = clumpStrengths[std::size_t(axis)],
-                               .volumize = std::isfinite(volumes[k]) ? volumes[k] : 0.0f};
-            if (plain.fits() && !perPoint &&
-                PlainPull::takes(member.strength * member.clumpStrength, member.volumize,
-                                 points.size())) {
-                alike.add(std::uint32_t(s), std::uint32_t(axis),
-                          member.strength * member.clumpStrength);
-                continue;
-            }
+                               .volumize = volume};
             if (shape.pull.lock) {
                 const AxisCurve& curve = needed.curves[std::size_t(axis)];
                 const Vec3f offset = points.front() - curve.points.front();
@@ -529,7 +528,11 @@ void Clump::pullAll(const ClumpRun& run, const ClumpShape& shape, const Gathered
                 member.lockX = x * scale;
                 member.lockZ = z * scale;
             }
-            if (!puller) puller.emplace(axes, shape.pull, most);
+            if (!puller) {
+                std::size_t most = 0;
+                for (const std::uint32_t each : batch) most = std::max(most, in.pointCountOf(each));
+                puller.emplace(axes, shape.pull, most);
+            }
             puller->pull(member, std::size_t(axis), to);
         }
         alike.pull(plain, in, out);
