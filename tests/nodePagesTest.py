@@ -17,8 +17,7 @@ class NodePages(unittest.TestCase):
             self.assertEqual(page.read(), page_text(specs, DOCS / "images" / "nodes"), "run scripts/nodePages --text")
         kinds = {spec["type"] for spec in specs}
         self.assertEqual(set(EXAMPLES) - kinds, set())
-        plain = {"ColliderMesh", "Compound", "Guides", "ImportCurves", "Input", "Interpolate", "Map", "Output", "Resample",
-                 "Scalp", "Scatter", "ToGuides", "ToStrands"}
+        plain = {"ColliderMesh", "Guides", "ImportCurves", "Input", "Interpolate", "Map", "Output", "Scalp", "Scatter"}
         self.assertEqual(kinds - set(EXAMPLES), plain, "a node without a picture")
 
     def test_looks_are_graphs_the_program_reads(self):

@@ -44,6 +44,8 @@ class Example:
     view: View = field(default_factory=lambda: SIDE)
     wires: Dict[str, Node] = field(default_factory=dict)  # input port to a node of its own
     drives: Optional[Tuple[str, str]] = None  # a field node: (a node of the chain, its param) that it feeds
+    after: Tuple[Node, ...] = ()  # nodes behind it, where it is in the chain
+    begins: bool = False  # takes the guides, in the place of scattered and interpolated hair
     dress: str = ""  # a look whose parts, flow or scissors are needed
     everywhere: bool = False
 
@@ -54,6 +56,14 @@ EXAMPLES: Dict[str, Example] = {
     "Bend": Example({"angle": 75, "start": 0.3}),
     "Clump": Example({"count": 160, "strength": 0.9}),
     "Collide": Example({}, (("Gravity", {"strength": 0.9, "direction": [0.6, -0.4, 0.7]}),), wires={"scalp": ("Scalp", {})}),
+    "Compound": Example({"definition": {
+        "inputs": [{"name": "strands", "type": "Strands"}],
+        "graph": {
+            "nodes": [{"name": "in", "type": "Input", "params": {}},
+                      {"name": "lock", "type": LOCKS[0], "params": LOCKS[1]},
+                      {"name": "curl", "type": "Curl", "params": {"radius": 0.8, "frequency": 0.25, "coherence": "clump"}}],
+            "connections": [{"from": "in", "to": "lock", "input": "strands"}, {"from": "lock", "to": "curl", "input": "strands"}],
+            "output": "curl"}}}, (FINE,)),
     "Comb": Example({"direction": [0, 0, -1], "strength": 0.7}),
     "Cull": Example({"keep": {"expression": "x > 0 ? 1 : 0.25"}}),
     "Curl": Example({"radius": 0.8, "frequency": 0.25, "coherence": "clump"}, (FINE, LOCKS)),
@@ -78,10 +88,13 @@ EXAMPLES: Dict[str, Example] = {
                       view=View((0.0, 1.0, -0.15), (0, 0, 1), np.array([0.0, 0.0, -0.04]), 0.46)),
     "Noise": Example({"amplitude": 1.2, "frequency": 3}),
     "Part": Example({"width": 2.5}, view=TOP, dress="parting"),
+    "Resample": Example({"segments": 3}),
     "RestoreLength": Example({"mode": "even"}, (("Displace", {"distance": 3.0}),)),
     "Smooth": Example({"strength": 1.0, "iterations": 20}, (FINE, ("Noise", {"amplitude": 1.2, "frequency": 8, "mode": "kinky"}))),
     "Straighten": Example({"strength": 0.9}),
     "Tangle": Example({"fraction": 1.0, "radius": 1.2, "strength": 1.0, "sameClump": False}),
+    "ToGuides": Example({"fraction": 0.02}, after=(("ToStrands", {}),)),
+    "ToStrands": Example({}, begins=True),
     "Transform": Example({"scale": 0.6, "rotateRandom": [20, 20, 20]}),
     "Twist": Example({"turn": 0.25}, (FINE, ("Clump", {"count": 90, "strength": 1.0, "lockRadius": 0.6}))),
     "Width": Example({"width": 0.05}),
@@ -96,6 +109,7 @@ def graph_of(kind: str, example: Example, density: Any, with_node: bool) -> Any:
     if with_node:
         if example.drives is None:
             middle.append(("shown", kind, example.params))
+            middle += [(f"after{k}", t, p) for k, (t, p) in enumerate(example.after)]
         for port, (wired, params) in example.wires.items():
             name = "scalp" if wired == "Scalp" else f"wired_{port}"
             if name != "scalp":
@@ -103,14 +117,18 @@ def graph_of(kind: str, example: Example, density: Any, with_node: bool) -> Any:
             links.append({"from": name, "to": "shown", "input": port})
     look: List[Tuple[str, str, Dict[str, Any]]] = [("color", "HairColor", {"melanin": 0.45, "redness": 0.4}), ("width", "Width", {}),
                                                    ("resample", "Resample", {"segments": 31 if FINE in example.before else 17})]
-    if kind in ("HairColor", "Width"):
+    if kind in ("HairColor", "Width", "Resample"):
         look = [step for step in look if step[1] != kind or not with_node]
     chain = [("scatter", "Scatter", {"density": density, "randomness": 0.0}), ("interpolate", "Interpolate", {}), *middle, *look,
              ("output", "Output", {})]
-    connections = [{"from": "scalp", "to": "scatter", "input": "scalp"}, {"from": "guides", "to": "interpolate", "input": "guides"},
-                   {"from": "scalp", "to": "interpolate", "input": "scalp"}]
-    connections += [{"from": a[0], "to": b[0], "input": "strands"} for a, b in zip(chain, chain[1:])]
-    nodes = [("scalp", "Scalp", {}), ("guides", "Guides", {}), *chain, *extra]
+    if example.begins and with_node:
+        chain = [("guides", "Guides", {}), *chain[2:]]
+        connections = []
+    else:
+        connections = [{"from": "scalp", "to": "scatter", "input": "scalp"}, {"from": "guides", "to": "interpolate", "input": "guides"},
+                       {"from": "scalp", "to": "interpolate", "input": "scalp"}]
+    connections += [{"from": a[0], "to": b[0], "input": "guides" if b[1] == "ToStrands" else "strands"} for a, b in zip(chain, chain[1:])]
+    nodes = [("scalp", "Scalp", {}), *([] if chain[0][0] == "guides" else [("guides", "Guides", {})]), *chain, *extra]
     graph: Dict[str, Any] = {"version": 1, "output": "output", "connections": connections + links}
     graph["nodes"] = [{"name": name, "type": t, "params": p} for name, t, p in nodes]
     if with_node and example.drives is not None:
